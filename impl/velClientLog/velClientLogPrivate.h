@@ -1,0 +1,59 @@
+/*
+ * velClientLogPrivate.h - the logging module's internal contract: the SDK
+ * filter level global, the store-and-log entry point that records a failure in
+ * the calling thread's last-error record, the plain log entry point, and the
+ * two macros every module uses to record a failure or write a guarded trace.
+ */
+#pragma once
+
+#include <cstdint>
+
+#include "velclient/velClient.h"
+
+extern "C" {
+/* The most verbose level currently written for the SDK category. */
+extern volatile std::uint32_t _velClient_log_sdkFilterLevel_g;
+
+/* Formats the text, stores subCode and the text (cut to 255 characters) in the
+ * calling thread's last-error record whatever the filter, and writes it as a
+ * log line at level when the filter admits it. */
+void _velClient_logAndStoreSubCodeAndErrorString_impl(velClient_subCode_t subCode, velClient_log_level_t level,
+                                                      const char *file_p, int line, const char *format_p, ...)
+    __attribute__((format(printf, 5, 6)));
+
+/* Writes one formatted log line in category when the filter admits level;
+ * stores nothing. */
+void _velClient_log_output_detail(velClient_log_category_t category, velClient_log_level_t level,
+                                  const char *file_p, int line, const char *format_p, ...)
+    __attribute__((format(printf, 5, 6)));
+}
+
+namespace vel {
+
+/* Records a failure and returns VELCLIENT_FAIL, so a failure path reads
+ * `return fail(...)`. The format is the caller's literal text. */
+velClient_returnCode_t failImpl(velClient_subCode_t subCode, velClient_log_level_t level, const char *file_p,
+                                int line, const char *format_p, ...) __attribute__((format(printf, 5, 6)));
+
+/* True when a line at level would be written for the SDK category. */
+inline bool logAdmits(velClient_log_level_t level) noexcept
+{
+    return __builtin_expect(_velClient_log_sdkFilterLevel_g >= static_cast<std::uint32_t>(level), 0);
+}
+
+} // namespace vel
+
+/* Record sub-code and text, log at level, evaluate to VELCLIENT_FAIL. */
+#define VEL_FAIL(subCode, level, ...) ::vel::failImpl((subCode), (level), __FILE__, __LINE__, __VA_ARGS__)
+
+/* Record sub-code and text and log at level; evaluates to nothing useful.
+ * For failures whose return value is not VELCLIENT_FAIL (NOT_FOUND and the like). */
+#define VEL_STORE(subCode, level, ...) \
+    _velClient_logAndStoreSubCodeAndErrorString_impl((subCode), (level), __FILE__, __LINE__, __VA_ARGS__)
+
+/* A diagnostic line; its arguments are evaluated only when the filter admits it. */
+#define VEL_LOG(level, ...)                                                                                  \
+    do {                                                                                                     \
+        if (::vel::logAdmits(level))                                                                         \
+            _velClient_log_output_detail(VELCLIENT_LOG_CATEGORY_SDK, (level), __FILE__, __LINE__, __VA_ARGS__); \
+    } while (0)

@@ -1,0 +1,14 @@
+#!/usr/bin/env bash
+# Runs the whole test suite: the plain build and the AddressSanitizer +
+# UndefinedBehaviorSanitizer build, each through ctest.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash scripts/deps.sh
+jobs=$(nproc)
+for preset in default asan; do
+  echo "=== build: $preset"
+  cmake --preset "$preset" >/dev/null
+  cmake --build --preset "$preset" -j"$jobs"
+  echo "=== test: $preset"
+  ctest --preset "$preset" -j"$jobs"
+done

@@ -1,0 +1,46 @@
+/* Helpers shared by the public-API tests: reading the last-error record and
+ * the pool counters. */
+#pragma once
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "velclient/velClientMsg.h"
+
+namespace veltest {
+
+inline std::string lastErrorText()
+{
+    return velClient_getLastErrorInfo()->errorStr;
+}
+
+inline velClient_subCode_t lastSubCode()
+{
+    return velClient_getLastErrorInfo()->subCode;
+}
+
+inline velClient_uint64_t stat(velClient_msg_stats_t type, velClient_uint32_t index = 0)
+{
+    velClient_uint64_t value = 0;
+    EXPECT_EQ(VELCLIENT_OK, velClient_msg_getStat(type, index, &value));
+    return value;
+}
+
+/* Formats a text exactly as the library does, for texts that carry a %p. */
+template <typename... Args>
+std::string format(const char *fmt, Args... args)
+{
+    char text[512];
+    std::snprintf(text, sizeof text, fmt, args...);
+    return text;
+}
+
+} // namespace veltest
+
+/* The failure's sub-code and exact text. */
+#define EXPECT_LAST_ERROR(subCode, text)                   \
+    do {                                                   \
+        EXPECT_EQ((subCode), ::veltest::lastSubCode());    \
+        EXPECT_EQ(std::string(text), ::veltest::lastErrorText()); \
+    } while (0)
