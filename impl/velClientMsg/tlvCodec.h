@@ -1,0 +1,110 @@
+/*
+ * tlvCodec.h - the structured-data encoding: one field is
+ *
+ *     +-----------+------------------+--------------------------------+
+ *     | type byte | length (1-4 B BE)| value (tlvLength - 1 - width)  |
+ *     +-----------+------------------+--------------------------------+
+ *     type byte = (wire type << 2) | (length width - 1)
+ *     tlvLength counts the whole field, type byte and length included.
+ *
+ * Example: the map holding "a" = unsigned 8-bit 7 is
+ *     2B 00 00 00 0C | 1C 04 61 00 | 0C 03 07
+ *     map, tlvLength 12 | name "a\0" | uint8 7
+ *
+ * Maps and streams always have a 5-byte header (0x2B / 0x2F and a 4-byte
+ * length). Variable-size values take the smallest width that holds
+ * tlvLength: value length L (strings count their NUL) 0..253 -> 1 byte,
+ * ..65532 -> 2, ..16777211 -> 3, else 4.
+ *
+ * This header holds the constants, the big-endian helpers and the width rule
+ * (inline, used by the writer and the reader alike) and the reader's
+ * primitive that decodes one field.
+ */
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+
+#include "velclient/velClientMsg.h"
+
+namespace vel::tlv {
+
+/* Type bytes as the writer emits them (width bits 0 unless stated). */
+inline constexpr std::uint8_t TB_NULL = 0x00;
+inline constexpr std::uint8_t TB_BOOL = 0x04;
+inline constexpr std::uint8_t TB_INT = 0x08;
+inline constexpr std::uint8_t TB_UINT = 0x0C;
+inline constexpr std::uint8_t TB_FLOAT = 0x10;
+inline constexpr std::uint8_t TB_CHAR = 0x14;
+inline constexpr std::uint8_t TB_BYTEARRAY = 0x18; /* + width - 1 */
+inline constexpr std::uint8_t TB_STRING = 0x1C;    /* + width - 1 */
+inline constexpr std::uint8_t TB_DESTINATION = 0x20;
+inline constexpr std::uint8_t TB_VWF = 0x24; /* + width - 1 */
+inline constexpr std::uint8_t TB_MAP = 0x2B;
+inline constexpr std::uint8_t TB_STREAM = 0x2F;
+
+inline constexpr std::uint32_t CONTAINER_HEADER_SIZE = 5;
+/* Largest destination name, NUL included, that the writer accepts. */
+inline constexpr std::uint32_t MAX_DEST_NAME_WITH_NUL = 250;
+/* Destination kind byte. */
+inline constexpr std::uint8_t DEST_KIND_TOPIC = 0;
+inline constexpr std::uint8_t DEST_KIND_QUEUE = 1;
+
+inline void putBE(std::uint8_t *p, std::uint64_t value, unsigned width) noexcept
+{
+    for (unsigned i = width; i-- > 0;) {
+        p[i] = static_cast<std::uint8_t>(value);
+        value >>= 8;
+    }
+}
+
+inline std::uint64_t getBE(const std::uint8_t *p, unsigned width) noexcept
+{
+    std::uint64_t value = 0;
+    for (unsigned i = 0; i < width; ++i)
+        value = (value << 8) | p[i];
+    return value;
+}
+
+/* Length width (1..4) for a variable-size value of valueLength bytes. */
+inline unsigned widthFor(std::uint64_t valueLength) noexcept
+{
+    if (valueLength <= 253)
+        return 1;
+    if (valueLength <= 65532)
+        return 2;
+    if (valueLength <= 16777211)
+        return 3;
+    return 4;
+}
+
+/* tlvLength of a variable-size field holding valueLength bytes. */
+inline std::uint64_t varFieldSize(std::uint64_t valueLength) noexcept
+{
+    return valueLength + 1 + widthFor(valueLength);
+}
+
+/* Writes the type byte and length of a variable-size field whose type byte
+ * base (width bits 0) is typeBase; returns where the value goes. */
+inline std::uint8_t *writeVarHeader(std::uint8_t *p, std::uint8_t typeBase, std::uint32_t valueLength) noexcept
+{
+    unsigned width = widthFor(valueLength);
+    p[0] = static_cast<std::uint8_t>(typeBase | (width - 1));
+    putBE(p + 1, valueLength + 1 + width, width);
+    return p + 1 + width;
+}
+
+} // namespace vel::tlv
+
+/*
+ * Decodes the field whose type byte is at p and which must end at or before
+ * end. On success fills *field_p as the application sees it (pointers into
+ * the bytes; a map or stream gets its type and length = tlvLength - 5 with
+ * value.map / value.stream left nullptr for the caller to fill) and returns the
+ * field's tlvLength. Returns -1 for a malformed field: a length that runs past
+ * end or is shorter than the field's own header, a fixed-size type with a
+ * length it does not accept, a string or destination name breaking the NUL
+ * rule, a map or stream shorter than 5 bytes, tlvLength 0xFFFFFFFF.
+ * Records nothing: the caller reports "Invalid entry in structured data TLV".
+ */
+std::int64_t _velClient_tlv_decodeField(const std::uint8_t *p, const std::uint8_t *end, velClient_field_t *field_p);
