@@ -1,0 +1,84 @@
+/*
+ * poolAccounting.h - the few steps every pooled record shares: counting bytes
+ * obtained from the system, taking a record off a free list, and handing a
+ * released record back to its list or to the system depending on the memory
+ * limit. Messages, containers and data blocks all go through these.
+ */
+#pragma once
+
+#include <cstdlib>
+
+#include "velClientMsg/velClientMsgPrivate.h"
+
+namespace vel::pool {
+
+/* Bytes of a data block obtained from the system besides its capacity. */
+inline constexpr std::uint32_t kDatabHeaderSize = sizeof(_velClient_datab);
+
+inline _velClient_msgPoolStats &stats() noexcept
+{
+    return _velClient_msgPool_s.msgPoolStats;
+}
+
+template <typename T>
+inline void add(std::atomic<T> &counter, T amount = 1) noexcept
+{
+    counter.fetch_add(amount, std::memory_order_relaxed);
+}
+
+template <typename T>
+inline void sub(std::atomic<T> &counter, T amount = 1) noexcept
+{
+    counter.fetch_sub(amount, std::memory_order_relaxed);
+}
+
+/* The limit test: a plain, approximate read under concurrency. */
+inline bool underLimit() noexcept
+{
+    return stats().totMemory.load(std::memory_order_relaxed) <
+           _velClient_msgPool_s.maxPoolMemSize.load(std::memory_order_relaxed);
+}
+
+/* A pooled record from list (its free count lowered), or nullptr. */
+template <typename T>
+inline T *take(_velClient_lifoHead &list, std::atomic<std::uint32_t> &numFree) noexcept
+{
+    _velClient_lifoEntry *entry = _velClient_lifoPop(&list);
+    if (entry == nullptr)
+        return nullptr;
+    sub(numFree);
+    return reinterpret_cast<T *>(entry);
+}
+
+/* bytes from the system, counted in totMemory; nullptr when malloc fails. */
+template <typename T>
+inline T *obtain(std::size_t bytes) noexcept
+{
+    void *mem = std::malloc(bytes);
+    if (mem != nullptr)
+        add(stats().totMemory, static_cast<std::uint64_t>(bytes));
+    return static_cast<T *>(mem);
+}
+
+/* Returns bytes obtained for record to the system. */
+inline void giveToSystem(void *record, std::size_t bytes) noexcept
+{
+    sub(stats().totMemory, static_cast<std::uint64_t>(bytes));
+    std::free(record);
+}
+
+/* Pools record on list while under the limit, otherwise gives it back to the
+ * system. Returns true when it was pooled. */
+inline bool release(_velClient_lifoHead &list, _velClient_lifoEntry *record, std::atomic<std::uint32_t> &numFree,
+                    std::size_t bytes) noexcept
+{
+    if (underLimit()) {
+        add(numFree);
+        _velClient_lifoPush(&list, record);
+        return true;
+    }
+    giveToSystem(record, bytes);
+    return false;
+}
+
+} // namespace vel::pool
