@@ -153,6 +153,32 @@ VELCLIENT_API velClient_returnCode_t velClient_log_setFilterLevel(velClient_log_
 VELCLIENT_API velClient_returnCode_t velClient_log_setCallback(velClient_log_callbackFunc_t callback_p,
                                                                void *user_p);
 
+/* ---- Sessions ------------------------------------------------------------ */
+
+typedef enum velClient_rxMsgCallback_returnCode {
+    VELCLIENT_CALLBACK_OK = 0,
+    VELCLIENT_CALLBACK_TAKE_MSG = 1
+} velClient_rxMsgCallback_returnCode_t;
+
+/* Receives one message on the session's thread of delivery. Returning
+ * VELCLIENT_CALLBACK_TAKE_MSG keeps the message (the callback frees it later);
+ * otherwise the library frees it when the callback returns. */
+typedef velClient_rxMsgCallback_returnCode_t (*velClient_session_rxMsgCallbackFunc_t)(
+    velClient_opaqueSession_pt session_p, velClient_opaqueMsg_pt msg_p, void *user_p);
+
+/* Creates a session from props (NULL or a NULL-terminated list of name/value
+ * pairs): SESSION_CLIENT_NAME, SESSION_P2P_TOPIC_BASE (at most 250
+ * characters), SESSION_GENERATE_SEND_TIMESTAMPS, SESSION_GENERATE_SENDER_ID,
+ * SESSION_GENERATE_SEQUENCE_NUMBER, SESSION_CALCULATE_MESSAGE_EXPIRATION
+ * ("1" or "0"), SESSION_TRANSPORT ("loopback", the default, or "null").
+ * Unknown names and bad values fail with VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE
+ * and a text naming the property. */
+VELCLIENT_API velClient_returnCode_t velClient_session_create(const char *const *props,
+                                                              velClient_session_rxMsgCallbackFunc_t rxMsgCallback_p,
+                                                              void *user_p, velClient_opaqueSession_pt *session_p);
+/* Destroys the session and sets *session_p to NULL. */
+VELCLIENT_API velClient_returnCode_t velClient_session_destroy(velClient_opaqueSession_pt *session_p);
+
 #ifdef __cplusplus
 }
 #endif

@@ -398,6 +398,108 @@ VELCLIENT_API velClient_returnCode_t velClient_container_getSubStream(velClient_
                                                                       velClient_opaqueContainer_pt *value,
                                                                       const char *name);
 
+/* ======================================================================= */
+/* Binary attachment as a container                                         */
+/* ======================================================================= */
+
+/* Part 0 := the finalised bytes of a map or stream: copied, or referenced in
+ * place by the Ptr form (the container must then outlive the message's use). */
+VELCLIENT_API velClient_returnCode_t velClient_msg_setBinaryAttachmentContainer(velClient_opaqueMsg_pt msg_p,
+                                                                                velClient_opaqueContainer_pt cont_p);
+VELCLIENT_API velClient_returnCode_t velClient_msg_setBinaryAttachmentContainerPtr(velClient_opaqueMsg_pt msg_p,
+                                                                                   velClient_opaqueContainer_pt cont_p);
+/* The attachment's map (or stream); VELCLIENT_NOT_FOUND when it holds the other kind or plain bytes. */
+VELCLIENT_API velClient_returnCode_t velClient_msg_getBinaryAttachmentMap(velClient_opaqueMsg_pt msg_p,
+                                                                          velClient_opaqueContainer_pt *map_p);
+VELCLIENT_API velClient_returnCode_t velClient_msg_getBinaryAttachmentStream(velClient_opaqueMsg_pt msg_p,
+                                                                             velClient_opaqueContainer_pt *stream_p);
+/* Size of the open attachment container; VELCLIENT_NOT_FOUND when none is open. */
+VELCLIENT_API velClient_returnCode_t velClient_msg_getBinaryAttachmentContainerSize(velClient_opaqueMsg_pt msg_p,
+                                                                                   size_t *size_p);
+
+/* ======================================================================= */
+/* Header map properties                                                    */
+/* ======================================================================= */
+
+/* Each property: get (VELCLIENT_NOT_FOUND when absent; strings point into the
+ * message), set (replaces), delete (VELCLIENT_OK when absent). */
+VELCLIENT_API velClient_returnCode_t velClient_msg_getSenderId(velClient_opaqueMsg_pt msg_p, const char **value_p);
+VELCLIENT_API velClient_returnCode_t velClient_msg_setSenderId(velClient_opaqueMsg_pt msg_p, const char *value);
+VELCLIENT_API velClient_returnCode_t velClient_msg_deleteSenderId(velClient_opaqueMsg_pt msg_p);
+VELCLIENT_API velClient_returnCode_t velClient_msg_getApplicationMsgType(velClient_opaqueMsg_pt msg_p,
+                                                                         const char **value_p);
+VELCLIENT_API velClient_returnCode_t velClient_msg_setApplicationMsgType(velClient_opaqueMsg_pt msg_p,
+                                                                         const char *value);
+VELCLIENT_API velClient_returnCode_t velClient_msg_deleteApplicationMsgType(velClient_opaqueMsg_pt msg_p);
+VELCLIENT_API velClient_returnCode_t velClient_msg_getApplicationMessageId(velClient_opaqueMsg_pt msg_p,
+                                                                           const char **value_p);
+VELCLIENT_API velClient_returnCode_t velClient_msg_setApplicationMessageId(velClient_opaqueMsg_pt msg_p,
+                                                                           const char *value);
+VELCLIENT_API velClient_returnCode_t velClient_msg_deleteApplicationMessageId(velClient_opaqueMsg_pt msg_p);
+VELCLIENT_API velClient_returnCode_t velClient_msg_getCorrelationId(velClient_opaqueMsg_pt msg_p,
+                                                                    const char **value_p);
+VELCLIENT_API velClient_returnCode_t velClient_msg_setCorrelationId(velClient_opaqueMsg_pt msg_p, const char *value);
+VELCLIENT_API velClient_returnCode_t velClient_msg_deleteCorrelationId(velClient_opaqueMsg_pt msg_p);
+VELCLIENT_API velClient_returnCode_t velClient_msg_getSequenceNumber(velClient_opaqueMsg_pt msg_p,
+                                                                     velClient_int64_t *seqNum_p);
+VELCLIENT_API velClient_returnCode_t velClient_msg_setSequenceNumber(velClient_opaqueMsg_pt msg_p,
+                                                                     velClient_uint64_t seqNum);
+VELCLIENT_API velClient_returnCode_t velClient_msg_deleteSequenceNumber(velClient_opaqueMsg_pt msg_p);
+VELCLIENT_API velClient_returnCode_t velClient_msg_getSenderTimestamp(velClient_opaqueMsg_pt msg_p,
+                                                                      velClient_int64_t *timestamp_p);
+VELCLIENT_API velClient_returnCode_t velClient_msg_setSenderTimestamp(velClient_opaqueMsg_pt msg_p,
+                                                                      velClient_int64_t timestamp);
+VELCLIENT_API velClient_returnCode_t velClient_msg_deleteSenderTimestamp(velClient_opaqueMsg_pt msg_p);
+VELCLIENT_API velClient_returnCode_t velClient_msg_getHttpContentType(velClient_opaqueMsg_pt msg_p,
+                                                                      const char **value_p);
+VELCLIENT_API velClient_returnCode_t velClient_msg_setHttpContentType(velClient_opaqueMsg_pt msg_p,
+                                                                      const char *value);
+VELCLIENT_API velClient_returnCode_t velClient_msg_deleteHttpContentType(velClient_opaqueMsg_pt msg_p);
+VELCLIENT_API velClient_returnCode_t velClient_msg_getHttpContentEncoding(velClient_opaqueMsg_pt msg_p,
+                                                                          const char **value_p);
+VELCLIENT_API velClient_returnCode_t velClient_msg_setHttpContentEncoding(velClient_opaqueMsg_pt msg_p,
+                                                                          const char *value);
+VELCLIENT_API velClient_returnCode_t velClient_msg_deleteHttpContentEncoding(velClient_opaqueMsg_pt msg_p);
+/* Expiration (0 = none); written into the header map when the message is sent. */
+VELCLIENT_API velClient_returnCode_t velClient_msg_setExpiration(velClient_opaqueMsg_pt msg_p,
+                                                                 velClient_int64_t timestamp);
+VELCLIENT_API velClient_returnCode_t velClient_msg_getExpiration(velClient_opaqueMsg_pt msg_p,
+                                                                 velClient_int64_t *timestamp_p);
+
+/* ======================================================================= */
+/* User property map                                                        */
+/* ======================================================================= */
+
+VELCLIENT_API velClient_returnCode_t velClient_msg_createUserPropertyMap(velClient_opaqueMsg_pt msg_p,
+                                                                         velClient_opaqueContainer_pt *map_p,
+                                                                         velClient_uint32_t size);
+/* Copies the finalised bytes of map into the message. */
+VELCLIENT_API velClient_returnCode_t velClient_msg_setUserPropertyMap(velClient_opaqueMsg_pt msg_p,
+                                                                      velClient_opaqueContainer_pt map);
+VELCLIENT_API velClient_returnCode_t velClient_msg_getUserPropertyMap(velClient_opaqueMsg_pt msg_p,
+                                                                      velClient_opaqueContainer_pt *map_p);
+
+/* ======================================================================= */
+/* Reply-to and session-relative topics                                     */
+/* ======================================================================= */
+
+VELCLIENT_API velClient_returnCode_t velClient_msg_setReplyTo(velClient_opaqueMsg_pt msg_p,
+                                                              const velClient_destination_t *dest_p,
+                                                              size_t destSize);
+VELCLIENT_API velClient_returnCode_t velClient_msg_getReplyTo(velClient_opaqueMsg_pt msg_p,
+                                                              velClient_destination_t *dest_p, size_t destSize);
+VELCLIENT_API velClient_returnCode_t velClient_msg_deleteReplyTo(velClient_opaqueMsg_pt msg_p);
+/* Reply-to := topic "<session inbox base>/<suffix>" ("<base>/#" for an empty suffix). */
+VELCLIENT_API velClient_returnCode_t velClient_msg_setReplyToSuffix(velClient_opaqueMsg_pt msg_p,
+                                                                    velClient_opaqueSession_pt session_p,
+                                                                    const char *suffix_p);
+/* The part of the destination topic after "<session inbox base>/" ("" for "#"). */
+VELCLIENT_API velClient_returnCode_t velClient_msg_getDestinationTopicSuffix(velClient_opaqueMsg_pt msg_p,
+                                                                             velClient_opaqueSession_pt session_p,
+                                                                             const char **suffix_p);
+VELCLIENT_API velClient_returnCode_t velClient_msg_getDestination(velClient_opaqueMsg_pt msg_p,
+                                                                  velClient_destination_t *dest_p, size_t destSize);
+
 #ifdef __cplusplus
 }
 #endif

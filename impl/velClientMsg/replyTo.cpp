@@ -1,0 +1,133 @@
+/*
+ * replyTo.cpp - the reply-to destination, kept as field "rt" of the private
+ * header map, and the two helpers that work relative to a session's
+ * point-to-point inbox topic base: the reply-to suffix and the destination
+ * topic suffix.
+ */
+#include <cstdio>
+#include <cstring>
+
+#include "velClientMsg/headerMaps.h"
+#include "velClientSession/velClientSessionPrivate.h"
+
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+/* The reply-to topic is cut silently at 250 characters by design. */
+#pragma GCC diagnostic ignored "-Wformat-truncation"
+
+namespace {
+
+constexpr const char *kReplyToKey = "rt";
+
+/* The checks every reply-to call makes on the caller's structure. */
+velClient_returnCode_t checkDestination(const void *dest_p, size_t destSize, const char *nullText,
+                                        const char *sizeText)
+{
+    if (dest_p == nullptr)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, nullText);
+    if (destSize != sizeof(velClient_destination_t))
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING, sizeText,
+                        static_cast<int>(destSize), static_cast<int>(sizeof(velClient_destination_t)));
+    return VELCLIENT_OK;
+}
+
+velClient_returnCode_t setReplyTo(_velClient_msg *msg, const velClient_destination_t *dest_p, size_t destSize)
+{
+    return vel::hdr::set(msg, kReplyToKey, _VELCLIENT_MSG_FLAG_REPLY_TO, _VELCLIENT_MSG_FLAG_REPLY_TO,
+                         [&](velClient_opaqueContainer_pt map) {
+                             return velClient_container_addDestination(map, dest_p, destSize, kReplyToKey);
+                         });
+}
+
+} // namespace
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setReplyTo(velClient_opaqueMsg_pt msg_p,
+                                                                        const velClient_destination_t *dest_p,
+                                                                        size_t destSize)
+{
+    _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer (%p) in velClient_msg_setReplyTo");
+    if (msg == nullptr)
+        return VELCLIENT_FAIL;
+    if (checkDestination(dest_p, destSize, "Null velClient_destination_t pointer in velClient_msg_setReplyTo",
+                         "Unsupported destination structure size (received %d, expected %d) in "
+                         "velClient_msg_setReplyTo") != VELCLIENT_OK)
+        return VELCLIENT_FAIL;
+    return setReplyTo(msg, dest_p, destSize);
+}
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getReplyTo(velClient_opaqueMsg_pt msg_p,
+                                                                        velClient_destination_t *dest_p,
+                                                                        size_t destSize)
+{
+    _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer (%p) in velClient_msg_getReplyTo");
+    if (msg == nullptr)
+        return VELCLIENT_FAIL;
+    if (checkDestination(dest_p, destSize, "Null velClient_destination_t pointer in velClient_msg_getReplyTo",
+                         "Unsupported destination structure size (received %d, expected %d) in "
+                         "velClient_msg_getReplyTo") != VELCLIENT_OK)
+        return VELCLIENT_FAIL;
+    if (msg->hdrMap_p == nullptr) {
+        velClient_returnCode_t rc = _velClient_msg_getOrCreateHeaderMaps(msg, 0);
+        if (rc != VELCLIENT_OK)
+            return rc;
+        if (msg->hdrMap_p == nullptr)
+            return VELCLIENT_NOT_FOUND;
+    }
+    return velClient_container_getDestination(msg->hdrMap_p->opaqueContainer_p, dest_p, destSize, kReplyToKey);
+}
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_deleteReplyTo(velClient_opaqueMsg_pt msg_p)
+{
+    _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer (%p) in velClient_msg_deleteReplyTo");
+    if (msg == nullptr)
+        return VELCLIENT_FAIL;
+    return vel::hdr::remove(msg, kReplyToKey, _VELCLIENT_MSG_FLAG_REPLY_TO);
+}
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setReplyToSuffix(velClient_opaqueMsg_pt msg_p,
+                                                                              velClient_opaqueSession_pt session_p,
+                                                                              const char *suffix_p)
+{
+    _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer (%p) in velClient_msg_setReplyToSuffix");
+    if (msg == nullptr)
+        return VELCLIENT_FAIL;
+    _velClient_session *session =
+        vel::sessionOrFail(session_p, "Bad session pointer (%p) in velClient_msg_setReplyToSuffix");
+    if (session == nullptr)
+        return VELCLIENT_FAIL;
+    if (suffix_p == nullptr)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
+                        "Null suffix pointer in velClient_msg_setReplyToSuffix");
+    if (vel::hdr::openForWrite(msg) != VELCLIENT_OK)
+        return VELCLIENT_FAIL;
+    char topic[VEL_SESSION_MAX_TOPIC + 1];
+    if (*suffix_p != '\0')
+        std::snprintf(topic, sizeof topic, "%s/%s", session->p2pTopicBase, suffix_p);
+    else
+        std::snprintf(topic, sizeof topic, "%s/#", session->p2pTopicBase);
+    velClient_destination_t dest{VELCLIENT_TOPIC_DESTINATION, topic};
+    return setReplyTo(msg, &dest, sizeof dest);
+}
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getDestinationTopicSuffix(
+    velClient_opaqueMsg_pt msg_p, velClient_opaqueSession_pt session_p, const char **suffix_p)
+{
+    if (suffix_p == nullptr)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
+                        "Null reference to suffix pointer in velClient_msg_getDestinationTopicSuffix");
+    _velClient_session *session =
+        vel::sessionOrFail(session_p, "Bad session pointer (%p) in velClient_msg_getDestinationTopicSuffix");
+    if (session == nullptr)
+        return VELCLIENT_FAIL;
+    velClient_destination_t dest{};
+    velClient_returnCode_t rc = velClient_msg_getDestination(msg_p, &dest, sizeof dest);
+    if (rc != VELCLIENT_OK)
+        return rc;
+    if (dest.destType != VELCLIENT_TOPIC_DESTINATION)
+        return VELCLIENT_NOT_FOUND;
+    std::size_t baseLength = std::strlen(session->p2pTopicBase);
+    if (std::strncmp(dest.dest, session->p2pTopicBase, baseLength) != 0 || dest.dest[baseLength] != '/')
+        return VELCLIENT_NOT_FOUND;
+    const char *suffix = dest.dest + baseLength + 1;
+    *suffix_p = std::strcmp(suffix, "#") == 0 ? suffix + 1 : suffix;
+    return VELCLIENT_OK;
+}
