@@ -44,3 +44,13 @@ namespace vel {
 _velClient_session *sessionOrFail(velClient_opaqueSession_pt handle, const char *badHandleFormat);
 
 } // namespace vel
+
+struct _velClient_msg;
+struct velClient_bufInfo;
+
+/* Sends msg on the session's transport; the caller holds the session mutex.
+ * When seqNumPtr is set, the session's next sequence number is written there
+ * (8 bytes, big-endian) before the bytes go out. */
+velClient_returnCode_t _velClient_session_fastSend(_velClient_session *session, const velClient_bufInfo *parts,
+                                                   std::uint32_t numParts, std::uint32_t flags,
+                                                   std::uint64_t *seqNumPtr, _velClient_msg *msg);

@@ -500,6 +500,26 @@ VELCLIENT_API velClient_returnCode_t velClient_msg_getDestinationTopicSuffix(vel
 VELCLIENT_API velClient_returnCode_t velClient_msg_getDestination(velClient_opaqueMsg_pt msg_p,
                                                                   velClient_destination_t *dest_p, size_t destSize);
 
+/* ======================================================================= */
+/* Wire image and sending                                                   */
+/* ======================================================================= */
+
+/* The message's wire image. With both outputs, the caller gets the image and
+ * one reference to the block holding it (drop it with
+ * velClient_datablock_free); with both NULL the image is only built and
+ * cached. An unchanged message returns the cached image. */
+VELCLIENT_API velClient_returnCode_t velClient_msg_encodeToVWF(velClient_opaqueMsg_pt msg_p,
+                                                               velClient_bufInfo_pt bufinfo_p,
+                                                               velClient_opaqueDatablock_pt *datab_p);
+/* A new message from a buffer that holds exactly one wire frame. */
+VELCLIENT_API velClient_returnCode_t velClient_msg_decodeFromVwf(velClient_bufInfo_pt bufinfo_p,
+                                                                 velClient_opaqueMsg_pt *msg_p);
+/* Sends the message on the session, adding what the session generates
+ * (sender timestamp, sender id, sequence number) where the application did
+ * not set it. The message stays the caller's. */
+VELCLIENT_API velClient_returnCode_t velClient_session_sendMsg(velClient_opaqueSession_pt session_p,
+                                                               velClient_opaqueMsg_pt msg_p);
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,0 +1,63 @@
+/*
+ * msgSend.cpp - sending a message on a session: the properties the session
+ * generates (sender timestamp, sender id, sequence number), the expiration,
+ * the binary metadata header, and the call of the session's send path under
+ * its mutex.
+ */
+#include "velClientMsg/headerMaps.h"
+#include "velClientMsg/msgWire.h"
+#include "velClientSession/velClientSessionPrivate.h"
+#include "velClientTime/velClientTime.h"
+
+namespace {
+
+std::int64_t nowMs()
+{
+    return static_cast<std::int64_t>(_velClient_getTimeInUs() / 1000);
+}
+
+/* Adds what the session generates and the application did not set itself;
+ * *seqNumPtr points at the sequence number placeholder when one is added. */
+velClient_returnCode_t addGenerated(_velClient_session *s, _velClient_msg *msg, velClient_opaqueMsg_pt msg_p,
+                                    std::uint64_t **seqNumPtr)
+{
+    if (s->genSendTimestamps && !(msg->internalFlags & _VELCLIENT_MSG_FLAG_SENDER_TIMESTAMP)) {
+        if (velClient_msg_setSenderTimestamp(msg_p, nowMs()) != VELCLIENT_OK)
+            return VELCLIENT_FAIL;
+        msg->internalFlags = (msg->internalFlags & ~_VELCLIENT_MSG_FLAG_SENDER_TIMESTAMP) |
+                             _VELCLIENT_MSG_FLAG_SENDER_TIMESTAMP_AUTO;
+    }
+    if (s->genSenderId && !(msg->internalFlags & _VELCLIENT_MSG_FLAG_SENDER_ID)) {
+        if (velClient_msg_setSenderId(msg_p, s->clientName) != VELCLIENT_OK)
+            return VELCLIENT_FAIL;
+        msg->internalFlags = (msg->internalFlags & ~_VELCLIENT_MSG_FLAG_SENDER_ID) | _VELCLIENT_MSG_FLAG_SENDER_ID_AUTO;
+    }
+    if (s->genSequenceNumber && !(msg->internalFlags & _VELCLIENT_MSG_FLAG_SEQUENCE_NUMBER))
+        return _velClient_msg_beginSetSequenceNumber(msg, seqNumPtr, s->sendSeqNum);
+    return VELCLIENT_OK;
+}
+
+} // namespace
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_session_sendMsg(velClient_opaqueSession_pt session_p,
+                                                                         velClient_opaqueMsg_pt msg_p)
+{
+    _velClient_session *s = vel::sessionOrFail(session_p, "Bad session pointer (%p) in velClient_session_sendMsg");
+    if (s == nullptr)
+        return VELCLIENT_FAIL;
+    _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer (%p) in velClient_session_sendMsg");
+    if (msg == nullptr)
+        return VELCLIENT_FAIL;
+    std::uint64_t *seqNumPtr = nullptr;
+    if (s->autoGenForSendEnabled && addGenerated(s, msg, msg_p, &seqNumPtr) != VELCLIENT_OK)
+        return VELCLIENT_FAIL;
+    if (msg->timeToLive != 0)
+        msg->expirationTime = s->calcMessageExpiration ? static_cast<std::uint64_t>(nowMs()) + msg->timeToLive : 0;
+    else if (msg->expirationTime != 0 && _velClient_msg_setMessageExpiration(msg) != VELCLIENT_OK)
+        return VELCLIENT_FAIL;
+    if (_velClient_msg_needsBinaryMeta(msg) && _velClient_msg_buildBinaryMeta(msg) != VELCLIENT_OK)
+        return VELCLIENT_FAIL;
+    std::lock_guard<std::recursive_mutex> lock(s->mutex);
+    return _velClient_session_fastSend(s, msg->bufInfo_a, _VELCLIENT_BUFINFO_NUM_PARTS, msg->msgInfo.flags,
+                                       seqNumPtr, msg);
+}

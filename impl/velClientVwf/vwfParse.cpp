@@ -1,0 +1,197 @@
+/*
+ * vwfParse.cpp - the wire parser: copies received bytes once into a data
+ * block, checks each frame, builds a message whose parts point into that
+ * block (each part holding its own reference), and hands it to a callback.
+ */
+#include <cstring>
+
+#include "velClientMsg/tlvCodec.h"
+#include "velClientTime/velClientTime.h"
+#include "velClientVwf/velClientVwf.h"
+
+namespace {
+
+using namespace vel::vwf;
+
+/* The part an item fills, or -1 for a number or an unknown tag. */
+int partOf(std::uint8_t tag)
+{
+    switch (tag) {
+    case TAG_BINARY_ATTACHMENT: return VELCLIENT_BUFINFO_BINARY_ATTACHMENT_PART;
+    case TAG_TOPIC: return VELCLIENT_BUFINFO_TOPIC_PART;
+    case TAG_CONSUMER_IDS: return VELCLIENT_BUFINFO_CONSUMER_ID_PART;
+    case TAG_USER_DATA: return VELCLIENT_BUFINFO_USER_DATA_PART;
+    case TAG_XML: return VELCLIENT_BUFINFO_XML_PART;
+    case TAG_CORRELATION_TAG: return VELCLIENT_BUFINFO_CORRELATION_TAG_PART;
+    case TAG_QUEUE_NAME: return VELCLIENT_BUFINFO_QUEUENAME_PART;
+    case TAG_BINARY_META: return _VELCLIENT_BUFINFO_BINARY_META_PART;
+    case TAG_DEST_PREFIX: return _VELCLIENT_BUFINFO_DEST_PREFIX_PART;
+    default: return -1;
+    }
+}
+
+bool isText(std::uint8_t tag)
+{
+    return tag == TAG_TOPIC || tag == TAG_QUEUE_NAME || tag == TAG_DEST_PREFIX;
+}
+
+velClient_returnCode_t malformed(const char *what, std::uint32_t offset)
+{
+    return VEL_FAIL(VELCLIENT_SUBCODE_INVALID_VWF_MESSAGE, VELCLIENT_LOG_WARNING,
+                    "Invalid VWF frame (%s at byte %u) in _velClient_vwfParse", what, offset);
+}
+
+/* Fills msg from one item; false (with the failure recorded) when it is malformed. */
+velClient_returnCode_t applyItem(_velClient_msg *msg, _velClient_datab *block, std::uint8_t tag, std::uint8_t *value,
+                                 std::uint32_t length, std::uint32_t at, std::uint32_t &seen)
+{
+    if (tag < 32 && (seen & (1u << tag)))
+        return malformed("repeated item", at);
+    if (tag < 32)
+        seen |= 1u << tag;
+    if (tag == TAG_TIME_TO_LIVE || tag == TAG_TOPIC_SEQ_NUM || tag == TAG_MESSAGE_ID) {
+        if (length != 8)
+            return malformed("bad number length", at);
+        std::uint64_t v = vel::tlv::getBE(value, 8);
+        if (tag == TAG_TIME_TO_LIVE)
+            msg->timeToLive = v;
+        else if (tag == TAG_TOPIC_SEQ_NUM)
+            msg->topicSeqNo = v;
+        else
+            msg->msgInfo.msgId = v;
+        return VELCLIENT_OK;
+    }
+    int part = partOf(tag);
+    if (part < 0)
+        return malformed("unknown item", at);
+    if (length == 0 || (isText(tag) && (length < 2 || value[length - 1] != 0)) ||
+        (tag == TAG_CONSUMER_IDS && length % 4 != 0))
+        return malformed("bad part", at);
+    _velClient_datablock_incRef(block);
+    msg->bufDatab_p[part] = block;
+    msg->bufInfo_a[part] = velClient_bufInfo_t{value, isText(tag) ? length - 1 : length};
+    return VELCLIENT_OK;
+}
+
+/* The structured parts share the received block: containers opened on them
+ * must copy before they change anything. */
+void markSharedPartsReadOnly(_velClient_msg *msg)
+{
+    static constexpr struct {
+        int part;
+        std::uint32_t mark;
+    } kShared[] = {{VELCLIENT_BUFINFO_BINARY_ATTACHMENT_PART, _VELCLIENT_MSG_FLAG_ATTACHMENT_READONLY},
+                   {VELCLIENT_BUFINFO_USER_PROPERTY_PART, _VELCLIENT_MSG_FLAG_USER_PROPS_READONLY},
+                   {_VELCLIENT_BUFINFO_BINARY_META_PART, _VELCLIENT_MSG_FLAG_META_READONLY},
+                   {_VELCLIENT_BUFINFO_HDR_MAP_PART, _VELCLIENT_MSG_FLAG_HDR_MAP_READONLY}};
+    for (const auto &s : kShared)
+        if (msg->bufDatab_p[s.part] != nullptr)
+            msg->internalFlags |= s.mark;
+}
+
+/* Builds the message of the frame at p (frameLength bytes, header checked). */
+velClient_returnCode_t buildMessage(_velClient_vwfParsing *parse, std::uint8_t *p, std::uint32_t frameLength,
+                                    _velClient_msg **msg_p)
+{
+    if (_velClient_msg_alloc(msg_p) != VELCLIENT_OK)
+        return VELCLIENT_FAIL;
+    _velClient_msg *msg = *msg_p;
+    msg->msgInfo.flags = parse->internalFlags;
+    msg->msgInfo.rcvTimestamp = _velClient_getTimeInUs() / 1000;
+    std::uint32_t seen = 0;
+    std::uint32_t at = FRAME_HEADER_SIZE;
+    while (at < frameLength) {
+        if (frameLength - at < ITEM_HEADER_SIZE)
+            return malformed("truncated item", parse->offset + at);
+        auto length = static_cast<std::uint32_t>(vel::tlv::getBE(p + at + 1, 4));
+        if (length > frameLength - at - ITEM_HEADER_SIZE)
+            return malformed("item past frame end", parse->offset + at);
+        if (applyItem(msg, parse->block, p[at], p + at + ITEM_HEADER_SIZE, length, parse->offset + at, seen) !=
+            VELCLIENT_OK)
+            return VELCLIENT_FAIL;
+        at += ITEM_HEADER_SIZE + length;
+    }
+    if (seen & (1u << TAG_MESSAGE_ID))
+        msg->msgInfo.flags |= _VELCLIENT_RX_FLAG_MSG_ID;
+    markSharedPartsReadOnly(msg);
+    msg->opaqueMsg_p = _velClient_safePtr_alloc(msg, _MSG_PTR_TYPE);
+    if (msg->opaqueMsg_p == nullptr)
+        return VEL_FAIL(VELCLIENT_SUBCODE_OUT_OF_MEMORY, VELCLIENT_LOG_CRITICAL,
+                        "Could not allocate pointer for new velClient_msg in _velClient_vwfParse");
+    return VELCLIENT_OK;
+}
+
+/* Releases a message the callback did not take (or that failed to build). */
+void dropMessage(_velClient_msg *msg)
+{
+    if (msg->opaqueMsg_p != nullptr)
+        _velClient_safePtr_free(msg->opaqueMsg_p);
+    _velClient_msg_free(msg);
+}
+
+} // namespace
+
+velClient_returnCode_t _velClient_initVwfParse(_velClient_vwfParsing *parse, _velClient_session *session,
+                                               _velClient_vwfCallback callback_p, const velClient_bufInfo_t *buf)
+{
+    *parse = _velClient_vwfParsing{};
+    parse->session_p = session;
+    parse->callback_p = callback_p;
+    if (_velClient_datablock_alloc(&parse->block, buf->bufSize) != VELCLIENT_OK)
+        return VELCLIENT_FAIL;
+    std::memcpy(parse->block->dbData_p, buf->buf_p, buf->bufSize);
+    parse->bytesInBuf = buf->bufSize;
+    return VELCLIENT_OK;
+}
+
+void _velClient_initVwfParseBlock(_velClient_vwfParsing *parse, _velClient_session *session,
+                                  _velClient_vwfCallback callback_p, _velClient_datab *block, std::uint32_t length)
+{
+    *parse = _velClient_vwfParsing{};
+    parse->session_p = session;
+    parse->callback_p = callback_p;
+    parse->block = block;
+    parse->bytesInBuf = length;
+}
+
+velClient_returnCode_t _velClient_vwfParse(void *, _velClient_vwfParsing *parse)
+{
+    while (parse->bytesInBuf > 0) {
+        std::uint8_t *p = parse->block->dbData_p + parse->offset;
+        if (parse->bytesInBuf < FRAME_HEADER_SIZE)
+            return malformed("truncated frame header", parse->offset);
+        if (p[0] != VERSION)
+            return malformed("unknown version", parse->offset);
+        auto frameLength = static_cast<std::uint32_t>(vel::tlv::getBE(p + 6, 4));
+        if (frameLength < FRAME_HEADER_SIZE || frameLength > parse->bytesInBuf)
+            return malformed("bad frame length", parse->offset);
+        if (p[10] != 0 || p[11] != 0)
+            return malformed("reserved bytes set", parse->offset);
+        parse->protocol = p[1];
+        parse->internalFlags = static_cast<std::uint32_t>(vel::tlv::getBE(p + 2, 4));
+        _velClient_msg *msg = nullptr;
+        if (buildMessage(parse, p, frameLength, &msg) != VELCLIENT_OK) {
+            if (msg != nullptr)
+                dropMessage(msg);
+            return VELCLIENT_FAIL;
+        }
+        parse->rxMsg = msg;
+        parse->appOwnsMessage = 0;
+        parse->callback_p(parse->session_p, parse);
+        if (parse->appOwnsMessage)
+            parse->ownedMsg = msg;
+        else
+            dropMessage(msg);
+        parse->rxMsg = nullptr;
+        parse->offset += frameLength;
+        parse->bytesInBuf -= frameLength;
+    }
+    return VELCLIENT_OK;
+}
+
+void _velClient_cleanUpParse(_velClient_vwfParsing *parse)
+{
+    if (parse->block != nullptr)
+        VEL_DATAB_RELEASE(parse->block);
+    parse->block = nullptr;
+}
