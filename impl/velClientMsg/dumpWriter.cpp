@@ -1,0 +1,243 @@
+/*
+ * dumpWriter.cpp - the bounded text writer of the message dump and the
+ * renderings built on it: hex and text dumps of bytes, destinations,
+ * consumer ids, fields and whole containers.
+ */
+#include "velClientMsg/dumpWriter.h"
+
+#include <cctype>
+#include <cstdarg>
+#include <cstdio>
+#include <cwchar>
+
+namespace {
+
+/* One output state, to keep the writers' argument lists short. */
+struct Out {
+    char *buf;
+    std::size_t size;
+    std::size_t *left;
+};
+
+} // namespace
+
+#define VEL_OUT(o) (o).buf, (o).size, (o).left
+
+void _velClient_dump(char *buffer_p, std::size_t bufferSize, std::size_t *sizeLeft_p, unsigned indent,
+                     const char *format_p, ...)
+{
+    va_list ap;
+    va_start(ap, format_p);
+    if (buffer_p == nullptr) {
+        for (unsigned i = 0; i < indent; ++i)
+            std::putchar(' ');
+        std::vprintf(format_p, ap);
+        va_end(ap);
+        return;
+    }
+    if (*sizeLeft_p >= bufferSize)
+        *sizeLeft_p = bufferSize - 1;
+    for (unsigned i = 0; i < indent && *sizeLeft_p > 0; ++i) {
+        buffer_p[bufferSize - 1 - *sizeLeft_p] = ' ';
+        --*sizeLeft_p;
+    }
+    if (*sizeLeft_p == 0) {
+        va_end(ap);
+        return;
+    }
+    int n = std::vsnprintf(buffer_p + (bufferSize - 1 - *sizeLeft_p), *sizeLeft_p, format_p, ap);
+    va_end(ap);
+    if (n < 0 || static_cast<std::size_t>(n) > *sizeLeft_p)
+        *sizeLeft_p = 0;
+    else
+        *sizeLeft_p -= static_cast<std::size_t>(n);
+}
+
+namespace {
+
+bool full(const Out &o)
+{
+    return o.buf != nullptr && *o.left == 0;
+}
+
+/* One line of up to 16 bytes: hex column, separator, character column. */
+void hexLine(const Out &o, const std::uint8_t *p, std::uint32_t n)
+{
+    for (std::uint32_t i = 0; i < 16; ++i) {
+        if (i == 8)
+            _velClient_dump(VEL_OUT(o), 0, " ");
+        if (i < n)
+            _velClient_dump(VEL_OUT(o), 0, "%02x ", p[i]);
+        else
+            _velClient_dump(VEL_OUT(o), 0, "   ");
+    }
+    _velClient_dump(VEL_OUT(o), 0, "     ");
+    for (std::uint32_t i = 0; i < n; ++i) {
+        if (i == 8)
+            _velClient_dump(VEL_OUT(o), 0, "   ");
+        _velClient_dump(VEL_OUT(o), 0, "%c", std::isprint(p[i]) ? p[i] : '.');
+    }
+}
+
+} // namespace
+
+void _velClient_hex_dump(const std::uint8_t *data_p, std::uint32_t dataLen, char *buffer_p, std::size_t bufferSize,
+                         std::size_t *sizeLeft_p, unsigned indent, bool newLineAtEnd)
+{
+    Out o{buffer_p, bufferSize, sizeLeft_p};
+    if (dataLen == 0)
+        return;
+    _velClient_dump(VEL_OUT(o), 0, "len=%u\n", dataLen);
+    _velClient_dump(VEL_OUT(o), indent, "%s", "");
+    if (full(o))
+        return;
+    for (std::uint32_t at = 0; at < dataLen; at += 16) {
+        if (at != 0) {
+            _velClient_dump(VEL_OUT(o), 0, "\n");
+            _velClient_dump(VEL_OUT(o), indent, "%s", "");
+            if (full(o))
+                return;
+        }
+        hexLine(o, data_p + at, dataLen - at < 16 ? dataLen - at : 16);
+    }
+    if (newLineAtEnd)
+        _velClient_dump(VEL_OUT(o), 0, "\n");
+}
+
+void _velClient_char_dump(const std::uint8_t *data_p, std::uint32_t dataLen, char *buffer_p, std::size_t bufferSize,
+                          std::size_t *sizeLeft_p)
+{
+    Out o{buffer_p, bufferSize, sizeLeft_p};
+    _velClient_dump(VEL_OUT(o), 0, "len=%u\n", dataLen);
+    _velClient_dump(VEL_OUT(o), 2, "%s", "");
+    unsigned column = 0;
+    for (std::uint32_t i = 0; i < dataLen; ++i) {
+        if (std::isprint(data_p[i])) {
+            _velClient_dump(VEL_OUT(o), 0, "%c", data_p[i]);
+            column += 1;
+        } else {
+            _velClient_dump(VEL_OUT(o), 0, " 0x%02x ", data_p[i]);
+            column += 6;
+        }
+        if (column >= 60) {
+            _velClient_dump(VEL_OUT(o), 0, "\n");
+            _velClient_dump(VEL_OUT(o), 2, "%s", "");
+            column = 0;
+            if (full(o))
+                return;
+        }
+    }
+    if (column != 0)
+        _velClient_dump(VEL_OUT(o), 0, "\n");
+}
+
+void _velClient_destination_dump(const velClient_destination_t *dest_p, char *buffer_p, std::size_t bufferSize,
+                                 std::size_t *sizeLeft_p)
+{
+    Out o{buffer_p, bufferSize, sizeLeft_p};
+    const char *name = dest_p->dest != nullptr ? dest_p->dest : "";
+    switch (dest_p->destType) {
+    case VELCLIENT_NULL_DESTINATION: _velClient_dump(VEL_OUT(o), 0, "Null destination"); return;
+    case VELCLIENT_TOPIC_DESTINATION: _velClient_dump(VEL_OUT(o), 0, "Topic '%s'", name); return;
+    case VELCLIENT_QUEUE_DESTINATION: _velClient_dump(VEL_OUT(o), 0, "Queue '%s'", name); return;
+    case VELCLIENT_TOPIC_TEMP_DESTINATION: _velClient_dump(VEL_OUT(o), 0, "Temp topic '%s'", name); return;
+    case VELCLIENT_QUEUE_TEMP_DESTINATION: _velClient_dump(VEL_OUT(o), 0, "Temp queue '%s'", name); return;
+    }
+    _velClient_dump(VEL_OUT(o), 0, "Unknown type (%d) '%s'", static_cast<int>(dest_p->destType), name);
+}
+
+void _velClient_consumerId_dump(velClient_opaqueMsg_pt msg_p, std::uint32_t count, char *buffer_p,
+                                std::size_t bufferSize, std::size_t *sizeLeft_p)
+{
+    Out o{buffer_p, bufferSize, sizeLeft_p};
+    _velClient_dump(VEL_OUT(o), 0, "Consumer ID Count: %u", count);
+    /* Each group line lists every id from its start to the last one. */
+    for (std::uint32_t group = 0; group < count; group += 8) {
+        _velClient_dump(VEL_OUT(o), 0, "\n");
+        _velClient_dump(VEL_OUT(o), 2, "%s", "");
+        for (std::uint32_t i = group; i < count; ++i) {
+            velClient_consumerId_t id = 0;
+            if (velClient_msg_getConsumerId(msg_p, i, &id) != VELCLIENT_OK)
+                break;
+            _velClient_dump(VEL_OUT(o), 2, "%08x,", id);
+        }
+    }
+}
+
+void _velClient_field_dump(const velClient_field_t *f, char *buffer_p, std::size_t bufferSize,
+                           std::size_t *sizeLeft_p, unsigned indent, unsigned subIndent)
+{
+    Out o{buffer_p, bufferSize, sizeLeft_p};
+    const auto &v = f->value;
+    switch (f->type) {
+    case VELCLIENT_BOOL: _velClient_dump(VEL_OUT(o), indent, "(BOOL) %s", v.boolean ? "TRUE" : "FALSE"); return;
+    case VELCLIENT_UINT8: _velClient_dump(VEL_OUT(o), indent, "(UINT8) %u", v.uint8); return;
+    case VELCLIENT_INT8: _velClient_dump(VEL_OUT(o), indent, "(INT8) %d", v.int8); return;
+    case VELCLIENT_UINT16: _velClient_dump(VEL_OUT(o), indent, "(UINT16) %u", v.uint16); return;
+    case VELCLIENT_INT16: _velClient_dump(VEL_OUT(o), indent, "(INT16) %d", v.int16); return;
+    case VELCLIENT_UINT32: _velClient_dump(VEL_OUT(o), indent, "(UINT32) %u", v.uint32); return;
+    case VELCLIENT_INT32: _velClient_dump(VEL_OUT(o), indent, "(INT32) %d", v.int32); return;
+    case VELCLIENT_UINT64:
+        _velClient_dump(VEL_OUT(o), indent, "(UINT64) %llu", static_cast<unsigned long long>(v.uint64));
+        return;
+    case VELCLIENT_INT64:
+        _velClient_dump(VEL_OUT(o), indent, "(INT64) %lld", static_cast<long long>(v.int64));
+        return;
+    case VELCLIENT_WCHAR: _velClient_dump(VEL_OUT(o), indent, "(WCHAR) %lc", static_cast<wint_t>(v.wchar)); return;
+    case VELCLIENT_STRING: _velClient_dump(VEL_OUT(o), indent, "(STRING) %s", v.string); return;
+    case VELCLIENT_BYTEARRAY:
+        _velClient_dump(VEL_OUT(o), indent, "(BYTE ARRAY) ");
+        _velClient_hex_dump(v.bytearray, f->length, VEL_OUT(o), subIndent + 2, false);
+        return;
+    case VELCLIENT_FLOAT: _velClient_dump(VEL_OUT(o), indent, "(FLOAT) %f", static_cast<double>(v.float32)); return;
+    case VELCLIENT_DOUBLE: _velClient_dump(VEL_OUT(o), indent, "(DOUBLE) %f", v.float64); return;
+    case VELCLIENT_MAP:
+        _velClient_dump(VEL_OUT(o), indent, "(MAP)\n");
+        _velClient_container_dump(v.map, VEL_OUT(o), subIndent + 2);
+        return;
+    case VELCLIENT_STREAM:
+        _velClient_dump(VEL_OUT(o), indent, "(STREAM)\n");
+        _velClient_container_dump(v.stream, VEL_OUT(o), subIndent + 2);
+        return;
+    case VELCLIENT_NULL: _velClient_dump(VEL_OUT(o), indent, "(NULL)"); return;
+    case VELCLIENT_DESTINATION:
+        _velClient_dump(VEL_OUT(o), indent, "(DESTINATION) ");
+        _velClient_destination_dump(&v.dest, VEL_OUT(o));
+        return;
+    case VELCLIENT_VWF:
+        _velClient_dump(VEL_OUT(o), indent, "(VWF) ");
+        _velClient_hex_dump(v.vwf, f->length, VEL_OUT(o), indent + 2, false);
+        return;
+    case VELCLIENT_UNKNOWN:
+        _velClient_dump(VEL_OUT(o), indent, "(UNKNOWN) ");
+        _velClient_hex_dump(v.unknownField, f->length, VEL_OUT(o), subIndent + 2, false);
+        return;
+    }
+    _velClient_dump(VEL_OUT(o), indent, "(unknown type %d) len=%u", static_cast<int>(f->type), f->length);
+}
+
+void _velClient_container_dump(velClient_opaqueContainer_pt opaqueCont_p, char *buffer_p, std::size_t bufferSize,
+                               std::size_t *sizeLeft_p, unsigned indent)
+{
+    Out o{buffer_p, bufferSize, sizeLeft_p};
+    _velClient_container *cont = vel::containerOrFail(opaqueCont_p, "Bad Container (%p) in _velClient_container_dump");
+    if (cont == nullptr)
+        return;
+    std::uint8_t *savedRd = cont->curRdPtr;
+    cont->curRdPtr = nullptr;
+    velClient_field_t field;
+    const char *name = nullptr;
+    while (velClient_container_getNextField(opaqueCont_p, &field, sizeof field, &name) == VELCLIENT_OK) {
+        if (name != nullptr) {
+            _velClient_dump(VEL_OUT(o), indent, "Key '%s' ", name);
+            _velClient_field_dump(&field, VEL_OUT(o), 0, indent);
+        } else {
+            _velClient_field_dump(&field, VEL_OUT(o), indent, indent);
+        }
+        _velClient_dump(VEL_OUT(o), 0, "\n");
+        if (field.type == VELCLIENT_MAP || field.type == VELCLIENT_STREAM)
+            velClient_container_closeMapStream(&field.value.map);
+        name = nullptr;
+    }
+    cont->curRdPtr = savedRd;
+}
