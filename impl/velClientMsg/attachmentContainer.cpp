@@ -157,3 +157,30 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getBinaryAttachmen
         return VELCLIENT_NOT_FOUND;
     return velClient_container_getSize(msg->binaryAttachContainer_p->opaqueContainer_p, size_p);
 }
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getBinaryAttachmentField(velClient_opaqueMsg_pt msg_p,
+                                                                                     velClient_field_t *field_p,
+                                                                                     size_t fieldSize)
+{
+    _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer (%p) in velClient_msg_getBinaryAttachmentField");
+    if (msg == nullptr)
+        return VELCLIENT_FAIL;
+    if (field_p == nullptr)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
+                        "Null field_p pointer in velClient_msg_getBinaryAttachmentField");
+    if (_velClient_container *open = msg->binaryAttachContainer_p; open != nullptr) {
+        if (fieldSize != sizeof(velClient_field_t))
+            return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
+                            "Unsupported field structure size (received %d, expected %d) in _velClient_msg_getField",
+                            static_cast<int>(fieldSize), static_cast<int>(sizeof(velClient_field_t)));
+        ++open->refCount;
+        field_p->type = open->type == VELCLIENT_CONTAINER_MAP ? VELCLIENT_MAP : VELCLIENT_STREAM;
+        field_p->value.map = open->opaqueContainer_p;
+        return VELCLIENT_OK;
+    }
+    velClient_returnCode_t rc =
+        _velClient_msg_getField(msg, VELCLIENT_BUFINFO_BINARY_ATTACHMENT_PART, field_p, fieldSize);
+    if (rc == VELCLIENT_OK)
+        msg->binaryAttachContainer_p = vel::containerOf(field_p->value.map);
+    return rc;
+}
