@@ -243,6 +243,11 @@ velClient_returnCode_t _velClient_container_getSubContainer(_velClient_container
 /* Reads the next field (map: name and value) and moves the cursor onto it. */
 velClient_returnCode_t _velClient_container_readNextField(_velClient_container *cont, velClient_field_t *field_p,
                                                           const char **name_p);
+/* Reads the next field like _velClient_container_readNextField but leaves a
+ * map or stream value without a sub-container (value.map is nullptr). */
+velClient_returnCode_t _velClient_container_readNextValue(_velClient_container *cont, velClient_field_t *field_p);
+/* Gives the map or stream value just read (at the cursor) its sub-container handle. */
+velClient_returnCode_t _velClient_container_attachSubContainer(_velClient_container *cont, velClient_field_t *field_p);
 /* First entry of a map with that name; moves the cursor. */
 velClient_returnCode_t _velClient_container_getFieldAndTypeByName(_velClient_container *cont, const char *name_p,
                                                                   velClient_field_t *field_p);

@@ -1,0 +1,323 @@
+/*
+ * containerGetters.cpp - the typed getters: one frame (argument checks, the
+ * field by key in a map or the next one in a stream) and one conversion per
+ * getter. Integer getters come from one template over the conversion rows.
+ */
+#include <cstring>
+
+#include "velClientMsg/fieldConvert.h"
+#include "velClientMsg/velClientMsgPrivate.h"
+
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+#pragma GCC diagnostic ignored "-Wformat-security"
+
+namespace {
+
+/* The texts of one getter. */
+struct GetterTexts {
+    const char *badHandle;   /* "Bad Container (%p) in ..." */
+    const char *nullValue;   /* "Null value pointer in ..." */
+    const char *noName;      /* "No name pointer in ..." */
+    const char *streamName;  /* "Stream with non-NULL name pointer in ..." */
+    const char *conversion;  /* "Field Type %s could not be ..." */
+};
+
+#define VEL_GETTER_TEXTS(Name, words)                                                                               \
+    GetterTexts{"Bad Container (%p) in velClient_container_" #Name, "Null value pointer in velClient_container_" #Name, \
+                "No name pointer in velClient_container_" #Name,                                                      \
+                "Stream with non-NULL name pointer in velClient_container_" #Name, "Field Type %s could not be " words}
+
+/* Steps shared by every getter: resolve, check the output and the name, read
+ * the field (by key in a map, the next one in a stream). */
+velClient_returnCode_t readField(const GetterTexts &t, velClient_opaqueContainer_pt handle, const void *out,
+                                 const char *name, velClient_field_t &field, _velClient_container **cont_p = nullptr)
+{
+    _velClient_container *c = vel::containerOrFail(handle, t.badHandle);
+    if (c == nullptr)
+        return VELCLIENT_FAIL;
+    if (out == nullptr)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, t.nullValue);
+    if (cont_p != nullptr)
+        *cont_p = c;
+    if (c->type == VELCLIENT_CONTAINER_MAP) {
+        if (name == nullptr)
+            return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, t.noName);
+        return _velClient_container_getFieldAndTypeByName(c, name, &field);
+    }
+    if (name != nullptr)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_CONFLICT, VELCLIENT_LOG_WARNING, t.streamName);
+    return _velClient_container_readNextValue(c, &field);
+}
+
+velClient_returnCode_t conversionFailed(const GetterTexts &t, const velClient_field_t &field)
+{
+    return VEL_FAIL(VELCLIENT_SUBCODE_INVALID_DATA_CONVERSION, VELCLIENT_LOG_WARNING, t.conversion,
+                    vel::convert::typeName(field.type));
+}
+
+/* A getter whose conversion is convert(field, *out) -> bool. */
+template <typename Out, typename Convert>
+velClient_returnCode_t typedGet(const GetterTexts &t, velClient_opaqueContainer_pt handle, Out *out, const char *name,
+                                Convert convert)
+{
+    velClient_field_t field{};
+    velClient_returnCode_t rc = readField(t, handle, out, name, field);
+    if (rc != VELCLIENT_OK)
+        return rc;
+    return convert(field, *out) ? VELCLIENT_OK : conversionFailed(t, field);
+}
+
+template <typename T>
+velClient_returnCode_t integerGet(const GetterTexts &t, const vel::convert::IntRule &rule,
+                                  velClient_opaqueContainer_pt handle, T *out, const char *name)
+{
+    return typedGet(t, handle, out, name, [&rule](const velClient_field_t &f, T &o) {
+        vel::convert::wide_t v = 0;
+        if (!vel::convert::toInteger(f, rule, v))
+            return false;
+        o = static_cast<T>(v);
+        return true;
+    });
+}
+
+} // namespace
+
+#define VEL_INTEGER_GETTERS(X)                                                                                 \
+    X(Uint8, velClient_uint8_t, kUint8, "converted to 8 bit unsigned integer")                                \
+    X(Int8, velClient_int8_t, kInt8, "converted to 8 bit signed integer")                                     \
+    X(Uint16, velClient_uint16_t, kUint16, "converted to 16 bit unsigned integer")                            \
+    X(Int16, velClient_int16_t, kInt16, "converted to 16 bit signed integer")                                 \
+    X(Uint32, velClient_uint32_t, kUint32, "converted to 32 bit unsigned integer")                            \
+    X(Int32, velClient_int32_t, kInt32, "converted to 32 bit signed integer")                                 \
+    X(Uint64, velClient_uint64_t, kUint64, "converted to 64 bit unsigned integer")                            \
+    X(Int64, velClient_int64_t, kInt64, "converted to 64 bit signed integer")
+
+#define VEL_DEFINE_INTEGER_GETTER(Name, CType, rule, words)                                                    \
+    extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_get##Name(                           \
+        velClient_opaqueContainer_pt opaqueCont_p, CType *value, const char *name)                           \
+    {                                                                                                          \
+        static const GetterTexts texts = VEL_GETTER_TEXTS(get##Name, words);                                   \
+        return integerGet(texts, vel::convert::rule, opaqueCont_p, value, name);                               \
+    }
+VEL_INTEGER_GETTERS(VEL_DEFINE_INTEGER_GETTER)
+
+#define VEL_DEFINE_SIMPLE_GETTER(Name, CType, convertFn, words)                                                \
+    extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_get##Name(                           \
+        velClient_opaqueContainer_pt opaqueCont_p, CType *value, const char *name)                           \
+    {                                                                                                          \
+        static const GetterTexts texts = VEL_GETTER_TEXTS(get##Name, words);                                   \
+        return typedGet(texts, opaqueCont_p, value, name, vel::convert::convertFn);                            \
+    }
+VEL_DEFINE_SIMPLE_GETTER(Boolean, velClient_bool_t, toBoolean, "converted to boolean")
+VEL_DEFINE_SIMPLE_GETTER(Char, char, toChar, "converted to char")
+VEL_DEFINE_SIMPLE_GETTER(Wchar, velClient_wchar_t, toWchar, "converted to unicode character")
+VEL_DEFINE_SIMPLE_GETTER(Float, float, toFloat, "converted to Float")
+VEL_DEFINE_SIMPLE_GETTER(Double, double, toDouble, "converted to double")
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getNull(velClient_opaqueContainer_pt opaqueCont_p,
+                                                                           const char *name)
+{
+    static const GetterTexts texts = VEL_GETTER_TEXTS(getNull, "converted to Null");
+    velClient_field_t field{};
+    static const char present = 1;
+    return readField(texts, opaqueCont_p, &present, name, field);
+}
+
+/* ---- Pointers into the container and copies ------------------------------------ */
+namespace {
+
+/* Byte-like data of a field: STRING, BYTEARRAY (and VWF when vwf); NULL gives none. */
+bool bytesOf(const velClient_field_t &f, bool vwf, const velClient_uint8_t *&p, velClient_uint32_t &len)
+{
+    if (f.type == VELCLIENT_NULL) {
+        p = nullptr;
+        len = 0;
+        return true;
+    }
+    bool accepted = vwf ? f.type == VELCLIENT_VWF : (f.type == VELCLIENT_STRING || f.type == VELCLIENT_BYTEARRAY);
+    if (!accepted)
+        return false;
+    p = f.value.bytearray;
+    len = f.length;
+    return true;
+}
+
+velClient_returnCode_t bytesPtr(const GetterTexts &t, bool vwf, velClient_opaqueContainer_pt handle,
+                                const velClient_uint8_t **out_p, velClient_uint32_t *len_p, const char *name)
+{
+    velClient_field_t field{};
+    velClient_returnCode_t rc = readField(t, handle, out_p, name, field);
+    if (rc != VELCLIENT_OK)
+        return rc;
+    const velClient_uint8_t *p = nullptr;
+    velClient_uint32_t len = 0;
+    if (!bytesOf(field, vwf, p, len))
+        return conversionFailed(t, field);
+    *out_p = p;
+    *len_p = len;
+    return VELCLIENT_OK;
+}
+
+/* Copies into the caller's buffer of *len_p bytes; fits tells whether len bytes fit. */
+velClient_returnCode_t bytesCopy(const GetterTexts &t, bool vwf, velClient_opaqueContainer_pt handle,
+                                 velClient_uint8_t *out, velClient_uint32_t *len_p, const char *name)
+{
+    velClient_field_t field{};
+    velClient_returnCode_t rc = readField(t, handle, out, name, field);
+    if (rc != VELCLIENT_OK)
+        return rc;
+    const velClient_uint8_t *p = nullptr;
+    velClient_uint32_t len = 0;
+    if (!bytesOf(field, vwf, p, len))
+        return conversionFailed(t, field);
+    velClient_uint32_t capacity = *len_p;
+    /* A byte array may fill the buffer exactly; a VWF must leave room. */
+    bool fits = vwf ? len < capacity : len <= capacity;
+    if (len == 0 && field.type == VELCLIENT_NULL)
+        fits = true;
+    if (!fits) {
+        std::memcpy(out, p, capacity);
+        return conversionFailed(t, field);
+    }
+    if (len != 0)
+        std::memcpy(out, p, len);
+    *len_p = len;
+    return VELCLIENT_OK;
+}
+
+} // namespace
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getByteArrayPtr(
+    velClient_opaqueContainer_pt opaqueCont_p, const velClient_uint8_t **array_p, velClient_uint32_t *arrayLength_p,
+    const char *name)
+{
+    if (arrayLength_p == nullptr)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
+                        "Null arrayLength_p in velClient_container_getByteArrayPtr");
+    static const GetterTexts texts = VEL_GETTER_TEXTS(getByteArrayPtr, "converted to byte array");
+    return bytesPtr(texts, false, opaqueCont_p, array_p, arrayLength_p, name);
+}
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getByteArray(
+    velClient_opaqueContainer_pt opaqueCont_p, velClient_uint8_t *array_p, velClient_uint32_t *arrayLength_p,
+    const char *name)
+{
+    if (arrayLength_p == nullptr)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
+                        "Null arrayLength_p in velClient_container_getByteArray");
+    static const GetterTexts texts = VEL_GETTER_TEXTS(getByteArray, "copied to byte array");
+    return bytesCopy(texts, false, opaqueCont_p, array_p, arrayLength_p, name);
+}
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getVwfPtr(velClient_opaqueContainer_pt opaqueCont_p,
+                                                                             const velClient_uint8_t **vwf_p,
+                                                                             velClient_uint32_t *vwfLength_p,
+                                                                             const char *name)
+{
+    if (vwfLength_p == nullptr)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
+                        "Null vwfLength_p in velClient_container_getVwfPtr");
+    static const GetterTexts texts = VEL_GETTER_TEXTS(getVwfPtr, "converted to byte vwf");
+    return bytesPtr(texts, true, opaqueCont_p, vwf_p, vwfLength_p, name);
+}
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getVwf(velClient_opaqueContainer_pt opaqueCont_p,
+                                                                          velClient_uint8_t *vwf_p,
+                                                                          velClient_uint32_t *vwfLength_p,
+                                                                          const char *name)
+{
+    if (vwfLength_p == nullptr)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
+                        "Null vwfLength_p in velClient_container_getVwf");
+    static const GetterTexts texts = VEL_GETTER_TEXTS(getVwf, "copied to byte vwf");
+    return bytesCopy(texts, true, opaqueCont_p, vwf_p, vwfLength_p, name);
+}
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getStringPtr(
+    velClient_opaqueContainer_pt opaqueCont_p, const char **string, const char *name)
+{
+    static const GetterTexts texts = VEL_GETTER_TEXTS(getStringPtr, "converted to string");
+    return typedGet(texts, opaqueCont_p, string, name, [](const velClient_field_t &f, const char *&out) {
+        if (f.type != VELCLIENT_STRING && f.type != VELCLIENT_NULL)
+            return false;
+        out = f.type == VELCLIENT_STRING ? f.value.string : nullptr;
+        return true;
+    });
+}
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getString(velClient_opaqueContainer_pt opaqueCont_p,
+                                                                            char *string, size_t stringLength,
+                                                                            const char *name)
+{
+    if (stringLength == 0)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
+                        "Bad string length of %d in velClient_container_getString", static_cast<int>(stringLength));
+    static const GetterTexts texts = VEL_GETTER_TEXTS(getString, "converted to string");
+    return typedGet(texts, opaqueCont_p, string, name, [stringLength](const velClient_field_t &f, char &out) {
+        if (f.type != VELCLIENT_STRING)
+            return false;
+        char *buffer = &out;
+        const char *text = f.value.string != nullptr ? f.value.string : "";
+        std::strncpy(buffer, text, stringLength);
+        buffer[stringLength - 1] = '\0';
+        return true;
+    });
+}
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getDestination(
+    velClient_opaqueContainer_pt opaqueCont_p, velClient_destination_t *value, size_t destSize, const char *name)
+{
+    if (destSize != sizeof(velClient_destination_t))
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
+                        "Unsupported destination structure size (received %d, expected %d) in "
+                        "velClient_container_getDestination",
+                        static_cast<int>(destSize), static_cast<int>(sizeof(velClient_destination_t)));
+    static const GetterTexts texts = VEL_GETTER_TEXTS(getDestination, "converted to Destination");
+    return typedGet(texts, opaqueCont_p, value, name, [](const velClient_field_t &f, velClient_destination_t &out) {
+        if (f.type != VELCLIENT_DESTINATION)
+            return false;
+        out = f.value.dest;
+        return true;
+    });
+}
+
+/* ---- Nested maps and streams ---------------------------------------------------- */
+namespace {
+
+velClient_returnCode_t subContainer(const GetterTexts &t, velClient_fieldType_t kind,
+                                    velClient_opaqueContainer_pt handle, velClient_opaqueContainer_pt *out,
+                                    const char *name)
+{
+    velClient_field_t field{};
+    _velClient_container *c = nullptr;
+    velClient_returnCode_t rc = readField(t, handle, out, name, field, &c);
+    if (rc != VELCLIENT_OK) {
+        if (out != nullptr && c != nullptr)
+            *out = nullptr;
+        return rc;
+    }
+    if (field.type != kind)
+        return conversionFailed(t, field);
+    rc = _velClient_container_attachSubContainer(c, &field);
+    *out = rc == VELCLIENT_OK ? field.value.map : nullptr;
+    if (rc == VELCLIENT_FAIL)
+        conversionFailed(t, field);
+    return rc;
+}
+
+} // namespace
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getSubMap(velClient_opaqueContainer_pt opaqueCont_p,
+                                                                             velClient_opaqueContainer_pt *value,
+                                                                             const char *name)
+{
+    static const GetterTexts texts = VEL_GETTER_TEXTS(getSubMap, "converted to Map");
+    return subContainer(texts, VELCLIENT_MAP, opaqueCont_p, value, name);
+}
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getSubStream(
+    velClient_opaqueContainer_pt opaqueCont_p, velClient_opaqueContainer_pt *value, const char *name)
+{
+    static const GetterTexts texts = VEL_GETTER_TEXTS(getSubStream, "converted to Stream");
+    return subContainer(texts, VELCLIENT_STREAM, opaqueCont_p, value, name);
+}

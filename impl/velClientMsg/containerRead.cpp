@@ -1,0 +1,279 @@
+/*
+ * containerRead.cpp - the read side of a container: the cursor that walks a
+ * map or stream field by field, lookup of a map entry by key, and the size
+ * and byte accessors. Every length is checked against the end of the written
+ * bytes, so malformed input is refused, never read past.
+ */
+#include <cstring>
+
+#include "velClientMsg/tlvCodec.h"
+#include "velClientMsg/velClientMsgPrivate.h"
+
+namespace {
+
+using namespace vel::tlv;
+
+velClient_returnCode_t malformed(const char *text)
+{
+    return VEL_FAIL(VELCLIENT_SUBCODE_COMMUNICATION_ERROR, VELCLIENT_LOG_ERROR, "%s", text);
+}
+
+constexpr const char *kBadEntry = "Invalid entry in structured data map";
+constexpr const char *kBadTlv = "Invalid entry in structured data TLV";
+
+/* The map key at pos: its encoded length (0 after recording a failure), and
+ * the name (nullptr for an empty key). */
+std::uint32_t readKey(const std::uint8_t *pos, const std::uint8_t *end, const char **name_p)
+{
+    if ((pos[0] & 0xFC) != TB_STRING) {
+        malformed("Invalid type in TLV string in structured data container");
+        return 0;
+    }
+    unsigned width = (pos[0] & 0x03) + 1u;
+    if (end - pos < static_cast<std::ptrdiff_t>(1 + width)) {
+        malformed(kBadEntry);
+        return 0;
+    }
+    std::uint64_t keyLength = getBE(pos + 1, width);
+    if (keyLength < 1 + width) {
+        malformed(kBadTlv);
+        return 0;
+    }
+    if (keyLength > static_cast<std::uint64_t>(end - pos)) {
+        malformed(kBadEntry);
+        return 0;
+    }
+    *name_p = nullptr;
+    std::uint64_t n = keyLength - 1 - width;
+    const char *text = reinterpret_cast<const char *>(pos + 1 + width);
+    if (keyLength != 2) {
+        if (n == 0 || text[n - 1] != '\0' || std::memchr(text, '\0', n) != text + n - 1) {
+            malformed("Invalid length in TLV string in structured data container");
+            return 0;
+        }
+        *name_p = text;
+    }
+    return static_cast<std::uint32_t>(keyLength);
+}
+
+/* Decodes the value at p into field; 0 after recording a failure. A value
+ * that runs past end adds its length to the cursor before failing. */
+std::uint32_t readValue(_velClient_container *c, const std::uint8_t *p, velClient_field_t *field_p)
+{
+    const std::uint8_t *end = c->curWrPtr;
+    if (end - p >= 2) {
+        unsigned width = (p[0] & 0x03) + 1u;
+        if (end - p >= static_cast<std::ptrdiff_t>(1 + width)) {
+            std::uint64_t len = getBE(p + 1, width);
+            if (len > static_cast<std::uint64_t>(end - p) && len < 0xFFFFFFFFu) {
+                c->curFieldLength += static_cast<std::uint32_t>(len);
+                malformed(kBadEntry);
+                return 0;
+            }
+        }
+    }
+    std::int64_t len = _velClient_tlv_decodeField(p, end, field_p);
+    if (len < 0) {
+        malformed(kBadTlv);
+        return 0;
+    }
+    c->curFieldLength += static_cast<std::uint32_t>(len);
+    return static_cast<std::uint32_t>(len);
+}
+
+/* Reads the entry at pos (key and value in a map, value in a stream). */
+velClient_returnCode_t readEntryAt(_velClient_container *c, std::uint8_t *pos, velClient_field_t *field_p,
+                                   const char **name_p)
+{
+    c->curRdPtr = pos;
+    c->curKeyLength = 0;
+    c->curFieldLength = 0;
+    const char *name = nullptr;
+    std::uint8_t *value = pos;
+    if (c->type == VELCLIENT_CONTAINER_MAP) {
+        std::uint32_t keyLength = readKey(pos, c->curWrPtr, &name);
+        if (name_p != nullptr)
+            *name_p = name;
+        if (keyLength == 0)
+            return VELCLIENT_FAIL;
+        c->curKeyLength = keyLength;
+        c->curFieldLength = keyLength;
+        value = pos + keyLength;
+        if (value >= c->curWrPtr)
+            return malformed(kBadEntry);
+    }
+    if (readValue(c, value, field_p) == 0)
+        return VELCLIENT_FAIL;
+    return VELCLIENT_OK;
+}
+
+} // namespace
+
+/* Turns a map or stream value into its sub-container handle. */
+velClient_returnCode_t _velClient_container_attachSubContainer(_velClient_container *c, velClient_field_t *field_p)
+{
+    if (field_p->type != VELCLIENT_MAP && field_p->type != VELCLIENT_STREAM)
+        return VELCLIENT_OK;
+    _velClient_container *child = nullptr;
+    std::uint8_t *start = c->curRdPtr + c->curKeyLength;
+    velClient_returnCode_t rc = _velClient_container_getSubContainer(c, start, &child);
+    field_p->value.map = rc == VELCLIENT_OK ? child->opaqueContainer_p : nullptr;
+    return rc;
+}
+
+namespace {
+
+std::uint8_t *nextPosition(const _velClient_container *c)
+{
+    return c->curRdPtr != nullptr ? c->curRdPtr + c->curFieldLength : c->firstFieldPtr;
+}
+
+} // namespace
+
+namespace {
+
+velClient_returnCode_t readNext(_velClient_container *c, velClient_field_t *field_p, const char **name_p)
+{
+    std::uint8_t *pos = nextPosition(c);
+    if (pos >= c->curWrPtr) {
+        c->curRdPtr = pos;
+        c->curFieldLength = 0;
+        c->curKeyLength = 0;
+        return VELCLIENT_EOS;
+    }
+    return readEntryAt(c, pos, field_p, name_p);
+}
+
+} // namespace
+
+velClient_returnCode_t _velClient_container_readNextValue(_velClient_container *c, velClient_field_t *field_p)
+{
+    return readNext(c, field_p, nullptr);
+}
+
+velClient_returnCode_t _velClient_container_readNextField(_velClient_container *c, velClient_field_t *field_p,
+                                                          const char **name_p)
+{
+    velClient_returnCode_t rc = readNext(c, field_p, name_p);
+    return rc == VELCLIENT_OK ? _velClient_container_attachSubContainer(c, field_p) : rc;
+}
+
+velClient_returnCode_t _velClient_container_getFieldAndTypeByName(_velClient_container *c, const char *name_p,
+                                                                  velClient_field_t *field_p)
+{
+    if (c == nullptr)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
+                        "Null Container in _velClient_container_getFieldAndTypeByName");
+    if (field_p == nullptr)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
+                        "No field union in _velClient_container_getFieldAndTypeByName ");
+    if (name_p == nullptr || name_p[0] == '\0')
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
+                        "Null or Empty Name pointer in _velClient_container_getFieldAndTypeByName");
+    for (std::uint8_t *pos = c->firstFieldPtr;; pos = c->curRdPtr + c->curFieldLength) {
+        if (pos >= c->curWrPtr) {
+            c->curRdPtr = pos;
+            c->curFieldLength = 0;
+            c->curKeyLength = 0;
+            return VELCLIENT_NOT_FOUND;
+        }
+        const char *key = nullptr;
+        if (readEntryAt(c, pos, field_p, &key) != VELCLIENT_OK)
+            return VELCLIENT_FAIL;
+        if (key != nullptr && std::strcmp(key, name_p) == 0)
+            return VELCLIENT_OK;
+    }
+}
+
+/* ---- Exports --------------------------------------------------------------------- */
+
+extern "C" VELCLIENT_API velClient_bool_t velClient_container_hasNextField(velClient_opaqueContainer_pt opaqueCont_p)
+{
+    _velClient_container *c =
+        vel::containerOrFail(opaqueCont_p, "Bad container pointer (%p) in velClient_container_hasNextField");
+    return c != nullptr && nextPosition(c) < c->curWrPtr ? 1 : 0;
+}
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getNextField(velClient_opaqueContainer_pt opaqueCont_p,
+                                                                               velClient_field_t *field_p,
+                                                                               size_t fieldSize, const char **name_p)
+{
+    _velClient_container *c =
+        vel::containerOrFail(opaqueCont_p, "Bad cont_p pointer (%p) in velClient_container_getNextField");
+    if (c == nullptr)
+        return VELCLIENT_FAIL;
+    if (field_p == nullptr)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
+                        "Null field_p in velClient_container_getNextField");
+    if (fieldSize != sizeof(velClient_field_t))
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
+                        "Unsupported field structure size (received %d, expected %d) in "
+                        "velClient_container_getNextField",
+                        static_cast<int>(fieldSize), static_cast<int>(sizeof(velClient_field_t)));
+    if (c->type == VELCLIENT_CONTAINER_MAP && name_p == nullptr)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
+                        "Null name_p in velClient_container_getNextField");
+    if (name_p != nullptr)
+        *name_p = nullptr;
+    return _velClient_container_readNextField(c, field_p, name_p);
+}
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getField(velClient_opaqueContainer_pt opaqueCont_p,
+                                                                           velClient_field_t *value, size_t fieldSize,
+                                                                           const char *name)
+{
+    if (fieldSize != sizeof(velClient_field_t))
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
+                        "Unsupported field structure size (received %d, expected %d) in velClient_container_getField",
+                        static_cast<int>(fieldSize), static_cast<int>(sizeof(velClient_field_t)));
+    _velClient_container *c = vel::containerOrFail(opaqueCont_p, "Bad Container (%p) in velClient_container_getField");
+    if (c == nullptr)
+        return VELCLIENT_FAIL;
+    if (value == nullptr)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
+                        "Null value pointer in velClient_container_getField");
+    if (c->type == VELCLIENT_CONTAINER_MAP) {
+        if (name == nullptr)
+            return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
+                            "No name pointer in velClient_container_getField");
+        velClient_returnCode_t rc = _velClient_container_getFieldAndTypeByName(c, name, value);
+        return rc == VELCLIENT_OK ? _velClient_container_attachSubContainer(c, value) : rc;
+    }
+    if (name != nullptr)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_CONFLICT, VELCLIENT_LOG_WARNING,
+                        "Stream with non-NULL name pointer in velClient_container_getField");
+    return _velClient_container_readNextField(c, value, nullptr);
+}
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getSize(velClient_opaqueContainer_pt opaqueCont_p,
+                                                                          size_t *size_p)
+{
+    _velClient_container *c = vel::containerOrFail(opaqueCont_p, "Bad Container (%p) in velClient_container_getSize");
+    if (c == nullptr)
+        return VELCLIENT_FAIL;
+    if (size_p == nullptr)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
+                        "Null size pointer in velClient_container_getSize");
+    *size_p = static_cast<size_t>(c->curWrPtr - c->startPtr);
+    return VELCLIENT_OK;
+}
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getContainerPtr(
+    velClient_opaqueContainer_pt opaqueCont_p, velClient_opaquePointer_pt bufPtr_p, velClient_uint32_t *size_p)
+{
+    _velClient_container *c =
+        vel::containerOrFail(opaqueCont_p, "Bad Container (%p) in velClient_container_getContainerPtr");
+    if (c == nullptr)
+        return VELCLIENT_FAIL;
+    if (size_p == nullptr)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
+                        "Null size pointer in velClient_container_getContainerPtr");
+    if (bufPtr_p == nullptr)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
+                        "Null bufPtr_p pointer in velClient_container_getContainerPtr");
+    _velClient_container *finalise = c;
+    _velClient_container_closeMapStream(&finalise, false, false, false);
+    *bufPtr_p = c->startPtr;
+    *size_p = static_cast<velClient_uint32_t>(c->curWrPtr - c->startPtr);
+    return VELCLIENT_OK;
+}
