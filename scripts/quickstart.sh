@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
 # Sets everything up on a fresh machine, builds the library and runs the
-# example program.
+# example program: a message sent on a loopback session, received, read back
+# and dumped; its wire bytes are then dumped again by velclient-dump.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/deps.sh
 cmake --preset default >/dev/null
 cmake --build --preset default -j"$(nproc)"
-./build/default/examples/example_pool
+./build/default/examples/example_message build/default/message.vwf
+./build/default/velclient-dump --sizes build/default/message.vwf

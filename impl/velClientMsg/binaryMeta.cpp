@@ -112,8 +112,8 @@ velClient_returnCode_t _velClient_msg_buildBinaryMeta(_velClient_msg *msg)
         return patchReceivedHeader(msg);
     std::uint32_t entries = (hasHdr ? msg->bufInfo_a[_VELCLIENT_BUFINFO_HDR_MAP_PART].bufSize : 0) +
                             (hasProps ? msg->bufInfo_a[VELCLIENT_BUFINFO_USER_PROPERTY_PART].bufSize : 0);
-    std::uint8_t meta[VEL_BINARY_META_SIZE] = {0x01, 0, 0, 0, vel::tlv::TB_STREAM, 0, 0, 0, 0, vel::tlv::TB_BYTEARRAY,
-                                               4,    0, 0, 0, vel::tlv::TB_MAP};
+    std::uint8_t meta[VEL_BINARY_META_SIZE] = {0x01, 0, 0, 0, 0, vel::tlv::TB_STREAM, 0, 0, 0, 0, vel::tlv::TB_BYTEARRAY,
+                                               4,    0, 0, vel::tlv::TB_MAP};
     putBE(meta + 2, entries + 14, 3);
     putBE(meta + 6, entries + 14, 4);
     meta[12] = attachmentTypeByte(msg);

@@ -124,8 +124,10 @@ velClient_returnCode_t _velClient_container_closeMapStream(_velClient_container 
         c->maxWrPtr = c->curWrPtr;
     }
     if (close) {
+        /* container_p may be the message's own pointer, which detach clears. */
         detach(c);
-        _velClient_container_free(container_p);
+        _velClient_container_free(&c);
+        *container_p = nullptr;
     }
     return rc;
 }

@@ -210,6 +210,10 @@ velClient_returnCode_t _velClient_msg_setBufinfo(_velClient_msg *msg, int bufInf
 velClient_returnCode_t _velClient_msg_getBufinfoPtr(_velClient_msg *msg, int bufInfoIndex, void **bufPtr_p,
                                                     std::uint32_t *size_p);
 
+/* Header values set by the receive path. */
+velClient_returnCode_t _velClient_msg_setMsgId(velClient_opaqueMsg_pt msg_p, velClient_msgId_t msgId);
+velClient_returnCode_t _velClient_msg_setTopicSequenceNumber(velClient_opaqueMsg_pt msg_p, velClient_uint64_t seqNum);
+
 /* ==================================================================== */
 /* Containers                                                            */
 /* ==================================================================== */

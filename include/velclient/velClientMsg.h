@@ -520,6 +520,86 @@ VELCLIENT_API velClient_returnCode_t velClient_msg_decodeFromVwf(velClient_bufIn
 VELCLIENT_API velClient_returnCode_t velClient_session_sendMsg(velClient_opaqueSession_pt session_p,
                                                                velClient_opaqueMsg_pt msg_p);
 
+/* ======================================================================= */
+/* Destination and header properties                                        */
+/* ======================================================================= */
+
+/* Topic, queue (a "#P2P/QUE/..." name keeps its network prefix apart),
+ * temporary topic or temporary queue; a name starting "#P2P/QTMP/" is a
+ * temporary queue whatever the type, and dest_p->destType is updated. */
+VELCLIENT_API velClient_returnCode_t velClient_msg_setDestination(velClient_opaqueMsg_pt msg_p,
+                                                                  const velClient_destination_t *dest_p,
+                                                                  size_t destSize);
+VELCLIENT_API velClient_returnCode_t velClient_msg_setClassOfService(velClient_opaqueMsg_pt msg_p,
+                                                                     velClient_uint32_t cos);
+VELCLIENT_API velClient_returnCode_t velClient_msg_getClassOfService(velClient_opaqueMsg_pt msg_p,
+                                                                     velClient_uint32_t *cos_p);
+/* VELCLIENT_DELIVERY_MODE_*; other bits of mode are stored in the flags as given. */
+VELCLIENT_API velClient_returnCode_t velClient_msg_setDeliveryMode(velClient_opaqueMsg_pt msg_p,
+                                                                   velClient_uint32_t mode);
+VELCLIENT_API velClient_returnCode_t velClient_msg_getDeliveryMode(velClient_opaqueMsg_pt msg_p,
+                                                                   velClient_uint32_t *mode_p);
+/* Milliseconds, 0 to 315360000000. */
+VELCLIENT_API velClient_returnCode_t velClient_msg_setTimeToLive(velClient_opaqueMsg_pt msg_p, velClient_int64_t ttl);
+VELCLIENT_API velClient_returnCode_t velClient_msg_getTimeToLive(velClient_opaqueMsg_pt msg_p,
+                                                                 velClient_int64_t *ttl_p);
+/* Values set by the receive path; VELCLIENT_NOT_FOUND (with 0) when absent. */
+VELCLIENT_API velClient_returnCode_t velClient_msg_getMsgId(velClient_opaqueMsg_pt msg_p,
+                                                            velClient_msgId_t *msgId_p);
+VELCLIENT_API velClient_returnCode_t velClient_msg_getTopicSequenceNumber(velClient_opaqueMsg_pt msg_p,
+                                                                          velClient_int64_t *seqNum_p);
+VELCLIENT_API velClient_returnCode_t velClient_msg_getRcvTimestamp(velClient_opaqueMsg_pt msg_p,
+                                                                   velClient_int64_t *timestamp_p);
+VELCLIENT_API velClient_returnCode_t velClient_msg_getCacheRequestId(velClient_opaqueMsg_pt msg_p,
+                                                                     velClient_uint64_t *cacheRequestId_p);
+VELCLIENT_API velClient_cacheStatus_t velClient_msg_isCacheMsg(velClient_opaqueMsg_pt msg_p);
+VELCLIENT_API velClient_bool_t velClient_msg_isRedelivered(velClient_opaqueMsg_pt msg_p);
+/* Marks: deliver-to-one, dead-message-queue eligible and discard indication
+ * accept exactly 0 or 1; eliding eligible, acknowledge immediately and the
+ * reply mark take any non-zero value as set. */
+VELCLIENT_API velClient_returnCode_t velClient_msg_setDeliverToOne(velClient_opaqueMsg_pt msg_p, velClient_bool_t v);
+VELCLIENT_API velClient_bool_t velClient_msg_isDeliverToOne(velClient_opaqueMsg_pt msg_p);
+VELCLIENT_API velClient_returnCode_t velClient_msg_setDMQEligible(velClient_opaqueMsg_pt msg_p, velClient_bool_t v);
+VELCLIENT_API velClient_bool_t velClient_msg_isDMQEligible(velClient_opaqueMsg_pt msg_p);
+VELCLIENT_API velClient_returnCode_t velClient_msg_setDiscardIndication(velClient_opaqueMsg_pt msg_p,
+                                                                        velClient_bool_t v);
+VELCLIENT_API velClient_bool_t velClient_msg_isDiscardIndication(velClient_opaqueMsg_pt msg_p);
+VELCLIENT_API velClient_returnCode_t velClient_msg_setElidingEligible(velClient_opaqueMsg_pt msg_p,
+                                                                      velClient_bool_t v);
+VELCLIENT_API velClient_bool_t velClient_msg_isElidingEligible(velClient_opaqueMsg_pt msg_p);
+VELCLIENT_API velClient_returnCode_t velClient_msg_setAckImmediately(velClient_opaqueMsg_pt msg_p,
+                                                                     velClient_bool_t v);
+/* 0xFF for a bad handle. */
+VELCLIENT_API velClient_bool_t velClient_msg_isAckImmediately(velClient_opaqueMsg_pt msg_p);
+VELCLIENT_API velClient_returnCode_t velClient_msg_setAsReplyMsg(velClient_opaqueMsg_pt msg_p,
+                                                                 velClient_bool_t isReply);
+VELCLIENT_API velClient_bool_t velClient_msg_isReplyMsg(velClient_opaqueMsg_pt msg_p);
+
+/* ======================================================================= */
+/* Structured binary attachment                                             */
+/* ======================================================================= */
+
+/* A new empty map (stream) as the binary attachment, with room for size bytes. */
+VELCLIENT_API velClient_returnCode_t velClient_msg_createBinaryAttachmentMap(velClient_opaqueMsg_pt msg_p,
+                                                                             velClient_opaqueContainer_pt *map_p,
+                                                                             velClient_uint32_t size);
+VELCLIENT_API velClient_returnCode_t velClient_msg_createBinaryAttachmentStream(velClient_opaqueMsg_pt msg_p,
+                                                                                velClient_opaqueContainer_pt *stream_p,
+                                                                                velClient_uint32_t size);
+
+/* ======================================================================= */
+/* Dump                                                                     */
+/* ======================================================================= */
+
+/* The message as text into buffer_p (bounded, always NUL-terminated, cut at
+ * the first text that does not fit) or, with a NULL buffer and size 0, to
+ * standard output. flags VELCLIENT_MSGDUMP_FULL renders structured data and
+ * payloads in full; VELCLIENT_MSGDUMP_BRIEF shows their sizes only. */
+VELCLIENT_API velClient_returnCode_t velClient_msg_dumpExt(velClient_opaqueMsg_pt msg_p, char *buffer_p,
+                                                           size_t bufferSize, velClient_uint32_t flags);
+VELCLIENT_API velClient_returnCode_t velClient_msg_dump(velClient_opaqueMsg_pt msg_p, char *buffer_p,
+                                                        size_t bufferSize);
+
 #ifdef __cplusplus
 }
 #endif

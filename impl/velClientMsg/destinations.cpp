@@ -1,0 +1,190 @@
+/*
+ * destinations.cpp - a message's destination: stored as text in the topic
+ * part, or in the queue-name part with its network prefix in the
+ * destination-prefix part, each copied with its NUL into the message's own
+ * block; and read back into the application's velClient_destination.
+ */
+#include <cstring>
+
+#include "velClientMsg/velClientMsgPrivate.h"
+
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+
+namespace {
+
+constexpr std::size_t kMaxTopic = 250;
+constexpr std::size_t kMaxQueue = 200;
+constexpr char kQueuePrefix[] = "#P2P/QUE/";
+constexpr char kTempTopicPrefix[] = "#P2P/TTMP/";
+constexpr char kTempQueuePrefix[] = "#P2P/QTMP/";
+
+bool startsWith(const char *text, const char *prefix)
+{
+    return std::strncmp(text, prefix, std::strlen(prefix)) == 0;
+}
+
+/* Copies text (length bytes and a NUL) into part; its size excludes the NUL. */
+velClient_returnCode_t copyText(_velClient_msg *msg, int part, const char *text, std::size_t length)
+{
+    if (_velClient_msg_setBufinfo(msg, part, text, static_cast<std::uint32_t>(length + 1), 0) != VELCLIENT_OK)
+        return VELCLIENT_FAIL;
+    auto *p = static_cast<char *>(msg->bufInfo_a[part].buf_p);
+    p[length] = '\0';
+    msg->bufInfo_a[part].bufSize = static_cast<std::uint32_t>(length);
+    return VELCLIENT_OK;
+}
+
+velClient_returnCode_t tooLong(std::size_t length, std::size_t limit, int type)
+{
+    return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
+                    "Destination string length of %d exceeds maximum of %d for destination type %d in "
+                    "velClient_msg_setDestination",
+                    static_cast<int>(length), static_cast<int>(limit), type);
+}
+
+void setTemporary(_velClient_msg *msg, bool temporary)
+{
+    if (temporary)
+        msg->msgInfo.flags |= _VELCLIENT_RX_FLAG_TEMP_DEST;
+    else
+        msg->msgInfo.flags &= ~_VELCLIENT_RX_FLAG_TEMP_DEST;
+}
+
+velClient_returnCode_t setTopic(_velClient_msg *msg, const char *text, int type)
+{
+    std::size_t length = std::strlen(text);
+    if (length > kMaxTopic)
+        return tooLong(length, kMaxTopic, type);
+    if (copyText(msg, VELCLIENT_BUFINFO_TOPIC_PART, text, length) != VELCLIENT_OK)
+        return VELCLIENT_FAIL;
+    _velClient_msg_setBufinfoPtr(msg, VELCLIENT_BUFINFO_QUEUENAME_PART, nullptr, 0);
+    _velClient_msg_setBufinfoPtr(msg, _VELCLIENT_BUFINFO_DEST_PREFIX_PART, nullptr, 0);
+    setTemporary(msg, type == VELCLIENT_TOPIC_TEMP_DESTINATION);
+    return VELCLIENT_OK;
+}
+
+velClient_returnCode_t setTempQueue(_velClient_msg *msg, const char *text)
+{
+    _velClient_msg_setBufinfoPtr(msg, _VELCLIENT_BUFINFO_DEST_PREFIX_PART, nullptr, 0);
+    std::size_t length = std::strlen(text);
+    if (length > kMaxTopic)
+        return tooLong(length, kMaxTopic, VELCLIENT_QUEUE_TEMP_DESTINATION);
+    if (copyText(msg, VELCLIENT_BUFINFO_QUEUENAME_PART, text, length) != VELCLIENT_OK)
+        return VELCLIENT_FAIL;
+    _velClient_msg_setBufinfoPtr(msg, VELCLIENT_BUFINFO_TOPIC_PART, nullptr, 0);
+    setTemporary(msg, true);
+    return VELCLIENT_OK;
+}
+
+velClient_returnCode_t setQueue(_velClient_msg *msg, const char *text)
+{
+    const char *name = text;
+    if (startsWith(text, kQueuePrefix)) {
+        std::size_t prefixLength = sizeof kQueuePrefix - 1;
+        const char *slash = std::strlen(text) > prefixLength ? std::strchr(text + prefixLength, '/') : nullptr;
+        if (slash == nullptr || slash[1] == '\0')
+            return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
+                            "Invalid string dest pointer (%s) in velClient_msg_setDestination", text);
+        name = slash + 1;
+        copyText(msg, _VELCLIENT_BUFINFO_DEST_PREFIX_PART, text, static_cast<std::size_t>(name - text));
+    } else {
+        _velClient_msg_setBufinfo(msg, _VELCLIENT_BUFINFO_DEST_PREFIX_PART, nullptr, 0, 0);
+    }
+    std::size_t length = std::strlen(name);
+    if (length > kMaxQueue)
+        return tooLong(length, kMaxQueue, VELCLIENT_QUEUE_DESTINATION);
+    if (copyText(msg, VELCLIENT_BUFINFO_QUEUENAME_PART, name, length) != VELCLIENT_OK)
+        return VELCLIENT_FAIL;
+    _velClient_msg_setBufinfoPtr(msg, VELCLIENT_BUFINFO_TOPIC_PART, nullptr, 0);
+    setTemporary(msg, false);
+    return VELCLIENT_OK;
+}
+
+const char *partText(const _velClient_msg *msg, int part)
+{
+    const velClient_bufInfo_t &p = msg->bufInfo_a[part];
+    return p.buf_p != nullptr && p.bufSize != 0 ? static_cast<const char *>(p.buf_p) : nullptr;
+}
+
+} // namespace
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setDestination(velClient_opaqueMsg_pt msg_p,
+                                                                            const velClient_destination_t *dest_p,
+                                                                            size_t destSize)
+{
+    _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer in velClient_msg_setDestination");
+    if (msg == nullptr)
+        return VELCLIENT_FAIL;
+    if (dest_p == nullptr)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
+                        "Null velClient_destination_t pointer in velClient_msg_setDestination");
+    if (destSize != sizeof(velClient_destination_t))
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
+                        "Unsupported destination structure size (received %d, expected %d) in "
+                        "velClient_msg_setDestination",
+                        static_cast<int>(destSize), static_cast<int>(sizeof(velClient_destination_t)));
+    if (dest_p->destType == VELCLIENT_NULL_DESTINATION) {
+        if (dest_p->dest != nullptr)
+            return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
+                            "Non-null dest pointer with VELCLIENT_NULL_DESTINATION type in velClient_msg_setDestination");
+        for (int part : {int{VELCLIENT_BUFINFO_TOPIC_PART}, int{VELCLIENT_BUFINFO_QUEUENAME_PART}, _VELCLIENT_BUFINFO_DEST_PREFIX_PART})
+            _velClient_msg_setBufinfoPtr(msg, part, nullptr, 0);
+        return VELCLIENT_OK;
+    }
+    const char *text = dest_p->dest;
+    if (text == nullptr)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
+                        "Null dest pointer in velClient_msg_setDestination");
+    if (text[0] == '\0')
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
+                        "Empty string dest pointer in velClient_msg_setDestination");
+    if (startsWith(text, kTempQueuePrefix)) {
+        /* A temporary-queue name overrides the type the caller gave (and tells the caller). */
+        const_cast<velClient_destination_t *>(dest_p)->destType = VELCLIENT_QUEUE_TEMP_DESTINATION;
+        return setTempQueue(msg, text);
+    }
+    switch (dest_p->destType) {
+    case VELCLIENT_TOPIC_DESTINATION:
+    case VELCLIENT_TOPIC_TEMP_DESTINATION: return setTopic(msg, text, dest_p->destType);
+    case VELCLIENT_QUEUE_TEMP_DESTINATION: return setTempQueue(msg, text);
+    case VELCLIENT_QUEUE_DESTINATION: return setQueue(msg, text);
+    default:
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
+                        "Unsupported destination type of %d in velClient_msg_setDestination",
+                        static_cast<int>(dest_p->destType));
+    }
+}
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getDestination(velClient_opaqueMsg_pt msg_p,
+                                                                            velClient_destination_t *dest_p,
+                                                                            size_t destSize)
+{
+    _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer (%p) in velClient_msg_getDestination");
+    if (msg == nullptr)
+        return VELCLIENT_FAIL;
+    if (dest_p == nullptr)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
+                        "Null dest_p pointer in velClient_msg_getDestination");
+    if (destSize != sizeof(velClient_destination_t))
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
+                        "Unsupported destination structure size (received %d, expected %d) in "
+                        "velClient_msg_getDestination",
+                        static_cast<int>(destSize), static_cast<int>(sizeof(velClient_destination_t)));
+    if (const char *topic = partText(msg, VELCLIENT_BUFINFO_TOPIC_PART)) {
+        if (startsWith(topic, kTempTopicPrefix))
+            *dest_p = {VELCLIENT_TOPIC_TEMP_DESTINATION, topic};
+        else if (startsWith(topic, kQueuePrefix))
+            *dest_p = {VELCLIENT_QUEUE_DESTINATION, topic + sizeof kQueuePrefix - 1};
+        else if (startsWith(topic, kTempQueuePrefix))
+            *dest_p = {VELCLIENT_QUEUE_TEMP_DESTINATION, topic};
+        else
+            *dest_p = {VELCLIENT_TOPIC_DESTINATION, topic};
+        return VELCLIENT_OK;
+    }
+    if (const char *queue = partText(msg, VELCLIENT_BUFINFO_QUEUENAME_PART)) {
+        *dest_p = {startsWith(queue, kTempQueuePrefix) ? VELCLIENT_QUEUE_TEMP_DESTINATION : VELCLIENT_QUEUE_DESTINATION,
+                   queue};
+        return VELCLIENT_OK;
+    }
+    return VELCLIENT_NOT_FOUND;
+}
