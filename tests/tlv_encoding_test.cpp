@@ -1,0 +1,252 @@
+/* The bytes every add writes, the name rules, and the refusals of the adds. */
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "support/velTestSupport.h"
+
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+/* A container in application memory whose fields are read back as bytes. */
+struct Mem {
+    std::vector<char> mem;
+    velClient_opaqueContainer_pt h = nullptr;
+    explicit Mem(bool map = true, std::size_t size = 512) : mem(size)
+    {
+        EXPECT_EQ(VELCLIENT_OK, map ? velClient_container_createMap(&h, mem.data(), size)
+                                    : velClient_container_createStream(&h, mem.data(), size));
+    }
+    ~Mem()
+    {
+        if (h != nullptr)
+            velClient_container_closeMapStream(&h);
+    }
+    /* The fields written so far (without the 5-byte header). */
+    Bytes fields() const
+    {
+        size_t size = 0;
+        EXPECT_EQ(VELCLIENT_OK, velClient_container_getSize(h, &size));
+        return Bytes(mem.begin() + 5, mem.begin() + static_cast<std::ptrdiff_t>(size));
+    }
+};
+
+Bytes cat(Bytes a, const Bytes &b)
+{
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+const Bytes kNameX = {0x1C, 0x04, 'x', 0x00};
+
+} // namespace
+
+TEST(FieldEncoding, ScalarsInAStream)
+{
+    Mem s(false);
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addNull(s.h, nullptr));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addBoolean(s.h, 5, nullptr));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addBoolean(s.h, 0, nullptr));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(s.h, -2, nullptr));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addUint16(s.h, 0x1234, nullptr));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addFloat(s.h, 1.0f, nullptr));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addChar(s.h, 'A', nullptr));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addWchar(s.h, 0x10041, nullptr));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addString(s.h, "ab", nullptr));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt8(s.h, -1, nullptr));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addUint64(s.h, 0x0102030405060708ull, nullptr));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addDouble(s.h, -2.0, nullptr));
+    Bytes expected = {0x00, 0x02,                                     /* null */
+                      0x04, 0x03, 0x01,                               /* true from 5 */
+                      0x04, 0x03, 0x00,                               /* false */
+                      0x08, 0x06, 0xFF, 0xFF, 0xFF, 0xFE,             /* int32 -2 */
+                      0x0C, 0x04, 0x12, 0x34,                         /* uint16 */
+                      0x10, 0x06, 0x3F, 0x80, 0x00, 0x00,             /* float 1.0 */
+                      0x14, 0x04, 0x00, 0x41,                         /* char 'A' */
+                      0x14, 0x04, 0x00, 0x41,                         /* wchar keeps 16 bits */
+                      0x1C, 0x05, 'a',  'b',  0x00,                   /* "ab" */
+                      0x08, 0x03, 0xFF,                               /* int8 -1 */
+                      0x0C, 0x0A, 1, 2, 3, 4, 5, 6, 7, 8,             /* uint64 */
+                      0x10, 0x0A, 0xC0, 0, 0, 0, 0, 0, 0, 0};         /* double -2.0 */
+    EXPECT_EQ(expected, s.fields());
+}
+
+TEST(FieldEncoding, MapEntriesCarryTheirNameField)
+{
+    Mem m;
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(m.h, 1, "x"));
+    EXPECT_EQ(cat(kNameX, {0x08, 0x06, 0, 0, 0, 1}), m.fields());
+    /* The documented one-entry map, header included. */
+    Mem one;
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addUint8(one.h, 7, "a"));
+    void *p = nullptr;
+    velClient_uint32_t size = 0;
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_getContainerPtr(one.h, &p, &size));
+    Bytes whole(static_cast<std::uint8_t *>(p), static_cast<std::uint8_t *>(p) + size);
+    EXPECT_EQ((Bytes{0x2B, 0, 0, 0, 0x0C, 0x1C, 0x04, 'a', 0x00, 0x0C, 0x03, 0x07}), whole);
+}
+
+TEST(FieldEncoding, VariableFieldsTakeTheSmallestLengthWidth)
+{
+    Mem s(false, 70000);
+    std::string s252(252, 'a'), s253(253, 'b');
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addString(s.h, s252.c_str(), nullptr));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addString(s.h, s253.c_str(), nullptr));
+    std::vector<std::uint8_t> big(65533, 0x5A);
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addByteArray(s.h, big.data(), 65532, nullptr));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addByteArray(s.h, big.data(), 0, nullptr));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addVwf(s.h, big.data(), 0, nullptr));
+    Bytes f = s.fields();
+    EXPECT_EQ((Bytes{0x1C, 0xFF}), Bytes(f.begin(), f.begin() + 2));        /* 253 bytes + 2 = 255 */
+    std::size_t at = 255;
+    EXPECT_EQ((Bytes{0x1D, 0x01, 0x01}), Bytes(f.begin() + at, f.begin() + at + 3)); /* 254 + 3 = 257 */
+    at += 257;
+    EXPECT_EQ((Bytes{0x19, 0xFF, 0xFF}), Bytes(f.begin() + at, f.begin() + at + 3)); /* 65532 + 3 */
+    at += 65535;
+    EXPECT_EQ((Bytes{0x18, 0x02, 0x24, 0x02}), Bytes(f.begin() + at, f.end()));
+}
+
+TEST(FieldEncoding, Destinations)
+{
+    Mem s(false);
+    velClient_destination_t queue{VELCLIENT_QUEUE_DESTINATION, "q1"};
+    velClient_destination_t tempTopic{VELCLIENT_TOPIC_TEMP_DESTINATION, "t"};
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addDestination(s.h, &queue, sizeof queue, nullptr));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addDestination(s.h, &tempTopic, sizeof tempTopic, nullptr));
+    EXPECT_EQ((Bytes{0x20, 0x06, 0x01, 'q', '1', 0x00, 0x20, 0x05, 0x00, 't', 0x00}), s.fields());
+
+    std::string n249(249, 'd'), n250(250, 'd');
+    velClient_destination_t ok{VELCLIENT_TOPIC_DESTINATION, n249.c_str()};
+    velClient_destination_t tooLong{VELCLIENT_TOPIC_DESTINATION, n250.c_str()};
+    EXPECT_EQ(VELCLIENT_OK, velClient_container_addDestination(s.h, &ok, sizeof ok, nullptr));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addDestination(s.h, &tooLong, sizeof tooLong, nullptr));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, "Attempt to add destination field in excess of 65K bytes");
+}
+
+TEST(FieldEncoding, DestinationChecksComeInOrder)
+{
+    Mem s(false);
+    velClient_destination_t bad{static_cast<velClient_destinationType_t>(7), "x"};
+    velClient_destination_t noName{VELCLIENT_QUEUE_DESTINATION, nullptr};
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addDestination(s.h, nullptr, 0, nullptr));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+                      "Null velClient_destination_t pointer in velClient_container_addDestination");
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addDestination(s.h, &bad, 4, nullptr));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
+                      veltest::format("Unsupported destination structure size (received %d, expected %d) in "
+                                      "velClient_container_addDestination",
+                                      4, static_cast<int>(sizeof(velClient_destination_t))));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addDestination(s.h, &bad, sizeof bad, nullptr));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, "Bad destType value of 7 in velClient_container_addDestination");
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addDestination(s.h, &noName, sizeof noName, nullptr));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null dest pointer in velClient_container_addDestination");
+    EXPECT_TRUE(s.fields().empty());
+}
+
+TEST(FieldEncoding, NameRules)
+{
+    Mem m, s(false);
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addInt32(m.h, 1, nullptr));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Attempt to add unnamed field to a map");
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addInt32(m.h, 1, ""));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Attempt to add unnamed field to a map");
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addInt32(s.h, 1, ""));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, "Attempt to add named field to a stream");
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addNull(nullptr, "x"));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+                      veltest::format("Bad container pointer (%p) in velClient_container_paramCheck", nullptr));
+    EXPECT_TRUE(m.fields().empty());
+    EXPECT_TRUE(s.fields().empty());
+}
+
+TEST(FieldEncoding, CharAndNullPointerRefusals)
+{
+    Mem m;
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addChar(m.h, static_cast<char>(0x80), "c"));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
+                      "Non Ascii characters may not be sent in velClient_container_addChar");
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addString(m.h, nullptr, "s"));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null value pointer in velClient_container_addString");
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addByteArray(m.h, nullptr, 0, "b"));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null byte array pointer in velClient_container_addByteArray");
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addVwf(m.h, nullptr, 3, "v"));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null VWF pointer in velClient_container_addVwf");
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addChar(m.h, 'z', "x"));
+    EXPECT_EQ(cat(kNameX, {0x14, 0x04, 0x00, 0x7A}), m.fields());
+}
+
+TEST(FieldEncoding, UnknownFieldsPassThroughVerbatim)
+{
+    Mem s(false);
+    const std::uint8_t field[] = {0x05, 0x00, 0x04, 0x01, 0xEE};
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addUnknownField(s.h, field, 4, nullptr));
+    EXPECT_EQ((Bytes{0x05, 0x00, 0x04, 0x01}), s.fields());
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addUnknownField(s.h, field, 5, nullptr));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
+                      "Bad Format field in velClient_container_addUnknownField, encoded length (4) does not match field "
+                      "length (5)");
+    /* A length too short for the field's own header is refused without reading past it. */
+    auto *two = new std::uint8_t[2]{0x07, 0x00};
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addUnknownField(s.h, two, 2, nullptr));
+    EXPECT_EQ(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, veltest::lastSubCode());
+    delete[] two;
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addUnknownField(s.h, field, 0, nullptr));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+                      "Null or empty field pointer in velClient_container_addUnknownField");
+}
+
+TEST(FieldEncoding, AFullApplicationContainerRefusesAndKeepsItsBytes)
+{
+    Mem tiny(true, 5);
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addNull(tiny.h, "a"));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_INSUFFICIENT_SPACE, "Unable to add more structured data to container memory");
+    Mem small(true, 20);
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(small.h, 1, "x")); /* 15 of 20 bytes used */
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addInt32(small.h, 2, "y"));
+    EXPECT_EQ(cat(kNameX, {0x08, 0x06, 0, 0, 0, 1}), small.fields());
+    std::vector<char> four(4);
+    velClient_opaqueContainer_pt h = nullptr;
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_createMap(&h, four.data(), four.size()));
+    EXPECT_EQ(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, veltest::lastSubCode());
+    EXPECT_EQ(std::vector<char>(4), four);
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_createMap(&h, nullptr, 10));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null memory pointer in velClient_container_createContainer");
+}
+
+TEST(FieldEncoding, AddContainerCopiesTheFinalisedBytesAndRefusesRelatives)
+{
+    Mem outer, inner(false, 64);
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addUint8(inner.h, 9, nullptr));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addContainer(outer.h, inner.h, "x"));
+    EXPECT_EQ(cat(kNameX, {0x2F, 0, 0, 0, 8, 0x0C, 0x03, 0x09}), outer.fields());
+    /* The source stays open and independent. */
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addUint8(inner.h, 10, nullptr));
+    EXPECT_EQ(cat(kNameX, {0x2F, 0, 0, 0, 8, 0x0C, 0x03, 0x09}), outer.fields());
+
+    velClient_opaqueContainer_pt child = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_openSubMap(outer.h, &child, "c"));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addContainer(outer.h, outer.h, "self"));
+    EXPECT_EQ(VELCLIENT_SUBCODE_PARAM_CONFLICT, veltest::lastSubCode());
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addContainer(child, outer.h, "parent"));
+    EXPECT_EQ(VELCLIENT_SUBCODE_PARAM_CONFLICT, veltest::lastSubCode());
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addContainer(outer.h, nullptr, "n"));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+                      veltest::format("Bad subcontainer pointer (%p) in velClient_container_closeMapStream", nullptr));
+}
+
+TEST(FieldEncoding, DeleteRemovesEveryEntryOfTheName)
+{
+    Mem m;
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(m.h, 1, "x"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addUint8(m.h, 2, "y"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(m.h, 3, "x"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_deleteField(m.h, "x"));
+    EXPECT_EQ((Bytes{0x1C, 0x04, 'y', 0x00, 0x0C, 0x03, 0x02}), m.fields());
+    EXPECT_EQ(VELCLIENT_OK, velClient_container_deleteField(m.h, "absent"));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_deleteField(m.h, ""));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null or Empty Name pointer in velClient_container_deleteField");
+    Mem s(false);
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_deleteField(s.h, "x"));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, "velClient_container_deleteField called on a Stream");
+}
