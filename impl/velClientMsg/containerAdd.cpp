@@ -244,7 +244,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_addDestinati
                         "Unsupported destination structure size (received %d, expected %d) in "
                         "velClient_container_addDestination",
                         static_cast<int>(destSize), static_cast<int>(sizeof(velClient_destination_t)));
-    velClient_destinationType_t type = value->destType;
+    std::int64_t type = vel::enumValue(value->destType);
     if (type < VELCLIENT_TOPIC_DESTINATION || type > VELCLIENT_QUEUE_TEMP_DESTINATION)
         return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
                         "Bad destType value of %d in velClient_container_addDestination", static_cast<int>(type));

@@ -203,7 +203,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_extractDatablock(v
     _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer (%p) in velClient_msg_extractDatablock");
     if (msg == nullptr)
         return VELCLIENT_FAIL;
-    int index = static_cast<int>(bufIndex);
+    auto index = static_cast<int>(vel::enumValue(bufIndex));
     if (index < 0 || index >= _VELCLIENT_BUFINFO_NUM_PARTS)
         return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
                         "Invalid bufInfo part in velClient_msg_extractDatablock");

@@ -123,7 +123,8 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setDestination(vel
                         "Unsupported destination structure size (received %d, expected %d) in "
                         "velClient_msg_setDestination",
                         static_cast<int>(destSize), static_cast<int>(sizeof(velClient_destination_t)));
-    if (dest_p->destType == VELCLIENT_NULL_DESTINATION) {
+    std::int64_t type = vel::enumValue(dest_p->destType);
+    if (type == VELCLIENT_NULL_DESTINATION) {
         if (dest_p->dest != nullptr)
             return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
                             "Non-null dest pointer with VELCLIENT_NULL_DESTINATION type in velClient_msg_setDestination");
@@ -143,15 +144,14 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setDestination(vel
         const_cast<velClient_destination_t *>(dest_p)->destType = VELCLIENT_QUEUE_TEMP_DESTINATION;
         return setTempQueue(msg, text);
     }
-    switch (dest_p->destType) {
+    switch (type) {
     case VELCLIENT_TOPIC_DESTINATION:
-    case VELCLIENT_TOPIC_TEMP_DESTINATION: return setTopic(msg, text, dest_p->destType);
+    case VELCLIENT_TOPIC_TEMP_DESTINATION: return setTopic(msg, text, static_cast<int>(type));
     case VELCLIENT_QUEUE_TEMP_DESTINATION: return setTempQueue(msg, text);
     case VELCLIENT_QUEUE_DESTINATION: return setQueue(msg, text);
     default:
         return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Unsupported destination type of %d in velClient_msg_setDestination",
-                        static_cast<int>(dest_p->destType));
+                        "Unsupported destination type of %d in velClient_msg_setDestination", static_cast<int>(type));
     }
 }
 

@@ -136,14 +136,15 @@ void _velClient_destination_dump(const velClient_destination_t *dest_p, char *bu
 {
     Out o{buffer_p, bufferSize, sizeLeft_p};
     const char *name = dest_p->dest != nullptr ? dest_p->dest : "";
-    switch (dest_p->destType) {
+    std::int64_t type = vel::enumValue(dest_p->destType);
+    switch (type) {
     case VELCLIENT_NULL_DESTINATION: _velClient_dump(VEL_OUT(o), 0, "Null destination"); return;
     case VELCLIENT_TOPIC_DESTINATION: _velClient_dump(VEL_OUT(o), 0, "Topic '%s'", name); return;
     case VELCLIENT_QUEUE_DESTINATION: _velClient_dump(VEL_OUT(o), 0, "Queue '%s'", name); return;
     case VELCLIENT_TOPIC_TEMP_DESTINATION: _velClient_dump(VEL_OUT(o), 0, "Temp topic '%s'", name); return;
     case VELCLIENT_QUEUE_TEMP_DESTINATION: _velClient_dump(VEL_OUT(o), 0, "Temp queue '%s'", name); return;
     }
-    _velClient_dump(VEL_OUT(o), 0, "Unknown type (%d) '%s'", static_cast<int>(dest_p->destType), name);
+    _velClient_dump(VEL_OUT(o), 0, "Unknown type (%d) '%s'", static_cast<int>(type), name);
 }
 
 void _velClient_consumerId_dump(velClient_opaqueMsg_pt msg_p, std::uint32_t count, char *buffer_p,
@@ -169,7 +170,7 @@ void _velClient_field_dump(const velClient_field_t *f, char *buffer_p, std::size
 {
     Out o{buffer_p, bufferSize, sizeLeft_p};
     const auto &v = f->value;
-    switch (f->type) {
+    switch (vel::enumValue(f->type)) {
     case VELCLIENT_BOOL: _velClient_dump(VEL_OUT(o), indent, "(BOOL) %s", v.boolean ? "TRUE" : "FALSE"); return;
     case VELCLIENT_UINT8: _velClient_dump(VEL_OUT(o), indent, "(UINT8) %u", v.uint8); return;
     case VELCLIENT_INT8: _velClient_dump(VEL_OUT(o), indent, "(INT8) %d", v.int8); return;
@@ -213,7 +214,7 @@ void _velClient_field_dump(const velClient_field_t *f, char *buffer_p, std::size
         _velClient_hex_dump(v.unknownField, f->length, VEL_OUT(o), subIndent + 2, false);
         return;
     }
-    _velClient_dump(VEL_OUT(o), indent, "(unknown type %d) len=%u", static_cast<int>(f->type), f->length);
+    _velClient_dump(VEL_OUT(o), indent, "(unknown type %d) len=%u", static_cast<int>(vel::enumValue(f->type)), f->length);
 }
 
 void _velClient_container_dump(velClient_opaqueContainer_pt opaqueCont_p, char *buffer_p, std::size_t bufferSize,

@@ -216,9 +216,10 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getStat(velClient_
     if (statValue_p == nullptr)
         return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
                         "Null statValue_p in velClient_msg_getStat");
-    if (static_cast<std::uint32_t>(msgStatType) > VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS)
+    std::int64_t type = vel::enumValue(msgStatType);
+    if (type < 0 || type > VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS)
         return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Invalid statistic type of %d in velClient_msg_getStat", static_cast<int>(msgStatType));
+                        "Invalid statistic type of %d in velClient_msg_getStat", static_cast<int>(type));
     std::uint32_t maxIndex = maxStatIndex(msgStatType);
     if (statIndex > maxIndex)
         return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,

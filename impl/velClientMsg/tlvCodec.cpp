@@ -4,6 +4,7 @@
  * with every length checked against the end of the enclosing bytes.
  */
 #include "velClientMsg/tlvCodec.h"
+#include "velClientMsg/velClientMsgPrivate.h"
 
 #include <cstring>
 
@@ -99,10 +100,10 @@ std::int64_t decodeDestination(const std::uint8_t *v, std::uint32_t n, std::uint
     if (!isCString(v + 1, n - 1))
         return kBad;
     const char *name = reinterpret_cast<const char *>(v + 1);
-    auto type = static_cast<velClient_destinationType_t>(v[0]);
-    if (std::strncmp(name, "#P2P/QTMP/", 10) == 0)
-        type = VELCLIENT_QUEUE_TEMP_DESTINATION;
-    f->value.dest = velClient_destination_t{type, name};
+    std::int64_t type = std::strncmp(name, "#P2P/QTMP/", 10) == 0 ? std::int64_t{VELCLIENT_QUEUE_TEMP_DESTINATION} : std::int64_t{v[0]};
+    f->value.dest.dest = name;
+    /* The kind byte is taken as it stands, even when it names no known type. */
+    vel::setEnumValue(f->value.dest.destType, type);
     return len;
 }
 

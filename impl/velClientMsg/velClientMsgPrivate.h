@@ -9,6 +9,8 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <type_traits>
 
 #include "velClientHandle/velClientHandle.h"
 #include "velClientLifo/velClientLifo.h"
@@ -260,6 +262,24 @@ velClient_returnCode_t _velClient_container_getFieldAndTypeByName(_velClient_con
 /* Handle resolution: the one place a bad handle is recorded            */
 /* ==================================================================== */
 namespace vel {
+
+/* The number an application passed in an enumeration, read without assuming
+ * it is one of the enumerators (hostile input may hold anything). */
+template <typename E>
+inline std::int64_t enumValue(const E &e) noexcept
+{
+    std::underlying_type_t<E> v;
+    std::memcpy(&v, &e, sizeof v);
+    return static_cast<std::int64_t>(v);
+}
+
+/* Stores any number into an enumeration without an out-of-range conversion. */
+template <typename E>
+inline void setEnumValue(E &e, std::int64_t value) noexcept
+{
+    auto v = static_cast<std::underlying_type_t<E>>(value);
+    std::memcpy(&e, &v, sizeof v);
+}
 
 inline _velClient_msg *msgOf(velClient_opaqueMsg_pt handle) noexcept
 {

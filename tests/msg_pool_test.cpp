@@ -1,0 +1,310 @@
+/* Data blocks, the message pool, its limit and statistics, and the message
+ * life cycle (alloc, free, reset, dup). Library state is process-wide, so
+ * counters are compared as differences and defaults are restored. */
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "support/velTestSupport.h"
+
+namespace {
+
+constexpr velClient_uint64_t kDefaultLimit = 64ull * 1024 * 1024;
+
+/* Small, easily told apart size classes for the duration of a test. */
+class SmallClasses : public ::testing::Test {
+  protected:
+    void SetUp() override
+    {
+        const char *props[] = {"GLOBAL_DBQUANTASIZE_0", "100", "GLOBAL_DBQUANTASIZE_1", "200",
+                               "GLOBAL_DBQUANTASIZE_2", "300", "GLOBAL_DBQUANTASIZE_3", "400",
+                               "GLOBAL_DBQUANTASIZE_4", "500", nullptr};
+        ASSERT_EQ(VELCLIENT_OK, velClient_initialize(VELCLIENT_LOG_EMERGENCY, props));
+    }
+    void TearDown() override
+    {
+        velClient_msg_setMaxPoolMem(kDefaultLimit);
+        velClient_initialize(VELCLIENT_LOG_EMERGENCY, nullptr);
+    }
+};
+
+velClient_opaqueDatablock_pt block(velClient_uint32_t size)
+{
+    velClient_opaqueDatablock_pt b = nullptr;
+    EXPECT_EQ(VELCLIENT_OK, velClient_datablock_alloc(&b, size));
+    return b;
+}
+
+velClient_uint32_t capacityOf(velClient_opaqueDatablock_pt b)
+{
+    void *p = nullptr;
+    velClient_uint32_t size = 0;
+    EXPECT_EQ(VELCLIENT_OK, velClient_datablock_getDataPtr(b, &p, &size));
+    return size;
+}
+
+velClient_uint64_t live(velClient_uint32_t q)
+{
+    return veltest::stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, q);
+}
+
+} // namespace
+
+TEST_F(SmallClasses, ABlockTakesTheFirstClassThatHoldsIt)
+{
+    struct Case {
+        velClient_uint32_t request, capacity, cls;
+    } cases[] = {{0, 100, 0}, {100, 100, 0}, {101, 200, 1}, {500, 500, 4}, {501, 501, 5}};
+    for (const Case &c : cases) {
+        velClient_uint64_t before = live(c.cls);
+        velClient_opaqueDatablock_pt b = block(c.request);
+        EXPECT_EQ(c.capacity, capacityOf(b)) << c.request;
+        EXPECT_EQ(before + 1, live(c.cls)) << c.request;
+        EXPECT_EQ(VELCLIENT_OK, velClient_datablock_free(&b));
+        EXPECT_EQ(nullptr, b);
+        EXPECT_EQ(before, live(c.cls));
+    }
+}
+
+TEST_F(SmallClasses, ReleasedBlocksArePooledExceptOversizeOnes)
+{
+    velClient_uint64_t pooled = veltest::stat(VELCLIENT_MSG_STATS_FREE_DATA_BLOCKS, 2);
+    velClient_opaqueDatablock_pt b = block(250);
+    velClient_uint64_t total = veltest::stat(VELCLIENT_MSG_STATS_TOTAL_MEMORY);
+    velClient_datablock_free(&b);
+    EXPECT_EQ(pooled + 1, veltest::stat(VELCLIENT_MSG_STATS_FREE_DATA_BLOCKS, 2));
+    EXPECT_EQ(total, veltest::stat(VELCLIENT_MSG_STATS_TOTAL_MEMORY)); /* pooled memory stays counted */
+    velClient_opaqueDatablock_pt big = block(1000);
+    velClient_uint64_t withBig = veltest::stat(VELCLIENT_MSG_STATS_TOTAL_MEMORY);
+    velClient_datablock_free(&big);
+    EXPECT_GE(withBig - veltest::stat(VELCLIENT_MSG_STATS_TOTAL_MEMORY), 1000u); /* oversize: back to the system */
+}
+
+TEST_F(SmallClasses, AtTheLimitReleasedBlocksGoBackToTheSystem)
+{
+    velClient_msg_setMaxPoolMem(0);
+    velClient_uint64_t pooled = veltest::stat(VELCLIENT_MSG_STATS_FREE_DATA_BLOCKS, 0);
+    velClient_opaqueDatablock_pt b = block(10);
+    velClient_uint64_t total = veltest::stat(VELCLIENT_MSG_STATS_TOTAL_MEMORY);
+    velClient_datablock_free(&b);
+    EXPECT_EQ(pooled, veltest::stat(VELCLIENT_MSG_STATS_FREE_DATA_BLOCKS, 0));
+    /* Capacity plus the block's header. */
+    EXPECT_GT(total - veltest::stat(VELCLIENT_MSG_STATS_TOTAL_MEMORY), 100u);
+    velClient_opaqueMsg_pt m = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_alloc(&m));
+    velClient_uint64_t freeMsgs = veltest::stat(VELCLIENT_MSG_STATS_FREE_MSGS);
+    velClient_msg_free(&m);
+    EXPECT_EQ(freeMsgs, veltest::stat(VELCLIENT_MSG_STATS_FREE_MSGS));
+}
+
+TEST_F(SmallClasses, LoweringTheLimitToZeroEmptiesTheFreeLists)
+{
+    std::vector<velClient_opaqueDatablock_pt> blocks;
+    for (velClient_uint32_t size : {50u, 150u, 250u, 350u, 450u})
+        blocks.push_back(block(size));
+    velClient_opaqueMsg_pt m = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_alloc(&m));
+    for (auto &b : blocks)
+        velClient_datablock_free(&b);
+    velClient_msg_free(&m);
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setMaxPoolMem(0));
+    for (velClient_uint32_t q = 0; q < 5; ++q)
+        EXPECT_EQ(0u, veltest::stat(VELCLIENT_MSG_STATS_FREE_DATA_BLOCKS, q));
+    EXPECT_EQ(0u, veltest::stat(VELCLIENT_MSG_STATS_FREE_MSGS));
+    EXPECT_EQ(0u, veltest::stat(VELCLIENT_MSG_STATS_FREE_CONTAINERS));
+}
+
+TEST(DataBlocks, PublicCallsAndTheirRefusals)
+{
+    velClient_opaqueDatablock_pt b = block(10);
+    EXPECT_EQ(VELCLIENT_OK, velClient_datablock_dup(b));
+    velClient_opaqueDatablock_pt second = b;
+    EXPECT_EQ(VELCLIENT_OK, velClient_datablock_free(&second)); /* one holder left */
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_datablock_getDataPtr(b, nullptr, nullptr));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_datablock_getDataPtr(nullptr, nullptr, nullptr));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+                      veltest::format("Bad datablock pointer (%p) in velClient_datablock_getDataPtr", nullptr));
+    velClient_opaqueDatablock_pt copy = b;
+    EXPECT_EQ(VELCLIENT_OK, velClient_datablock_free(&b));
+    /* The count is now 0: freeing again is refused and the variable kept. */
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_datablock_free(&copy));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, "Datablock pointer in velClient_datablock_free already free");
+    EXPECT_NE(nullptr, copy);
+
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_datablock_alloc(nullptr, 1));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null reference to datab_p pointer in velClient_datablock_alloc");
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_datablock_free(nullptr));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null reference to datab_p pointer in velClient_datablock_free");
+    velClient_opaqueDatablock_pt none = nullptr;
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_datablock_free(&none));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+                      veltest::format("Bad datablock pointer (%p) in velClient_datablock_free", static_cast<void *>(&none)));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_datablock_dup(nullptr));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+                      veltest::format("Bad datablock pointer (%p) in velClient_datablock_incRef", nullptr));
+}
+
+TEST(DataBlocks, ExtractHandsTheMessagesReferenceOver)
+{
+    velClient_opaqueMsg_pt m = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_alloc(&m));
+    velClient_opaqueDatablock_pt b = reinterpret_cast<velClient_opaqueDatablock_pt>(1);
+    velClient_bufInfo_t info{reinterpret_cast<void *>(1), 7};
+    EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_extractDatablock(m, VELCLIENT_BUFINFO_USER_DATA_PART, &b, &info));
+    EXPECT_EQ(nullptr, b);
+    EXPECT_EQ(nullptr, info.buf_p);
+    EXPECT_EQ(0u, info.bufSize);
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setUserData(m, "hello", 5));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_extractDatablock(m, VELCLIENT_BUFINFO_USER_DATA_PART, &b, &info));
+    EXPECT_EQ(5u, info.bufSize);
+    EXPECT_EQ(0, std::memcmp(info.buf_p, "hello", 5));
+    void *p = nullptr;
+    velClient_uint32_t len = 0;
+    EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getUserDataPtr(m, &p, &len));
+    velClient_msg_free(&m);
+    /* The block outlives the message: its capacity may exceed the part's length. */
+    EXPECT_GE(capacityOf(b), 5u);
+    EXPECT_EQ(0, std::memcmp(info.buf_p, "hello", 5));
+    EXPECT_EQ(VELCLIENT_OK, velClient_datablock_free(&b));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_extractDatablock(m, VELCLIENT_BUFINFO_USER_DATA_PART, &b, &info));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+                      veltest::format("Bad msg_p pointer (%p) in velClient_msg_extractDatablock", nullptr));
+}
+
+TEST(MessagePool, StatisticsRefuseBadTypesAndIndexes)
+{
+    velClient_uint64_t v = 0;
+    EXPECT_EQ(VELCLIENT_OK, velClient_msg_getStat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, 5, &v));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getStat(VELCLIENT_MSG_STATS_FREE_DATA_BLOCKS, 5, &v));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
+                      "Index of 5 out of range of max index value of 4 for statistic type 10 in velClient_msg_getStat");
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getStat(VELCLIENT_MSG_STATS_MSG_ALLOCS, 1, &v));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
+                      "Index of 1 out of range of max index value of 0 for statistic type 2 in velClient_msg_getStat");
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getStat(static_cast<velClient_msg_stats_t>(12), 0, &v));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, "Invalid statistic type of 12 in velClient_msg_getStat");
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getStat(VELCLIENT_MSG_STATS_MSG_ALLOCS, 0, nullptr));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null statValue_p in velClient_msg_getStat");
+}
+
+TEST(MessagePool, TheOlderStatisticsLayoutMirrorsTheCounters)
+{
+    velClient_opaqueMsg_pt m = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_alloc(&m));
+    _velClient_R43_msgPoolStats_pt legacy = velClient_msg_getMsgPoolStats();
+    legacy->numAllocDataB[5] = 0xABCD; /* never written by the library */
+    legacy = velClient_msg_getMsgPoolStats();
+    EXPECT_EQ(veltest::stat(VELCLIENT_MSG_STATS_ALLOC_MSGS), legacy->numAllocMsg);
+    EXPECT_EQ(veltest::stat(VELCLIENT_MSG_STATS_MSG_ALLOCS), legacy->msgAllocs);
+    EXPECT_EQ(veltest::stat(VELCLIENT_MSG_STATS_TOTAL_MEMORY), legacy->totMemory);
+    EXPECT_EQ(veltest::stat(VELCLIENT_MSG_STATS_ALLOC_CONTAINERS), legacy->numContainers);
+    EXPECT_EQ(0xABCDu, legacy->numAllocDataB[5]);
+    velClient_msg_free(&m);
+}
+
+TEST(MessagePool, ResetKeepsTheHandleAndTheTopicSequenceNumberOnly)
+{
+    std::uint8_t frame[] = {1, 13, 0x00, 0x10, 0x00, 0x02, 0, 0, 0, 25, 0, 0, /* flags: topic seq, cos 2 */
+                            0x02, 0, 0, 0, 8, 0, 0, 0, 0, 0, 0, 0, 42};
+    velClient_bufInfo_t info{frame, sizeof frame};
+    velClient_opaqueMsg_pt m = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_decodeFromVwf(&info, &m));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setTimeToLive(m, 9));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setUserData(m, "x", 1));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_reset(m));
+    velClient_int64_t v = -1;
+    EXPECT_EQ(VELCLIENT_OK, velClient_msg_getTimeToLive(m, &v));
+    EXPECT_EQ(0, v);
+    velClient_uint32_t cos = 9;
+    EXPECT_EQ(VELCLIENT_OK, velClient_msg_getClassOfService(m, &cos));
+    EXPECT_EQ(0u, cos);
+    void *p = nullptr;
+    velClient_uint32_t len = 0;
+    EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getUserDataPtr(m, &p, &len));
+    EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getTopicSequenceNumber(m, &v));
+    EXPECT_EQ(VELCLIENT_OK, velClient_msg_setTopicPtr(m, "still/valid"));
+    EXPECT_EQ(VELCLIENT_OK, velClient_msg_free(&m));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_reset(m));
+}
+
+TEST(MessagePool, DuplicatesShareAndOutliveEachOther)
+{
+    velClient_opaqueMsg_pt a = nullptr, b = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_alloc(&a));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setUserData(a, "shared", 6));
+    char xml[] = "<x/>";
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setXmlPtr(a, xml, 4));
+    velClient_uint64_t dups = veltest::stat(VELCLIENT_MSG_STATS_MSG_DUPS);
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_dup(a, &b));
+    EXPECT_EQ(dups + 1, veltest::stat(VELCLIENT_MSG_STATS_MSG_DUPS));
+    EXPECT_NE(a, b);
+    void *pa = nullptr, *pb = nullptr;
+    velClient_uint32_t la = 0, lb = 0;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getUserDataPtr(a, &pa, &la));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getUserDataPtr(b, &pb, &lb));
+    EXPECT_EQ(pa, pb); /* shared, not copied */
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getXmlPtr(b, &pb, &lb));
+    EXPECT_EQ(static_cast<void *>(xml), pb);
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_free(&a));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getUserDataPtr(b, &pb, &lb));
+    EXPECT_EQ(std::string("shared"), std::string(static_cast<char *>(pb), lb));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_free(&b));
+}
+
+TEST(MessagePool, BadHandlesAreRefused)
+{
+    velClient_opaqueMsg_pt m = nullptr;
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_alloc(nullptr));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null reference to msg_p pointer in velClient_msg_alloc");
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_free(nullptr));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null reference to msg_p pointer in velClient_msg_free");
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_alloc(&m));
+    velClient_opaqueMsg_pt stale = m;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_free(&m));
+    EXPECT_EQ(nullptr, m);
+    velClient_opaqueMsg_pt reused = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_alloc(&reused)); /* likely the same record and table entry */
+    EXPECT_NE(stale, reused);
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_free(&stale));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, veltest::format("Bad msg_p pointer (%p) in velClient_msg_free", stale));
+    /* A container handle is not a message handle. */
+    std::vector<char> mem(16);
+    velClient_opaqueContainer_pt c = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_createMap(&c, mem.data(), mem.size()));
+    velClient_opaqueMsg_pt dup = nullptr;
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_dup(c, &dup));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, veltest::format("Bad msg_p pointer (%p) in velClient_msg_dup", c));
+    velClient_container_closeMapStream(&c);
+    velClient_msg_free(&reused);
+}
+
+namespace {
+
+std::vector<std::string> lines_s;
+void captureLine(velClient_log_callbackInfo_pt info, void *)
+{
+    lines_s.emplace_back(info->msg_p);
+}
+
+} // namespace
+
+TEST(MessagePool, CleanupReportsRecordsNeverFreed)
+{
+    velClient_opaqueMsg_pt leaked = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_alloc(&leaked));
+    velClient_log_setCallback(captureLine, nullptr);
+    velClient_log_setFilterLevel(VELCLIENT_LOG_CATEGORY_ALL, VELCLIENT_LOG_INFO);
+    lines_s.clear();
+    velClient_cleanup();
+    velClient_log_setFilterLevel(VELCLIENT_LOG_CATEGORY_ALL, VELCLIENT_LOG_EMERGENCY);
+    velClient_log_setCallback(nullptr, nullptr);
+    std::string expected = veltest::format("Currently allocated %d messages not released",
+                                           static_cast<int>(veltest::stat(VELCLIENT_MSG_STATS_ALLOC_MSGS)));
+    EXPECT_NE(std::find(lines_s.begin(), lines_s.end(), expected), lines_s.end());
+    EXPECT_EQ(0u, veltest::stat(VELCLIENT_MSG_STATS_FREE_MSGS));
+    ASSERT_EQ(VELCLIENT_OK, velClient_initialize(VELCLIENT_LOG_EMERGENCY, nullptr));
+    /* Records the application still holds stay usable after a restart. */
+    EXPECT_EQ(VELCLIENT_OK, velClient_msg_setUserData(leaked, "x", 1));
+    EXPECT_EQ(VELCLIENT_OK, velClient_msg_free(&leaked));
+}
