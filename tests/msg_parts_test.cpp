@@ -1,0 +1,278 @@
+/* Buffer parts, destinations, header properties and marks of a message. */
+#include <cstring>
+#include <string>
+
+#include "support/velTestSupport.h"
+
+namespace {
+
+struct Msg {
+    velClient_opaqueMsg_pt h = nullptr;
+    Msg() { EXPECT_EQ(VELCLIENT_OK, velClient_msg_alloc(&h)); }
+    ~Msg()
+    {
+        if (h != nullptr)
+            velClient_msg_free(&h);
+    }
+    velClient_destination_t destination(velClient_returnCode_t expected = VELCLIENT_OK) const
+    {
+        velClient_destination_t d{VELCLIENT_NULL_DESTINATION, nullptr};
+        EXPECT_EQ(expected, velClient_msg_getDestination(h, &d, sizeof d));
+        return d;
+    }
+};
+
+velClient_returnCode_t setDest(velClient_opaqueMsg_pt m, velClient_destinationType_t type, const char *text)
+{
+    velClient_destination_t d{type, text};
+    return velClient_msg_setDestination(m, &d, sizeof d);
+}
+
+} // namespace
+
+TEST(MessageParts, CopyAndReferenceSetters)
+{
+    Msg m;
+    char app[] = "by-reference";
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setUserDataPtr(m.h, app, sizeof app));
+    void *p = nullptr;
+    velClient_uint32_t len = 0;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getUserDataPtr(m.h, &p, &len));
+    EXPECT_EQ(static_cast<void *>(app), p);
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setUserData(m.h, app, sizeof app));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getUserDataPtr(m.h, &p, &len));
+    EXPECT_NE(static_cast<void *>(app), p);
+    EXPECT_EQ(0, std::memcmp(p, app, sizeof app));
+    /* Same size again: the block is reused in place. */
+    void *first = p;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setUserData(m.h, "BY-REFERENCE", sizeof app));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getUserDataPtr(m.h, &p, &len));
+    EXPECT_EQ(first, p);
+    EXPECT_EQ(VELCLIENT_OK, velClient_msg_setUserData(m.h, nullptr, 0));
+    p = &len;
+    EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getUserDataPtr(m.h, &p, &len));
+    EXPECT_EQ(static_cast<void *>(&len), p); /* outputs untouched */
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setUserData(m.h, nullptr, 5));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null buf_p pointer with non-zero size in velClient_msg_setBufinfo");
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getXmlPtr(m.h, nullptr, &len));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null bufPtr_p pointer in velClient_msg_getBufinfoPtr");
+}
+
+TEST(MessageParts, UnchangedCopyDoesNotInvalidateTheWireImage)
+{
+    Msg m;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setUserData(m.h, "abcd", 4));
+    velClient_bufInfo_t a{}, b{};
+    velClient_opaqueDatablock_pt ba = nullptr, bb = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_encodeToVWF(m.h, &a, &ba));
+    /* The same size copied in place leaves the message "unmodified": the cached image is handed out again. */
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setUserData(m.h, "wxyz", 4));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_encodeToVWF(m.h, &b, &bb));
+    EXPECT_EQ(ba, bb);
+    velClient_datablock_free(&ba);
+    velClient_datablock_free(&bb);
+}
+
+TEST(MessageParts, BadHandleTextsNameTheirFunction)
+{
+    velClient_opaqueMsg_pt bad = reinterpret_cast<velClient_opaqueMsg_pt>(0x1234);
+    char buf[4] = {};
+    void *p = nullptr;
+    velClient_uint32_t len = 0;
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setUserDataPtr(bad, buf, 4));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Bad msg_p pointer in velClient_msg_setUserDataPtr");
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setBinaryAttachment(bad, buf, 4));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Bad msg_p pointer in velClient_msg_setBinaryAttachment");
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setXml(bad, buf, 4));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, veltest::format("Bad msg_p pointer (%p) in velClient_msg_setXml", bad));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setQueueNamePtr(bad, "q"));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Bad msg_p pointer in velClient_msg_setTopicPtr");
+    velClient_consumerId_t id = 0;
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getConsumerId(bad, 0, &id));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+                      veltest::format("Bad msg_p pointer (%p) in velClient_msg_getConsumerIdCount", bad));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getCorrelationTagPtr(bad, &p, &len));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+                      veltest::format("Bad msg_p pointer (%p) in velClient_msg_getCorrelationTagPtr", bad));
+}
+
+TEST(MessageParts, TopicAndQueueNameExcludeEachOther)
+{
+    Msg m;
+    std::string t250(250, 't'), t251(251, 't');
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setTopicPtr(m.h, t250.c_str()));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setTopicPtr(m.h, t251.c_str()));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
+                      "Topic length of 251 exceeds maximum of 250 in velClient_msg_setTopicPtr");
+    EXPECT_EQ(t250, m.destination().dest);
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setQueueNamePtr(m.h, "#P2P/QUE/v:abc/q1"));
+    velClient_destination_t d = m.destination();
+    EXPECT_EQ(VELCLIENT_QUEUE_DESTINATION, d.destType);
+    EXPECT_STREQ("q1", d.dest);
+    for (const char *bad : {"#P2P/QUE/q1", "#P2P/QUE/", "#P2P/QUE/abc/"}) {
+        EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setQueueNamePtr(m.h, bad));
+        EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
+                          veltest::format("Invalid string pointer (%s) in velClient_msg_setQueueNamePtr", bad));
+    }
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setQueueNamePtr(m.h, "#P2P/QTMP/x"));
+    d = m.destination();
+    EXPECT_EQ(VELCLIENT_QUEUE_TEMP_DESTINATION, d.destType);
+    EXPECT_STREQ("#P2P/QTMP/x", d.dest);
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setTopicPtr(m.h, "back/to/topic"));
+    EXPECT_EQ(VELCLIENT_TOPIC_DESTINATION, m.destination().destType);
+}
+
+TEST(MessageParts, BinaryAttachmentString)
+{
+    Msg m;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachmentString(m.h, "hi"));
+    void *p = nullptr;
+    velClient_uint32_t len = 0;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getBinaryAttachmentPtr(m.h, &p, &len));
+    EXPECT_EQ(std::string("\x1F\x00\x00\x00\x08hi\x00", 8), std::string(static_cast<char *>(p), len));
+    const char *text = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getBinaryAttachmentString(m.h, &text));
+    EXPECT_STREQ("hi", text);
+    /* A one-byte-length string element works too; an inner NUL gives a null text. */
+    const std::uint8_t inner[] = {0x1C, 0x05, 'a', 0x00, 0x00};
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachment(m.h, inner, sizeof inner));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getBinaryAttachmentString(m.h, &text));
+    EXPECT_EQ(nullptr, text);
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachment(m.h, "plain", 5));
+    EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getBinaryAttachmentString(m.h, &text));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getBinaryAttachmentString(m.h, nullptr));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null buf pointer in velClient_msg_getBinaryAttachmentString");
+}
+
+TEST(Destinations, EveryTypeAndItsReadingBack)
+{
+    Msg m;
+    EXPECT_EQ(nullptr, m.destination(VELCLIENT_NOT_FOUND).dest);
+    ASSERT_EQ(VELCLIENT_OK, setDest(m.h, VELCLIENT_QUEUE_DESTINATION, "#P2P/QUE/abc/q1"));
+    velClient_destination_t d = m.destination();
+    EXPECT_EQ(VELCLIENT_QUEUE_DESTINATION, d.destType);
+    EXPECT_STREQ("q1", d.dest);
+    ASSERT_EQ(VELCLIENT_OK, setDest(m.h, VELCLIENT_TOPIC_DESTINATION, "#P2P/QUE/q"));
+    d = m.destination();
+    EXPECT_EQ(VELCLIENT_QUEUE_DESTINATION, d.destType); /* read back from the topic text */
+    EXPECT_STREQ("q", d.dest);
+    ASSERT_EQ(VELCLIENT_OK, setDest(m.h, VELCLIENT_TOPIC_TEMP_DESTINATION, "#P2P/TTMP/t"));
+    EXPECT_EQ(VELCLIENT_TOPIC_TEMP_DESTINATION, m.destination().destType);
+    /* A temporary-queue name overrides the caller's type and says so. */
+    velClient_destination_t override{VELCLIENT_TOPIC_DESTINATION, "#P2P/QTMP/x"};
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setDestination(m.h, &override, sizeof override));
+    EXPECT_EQ(VELCLIENT_QUEUE_TEMP_DESTINATION, override.destType);
+    /* Type 3 without the prefix reads back as a plain queue. */
+    ASSERT_EQ(VELCLIENT_OK, setDest(m.h, VELCLIENT_QUEUE_TEMP_DESTINATION, "tq"));
+    EXPECT_EQ(VELCLIENT_QUEUE_DESTINATION, m.destination().destType);
+    ASSERT_EQ(VELCLIENT_OK, setDest(m.h, VELCLIENT_NULL_DESTINATION, nullptr));
+    m.destination(VELCLIENT_NOT_FOUND);
+}
+
+TEST(Destinations, LimitsAndRefusals)
+{
+    Msg m;
+    std::string q200(200, 'q'), q201(201, 'q'), t251(251, 't');
+    EXPECT_EQ(VELCLIENT_OK, setDest(m.h, VELCLIENT_QUEUE_DESTINATION, q200.c_str()));
+    EXPECT_EQ(VELCLIENT_FAIL, setDest(m.h, VELCLIENT_QUEUE_DESTINATION, q201.c_str()));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
+                      "Destination string length of 201 exceeds maximum of 200 for destination type 1 in "
+                      "velClient_msg_setDestination");
+    EXPECT_EQ(VELCLIENT_FAIL, setDest(m.h, VELCLIENT_TOPIC_DESTINATION, t251.c_str()));
+    EXPECT_EQ(VELCLIENT_FAIL, setDest(m.h, VELCLIENT_QUEUE_DESTINATION, "#P2P/QUE/abc"));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
+                      "Invalid string dest pointer (#P2P/QUE/abc) in velClient_msg_setDestination");
+    EXPECT_EQ(VELCLIENT_FAIL, setDest(m.h, VELCLIENT_NULL_DESTINATION, "x"));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
+                      "Non-null dest pointer with VELCLIENT_NULL_DESTINATION type in velClient_msg_setDestination");
+    EXPECT_EQ(VELCLIENT_FAIL, setDest(m.h, VELCLIENT_TOPIC_DESTINATION, ""));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, "Empty string dest pointer in velClient_msg_setDestination");
+    velClient_destination_t odd{VELCLIENT_TOPIC_DESTINATION, "x"};
+    std::int32_t nine = 9;
+    std::memcpy(&odd.destType, &nine, sizeof nine);
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setDestination(m.h, &odd, sizeof odd));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
+                      "Unsupported destination type of 9 in velClient_msg_setDestination");
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setDestination(m.h, &odd, 3));
+    EXPECT_EQ(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, veltest::lastSubCode());
+    EXPECT_STREQ(q200.c_str(), m.destination().dest); /* refusals left the queue in place */
+}
+
+TEST(HeaderProperties, RangesAndReadBack)
+{
+    Msg m;
+    velClient_uint32_t v = 0;
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setClassOfService(m.h, 3));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
+                      "Invalid setting of COS flags (3) in velClient_msg_setClassOfService");
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setClassOfService(m.h, 2));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getClassOfService(m.h, &v));
+    EXPECT_EQ(2u, v);
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setDeliveryMode(m.h, 0x30));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
+                      "Invalid setting of Delivery Mode (48) in velClient_msg_setDeliveryMode ");
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setDeliveryMode(m.h, 0x20 | 0x40)); /* extra bits land in the flags */
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getDeliveryMode(m.h, &v));
+    EXPECT_EQ(0x20u, v);
+    EXPECT_EQ(1, velClient_msg_isDeliverToOne(m.h));
+    velClient_int64_t ttl = 0;
+    EXPECT_EQ(VELCLIENT_OK, velClient_msg_setTimeToLive(m.h, 315360000000LL));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setTimeToLive(m.h, 315360000001LL));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, "Invalid time to live value in velClient_msg_setTimeToLive");
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setTimeToLive(m.h, -1));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getTimeToLive(m.h, &ttl));
+    EXPECT_EQ(315360000000LL, ttl);
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getClassOfService(m.h, nullptr));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null cos_p pointer in velClient_msg_getReceivedClassOfService");
+}
+
+TEST(HeaderProperties, AFreshMessageHasNoReceivedValues)
+{
+    Msg m;
+    velClient_int64_t v = 7;
+    velClient_uint64_t u = 7;
+    velClient_msgId_t id = 7;
+    EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getTopicSequenceNumber(m.h, &v));
+    EXPECT_EQ(0, v);
+    EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getCacheRequestId(m.h, &u));
+    EXPECT_EQ(0u, u);
+    EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getMsgId(m.h, &id));
+    EXPECT_EQ(0u, id);
+    v = 7;
+    EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getRcvTimestamp(m.h, &v));
+    EXPECT_EQ(0, v);
+    EXPECT_EQ(VELCLIENT_OK, velClient_msg_getExpiration(m.h, &v));
+    EXPECT_EQ(0, v);
+    EXPECT_EQ(VELCLIENT_CACHE_LIVE_MESSAGE, velClient_msg_isCacheMsg(m.h));
+    velClient_cleanup(); /* without a started library the cache status is unknown */
+    EXPECT_EQ(VELCLIENT_CACHE_INVALID_MESSAGE, velClient_msg_isCacheMsg(m.h));
+    ASSERT_EQ(VELCLIENT_OK, velClient_initialize(VELCLIENT_LOG_EMERGENCY, nullptr));
+    EXPECT_EQ(0, velClient_msg_isRedelivered(m.h));
+}
+
+TEST(HeaderProperties, StrictAndLenientMarks)
+{
+    Msg m;
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setDMQEligible(m.h, 2));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
+                      "Invalid setting of Dead Message Queue Eligible (2) in velClient_msg_setDMQEligible ");
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setDeliverToOne(m.h, 5));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
+                      "Invalid setting of Deliver-To-One (5) in velClient_msg_setDeliveToOne ");
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setDiscardIndication(m.h, 0xFF));
+    EXPECT_EQ(0, velClient_msg_isDiscardIndication(m.h));
+    EXPECT_EQ(VELCLIENT_OK, velClient_msg_setElidingEligible(m.h, 0x80));
+    EXPECT_EQ(1, velClient_msg_isElidingEligible(m.h));
+    EXPECT_EQ(VELCLIENT_OK, velClient_msg_setAckImmediately(m.h, 3));
+    EXPECT_EQ(1, velClient_msg_isAckImmediately(m.h));
+    EXPECT_EQ(VELCLIENT_OK, velClient_msg_setAckImmediately(m.h, 0));
+    EXPECT_EQ(0, velClient_msg_isAckImmediately(m.h));
+    EXPECT_EQ(VELCLIENT_OK, velClient_msg_setDMQEligible(m.h, 1));
+    EXPECT_EQ(1, velClient_msg_isDMQEligible(m.h));
+    velClient_opaqueMsg_pt stale = m.h;
+    velClient_msg_free(&m.h);
+    EXPECT_EQ(0xFF, velClient_msg_isAckImmediately(stale));
+    EXPECT_EQ(0, velClient_msg_isDMQEligible(stale));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+                      veltest::format("Bad msg_p pointer (%p) in velClient_msg_setDMQEligible", stale));
+}
