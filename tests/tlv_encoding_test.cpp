@@ -95,6 +95,10 @@ TEST(FieldEncoding, VariableFieldsTakeTheSmallestLengthWidth)
     ASSERT_EQ(VELCLIENT_OK, velClient_container_addString(s.h, s253.c_str(), nullptr));
     std::vector<std::uint8_t> big(65533, 0x5A);
     ASSERT_EQ(VELCLIENT_OK, velClient_container_addByteArray(s.h, big.data(), 65532, nullptr));
+    Mem wide(false, 70000);
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addByteArray(wide.h, big.data(), 65533, nullptr));
+    Bytes w = wide.fields();
+    EXPECT_EQ((Bytes{0x1A, 0x01, 0x00, 0x01}), Bytes(w.begin(), w.begin() + 4)); /* 65533 + 4 */
     ASSERT_EQ(VELCLIENT_OK, velClient_container_addByteArray(s.h, big.data(), 0, nullptr));
     ASSERT_EQ(VELCLIENT_OK, velClient_container_addVwf(s.h, big.data(), 0, nullptr));
     Bytes f = s.fields();
@@ -249,4 +253,25 @@ TEST(FieldEncoding, DeleteRemovesEveryEntryOfTheName)
     Mem s(false);
     EXPECT_EQ(VELCLIENT_FAIL, velClient_container_deleteField(s.h, "x"));
     EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, "velClient_container_deleteField called on a Stream");
+}
+
+TEST(FieldEncoding, DeletingAnEntryWhoseSubContainerIsOpenClosesIt)
+{
+    std::vector<char> mem(128);
+    velClient_opaqueContainer_pt m = nullptr, sub = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_createMap(&m, mem.data(), mem.size()));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_openSubMap(m, &sub, "x"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addUint8(sub, 1, "a"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&sub));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addUint8(m, 2, "y"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_getSubMap(m, &sub, "x")); /* open again, not the last entry */
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_deleteField(m, "x"));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addNull(sub, "n")); /* closed with its entry */
+    velClient_uint8_t v = 0;
+    EXPECT_EQ(VELCLIENT_OK, velClient_container_getUint8(m, &v, "y"));
+    EXPECT_EQ(2, v);
+    size_t size = 0;
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_getSize(m, &size));
+    EXPECT_EQ(5u + 7, size);
+    velClient_container_closeMapStream(&m);
 }

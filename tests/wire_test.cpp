@@ -350,15 +350,15 @@ TEST(SessionSend, LoopbackGeneratesSenderIdAndSequenceNumbers)
     Session s(props, &inbox);
     Msg m;
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_setTopicPtr(m.h, "t"));
-    ASSERT_EQ(VELCLIENT_OK, velClient_session_sendMsg(s.h, m.h));
-    ASSERT_EQ(VELCLIENT_OK, velClient_session_sendMsg(s.h, m.h));
-    ASSERT_EQ(2u, inbox.senders.size());
+    for (int i = 0; i < 3; ++i)
+        ASSERT_EQ(VELCLIENT_OK, velClient_session_sendMsg(s.h, m.h));
+    ASSERT_EQ(3u, inbox.senders.size());
     EXPECT_EQ("client-a", inbox.senders[0]);
-    EXPECT_EQ((std::vector<long long>{1, 2}), inbox.sequence);
+    EXPECT_EQ((std::vector<long long>{1, 2, 3}), inbox.sequence);
     /* An application's own sender id is kept. */
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_setSenderId(m.h, "mine"));
     ASSERT_EQ(VELCLIENT_OK, velClient_session_sendMsg(s.h, m.h));
-    EXPECT_EQ("mine", inbox.senders[2]);
+    EXPECT_EQ("mine", inbox.senders[3]);
     Msg kept(inbox.kept);
     velClient_destination_t dest{};
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_getDestination(kept.h, &dest, sizeof dest));
@@ -394,6 +394,27 @@ TEST(SessionSend, ExpirationIsWrittenIntoTheHeaderMapWhenThereIsNoTimeToLive)
     velClient_int64_t expiration = 0;
     EXPECT_EQ(VELCLIENT_OK, velClient_msg_getExpiration(kept.h, &expiration));
     EXPECT_EQ(1234567, expiration);
+}
+
+TEST(SessionSend, ExpirationIsComputedFromTheTimeToLiveWhenTheSessionAsks)
+{
+    const char *props[] = {"SESSION_CALCULATE_MESSAGE_EXPIRATION", "1", nullptr};
+    Inbox inbox;
+    Session s(props, &inbox);
+    Msg m;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setTimeToLive(m.h, 60000));
+    ASSERT_EQ(VELCLIENT_OK, velClient_session_sendMsg(s.h, m.h));
+    velClient_int64_t expiration = 0, ttl = 0;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getExpiration(m.h, &expiration));
+    ASSERT_NE(nullptr, inbox.kept);
+    Msg kept(inbox.kept);
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getTimeToLive(kept.h, &ttl));
+    EXPECT_EQ(60000, ttl);
+    velClient_int64_t received = 0;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getRcvTimestamp(kept.h, &received));
+    /* now + time-to-live, taken before the message was received */
+    EXPECT_GT(expiration, received);
+    EXPECT_LE(expiration, received + 60000);
 }
 
 TEST(SessionSend, NullTransportDeliversNothingAndBadHandlesFail)
