@@ -17,7 +17,6 @@ constexpr wide_t kMin64 = -(static_cast<wide_t>(1) << 63);
 constexpr wide_t kMax64 = (static_cast<wide_t>(1) << 63) - 1;
 constexpr wide_t kMaxU64 = (static_cast<wide_t>(1) << 64) - 1;
 
-constexpr Range none{1, 0};
 constexpr Range any{kMin64, kMaxU64};
 constexpr Range r(wide_t lo, wide_t hi)
 {

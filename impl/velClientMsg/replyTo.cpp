@@ -11,8 +11,10 @@
 #include "velClientSession/velClientSessionPrivate.h"
 
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
+#if !defined(__clang__)
 /* The reply-to topic is cut silently at 250 characters by design. */
 #pragma GCC diagnostic ignored "-Wformat-truncation"
+#endif
 
 namespace {
 
@@ -23,7 +25,7 @@ velClient_returnCode_t checkDestination(const void *dest_p, size_t destSize, con
                                         const char *sizeText)
 {
     if (dest_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, nullText);
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, "%s", nullText);
     if (destSize != sizeof(velClient_destination_t))
         return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING, sizeText,
                         static_cast<int>(destSize), static_cast<int>(sizeof(velClient_destination_t)));

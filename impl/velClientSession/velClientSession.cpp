@@ -15,8 +15,10 @@
 #include "velClientSession/velClientSessionPrivate.h"
 
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
+#if !defined(__clang__)
 /* The default inbox topic base is cut at 250 characters. */
 #pragma GCC diagnostic ignored "-Wformat-truncation"
+#endif
 
 namespace {
 

@@ -1,0 +1,22 @@
+/*
+ * fuzz_vwf.cpp - libFuzzer target: arbitrary bytes decoded as a wire frame;
+ * an accepted message is read through every getter, dumped, encoded again,
+ * and the new encoding must decode.
+ */
+#include <cstdlib>
+
+#include "vwf_walk.h"
+
+extern "C" int LLVMFuzzerInitialize(int *, char ***)
+{
+    velClient_initialize(VELCLIENT_LOG_EMERGENCY, nullptr);
+    velClient_log_setFilterLevel(VELCLIENT_LOG_CATEGORY_ALL, VELCLIENT_LOG_EMERGENCY);
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+{
+    if (!velfuzz::walkFrame(data, size))
+        std::abort(); /* an accepted message whose encoding does not decode */
+    return 0;
+}
