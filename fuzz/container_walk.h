@@ -1,0 +1,147 @@
+/*
+ * container_walk.h - what the structured-data fuzz target does with one
+ * input, shared with the test that replays the seed corpus: open the bytes as
+ * a map and as a stream (in a private copy of exactly their size), walk them
+ * with getNextField, every typed getter and nested sub-containers, delete a
+ * field, and dump a message whose attachment holds them.
+ */
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include "velclient/velClientMsg.h"
+
+namespace velfuzz {
+
+inline void typedGetters(velClient_opaqueContainer_pt c, const char *name)
+{
+    velClient_bool_t b;
+    velClient_uint8_t u8;
+    velClient_int8_t i8;
+    velClient_uint16_t u16;
+    velClient_int16_t i16;
+    velClient_uint32_t u32;
+    velClient_int32_t i32;
+    velClient_uint64_t u64;
+    velClient_int64_t i64;
+    char ch;
+    velClient_wchar_t wc;
+    float f;
+    double d;
+    const velClient_uint8_t *p;
+    velClient_uint32_t len = 8;
+    std::uint8_t buf[8];
+    const char *s;
+    char text[8];
+    velClient_destination_t dest;
+    velClient_opaqueContainer_pt sub = nullptr;
+    velClient_container_getBoolean(c, &b, name);
+    velClient_container_getUint8(c, &u8, name);
+    velClient_container_getInt8(c, &i8, name);
+    velClient_container_getUint16(c, &u16, name);
+    velClient_container_getInt16(c, &i16, name);
+    velClient_container_getUint32(c, &u32, name);
+    velClient_container_getInt32(c, &i32, name);
+    velClient_container_getUint64(c, &u64, name);
+    velClient_container_getInt64(c, &i64, name);
+    velClient_container_getChar(c, &ch, name);
+    velClient_container_getWchar(c, &wc, name);
+    velClient_container_getFloat(c, &f, name);
+    velClient_container_getDouble(c, &d, name);
+    velClient_container_getByteArrayPtr(c, &p, &len, name);
+    len = sizeof buf;
+    velClient_container_getByteArray(c, buf, &len, name);
+    velClient_container_getVwfPtr(c, &p, &len, name);
+    len = sizeof buf;
+    velClient_container_getVwf(c, buf, &len, name);
+    velClient_container_getStringPtr(c, &s, name);
+    velClient_container_getString(c, text, sizeof text, name);
+    velClient_container_getDestination(c, &dest, sizeof dest, name);
+    velClient_container_getNull(c, name);
+    if (velClient_container_getSubMap(c, &sub, name) == VELCLIENT_OK)
+        velClient_container_closeMapStream(&sub);
+    if (velClient_container_getSubStream(c, &sub, name) == VELCLIENT_OK)
+        velClient_container_closeMapStream(&sub);
+}
+
+inline void walk(velClient_opaqueContainer_pt c, int depth)
+{
+    velClient_field_t f;
+    const char *name = nullptr;
+    size_t size = 0;
+    velClient_container_getSize(c, &size);
+    int fields = 0;
+    while (fields++ < 64 && velClient_container_getNextField(c, &f, sizeof f, &name) == VELCLIENT_OK) {
+        if (f.type == VELCLIENT_MAP || f.type == VELCLIENT_STREAM) {
+            if (depth < 6)
+                walk(f.value.map, depth + 1);
+            velClient_container_closeMapStream(&f.value.map);
+        }
+        if (name != nullptr) {
+            /* Look the name up again with every getter (each moves the cursor back to it). */
+            typedGetters(c, name);
+        }
+    }
+    velClient_container_rewind(c);
+    for (int i = 0; i < 4; ++i)
+        typedGetters(c, nullptr); /* a stream reads its next fields; a map refuses */
+}
+
+/* The bytes with a container header of the given type whose length matches
+ * the size, so that the content (not the header) gets explored. */
+inline std::vector<std::uint8_t> framed(const std::uint8_t *data, std::size_t size, std::uint8_t type)
+{
+    std::vector<std::uint8_t> copy(data, data + size);
+    if (size >= 5) {
+        copy[0] = type;
+        for (int i = 0; i < 4; ++i)
+            copy[1 + static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(size >> (8 * (3 - i)));
+    }
+    return copy;
+}
+
+inline void walkContainer(const std::uint8_t *data, std::size_t size)
+{
+    if (size > 1u << 20)
+        return;
+    std::vector<std::uint8_t> copy = framed(data, size, 0x2B);
+    auto len = static_cast<velClient_uint32_t>(size);
+    velClient_opaqueContainer_pt c = nullptr;
+    if (size > 0 && velClient_container_openMapFromPtr(&c, copy.data(), len) == VELCLIENT_OK) {
+        walk(c, 0);
+        velClient_container_deleteField(c, "a");
+        walk(c, 0);
+        velClient_container_closeMapStream(&c);
+    }
+    std::vector<std::uint8_t> second = framed(data, size, 0x2F);
+    if (size > 0 && velClient_container_openStreamFromPtr(&c, second.data(), len) == VELCLIENT_OK) {
+        walk(c, 0);
+        velClient_container_closeMapStream(&c);
+    }
+    velClient_opaqueMsg_pt m = nullptr;
+    if (velClient_msg_alloc(&m) == VELCLIENT_OK) {
+        std::vector<std::uint8_t> third = framed(data, size, size % 2 ? 0x2B : 0x2F);
+        velClient_msg_setBinaryAttachment(m, third.data(), len);
+        if (velClient_msg_getBinaryAttachmentMap(m, &c) == VELCLIENT_OK) {
+            velClient_container_addInt32(c, 1, "added"); /* growth into a new block */
+            velClient_container_deleteField(c, "added");
+            velClient_container_closeMapStream(&c);
+        }
+        velClient_opaqueMsg_pt d = nullptr;
+        if (velClient_msg_dup(m, &d) == VELCLIENT_OK) {
+            if (velClient_msg_getBinaryAttachmentStream(d, &c) == VELCLIENT_OK) {
+                velClient_container_addNull(c, nullptr); /* copy-on-modify of shared bytes */
+                velClient_container_closeMapStream(&c);
+            }
+            velClient_msg_free(&d);
+        }
+        static char text[4096];
+        velClient_msg_dump(m, text, sizeof text);
+        velClient_msg_free(&m);
+    }
+}
+
+} // namespace velfuzz

@@ -1,0 +1,19 @@
+/*
+ * fuzz_container.cpp - libFuzzer target: arbitrary bytes opened as a map and
+ * as a stream and walked field by field with every getter and nested
+ * sub-containers, changed, and dumped inside a message.
+ */
+#include "container_walk.h"
+
+extern "C" int LLVMFuzzerInitialize(int *, char ***)
+{
+    velClient_initialize(VELCLIENT_LOG_EMERGENCY, nullptr);
+    velClient_log_setFilterLevel(VELCLIENT_LOG_CATEGORY_ALL, VELCLIENT_LOG_EMERGENCY);
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+{
+    velfuzz::walkContainer(data, size);
+    return 0;
+}

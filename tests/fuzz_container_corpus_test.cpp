@@ -1,0 +1,34 @@
+/* Replays the structured-data fuzz target's seed corpus, and every
+ * truncation and byte flip of it, through the target's own walk, so every
+ * build exercises it (under the sanitizers in the asan preset). */
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <vector>
+
+#include "container_walk.h"
+#include "support/velTestSupport.h"
+
+TEST(ContainerFuzzCorpus, SeedsAndTheirMutationsWalkWithoutLeaks)
+{
+    std::vector<std::vector<std::uint8_t>> seeds;
+    for (const auto &entry : std::filesystem::directory_iterator(VELCLIENT_SOURCE_DIR "/fuzz/corpus/container")) {
+        std::ifstream in(entry.path(), std::ios::binary);
+        seeds.emplace_back(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    }
+    ASSERT_GE(seeds.size(), 3u);
+    velClient_uint64_t msgs = veltest::stat(VELCLIENT_MSG_STATS_ALLOC_MSGS);
+    velClient_uint64_t containers = veltest::stat(VELCLIENT_MSG_STATS_ALLOC_CONTAINERS);
+    for (const auto &bytes : seeds) {
+        velfuzz::walkContainer(bytes.data(), bytes.size());
+        for (std::size_t cut = 0; cut < bytes.size(); ++cut)
+            velfuzz::walkContainer(bytes.data(), cut);
+        for (std::size_t at = 5; at < bytes.size(); ++at) {
+            auto copy = bytes;
+            copy[at] ^= 0xA5;
+            velfuzz::walkContainer(copy.data(), copy.size());
+        }
+    }
+    EXPECT_EQ(msgs, veltest::stat(VELCLIENT_MSG_STATS_ALLOC_MSGS));
+    EXPECT_EQ(containers, veltest::stat(VELCLIENT_MSG_STATS_ALLOC_CONTAINERS));
+}
