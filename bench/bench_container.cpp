@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <vector>
 
-#include <benchmark/benchmark.h>
+#include "benchMain.h"
 
 #include "velclient/velClientMsg.h"
 
@@ -123,12 +123,4 @@ BENCHMARK(BuildInMessage)->Arg(16)->Arg(256);
 BENCHMARK(ReadLookupAndIterate);
 BENCHMARK(ReadOneValueByName);
 
-int main(int argc, char **argv)
-{
-    velClient_initialize(VELCLIENT_LOG_ERROR, nullptr);
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    velClient_cleanup();
-    return 0;
-}
+VEL_BENCHMARK_MAIN()

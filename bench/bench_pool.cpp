@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include <benchmark/benchmark.h>
+#include "benchMain.h"
 
 #include "velClientMsg/velClientMsgPrivate.h"
 #include "velclient/velClientMsg.h"
@@ -77,12 +77,4 @@ BENCHMARK(BlockAllocFree)->Arg(100)->Arg(100000)->Threads(1)->Threads(2)->UseRea
 BENCHMARK(MallocFree)->Arg(100)->Arg(100000)->Threads(1)->Threads(2)->UseRealTime();
 BENCHMARK(MsgDupFree)->Threads(1)->Threads(2)->UseRealTime();
 
-int main(int argc, char **argv)
-{
-    velClient_initialize(VELCLIENT_LOG_ERROR, nullptr);
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    velClient_cleanup();
-    return 0;
-}
+VEL_BENCHMARK_MAIN()

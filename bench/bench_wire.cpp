@@ -8,7 +8,7 @@
 #include <cstring>
 #include <vector>
 
-#include <benchmark/benchmark.h>
+#include "benchMain.h"
 
 #include "velclient/velClientMsg.h"
 
@@ -89,12 +89,4 @@ BENCHMARK(Encode);
 BENCHMARK(DecodeAndReadOneProperty);
 BENCHMARK(MemcpyOfTheEncodedSize);
 
-int main(int argc, char **argv)
-{
-    velClient_initialize(VELCLIENT_LOG_ERROR, nullptr);
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    velClient_cleanup();
-    return 0;
-}
+VEL_BENCHMARK_MAIN()

@@ -17,14 +17,7 @@ Bytes bytesOf(velClient_opaqueContainer_pt h)
     return Bytes(static_cast<std::uint8_t *>(p), static_cast<std::uint8_t *>(p) + size);
 }
 
-struct Msg {
-    velClient_opaqueMsg_pt h = nullptr;
-    Msg() { EXPECT_EQ(VELCLIENT_OK, velClient_msg_alloc(&h)); }
-    ~Msg()
-    {
-        if (h != nullptr)
-            velClient_msg_free(&h);
-    }
+struct Msg : veltest::Msg {
     Bytes attachment() const
     {
         void *p = nullptr;

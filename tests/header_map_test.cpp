@@ -10,16 +10,7 @@ namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
-struct Msg {
-    velClient_opaqueMsg_pt h = nullptr;
-    Msg() { EXPECT_EQ(VELCLIENT_OK, velClient_msg_alloc(&h)); }
-    explicit Msg(velClient_opaqueMsg_pt handle) : h(handle) {}
-    ~Msg()
-    {
-        if (h != nullptr)
-            velClient_msg_free(&h);
-    }
-};
+using veltest::Msg;
 
 Bytes encode(velClient_opaqueMsg_pt msg)
 {

@@ -7,15 +7,8 @@
 
 namespace {
 
-struct Msg {
-    velClient_opaqueMsg_pt h = nullptr;
-    Msg() { EXPECT_EQ(VELCLIENT_OK, velClient_msg_alloc(&h)); }
-    explicit Msg(velClient_opaqueMsg_pt handle) : h(handle) {}
-    ~Msg()
-    {
-        if (h != nullptr)
-            velClient_msg_free(&h);
-    }
+struct Msg : veltest::Msg {
+    using veltest::Msg::Msg;
     std::string dump(velClient_uint32_t flags = VELCLIENT_MSGDUMP_FULL) const
     {
         std::vector<char> text(1 << 16);

@@ -6,14 +6,7 @@
 
 namespace {
 
-struct Msg {
-    velClient_opaqueMsg_pt h = nullptr;
-    Msg() { EXPECT_EQ(VELCLIENT_OK, velClient_msg_alloc(&h)); }
-    ~Msg()
-    {
-        if (h != nullptr)
-            velClient_msg_free(&h);
-    }
+struct Msg : veltest::Msg {
     velClient_destination_t destination(velClient_returnCode_t expected = VELCLIENT_OK) const
     {
         velClient_destination_t d{VELCLIENT_NULL_DESTINATION, nullptr};

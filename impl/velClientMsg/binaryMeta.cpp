@@ -167,25 +167,6 @@ void takeEntry(_velClient_msg *msg, int part, std::uint8_t *entry, std::uint32_t
         msg->internalFlags |= readOnlyBit;
 }
 
-/* Opens part 10 as the header map; a stream there is refused and closed. */
-velClient_returnCode_t openHeaderMapPart(_velClient_msg *msg)
-{
-    velClient_field_t field{};
-    velClient_returnCode_t rc = _velClient_msg_getField(msg, _VELCLIENT_BUFINFO_HDR_MAP_PART, &field, sizeof field);
-    if (rc != VELCLIENT_OK)
-        return rc;
-    _velClient_container *cont = vel::containerOf(field.value.map);
-    if (field.type == VELCLIENT_MAP && cont != nullptr) {
-        msg->hdrMap_p = cont;
-        return VELCLIENT_OK;
-    }
-    VEL_STORE(VELCLIENT_SUBCODE_INTERNAL_ERROR, VELCLIENT_LOG_WARNING,
-              "Binary Message Header in invalid format type = (%d)", static_cast<int>(field.type));
-    if (cont != nullptr)
-        _velClient_container_closeMapStream(&cont, true, true, false);
-    return VELCLIENT_NOT_FOUND;
-}
-
 /* One entry at p (at most end - p bytes): its total size, or 0 when malformed. */
 std::uint32_t entrySize(const std::uint8_t *p, const std::uint8_t *end)
 {
@@ -231,7 +212,7 @@ velClient_returnCode_t _velClient_msg_readBinaryMeta(_velClient_msg *msg)
         } else if (p[2] == 'h') {
             if (msg->hdrMap_p == nullptr) {
                 takeEntry(msg, _VELCLIENT_BUFINFO_HDR_MAP_PART, p, entry, _VELCLIENT_MSG_FLAG_HDR_MAP_READONLY);
-                if (velClient_returnCode_t rc = openHeaderMapPart(msg); rc == VELCLIENT_FAIL)
+                if (velClient_returnCode_t rc = _velClient_msg_openHeaderMapPart(msg); rc == VELCLIENT_FAIL)
                     return rc;
             }
         } else {

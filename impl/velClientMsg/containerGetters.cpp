@@ -142,39 +142,44 @@ bool bytesOf(const velClient_field_t &f, bool vwf, const velClient_uint8_t *&p, 
     return true;
 }
 
+/* Reads the field and takes its bytes; the conversion error when it has none. */
+velClient_returnCode_t readBytes(const GetterTexts &t, bool vwf, velClient_opaqueContainer_pt handle,
+                                 const void *out, const char *name, velClient_field_t &field,
+                                 const velClient_uint8_t *&p, velClient_uint32_t &len)
+{
+    velClient_returnCode_t rc = readField(t, handle, out, name, field);
+    if (rc != VELCLIENT_OK)
+        return rc;
+    return bytesOf(field, vwf, p, len) ? VELCLIENT_OK : conversionFailed(t, field);
+}
+
 velClient_returnCode_t bytesPtr(const GetterTexts &t, bool vwf, velClient_opaqueContainer_pt handle,
                                 const velClient_uint8_t **out_p, velClient_uint32_t *len_p, const char *name)
 {
     velClient_field_t field{};
-    velClient_returnCode_t rc = readField(t, handle, out_p, name, field);
-    if (rc != VELCLIENT_OK)
-        return rc;
     const velClient_uint8_t *p = nullptr;
     velClient_uint32_t len = 0;
-    if (!bytesOf(field, vwf, p, len))
-        return conversionFailed(t, field);
-    *out_p = p;
-    *len_p = len;
-    return VELCLIENT_OK;
+    velClient_returnCode_t rc = readBytes(t, vwf, handle, out_p, name, field, p, len);
+    if (rc == VELCLIENT_OK) {
+        *out_p = p;
+        *len_p = len;
+    }
+    return rc;
 }
 
-/* Copies into the caller's buffer of *len_p bytes; fits tells whether len bytes fit. */
+/* Copies into the caller's buffer of *len_p bytes. A byte array may fill it
+ * exactly; a VWF must leave room. */
 velClient_returnCode_t bytesCopy(const GetterTexts &t, bool vwf, velClient_opaqueContainer_pt handle,
                                  velClient_uint8_t *out, velClient_uint32_t *len_p, const char *name)
 {
     velClient_field_t field{};
-    velClient_returnCode_t rc = readField(t, handle, out, name, field);
-    if (rc != VELCLIENT_OK)
-        return rc;
     const velClient_uint8_t *p = nullptr;
     velClient_uint32_t len = 0;
-    if (!bytesOf(field, vwf, p, len))
-        return conversionFailed(t, field);
+    velClient_returnCode_t rc = readBytes(t, vwf, handle, out, name, field, p, len);
+    if (rc != VELCLIENT_OK)
+        return rc;
     velClient_uint32_t capacity = *len_p;
-    /* A byte array may fill the buffer exactly; a VWF must leave room. */
-    bool fits = vwf ? len < capacity : len <= capacity;
-    if (len == 0 && field.type == VELCLIENT_NULL)
-        fits = true;
+    bool fits = field.type == VELCLIENT_NULL || (vwf ? len < capacity : len <= capacity);
     if (!fits) {
         std::memcpy(out, p, capacity);
         return conversionFailed(t, field);
@@ -187,51 +192,22 @@ velClient_returnCode_t bytesCopy(const GetterTexts &t, bool vwf, velClient_opaqu
 
 } // namespace
 
-extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getByteArrayPtr(
-    velClient_opaqueContainer_pt opaqueCont_p, const velClient_uint8_t **array_p, velClient_uint32_t *arrayLength_p,
-    const char *name)
-{
-    if (arrayLength_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null arrayLength_p in velClient_container_getByteArrayPtr");
-    static const GetterTexts texts = VEL_GETTER_TEXTS(getByteArrayPtr, "converted to byte array");
-    return bytesPtr(texts, false, opaqueCont_p, array_p, arrayLength_p, name);
-}
+/* Byte getters: name, output type, length argument, pointer or copy, VWF or not, error words. */
+#define VEL_BYTES_GETTER(Name, OutType, lenName, kind, vwf, words)                                                  \
+    extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_get##Name(                                \
+        velClient_opaqueContainer_pt opaqueCont_p, OutType out_p, velClient_uint32_t *lenName, const char *name) \
+    {                                                                                                               \
+        if (lenName == nullptr)                                                                                     \
+            return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,                                \
+                            "Null " #lenName " in velClient_container_get" #Name);                                  \
+        static const GetterTexts texts = VEL_GETTER_TEXTS(get##Name, words);                                        \
+        return kind(texts, vwf, opaqueCont_p, out_p, lenName, name);                                                \
+    }
 
-extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getByteArray(
-    velClient_opaqueContainer_pt opaqueCont_p, velClient_uint8_t *array_p, velClient_uint32_t *arrayLength_p,
-    const char *name)
-{
-    if (arrayLength_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null arrayLength_p in velClient_container_getByteArray");
-    static const GetterTexts texts = VEL_GETTER_TEXTS(getByteArray, "copied to byte array");
-    return bytesCopy(texts, false, opaqueCont_p, array_p, arrayLength_p, name);
-}
-
-extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getVwfPtr(velClient_opaqueContainer_pt opaqueCont_p,
-                                                                             const velClient_uint8_t **vwf_p,
-                                                                             velClient_uint32_t *vwfLength_p,
-                                                                             const char *name)
-{
-    if (vwfLength_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null vwfLength_p in velClient_container_getVwfPtr");
-    static const GetterTexts texts = VEL_GETTER_TEXTS(getVwfPtr, "converted to byte vwf");
-    return bytesPtr(texts, true, opaqueCont_p, vwf_p, vwfLength_p, name);
-}
-
-extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getVwf(velClient_opaqueContainer_pt opaqueCont_p,
-                                                                          velClient_uint8_t *vwf_p,
-                                                                          velClient_uint32_t *vwfLength_p,
-                                                                          const char *name)
-{
-    if (vwfLength_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null vwfLength_p in velClient_container_getVwf");
-    static const GetterTexts texts = VEL_GETTER_TEXTS(getVwf, "copied to byte vwf");
-    return bytesCopy(texts, true, opaqueCont_p, vwf_p, vwfLength_p, name);
-}
+VEL_BYTES_GETTER(ByteArrayPtr, const velClient_uint8_t **, arrayLength_p, bytesPtr, false, "converted to byte array")
+VEL_BYTES_GETTER(ByteArray, velClient_uint8_t *, arrayLength_p, bytesCopy, false, "copied to byte array")
+VEL_BYTES_GETTER(VwfPtr, const velClient_uint8_t **, vwfLength_p, bytesPtr, true, "converted to byte vwf")
+VEL_BYTES_GETTER(Vwf, velClient_uint8_t *, vwfLength_p, bytesCopy, true, "copied to byte vwf")
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getStringPtr(
     velClient_opaqueContainer_pt opaqueCont_p, const char **string, const char *name)

@@ -6,22 +6,13 @@
  */
 #include <cstring>
 
-#include "velClientMsg/velClientMsgPrivate.h"
+#include "velClientMsg/destinationText.h"
 
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 
 namespace {
 
-constexpr std::size_t kMaxTopic = 250;
-constexpr std::size_t kMaxQueue = 200;
-constexpr char kQueuePrefix[] = "#P2P/QUE/";
-constexpr char kTempTopicPrefix[] = "#P2P/TTMP/";
-constexpr char kTempQueuePrefix[] = "#P2P/QTMP/";
-
-bool startsWith(const char *text, const char *prefix)
-{
-    return std::strncmp(text, prefix, std::strlen(prefix)) == 0;
-}
+using namespace vel::dest;
 
 /* Copies text (length bytes and a NUL) into part; its size excludes the NUL. */
 velClient_returnCode_t copyText(_velClient_msg *msg, int part, const char *text, std::size_t length)
@@ -42,19 +33,11 @@ velClient_returnCode_t tooLong(std::size_t length, std::size_t limit, int type)
                     static_cast<int>(length), static_cast<int>(limit), type);
 }
 
-void setTemporary(_velClient_msg *msg, bool temporary)
-{
-    if (temporary)
-        msg->msgInfo.flags |= _VELCLIENT_RX_FLAG_TEMP_DEST;
-    else
-        msg->msgInfo.flags &= ~_VELCLIENT_RX_FLAG_TEMP_DEST;
-}
-
 velClient_returnCode_t setTopic(_velClient_msg *msg, const char *text, int type)
 {
     std::size_t length = std::strlen(text);
-    if (length > kMaxTopic)
-        return tooLong(length, kMaxTopic, type);
+    if (length > MAX_TOPIC)
+        return tooLong(length, MAX_TOPIC, type);
     if (copyText(msg, VELCLIENT_BUFINFO_TOPIC_PART, text, length) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     _velClient_msg_setBufinfoPtr(msg, VELCLIENT_BUFINFO_QUEUENAME_PART, nullptr, 0);
@@ -67,8 +50,8 @@ velClient_returnCode_t setTempQueue(_velClient_msg *msg, const char *text)
 {
     _velClient_msg_setBufinfoPtr(msg, _VELCLIENT_BUFINFO_DEST_PREFIX_PART, nullptr, 0);
     std::size_t length = std::strlen(text);
-    if (length > kMaxTopic)
-        return tooLong(length, kMaxTopic, VELCLIENT_QUEUE_TEMP_DESTINATION);
+    if (length > MAX_TOPIC)
+        return tooLong(length, MAX_TOPIC, VELCLIENT_QUEUE_TEMP_DESTINATION);
     if (copyText(msg, VELCLIENT_BUFINFO_QUEUENAME_PART, text, length) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     _velClient_msg_setBufinfoPtr(msg, VELCLIENT_BUFINFO_TOPIC_PART, nullptr, 0);
@@ -79,20 +62,18 @@ velClient_returnCode_t setTempQueue(_velClient_msg *msg, const char *text)
 velClient_returnCode_t setQueue(_velClient_msg *msg, const char *text)
 {
     const char *name = text;
-    if (startsWith(text, kQueuePrefix)) {
-        std::size_t prefixLength = sizeof kQueuePrefix - 1;
-        const char *slash = std::strlen(text) > prefixLength ? std::strchr(text + prefixLength, '/') : nullptr;
-        if (slash == nullptr || slash[1] == '\0')
+    if (startsWith(text, QUEUE_PREFIX)) {
+        name = queueNameAfterPrefix(text);
+        if (name == nullptr)
             return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
                             "Invalid string dest pointer (%s) in velClient_msg_setDestination", text);
-        name = slash + 1;
         copyText(msg, _VELCLIENT_BUFINFO_DEST_PREFIX_PART, text, static_cast<std::size_t>(name - text));
     } else {
         _velClient_msg_setBufinfo(msg, _VELCLIENT_BUFINFO_DEST_PREFIX_PART, nullptr, 0, 0);
     }
     std::size_t length = std::strlen(name);
-    if (length > kMaxQueue)
-        return tooLong(length, kMaxQueue, VELCLIENT_QUEUE_DESTINATION);
+    if (length > MAX_QUEUE)
+        return tooLong(length, MAX_QUEUE, VELCLIENT_QUEUE_DESTINATION);
     if (copyText(msg, VELCLIENT_BUFINFO_QUEUENAME_PART, name, length) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     _velClient_msg_setBufinfoPtr(msg, VELCLIENT_BUFINFO_TOPIC_PART, nullptr, 0);
@@ -139,7 +120,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setDestination(vel
     if (text[0] == '\0')
         return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
                         "Empty string dest pointer in velClient_msg_setDestination");
-    if (startsWith(text, kTempQueuePrefix)) {
+    if (startsWith(text, TEMP_QUEUE_PREFIX)) {
         /* A temporary-queue name overrides the type the caller gave (and tells the caller). */
         const_cast<velClient_destination_t *>(dest_p)->destType = VELCLIENT_QUEUE_TEMP_DESTINATION;
         return setTempQueue(msg, text);
@@ -171,18 +152,18 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getDestination(vel
                         "velClient_msg_getDestination",
                         static_cast<int>(destSize), static_cast<int>(sizeof(velClient_destination_t)));
     if (const char *topic = partText(msg, VELCLIENT_BUFINFO_TOPIC_PART)) {
-        if (startsWith(topic, kTempTopicPrefix))
+        if (startsWith(topic, TEMP_TOPIC_PREFIX))
             *dest_p = {VELCLIENT_TOPIC_TEMP_DESTINATION, topic};
-        else if (startsWith(topic, kQueuePrefix))
-            *dest_p = {VELCLIENT_QUEUE_DESTINATION, topic + sizeof kQueuePrefix - 1};
-        else if (startsWith(topic, kTempQueuePrefix))
+        else if (startsWith(topic, QUEUE_PREFIX))
+            *dest_p = {VELCLIENT_QUEUE_DESTINATION, topic + QUEUE_PREFIX_LENGTH};
+        else if (startsWith(topic, TEMP_QUEUE_PREFIX))
             *dest_p = {VELCLIENT_QUEUE_TEMP_DESTINATION, topic};
         else
             *dest_p = {VELCLIENT_TOPIC_DESTINATION, topic};
         return VELCLIENT_OK;
     }
     if (const char *queue = partText(msg, VELCLIENT_BUFINFO_QUEUENAME_PART)) {
-        *dest_p = {startsWith(queue, kTempQueuePrefix) ? VELCLIENT_QUEUE_TEMP_DESTINATION : VELCLIENT_QUEUE_DESTINATION,
+        *dest_p = {startsWith(queue, TEMP_QUEUE_PREFIX) ? VELCLIENT_QUEUE_TEMP_DESTINATION : VELCLIENT_QUEUE_DESTINATION,
                    queue};
         return VELCLIENT_OK;
     }

@@ -30,8 +30,10 @@ velClient_returnCode_t createEmptyHeaderMap(_velClient_msg *msg)
                                           VELCLIENT_CONTAINER_MAP);
 }
 
+} // namespace
+
 /* Opens a map already held in part 10. VELCLIENT_NOT_FOUND when it is not a map. */
-velClient_returnCode_t openHeaderPart(_velClient_msg *msg)
+velClient_returnCode_t _velClient_msg_openHeaderMapPart(_velClient_msg *msg)
 {
     velClient_field_t field{};
     velClient_returnCode_t rc = _velClient_msg_getField(msg, _VELCLIENT_BUFINFO_HDR_MAP_PART, &field, sizeof field);
@@ -49,12 +51,10 @@ velClient_returnCode_t openHeaderPart(_velClient_msg *msg)
     return VELCLIENT_NOT_FOUND;
 }
 
-} // namespace
-
 velClient_returnCode_t _velClient_msg_getOrCreateHeaderMaps(_velClient_msg *msg, int create)
 {
     if (msg->hdrMap_p == nullptr && partHasBytes(msg, _VELCLIENT_BUFINFO_HDR_MAP_PART)) {
-        velClient_returnCode_t rc = openHeaderPart(msg);
+        velClient_returnCode_t rc = _velClient_msg_openHeaderMapPart(msg);
         if (rc != VELCLIENT_NOT_FOUND)
             return rc;
     }

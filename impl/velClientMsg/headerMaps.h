@@ -26,6 +26,10 @@ inline constexpr std::uint8_t VEL_ATTACHMENT_STREAM = 11;
  * VELCLIENT_NOT_FOUND when there is none and create is 0. */
 velClient_returnCode_t _velClient_msg_getOrCreateHeaderMaps(_velClient_msg *msg, int create);
 
+/* Opens the map held in part 10 as msg->hdrMap_p. VELCLIENT_NOT_FOUND (a
+ * stream is refused and closed) when part 10 holds no map. */
+velClient_returnCode_t _velClient_msg_openHeaderMapPart(_velClient_msg *msg);
+
 /* Takes the metadata header of part 8 apart into parts 10 and 7 (opening the
  * header map). VELCLIENT_OK when a header was read, VELCLIENT_NOT_FOUND when
  * part 8 holds none (an unrecognised one is logged and dropped), VELCLIENT_FAIL

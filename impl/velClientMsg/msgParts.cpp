@@ -6,20 +6,15 @@
  */
 #include <cstring>
 
+#include "velClientMsg/destinationText.h"
 #include "velClientMsg/tlvCodec.h"
-#include "velClientMsg/velClientMsgPrivate.h"
 
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 #pragma GCC diagnostic ignored "-Wformat-security"
 
 namespace {
 
-constexpr std::size_t kMaxTopic = 250;
-constexpr std::size_t kMaxQueueName = 200;
-constexpr char kQueuePrefix[] = "#P2P/QUE/";
-constexpr char kTempQueuePrefix[] = "#P2P/QTMP/";
-constexpr std::size_t kQueuePrefixLength = sizeof kQueuePrefix - 1;
-constexpr std::size_t kTempQueuePrefixLength = sizeof kTempQueuePrefix - 1;
+using namespace vel::dest;
 
 bool validIndex(int index)
 {
@@ -210,10 +205,10 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setTopicPtr(velCli
     if (topic_p == nullptr)
         return _velClient_msg_setBufinfoPtr(msg, VELCLIENT_BUFINFO_TOPIC_PART, nullptr, 0);
     std::size_t length = std::strlen(topic_p);
-    if (length > kMaxTopic)
+    if (length > MAX_TOPIC)
         return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
                         "Topic length of %d exceeds maximum of %d in velClient_msg_setTopicPtr",
-                        static_cast<int>(length), static_cast<int>(kMaxTopic));
+                        static_cast<int>(length), static_cast<int>(MAX_TOPIC));
     _velClient_msg_setBufinfoPtr(msg, VELCLIENT_BUFINFO_TOPIC_PART, const_cast<char *>(topic_p),
                                  static_cast<std::uint32_t>(length));
     _velClient_msg_setBufinfoPtr(msg, VELCLIENT_BUFINFO_QUEUENAME_PART, nullptr, 0);
@@ -230,24 +225,21 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setQueueNamePtr(ve
     if (queueName_p == nullptr) {
         _velClient_msg_setBufinfoPtr(msg, VELCLIENT_BUFINFO_QUEUENAME_PART, nullptr, 0);
         _velClient_msg_setBufinfoPtr(msg, _VELCLIENT_BUFINFO_DEST_PREFIX_PART, nullptr, 0);
-        msg->msgInfo.flags &= ~_VELCLIENT_RX_FLAG_TEMP_DEST;
+        setTemporary(msg, false);
         return VELCLIENT_OK;
     }
     const char *name = queueName_p;
-    std::size_t limit = kMaxQueueName;
-    bool temporary = std::strncmp(queueName_p, kTempQueuePrefix, kTempQueuePrefixLength) == 0;
+    std::size_t limit = MAX_QUEUE;
+    bool temporary = startsWith(queueName_p, TEMP_QUEUE_PREFIX);
     if (temporary) {
-        limit = kMaxTopic;
-    } else if (std::strncmp(queueName_p, kQueuePrefix, kQueuePrefixLength) != 0) {
-        _velClient_msg_setBufinfo(msg, _VELCLIENT_BUFINFO_DEST_PREFIX_PART, kQueuePrefix, kQueuePrefixLength, 0);
+        limit = MAX_TOPIC;
+    } else if (!startsWith(queueName_p, QUEUE_PREFIX)) {
+        _velClient_msg_setBufinfo(msg, _VELCLIENT_BUFINFO_DEST_PREFIX_PART, QUEUE_PREFIX, QUEUE_PREFIX_LENGTH, 0);
     } else {
-        const char *slash = std::strlen(queueName_p) > kQueuePrefixLength
-                                ? std::strchr(queueName_p + kQueuePrefixLength, '/')
-                                : nullptr;
-        if (slash == nullptr || slash[1] == '\0')
+        name = queueNameAfterPrefix(queueName_p);
+        if (name == nullptr)
             return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
                             "Invalid string pointer (%s) in velClient_msg_setQueueNamePtr", queueName_p);
-        name = slash + 1;
         _velClient_msg_setBufinfo(msg, _VELCLIENT_BUFINFO_DEST_PREFIX_PART, queueName_p,
                                   static_cast<std::uint32_t>(name - queueName_p), 0);
     }
@@ -259,10 +251,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setQueueNamePtr(ve
     _velClient_msg_setBufinfoPtr(msg, VELCLIENT_BUFINFO_QUEUENAME_PART, const_cast<char *>(name),
                                  static_cast<std::uint32_t>(length));
     _velClient_msg_setBufinfoPtr(msg, VELCLIENT_BUFINFO_TOPIC_PART, nullptr, 0);
-    if (temporary)
-        msg->msgInfo.flags |= _VELCLIENT_RX_FLAG_TEMP_DEST;
-    else
-        msg->msgInfo.flags &= ~_VELCLIENT_RX_FLAG_TEMP_DEST;
+    setTemporary(msg, temporary);
     return VELCLIENT_OK;
 }
 

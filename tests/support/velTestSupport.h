@@ -36,6 +36,20 @@ std::string format(const char *fmt, Args... args)
     return text;
 }
 
+/* A message that is freed when it goes out of scope. */
+struct Msg {
+    velClient_opaqueMsg_pt h = nullptr;
+    Msg() { EXPECT_EQ(VELCLIENT_OK, velClient_msg_alloc(&h)); }
+    explicit Msg(velClient_opaqueMsg_pt handle) : h(handle) {}
+    Msg(const Msg &) = delete;
+    Msg &operator=(const Msg &) = delete;
+    ~Msg()
+    {
+        if (h != nullptr)
+            velClient_msg_free(&h);
+    }
+};
+
 } // namespace veltest
 
 /* The failure's sub-code and exact text. */

@@ -1,0 +1,46 @@
+/*
+ * destinationText.h - the fixed texts and limits of destinations, shared by
+ * the topic and queue-name setters and by setting a destination: network
+ * prefixes, length limits, splitting a "#P2P/QUE/..." name, and the
+ * temporary-destination mark.
+ */
+#pragma once
+
+#include <cstring>
+
+#include "velClientMsg/velClientMsgPrivate.h"
+
+namespace vel::dest {
+
+inline constexpr std::size_t MAX_TOPIC = 250;
+inline constexpr std::size_t MAX_QUEUE = 200;
+inline constexpr char QUEUE_PREFIX[] = "#P2P/QUE/";
+inline constexpr char TEMP_TOPIC_PREFIX[] = "#P2P/TTMP/";
+inline constexpr char TEMP_QUEUE_PREFIX[] = "#P2P/QTMP/";
+inline constexpr std::size_t QUEUE_PREFIX_LENGTH = sizeof QUEUE_PREFIX - 1;
+
+inline bool startsWith(const char *text, const char *prefix)
+{
+    return std::strncmp(text, prefix, std::strlen(prefix)) == 0;
+}
+
+/* For a name that begins with the queue prefix: the queue name after the
+ * "/" that ends its network part, or nullptr when there is no such "/" or
+ * nothing follows it. */
+inline const char *queueNameAfterPrefix(const char *text)
+{
+    if (std::strlen(text) <= QUEUE_PREFIX_LENGTH)
+        return nullptr;
+    const char *slash = std::strchr(text + QUEUE_PREFIX_LENGTH, '/');
+    return slash != nullptr && slash[1] != '\0' ? slash + 1 : nullptr;
+}
+
+inline void setTemporary(_velClient_msg *msg, bool temporary)
+{
+    if (temporary)
+        msg->msgInfo.flags |= _VELCLIENT_RX_FLAG_TEMP_DEST;
+    else
+        msg->msgInfo.flags &= ~_VELCLIENT_RX_FLAG_TEMP_DEST;
+}
+
+} // namespace vel::dest
