@@ -12,16 +12,7 @@ using Bytes = std::vector<std::uint8_t>;
 
 using veltest::Msg;
 
-Bytes encode(velClient_opaqueMsg_pt msg)
-{
-    velClient_bufInfo_t info{};
-    velClient_opaqueDatablock_pt block = nullptr;
-    EXPECT_EQ(VELCLIENT_OK, velClient_msg_encodeToVWF(msg, &info, &block));
-    auto *p = static_cast<std::uint8_t *>(info.buf_p);
-    Bytes out(p, p + info.bufSize);
-    velClient_datablock_free(&block);
-    return out;
-}
+using veltest::encode;
 
 /* The value of the metadata item (tag 0x18) of an encoded frame, or empty. */
 Bytes metadataItem(const Bytes &frame)

@@ -96,14 +96,10 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setDestination(vel
     _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer in velClient_msg_setDestination");
     if (msg == nullptr)
         return VELCLIENT_FAIL;
-    if (dest_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null velClient_destination_t pointer in velClient_msg_setDestination");
-    if (destSize != sizeof(velClient_destination_t))
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Unsupported destination structure size (received %d, expected %d) in "
-                        "velClient_msg_setDestination",
-                        static_cast<int>(destSize), static_cast<int>(sizeof(velClient_destination_t)));
+    if (checkArgument(dest_p, destSize, "Null velClient_destination_t pointer in velClient_msg_setDestination",
+                      "Unsupported destination structure size (received %d, expected %d) in "
+                      "velClient_msg_setDestination") != VELCLIENT_OK)
+        return VELCLIENT_FAIL;
     std::int64_t type = vel::enumValue(dest_p->destType);
     if (type == VELCLIENT_NULL_DESTINATION) {
         if (dest_p->dest != nullptr)
@@ -143,14 +139,10 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getDestination(vel
     _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer (%p) in velClient_msg_getDestination");
     if (msg == nullptr)
         return VELCLIENT_FAIL;
-    if (dest_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null dest_p pointer in velClient_msg_getDestination");
-    if (destSize != sizeof(velClient_destination_t))
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Unsupported destination structure size (received %d, expected %d) in "
-                        "velClient_msg_getDestination",
-                        static_cast<int>(destSize), static_cast<int>(sizeof(velClient_destination_t)));
+    if (checkArgument(dest_p, destSize, "Null dest_p pointer in velClient_msg_getDestination",
+                      "Unsupported destination structure size (received %d, expected %d) in "
+                      "velClient_msg_getDestination") != VELCLIENT_OK)
+        return VELCLIENT_FAIL;
     if (const char *topic = partText(msg, VELCLIENT_BUFINFO_TOPIC_PART)) {
         if (startsWith(topic, TEMP_TOPIC_PREFIX))
             *dest_p = {VELCLIENT_TOPIC_TEMP_DESTINATION, topic};

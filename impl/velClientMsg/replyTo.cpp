@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "velClientMsg/destinationText.h"
 #include "velClientMsg/headerMaps.h"
 #include "velClientSession/velClientSessionPrivate.h"
 
@@ -19,18 +20,6 @@
 namespace {
 
 constexpr const char *kReplyToKey = "rt";
-
-/* The checks every reply-to call makes on the caller's structure. */
-velClient_returnCode_t checkDestination(const void *dest_p, size_t destSize, const char *nullText,
-                                        const char *sizeText)
-{
-    if (dest_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, "%s", nullText);
-    if (destSize != sizeof(velClient_destination_t))
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING, sizeText,
-                        static_cast<int>(destSize), static_cast<int>(sizeof(velClient_destination_t)));
-    return VELCLIENT_OK;
-}
 
 velClient_returnCode_t setReplyTo(_velClient_msg *msg, const velClient_destination_t *dest_p, size_t destSize)
 {
@@ -49,7 +38,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setReplyTo(velClie
     _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer (%p) in velClient_msg_setReplyTo");
     if (msg == nullptr)
         return VELCLIENT_FAIL;
-    if (checkDestination(dest_p, destSize, "Null velClient_destination_t pointer in velClient_msg_setReplyTo",
+    if (vel::dest::checkArgument(dest_p, destSize, "Null velClient_destination_t pointer in velClient_msg_setReplyTo",
                          "Unsupported destination structure size (received %d, expected %d) in "
                          "velClient_msg_setReplyTo") != VELCLIENT_OK)
         return VELCLIENT_FAIL;
@@ -63,7 +52,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getReplyTo(velClie
     _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer (%p) in velClient_msg_getReplyTo");
     if (msg == nullptr)
         return VELCLIENT_FAIL;
-    if (checkDestination(dest_p, destSize, "Null velClient_destination_t pointer in velClient_msg_getReplyTo",
+    if (vel::dest::checkArgument(dest_p, destSize, "Null velClient_destination_t pointer in velClient_msg_getReplyTo",
                          "Unsupported destination structure size (received %d, expected %d) in "
                          "velClient_msg_getReplyTo") != VELCLIENT_OK)
         return VELCLIENT_FAIL;

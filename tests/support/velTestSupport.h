@@ -2,7 +2,9 @@
  * the pool counters. */
 #pragma once
 
+#include <cstdint>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -34,6 +36,18 @@ std::string format(const char *fmt, Args... args)
     char text[512];
     std::snprintf(text, sizeof text, fmt, args...);
     return text;
+}
+
+/* The message's wire image, as bytes. */
+inline std::vector<std::uint8_t> encode(velClient_opaqueMsg_pt msg)
+{
+    velClient_bufInfo_t info{};
+    velClient_opaqueDatablock_pt block = nullptr;
+    EXPECT_EQ(VELCLIENT_OK, velClient_msg_encodeToVWF(msg, &info, &block));
+    auto *p = static_cast<std::uint8_t *>(info.buf_p);
+    std::vector<std::uint8_t> out(p, p + info.bufSize);
+    velClient_datablock_free(&block);
+    return out;
 }
 
 /* A message that is freed when it goes out of scope. */
