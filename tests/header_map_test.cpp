@@ -156,6 +156,18 @@ TEST(HeaderMap, ReadingAReceivedHeader)
     EXPECT_STREQ("changed", s);
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_getUserPropertyMap(r2.h, &props));
     EXPECT_EQ(VELCLIENT_OK, velClient_container_getBoolean(props, &b, "b"));
+    /* Parts 7 and 10 point into the metadata's block, each with a reference of
+     * its own: taking part 7's block out (which closes its open map) leaves the
+     * header map readable, and the block outlives the message. */
+    velClient_opaqueDatablock_pt block = nullptr;
+    velClient_bufInfo_t part{};
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_extractDatablock(r2.h, VELCLIENT_BUFINFO_USER_PROPERTY_PART, &block, &part));
+    EXPECT_EQ(0, std::memcmp(static_cast<std::uint8_t *>(part.buf_p), "\x1C\x04p", 4));
+    EXPECT_EQ(VELCLIENT_OK, velClient_msg_getSenderId(r2.h, &s));
+    EXPECT_STREQ("changed", s);
+    velClient_msg_free(&r2.h);
+    EXPECT_EQ(0, std::memcmp(static_cast<std::uint8_t *>(part.buf_p), "\x1C\x04p", 4));
+    EXPECT_EQ(VELCLIENT_OK, velClient_datablock_free(&block));
 }
 
 TEST(HeaderMap, MalformedHeaders)

@@ -1,0 +1,158 @@
+/* Reading containers: the cursor after hits and misses, lookups, sizes, and
+ * malformed bytes refused without reading past them. */
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "support/velTestSupport.h"
+
+namespace {
+
+/* The bytes in an allocation of exactly their size, so a sanitizer build
+ * catches any read past them, opened as a map or stream. */
+struct Exact {
+    std::unique_ptr<std::uint8_t[]> bytes;
+    velClient_opaqueContainer_pt h = nullptr;
+    velClient_returnCode_t rc;
+    explicit Exact(const std::vector<std::uint8_t> &b) : bytes(new std::uint8_t[b.size()])
+    {
+        std::memcpy(bytes.get(), b.data(), b.size());
+        rc = velClient_container_openMapFromPtr(&h, bytes.get(), static_cast<velClient_uint32_t>(b.size()));
+    }
+    ~Exact()
+    {
+        if (h != nullptr)
+            velClient_container_closeMapStream(&h);
+    }
+};
+
+std::vector<std::uint8_t> container(std::uint8_t type, const std::vector<std::uint8_t> &fields)
+{
+    std::vector<std::uint8_t> b{type, 0, 0, 0, static_cast<std::uint8_t>(fields.size() + 5)};
+    b.insert(b.end(), fields.begin(), fields.end());
+    return b;
+}
+
+/* map { a: 1, b: 2, a: 3 } */
+const std::vector<std::uint8_t> kABA = container(0x2B, {0x1C, 0x04, 'a', 0, 0x0C, 0x03, 1, 0x1C, 0x04, 'b', 0,
+                                                          0x0C, 0x03, 2, 0x1C, 0x04, 'a', 0, 0x0C, 0x03, 3});
+
+} // namespace
+
+TEST(Reading, EmptyContainers)
+{
+    for (std::uint8_t type : {std::uint8_t{0x2B}, std::uint8_t{0x2F}}) {
+        Exact e(container(type, {}));
+        ASSERT_EQ(VELCLIENT_OK, e.rc);
+        velClient_field_t f;
+        const char *name = nullptr;
+        EXPECT_EQ(0, velClient_container_hasNextField(e.h));
+        EXPECT_EQ(VELCLIENT_EOS, velClient_container_getNextField(e.h, &f, sizeof f, &name));
+        if (type == 0x2B) {
+            EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_container_getField(e.h, &f, sizeof f, "x"));
+        }
+    }
+}
+
+TEST(Reading, TheCursorAfterHitsAndMisses)
+{
+    Exact e(kABA);
+    ASSERT_EQ(VELCLIENT_OK, e.rc);
+    velClient_field_t f;
+    const char *name = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_getField(e.h, &f, sizeof f, "a"));
+    EXPECT_EQ(1, f.value.uint8); /* the first of two entries named a */
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_getNextField(e.h, &f, sizeof f, &name));
+    EXPECT_STREQ("b", name); /* the entry after the hit */
+    EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_container_getField(e.h, &f, sizeof f, "zz"));
+    EXPECT_EQ(VELCLIENT_EOS, velClient_container_getNextField(e.h, &f, sizeof f, &name));
+    EXPECT_EQ(VELCLIENT_EOS, velClient_container_getNextField(e.h, &f, sizeof f, &name));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_rewind(e.h));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_getNextField(e.h, &f, sizeof f, &name));
+    EXPECT_STREQ("a", name);
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_getField(e.h, &f, sizeof f, ""));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+                      "Null or Empty Name pointer in _velClient_container_getFieldAndTypeByName");
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_getField(e.h, &f, 3, "a"));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
+                      veltest::format("Unsupported field structure size (received 3, expected %d) in "
+                                      "velClient_container_getField",
+                                      static_cast<int>(sizeof f)));
+    size_t size = 0;
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_getSize(e.h, &size));
+    EXPECT_EQ(kABA.size(), size);
+}
+
+TEST(Reading, AStreamRefusesANameWithoutMovingItsCursor)
+{
+    Exact e(container(0x2F, {0x0C, 0x03, 7, 0x0C, 0x03, 8}));
+    ASSERT_EQ(VELCLIENT_OK, e.rc);
+    velClient_field_t f;
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_getField(e.h, &f, sizeof f, "x"));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_CONFLICT,
+                      "Stream with non-NULL name pointer in velClient_container_getField");
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_getField(e.h, &f, sizeof f, nullptr));
+    EXPECT_EQ(7, f.value.uint8);
+}
+
+TEST(Reading, ANestedContainerReadTwiceIsTheSameContainer)
+{
+    Exact e(container(0x2B, {0x1C, 0x04, 's', 0, 0x2F, 0, 0, 0, 8, 0x0C, 0x03, 5}));
+    ASSERT_EQ(VELCLIENT_OK, e.rc);
+    velClient_opaqueContainer_pt first = nullptr, second = nullptr;
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_getSubMap(e.h, &first, "s"));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_INVALID_DATA_CONVERSION, "Field Type Stream could not be converted to Map");
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_getSubStream(e.h, &first, "s"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_getSubStream(e.h, &second, "s"));
+    EXPECT_EQ(first, second);
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&second));
+    velClient_uint8_t v = 0;
+    EXPECT_EQ(VELCLIENT_OK, velClient_container_getUint8(first, &v, nullptr)); /* one reference left */
+    EXPECT_EQ(5, v);
+}
+
+TEST(Reading, MalformedBytesAreRefusedExactly)
+{
+    struct Case {
+        std::vector<std::uint8_t> fields;
+        velClient_subCode_t subCode;
+        const char *text;
+    } cases[] = {
+        {{0x0C, 0x03, 1}, VELCLIENT_SUBCODE_COMMUNICATION_ERROR, "Invalid type in TLV string in structured data container"},
+        {{0x1C, 0x04, 'a', 'b', 0x0C, 0x03, 1}, VELCLIENT_SUBCODE_COMMUNICATION_ERROR,
+         "Invalid length in TLV string in structured data container"},
+        {{0x1C, 0x04, 'a', 0, 0x0C, 0x09, 1}, VELCLIENT_SUBCODE_COMMUNICATION_ERROR, "Invalid entry in structured data map"},
+        {{0x1C, 0x04, 'a', 0, 0x00, 0x01}, VELCLIENT_SUBCODE_COMMUNICATION_ERROR, "Invalid entry in structured data TLV"},
+        {{0x1C, 0x04, 'a', 0, 0x00, 0x00}, VELCLIENT_SUBCODE_COMMUNICATION_ERROR, "Invalid entry in structured data TLV"},
+        {{0x1C, 0x04, 'a', 0, 0x2B, 0, 0, 0, 4}, VELCLIENT_SUBCODE_COMMUNICATION_ERROR, "Invalid entry in structured data TLV"},
+        {{0x1C, 0x04, 'a', 0, 0x0C, 0x05, 1, 2, 3}, VELCLIENT_SUBCODE_COMMUNICATION_ERROR, "Invalid entry in structured data TLV"},
+        {{0x1C, 0x04, 'a', 0, 0x1F, 0xFF, 0xFF, 0xFF, 0xFF}, VELCLIENT_SUBCODE_COMMUNICATION_ERROR,
+         "Invalid entry in structured data TLV"},
+        {{0x1C, 0x04, 'a', 0}, VELCLIENT_SUBCODE_COMMUNICATION_ERROR, "Invalid entry in structured data map"},
+        {{0x1D, 0x00}, VELCLIENT_SUBCODE_COMMUNICATION_ERROR, "Invalid entry in structured data map"},
+    };
+    for (const Case &c : cases) {
+        Exact e(container(0x2B, c.fields));
+        ASSERT_EQ(VELCLIENT_OK, e.rc);
+        velClient_field_t f;
+        const char *name = nullptr;
+        EXPECT_EQ(VELCLIENT_FAIL, velClient_container_getNextField(e.h, &f, sizeof f, &name)) << c.text;
+        EXPECT_LAST_ERROR(c.subCode, c.text);
+        EXPECT_EQ(VELCLIENT_FAIL, velClient_container_getField(e.h, &f, sizeof f, "a"));
+    }
+}
+
+TEST(Reading, UnknownTypeBytesPassAsUnknownFields)
+{
+    /* 0x05: a boolean with a 2-byte length; 0x28: a map with a 1-byte length. */
+    Exact e(container(0x2F, {0x05, 0x00, 0x04, 0x01, 0x28, 0x02}));
+    ASSERT_EQ(VELCLIENT_OK, e.rc);
+    velClient_field_t f;
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_getNextField(e.h, &f, sizeof f, nullptr));
+    EXPECT_EQ(VELCLIENT_UNKNOWN, f.type);
+    EXPECT_EQ(4u, f.length);
+    EXPECT_EQ(0x05, f.value.unknownField[0]);
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_getNextField(e.h, &f, sizeof f, nullptr));
+    EXPECT_EQ(VELCLIENT_UNKNOWN, f.type);
+    EXPECT_EQ(2u, f.length);
+}
