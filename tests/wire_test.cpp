@@ -82,6 +82,23 @@ TEST(WireFormat, EncodeCachesTheImageUntilTheMessageChanges)
     EXPECT_EQ('u', changed[17]);
 }
 
+TEST(WireFormat, ChangingAMapAfterEncodingInvalidatesTheImage)
+{
+    Msg m;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setSenderId(m.h, "first"));
+    Bytes before = encode(m.h);
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setSenderId(m.h, "other")); /* same size, written in place */
+    Bytes after = encode(m.h);
+    EXPECT_NE(before, after);
+    velClient_opaqueMsg_pt out = nullptr;
+    velClient_bufInfo_t info{after.data(), static_cast<velClient_uint32_t>(after.size())};
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_decodeFromVwf(&info, &out));
+    Msg r(out);
+    const char *s = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getSenderId(r.h, &s));
+    EXPECT_STREQ("other", s);
+}
+
 TEST(WireFormat, EncodeRefusesOneNullOutput)
 {
     Msg m;

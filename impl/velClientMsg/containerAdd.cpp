@@ -68,6 +68,13 @@ std::uint8_t *reserve(_velClient_container *c, std::uint64_t needed)
     return c->curWrPtr;
 }
 
+/* A change to a container in a message invalidates its cached wire image. */
+inline void markModified(const _velClient_container *c)
+{
+    if (c->msg_b != nullptr)
+        c->msg_b->internalFlags |= _VELCLIENT_MSG_FLAG_MODIFIED;
+}
+
 /* Writes the name field (map only) at p; returns where the value goes. */
 std::uint8_t *writeName(std::uint8_t *p, const char *name, std::uint32_t nameLen)
 {
@@ -94,6 +101,7 @@ velClient_returnCode_t addField(velClient_opaqueContainer_pt handle, const char 
         return VELCLIENT_FAIL;
     write(writeName(p, name, nameLen));
     c->curWrPtr = p + needed;
+    markModified(c);
     return VELCLIENT_OK;
 }
 
@@ -363,6 +371,7 @@ velClient_returnCode_t openSub(velClient_opaqueContainer_pt parentHandle, velCli
     child->sib_p = parent->child_p;
     parent->child_p = child;
     parent->curWrPtr = parent->maxWrPtr;
+    markModified(parent);
     *sub_p = child->opaqueContainer_p;
     return VELCLIENT_OK;
 }

@@ -41,6 +41,8 @@ void removeEntry(_velClient_container *c, std::uint8_t *entry, std::uint32_t siz
     c->curWrPtr -= size;
     if (c->curRdPtr != nullptr && c->curRdPtr > entry)
         c->curRdPtr -= size;
+    if (c->msg_b != nullptr)
+        c->msg_b->internalFlags |= _VELCLIENT_MSG_FLAG_MODIFIED; /* the cached wire image is stale */
 }
 
 } // namespace
