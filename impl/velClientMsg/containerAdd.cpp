@@ -15,9 +15,14 @@ namespace {
 
 using namespace vel::tlv;
 
-/* The container behind the handle, checked against the name rule; nameLen
- * receives the name's length with its NUL (0 in a stream). */
-_velClient_container *paramCheck(velClient_opaqueContainer_pt handle, const char *name, std::uint32_t &nameLen)
+constexpr const char *kNoRoom = "Unable to add more structured data to container memory";
+
+/* The shared parameter check of every add: the container behind the handle,
+ * and the name rule (a map needs a non-empty name, a stream takes none, not
+ * even ""). nameLen receives the name's length with its NUL (0 in a stream).
+ * Returns nullptr after recording the failure. */
+_velClient_container *_velClient_container_paramCheck(velClient_opaqueContainer_pt handle, const char *name,
+                                                      std::uint64_t &nameLen)
 {
     _velClient_container *c =
         vel::containerOrFail(handle, "Bad container pointer (%p) in velClient_container_paramCheck");
@@ -28,13 +33,7 @@ _velClient_container *paramCheck(velClient_opaqueContainer_pt handle, const char
             VEL_STORE(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, "Attempt to add unnamed field to a map");
             return nullptr;
         }
-        std::size_t len = std::strlen(name) + 1;
-        if (len > 0xFFFF0000u) {
-            VEL_STORE(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                      "Field name too long in velClient_container_paramCheck");
-            return nullptr;
-        }
-        nameLen = static_cast<std::uint32_t>(len);
+        nameLen = std::strlen(name) + 1;
     } else {
         if (name != nullptr) {
             VEL_STORE(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
@@ -46,25 +45,30 @@ _velClient_container *paramCheck(velClient_opaqueContainer_pt handle, const char
     return c;
 }
 
-std::uint64_t nameFieldSize(std::uint32_t nameLen)
+std::uint64_t nameFieldSize(std::uint64_t nameLen)
 {
     return nameLen == 0 ? 0 : varFieldSize(nameLen);
 }
 
-/* Makes room for needed bytes at the write position (growing by exactly the
- * excess); returns the write position, or nullptr after recording the failure. */
-std::uint8_t *reserve(_velClient_container *c, std::uint64_t needed)
+/* Slow path of reserve(): grows c by exactly excess bytes at its end. */
+[[gnu::noinline, gnu::cold]] std::uint8_t *growFor(_velClient_container *c, std::int64_t excess)
+{
+    if (excess > 0x7FFFFFF0) {
+        VEL_STORE(VELCLIENT_SUBCODE_INSUFFICIENT_SPACE, VELCLIENT_LOG_WARNING, "%s", kNoRoom);
+        return nullptr;
+    }
+    if (_velClient_container_growData(c, c->maxWrPtr, static_cast<std::int32_t>(excess), 0) != VELCLIENT_OK)
+        return nullptr;
+    return c->curWrPtr; /* growth may have moved the bytes */
+}
+
+/* Makes room for needed bytes at the write position; returns the write
+ * position, or nullptr after recording the failure (nothing changed). */
+inline std::uint8_t *reserve(_velClient_container *c, std::uint64_t needed)
 {
     std::int64_t excess = static_cast<std::int64_t>(c->curWrPtr - c->maxWrPtr) + static_cast<std::int64_t>(needed);
-    if (excess > 0) {
-        if (excess > 0x7FFFFFF0 || _velClient_container_growData(c, c->maxWrPtr, static_cast<std::int32_t>(excess),
-                                                                 0) != VELCLIENT_OK) {
-            if (excess > 0x7FFFFFF0)
-                VEL_STORE(VELCLIENT_SUBCODE_INSUFFICIENT_SPACE, VELCLIENT_LOG_WARNING,
-                          "Unable to add more structured data to container memory");
-            return nullptr;
-        }
-    }
+    if (excess > 0) [[unlikely]]
+        return growFor(c, excess);
     return c->curWrPtr;
 }
 
@@ -76,24 +80,32 @@ inline void markModified(const _velClient_container *c)
 }
 
 /* Writes the name field (map only) at p; returns where the value goes. */
-std::uint8_t *writeName(std::uint8_t *p, const char *name, std::uint32_t nameLen)
+std::uint8_t *writeName(std::uint8_t *p, const char *name, std::uint64_t nameLen)
 {
     if (nameLen == 0)
         return p;
-    std::uint8_t *v = writeVarHeader(p, TB_STRING, nameLen);
-    std::memcpy(v, name, nameLen);
-    return v + nameLen;
+    auto len = static_cast<std::uint32_t>(nameLen); /* reserve() bounded it */
+    std::uint8_t *v = writeVarHeader(p, TB_STRING, len);
+    std::memcpy(v, name, len);
+    return v + len;
 }
 
-/* The common frame of every add: check, make room for the name field and
- * valueSize bytes, write the name, let write() fill the value, advance. */
-template <typename Write>
-velClient_returnCode_t addField(velClient_opaqueContainer_pt handle, const char *name, std::uint64_t valueSize,
-                                Write write)
+inline velClient_returnCode_t acceptAll()
 {
-    std::uint32_t nameLen = 0;
-    _velClient_container *c = paramCheck(handle, name, nameLen);
-    if (c == nullptr)
+    return VELCLIENT_OK;
+}
+
+/* The common frame of every add: the parameter check, then the add's own
+ * check (which records its failure), room for the name field and valueSize
+ * bytes, the name field, write() for the value field, and the advance of
+ * curWrPtr. A failure at any step leaves the container as it was. */
+template <typename Check, typename Write>
+velClient_returnCode_t addField(velClient_opaqueContainer_pt handle, const char *name, std::uint64_t valueSize,
+                                Check check, Write write)
+{
+    std::uint64_t nameLen = 0;
+    _velClient_container *c = _velClient_container_paramCheck(handle, name, nameLen);
+    if (c == nullptr || check() != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     std::uint64_t needed = nameFieldSize(nameLen) + valueSize;
     std::uint8_t *p = reserve(c, needed);
@@ -105,141 +117,184 @@ velClient_returnCode_t addField(velClient_opaqueContainer_pt handle, const char 
     return VELCLIENT_OK;
 }
 
-/* A fixed-size field: type byte, length byte, value bytes big-endian. */
-template <std::uint8_t TypeByte, unsigned Bytes>
-velClient_returnCode_t addFixed(velClient_opaqueContainer_pt handle, const char *name, std::uint64_t bits)
+/* ---- Scalars: one traits row per add ------------------------------------------ */
+
+/* Encoders: the value as the big-endian bits the field stores. */
+template <typename T>
+std::uint64_t asInteger(T value)
 {
-    return addField(handle, name, 2 + Bytes, [bits](std::uint8_t *p) {
-        p[0] = TypeByte;
-        p[1] = 2 + Bytes;
-        putBE(p + 2, bits, Bytes);
-    });
+    return static_cast<std::uint64_t>(value); /* sign-extended; the low bytes are kept */
+}
+template <typename T>
+std::uint64_t asIeee(T value)
+{
+    std::conditional_t<sizeof(T) == 4, std::uint32_t, std::uint64_t> bits;
+    std::memcpy(&bits, &value, sizeof bits);
+    return bits;
+}
+std::uint64_t asBoolean(velClient_bool_t value)
+{
+    return value != 0 ? 1 : 0;
+}
+std::uint64_t asChar(char value)
+{
+    return static_cast<unsigned char>(value);
+}
+std::uint64_t asWchar(velClient_wchar_t value)
+{
+    return value & 0xFFFFu; /* the field keeps 16 bits */
 }
 
-/* A variable-size field of valueLength bytes from value_p. */
-velClient_returnCode_t addVariable(velClient_opaqueContainer_pt handle, const char *name, std::uint8_t typeBase,
-                                   const void *value_p, std::uint64_t valueLength)
+/* Value checks, run after the name check. */
+template <typename T>
+velClient_returnCode_t anyValue(T)
 {
-    if (valueLength > 0xFFFF0000u)
-        return VEL_FAIL(VELCLIENT_SUBCODE_INSUFFICIENT_SPACE, VELCLIENT_LOG_WARNING,
-                        "Unable to add more structured data to container memory");
+    return VELCLIENT_OK;
+}
+velClient_returnCode_t asciiOnly(char value)
+{
+    if (static_cast<unsigned char>(value) > 127)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
+                        "Non Ascii characters may not be sent in velClient_container_addChar");
+    return VELCLIENT_OK;
+}
+
+/* A fixed-size field: type byte, length byte (2 + Bytes), Bytes value bytes. */
+template <std::uint8_t TypeByte, unsigned Bytes, auto Encode, auto Accept, typename T>
+velClient_returnCode_t addScalar(velClient_opaqueContainer_pt handle, T value, const char *name)
+{
+    return addField(
+        handle, name, 2 + Bytes, [value] { return Accept(value); },
+        [value](std::uint8_t *p) {
+            p[0] = TypeByte;
+            p[1] = 2 + Bytes;
+            putBE(p + 2, Encode(value), Bytes);
+        });
+}
+
+/* ---- Variable-size values ------------------------------------------------------ */
+
+/* A variable-size field of valueLength bytes from value_p; a null value_p is
+ * refused with nullText after the parameter check. */
+velClient_returnCode_t addVariable(velClient_opaqueContainer_pt handle, const char *name, std::uint8_t typeBase,
+                                   const void *value_p, std::uint64_t valueLength, const char *nullText)
+{
+    auto check = [&] {
+        if (value_p == nullptr)
+            return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, "%s", nullText);
+        if (valueLength > 0x7FFFFFF0u)
+            return VEL_FAIL(VELCLIENT_SUBCODE_INSUFFICIENT_SPACE, VELCLIENT_LOG_WARNING, "%s", kNoRoom);
+        return VELCLIENT_OK;
+    };
     auto len = static_cast<std::uint32_t>(valueLength);
-    return addField(handle, name, varFieldSize(len), [&](std::uint8_t *p) {
+    return addField(handle, name, varFieldSize(valueLength), check, [&](std::uint8_t *p) {
         std::uint8_t *v = writeVarHeader(p, typeBase, len);
         if (len != 0)
             std::memcpy(v, value_p, len);
     });
 }
 
-template <typename T>
-std::uint64_t bitsOf(T value)
+/* True when a and b are the same container or one contains the other. */
+bool related(const _velClient_container *a, const _velClient_container *b)
 {
-    if constexpr (std::is_floating_point_v<T>) {
-        std::conditional_t<sizeof(T) == 4, std::uint32_t, std::uint64_t> bits;
-        std::memcpy(&bits, &value, sizeof bits);
-        return bits;
-    } else {
-        return static_cast<std::uint64_t>(value);
+    for (const _velClient_container *k = a; k != nullptr; k = k->parent_p)
+        if (k == b)
+            return true;
+    for (const _velClient_container *k = b; k != nullptr; k = k->parent_p)
+        if (k == a)
+            return true;
+    return false;
+}
+
+/* Resolves and finalises the container to copy into c; nullptr after
+ * recording the failure. */
+_velClient_container *finalisedSource(const _velClient_container *c, velClient_opaqueContainer_pt opaqueSub_p)
+{
+    _velClient_container *sub =
+        vel::containerOrFail(opaqueSub_p, "Bad subcontainer pointer (%p) in velClient_container_closeMapStream");
+    if (sub == nullptr)
+        return nullptr;
+    if (related(c, sub)) {
+        VEL_STORE(VELCLIENT_SUBCODE_PARAM_CONFLICT, VELCLIENT_LOG_WARNING,
+                  "Cannot add a container to itself, its ancestor or its descendant in "
+                  "velClient_container_addContainer");
+        return nullptr;
     }
+    _velClient_container *finalise = sub;
+    if (_velClient_container_closeMapStream(&finalise, false, false, false) != VELCLIENT_OK)
+        return nullptr;
+    return sub;
+}
+
+/* The tlvLength in the header of the field at field (width from the low two
+ * bits of its first byte), or -1 when length bytes cannot hold that header. */
+std::int64_t encodedLength(const velClient_uint8_t *field, velClient_uint32_t length)
+{
+    unsigned width = (field[0] & 0x03) + 1u;
+    if (length < 1 + width)
+        return -1;
+    return static_cast<std::int64_t>(getBE(field + 1, width));
 }
 
 } // namespace
 
-/* Every scalar add: name, C type, type byte, value bytes. */
-#define VEL_SCALAR_ADDS(X)                                   \
-    X(Uint8, velClient_uint8_t, TB_UINT, 1)                  \
-    X(Int8, velClient_int8_t, TB_INT, 1)                     \
-    X(Uint16, velClient_uint16_t, TB_UINT, 2)                \
-    X(Int16, velClient_int16_t, TB_INT, 2)                   \
-    X(Uint32, velClient_uint32_t, TB_UINT, 4)                \
-    X(Int32, velClient_int32_t, TB_INT, 4)                   \
-    X(Uint64, velClient_uint64_t, TB_UINT, 8)                \
-    X(Int64, velClient_int64_t, TB_INT, 8)                   \
-    X(Float, float, TB_FLOAT, 4)                             \
-    X(Double, double, TB_FLOAT, 8)
+/* Every scalar add: exported name, C type, type byte, value bytes, encoder, value check. */
+#define VEL_SCALAR_ADDS(X)                                                              \
+    X(Boolean, velClient_bool_t, TB_BOOL, 1, asBoolean, anyValue<velClient_bool_t>)     \
+    X(Uint8, velClient_uint8_t, TB_UINT, 1, asInteger, anyValue<velClient_uint8_t>)     \
+    X(Int8, velClient_int8_t, TB_INT, 1, asInteger, anyValue<velClient_int8_t>)         \
+    X(Uint16, velClient_uint16_t, TB_UINT, 2, asInteger, anyValue<velClient_uint16_t>)  \
+    X(Int16, velClient_int16_t, TB_INT, 2, asInteger, anyValue<velClient_int16_t>)      \
+    X(Uint32, velClient_uint32_t, TB_UINT, 4, asInteger, anyValue<velClient_uint32_t>)  \
+    X(Int32, velClient_int32_t, TB_INT, 4, asInteger, anyValue<velClient_int32_t>)      \
+    X(Uint64, velClient_uint64_t, TB_UINT, 8, asInteger, anyValue<velClient_uint64_t>)  \
+    X(Int64, velClient_int64_t, TB_INT, 8, asInteger, anyValue<velClient_int64_t>)      \
+    X(Char, char, TB_CHAR, 2, asChar, asciiOnly)                                        \
+    X(Wchar, velClient_wchar_t, TB_CHAR, 2, asWchar, anyValue<velClient_wchar_t>)       \
+    X(Float, float, TB_FLOAT, 4, asIeee, anyValue<float>)                               \
+    X(Double, double, TB_FLOAT, 8, asIeee, anyValue<double>)
 
-#define VEL_DEFINE_SCALAR_ADD(Name, CType, TypeByte, Bytes)                                                          \
-    extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_add##Name(                                 \
-        velClient_opaqueContainer_pt opaqueCont_p, CType value, const char *name)                                  \
-    {                                                                                                                \
-        return addFixed<TypeByte, Bytes>(opaqueCont_p, name, bitsOf(value));                                        \
+#define VEL_DEFINE_SCALAR_ADD(Name, CType, TypeByte, Bytes, Encode, Accept)                           \
+    extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_add##Name(                  \
+        velClient_opaqueContainer_pt opaqueCont_p, CType value, const char *name)                   \
+    {                                                                                                 \
+        return addScalar<TypeByte, Bytes, static_cast<std::uint64_t (*)(CType)>(Encode), Accept>(    \
+            opaqueCont_p, value, name);                                                               \
     }
 VEL_SCALAR_ADDS(VEL_DEFINE_SCALAR_ADD)
+#undef VEL_DEFINE_SCALAR_ADD
 
-extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_addBoolean(velClient_opaqueContainer_pt opaqueCont_p,
-                                                                              velClient_bool_t value, const char *name)
-{
-    return addFixed<TB_BOOL, 1>(opaqueCont_p, name, value != 0 ? 1 : 0);
-}
-
-extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_addWchar(velClient_opaqueContainer_pt opaqueCont_p,
-                                                                            velClient_wchar_t value, const char *name)
-{
-    return addFixed<TB_CHAR, 2>(opaqueCont_p, name, value & 0xFFFFu);
-}
-
-extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_addChar(velClient_opaqueContainer_pt opaqueCont_p,
-                                                                           char value, const char *name)
-{
-    std::uint32_t nameLen = 0;
-    if (paramCheck(opaqueCont_p, name, nameLen) == nullptr)
-        return VELCLIENT_FAIL;
-    if (static_cast<unsigned char>(value) > 127)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Non Ascii characters may not be sent in velClient_container_addChar");
-    return addFixed<TB_CHAR, 2>(opaqueCont_p, name, static_cast<unsigned char>(value));
-}
-
+/* The null field is the scalar with no value bytes: 00 02. */
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_addNull(velClient_opaqueContainer_pt opaqueCont_p,
                                                                            const char *name)
 {
-    return addField(opaqueCont_p, name, 2, [](std::uint8_t *p) {
-        p[0] = TB_NULL;
-        p[1] = 2;
-    });
+    return addScalar<TB_NULL, 0, asInteger<int>, anyValue<int>>(opaqueCont_p, 0, name);
 }
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_addString(velClient_opaqueContainer_pt opaqueCont_p,
                                                                              const char *value, const char *name)
 {
-    if (value == nullptr) {
-        std::uint32_t nameLen = 0;
-        if (paramCheck(opaqueCont_p, name, nameLen) == nullptr)
-            return VELCLIENT_FAIL;
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null value pointer in velClient_container_addString");
-    }
-    return addVariable(opaqueCont_p, name, TB_STRING, value, std::strlen(value) + 1);
+    return addVariable(opaqueCont_p, name, TB_STRING, value, value != nullptr ? std::strlen(value) + 1 : 0,
+                       "Null value pointer in velClient_container_addString");
 }
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_addByteArray(
     velClient_opaqueContainer_pt opaqueCont_p, const velClient_uint8_t *arr_p, velClient_uint32_t length,
     const char *name)
 {
-    if (arr_p == nullptr) {
-        std::uint32_t nameLen = 0;
-        if (paramCheck(opaqueCont_p, name, nameLen) == nullptr)
-            return VELCLIENT_FAIL;
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null byte array pointer in velClient_container_addByteArray");
-    }
-    return addVariable(opaqueCont_p, name, TB_BYTEARRAY, arr_p, length);
+    return addVariable(opaqueCont_p, name, TB_BYTEARRAY, arr_p, length,
+                       "Null byte array pointer in velClient_container_addByteArray");
 }
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_addVwf(velClient_opaqueContainer_pt opaqueCont_p,
                                                                           const velClient_uint8_t *vwf_p,
                                                                           velClient_uint32_t length, const char *name)
 {
-    if (vwf_p == nullptr) {
-        std::uint32_t nameLen = 0;
-        if (paramCheck(opaqueCont_p, name, nameLen) == nullptr)
-            return VELCLIENT_FAIL;
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null VWF pointer in velClient_container_addVwf");
-    }
-    return addVariable(opaqueCont_p, name, TB_VWF, vwf_p, length);
+    return addVariable(opaqueCont_p, name, TB_VWF, vwf_p, length, "Null VWF pointer in velClient_container_addVwf");
 }
 
+/* Checks in order: the destination record, its size, its type, its name
+ * pointer, the parameter check, the name's length; then 20 len kind name\0. */
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_addDestination(
     velClient_opaqueContainer_pt opaqueCont_p, const velClient_destination_t *value, size_t destSize,
     const char *name)
@@ -259,17 +314,17 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_addDestinati
     if (value->dest == nullptr)
         return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
                         "Null dest pointer in velClient_container_addDestination");
-    std::uint32_t nameLen = 0;
-    if (paramCheck(opaqueCont_p, name, nameLen) == nullptr)
-        return VELCLIENT_FAIL;
     std::size_t destLen = std::strlen(value->dest) + 1;
-    if (destLen > MAX_DEST_NAME_WITH_NUL)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Attempt to add destination field in excess of 65K bytes");
+    auto check = [destLen] {
+        if (destLen > MAX_DEST_NAME_WITH_NUL)
+            return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
+                            "Attempt to add destination field in excess of 65K bytes");
+        return VELCLIENT_OK;
+    };
     std::uint8_t kind = (type == VELCLIENT_QUEUE_DESTINATION || type == VELCLIENT_QUEUE_TEMP_DESTINATION)
                             ? DEST_KIND_QUEUE
                             : DEST_KIND_TOPIC;
-    return addField(opaqueCont_p, name, destLen + 3, [&](std::uint8_t *p) {
+    return addField(opaqueCont_p, name, destLen + 3, check, [&](std::uint8_t *p) {
         p[0] = TB_DESTINATION;
         p[1] = static_cast<std::uint8_t>(destLen + 3);
         p[2] = kind;
@@ -277,46 +332,27 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_addDestinati
     });
 }
 
-namespace {
-
-/* True when a and b are the same container or one contains the other. */
-bool related(const _velClient_container *a, const _velClient_container *b)
-{
-    for (const _velClient_container *k = a; k != nullptr; k = k->parent_p)
-        if (k == b)
-            return true;
-    for (const _velClient_container *k = b; k != nullptr; k = k->parent_p)
-        if (k == a)
-            return true;
-    return false;
-}
-
-} // namespace
-
+/* Copies the finalised bytes of another container (header included) as one
+ * value field; the source stays open and independent of the copy. */
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_addContainer(
     velClient_opaqueContainer_pt opaqueCont_p, velClient_opaqueContainer_pt opaqueSub_p, const char *name)
 {
-    std::uint32_t nameLen = 0;
-    _velClient_container *c = paramCheck(opaqueCont_p, name, nameLen);
+    std::uint64_t nameLen = 0;
+    _velClient_container *c = _velClient_container_paramCheck(opaqueCont_p, name, nameLen);
     if (c == nullptr)
         return VELCLIENT_FAIL;
-    _velClient_container *sub =
-        vel::containerOrFail(opaqueSub_p, "Bad subcontainer pointer (%p) in velClient_container_closeMapStream");
+    _velClient_container *sub = finalisedSource(c, opaqueSub_p);
     if (sub == nullptr)
         return VELCLIENT_FAIL;
-    if (related(c, sub))
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_CONFLICT, VELCLIENT_LOG_WARNING,
-                        "Cannot add a container to itself, its ancestor or its descendant in "
-                        "velClient_container_addContainer");
-    _velClient_container *finalise = sub;
-    if (_velClient_container_closeMapStream(&finalise, false, false, false) != VELCLIENT_OK)
-        return VELCLIENT_FAIL;
     /* Both may live in one message part: growing c may move sub's bytes, so
-     * copy by offset after the room is made. */
-    auto len = static_cast<std::uint32_t>(sub->curWrPtr - sub->startPtr);
-    return addField(opaqueCont_p, name, len, [sub, len](std::uint8_t *p) { std::memmove(p, sub->startPtr, len); });
+     * its start is read only after the room is made. */
+    auto len = static_cast<std::uint64_t>(sub->curWrPtr - sub->startPtr);
+    return addField(opaqueCont_p, name, len, acceptAll,
+                    [sub, len](std::uint8_t *p) { std::memmove(p, sub->startPtr, static_cast<std::size_t>(len)); });
 }
 
+/* Adds a whole field verbatim after checking only that the tlvLength in its
+ * own header equals length; the header is never read beyond length bytes. */
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_addUnknownField(
     velClient_opaqueContainer_pt opaqueCont_p, const velClient_uint8_t *field, velClient_uint32_t length,
     const char *name)
@@ -324,17 +360,16 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_addUnknownFi
     if (field == nullptr || length == 0)
         return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
                         "Null or empty field pointer in velClient_container_addUnknownField");
-    std::uint32_t nameLen = 0;
-    if (paramCheck(opaqueCont_p, name, nameLen) == nullptr)
-        return VELCLIENT_FAIL;
-    unsigned width = (field[0] & 0x03) + 1u;
-    std::uint64_t encoded = length >= 1 + width ? getBE(field + 1, width) : 0;
-    if (length < 1 + width || encoded != length)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Bad Format field in velClient_container_addUnknownField, encoded length (%d) does not match "
-                        "field length (%d)",
-                        static_cast<int>(encoded), static_cast<int>(length));
-    return addField(opaqueCont_p, name, length, [&](std::uint8_t *p) { std::memcpy(p, field, length); });
+    auto check = [field, length] {
+        std::int64_t encoded = encodedLength(field, length);
+        if (encoded != static_cast<std::int64_t>(length))
+            return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
+                            "Bad Format field in velClient_container_addUnknownField, encoded length (%d) does not "
+                            "match field length (%d)",
+                            static_cast<int>(encoded), static_cast<int>(length));
+        return VELCLIENT_OK;
+    };
+    return addField(opaqueCont_p, name, length, check, [&](std::uint8_t *p) { std::memcpy(p, field, length); });
 }
 
 /* ---- Sub-containers opened in place ------------------------------------------ */
@@ -343,8 +378,8 @@ namespace {
 velClient_returnCode_t openSub(velClient_opaqueContainer_pt parentHandle, velClient_opaqueContainer_pt *sub_p,
                                const char *name, _velClient_containerType type)
 {
-    std::uint32_t nameLen = 0;
-    _velClient_container *parent = paramCheck(parentHandle, name, nameLen);
+    std::uint64_t nameLen = 0;
+    _velClient_container *parent = _velClient_container_paramCheck(parentHandle, name, nameLen);
     if (parent == nullptr)
         return VELCLIENT_FAIL;
     if (sub_p == nullptr)

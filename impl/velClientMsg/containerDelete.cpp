@@ -1,8 +1,10 @@
 /*
- * containerDelete.cpp - removing every entry of a given name from a map:
- * the bytes after an entry move down over it, open children behind it are
- * re-based, and a shared (read-only) container is first given bytes of its
- * own.
+ * containerDelete.cpp - removing every entry of a given name from a map.
+ * The bytes after an entry move down over it and the open children behind it
+ * are re-based; a child opened on the removed value is closed first (except
+ * on the map's last entry, where it is deliberately left open); a shared
+ * (read-only) map is first given bytes of its own. The walk never reads at or
+ * past the map's write position.
  */
 #include <cstring>
 
@@ -11,6 +13,122 @@
 
 namespace {
 
+using namespace vel::tlv;
+
+constexpr const char *kPastEnd = "Invalid entry in structured data map in velClient_container_deleteField";
+
+velClient_returnCode_t malformed(const char *text)
+{
+    return VEL_FAIL(VELCLIENT_SUBCODE_COMMUNICATION_ERROR, VELCLIENT_LOG_ERROR, "%s", text);
+}
+
+/* True when the field at p declares more bytes than lie before end (or has no
+ * room for its own length field): it runs past the written bytes. */
+bool runsPast(const std::uint8_t *p, const std::uint8_t *end)
+{
+    unsigned width = (p[0] & 0x03) + 1u;
+    if (end - p < static_cast<std::ptrdiff_t>(1 + width))
+        return true;
+    return getBE(p + 1, width) > static_cast<std::uint64_t>(end - p);
+}
+
+/* One decoded entry of the map: its name field and its value field. */
+struct Entry {
+    std::uint8_t *at = nullptr;
+    std::uint32_t keyLen = 0;
+    std::uint32_t size = 0; /* name field + value field */
+    const char *name = nullptr;
+    std::uint8_t *value() const { return at + keyLen; }
+};
+
+/* Decodes the entry at pos (pos < end); records the failure and returns false
+ * when it is malformed. */
+bool readEntry(std::uint8_t *pos, const std::uint8_t *end, Entry &e)
+{
+    velClient_field_t key{}, value{};
+    if ((pos[0] & 0xFC) != TB_STRING)
+        return malformed("Invalid type in TLV string in structured data container"), false;
+    if (runsPast(pos, end))
+        return malformed(kPastEnd), false;
+    std::int64_t keyLen = _velClient_tlv_decodeField(pos, end, &key);
+    if (keyLen < 0)
+        return malformed("Invalid length in TLV string in structured data container"), false;
+    std::uint8_t *v = pos + keyLen;
+    if (v >= end || runsPast(v, end))
+        return malformed(kPastEnd), false;
+    std::int64_t valueLen = _velClient_tlv_decodeField(v, end, &value);
+    if (valueLen < 0)
+        return malformed("Invalid entry in structured data TLV"), false;
+    e.at = pos;
+    e.keyLen = static_cast<std::uint32_t>(keyLen);
+    e.size = static_cast<std::uint32_t>(keyLen + valueLen);
+    e.name = key.value.string;
+    return true;
+}
+
+/* The first open child of c that starts exactly at p, or nullptr. */
+_velClient_container *childAt(const _velClient_container *c, const std::uint8_t *p)
+{
+    for (_velClient_container *k = c->child_p; k != nullptr; k = k->sib_p)
+        if (k->startPtr == p)
+            return k;
+    return nullptr;
+}
+
+/* Closes the open child on a removed entry's value. Closing hands the child's
+ * unused room back, which shrinks the entry, so it is decoded again. */
+bool closeChildOn(_velClient_container *c, Entry &e)
+{
+    _velClient_container *child = childAt(c, e.value());
+    if (child == nullptr)
+        return true;
+    VEL_LOG(VELCLIENT_LOG_INFO, "subcontainer %d closed due to field deletion",
+            static_cast<int>(reinterpret_cast<std::uintptr_t>(child->opaqueContainer_p)));
+    /* Forced: whoever else holds it, its bytes are about to go. */
+    if (_velClient_container_closeMapStream(&child, true, true, false) != VELCLIENT_OK)
+        return false;
+    return readEntry(e.at, c->curWrPtr, e);
+}
+
+/* Removes entry e (which ends before or at curWrPtr) from c. */
+bool removeEntry(_velClient_container *c, Entry &e)
+{
+    if (e.at + e.size < c->curWrPtr) {
+        if (!closeChildOn(c, e))
+            return false;
+        std::uint8_t *after = e.at + e.size;
+        std::memmove(e.at, after, static_cast<std::size_t>(c->curWrPtr - after));
+        for (_velClient_container *k = c->child_p; k != nullptr; k = k->sib_p)
+            if (k->startPtr >= after)
+                _velClient_modContainerPtrs(k, c->startPtr, -static_cast<std::int32_t>(e.size));
+    }
+    c->curWrPtr -= e.size;
+    if (c->curRdPtr > e.at) {
+        c->curRdPtr -= e.size;
+    } else if (c->curRdPtr == e.at) {
+        /* The entry last read is gone: the next read is the one now in its place. */
+        c->curFieldLength = 0;
+        c->curKeyLength = 0;
+    }
+    if (c->msg_b != nullptr)
+        c->msg_b->internalFlags |= _VELCLIENT_MSG_FLAG_MODIFIED; /* the cached wire image is stale */
+    return true;
+}
+
+/* Gives a read-only map bytes of its own by growing it one byte at the end of
+ * entry e; the extra byte then belongs to the entry and goes with it. */
+bool makeWritable(_velClient_container *c, Entry &e)
+{
+    std::ptrdiff_t at = e.at - c->startPtr;
+    if (_velClient_container_growData(c, e.at + e.size, 1, 1) != VELCLIENT_OK)
+        return false;
+    e.at = c->startPtr + at;
+    ++e.size;
+    return true;
+}
+
+/* True when c or an enclosing container shares its bytes with another
+ * message (read-only until given bytes of its own). */
 bool sharedBytes(const _velClient_container *c)
 {
     for (; c != nullptr; c = c->parent_p)
@@ -19,30 +137,30 @@ bool sharedBytes(const _velClient_container *c)
     return false;
 }
 
-/* Removes size bytes at entry (an entry of c ending before curWrPtr or at it). */
-void removeEntry(_velClient_container *c, std::uint8_t *entry, std::uint32_t size, std::uint8_t *value)
+velClient_returnCode_t deleteByName(_velClient_container *c, const char *name_p)
 {
-    std::uint8_t *after = entry + size;
-    if (after < c->curWrPtr) {
-        for (_velClient_container *k = c->child_p; k != nullptr; k = k->sib_p) {
-            if (k->startPtr == value) {
-                VEL_LOG(VELCLIENT_LOG_INFO, "subcontainer %d closed due to field deletion",
-                        static_cast<int>(reinterpret_cast<std::uintptr_t>(k->opaqueContainer_p)));
-                _velClient_container *self = k;
-                _velClient_container_closeMapStream(&self, true, true, false);
-                break;
-            }
-        }
-        std::memmove(entry, after, static_cast<std::size_t>(c->curWrPtr - after));
-        for (_velClient_container *k = c->child_p; k != nullptr; k = k->sib_p)
-            if (k->startPtr >= after)
-                _velClient_modContainerPtrs(k, c->startPtr, -static_cast<std::int32_t>(size));
+    if (c->curRdPtr == nullptr) {
+        /* Reading has not started: the cursor stands before the first field. */
+        c->curRdPtr = c->firstFieldPtr;
+        c->curFieldLength = 0;
+        c->curKeyLength = 0;
     }
-    c->curWrPtr -= size;
-    if (c->curRdPtr != nullptr && c->curRdPtr > entry)
-        c->curRdPtr -= size;
-    if (c->msg_b != nullptr)
-        c->msg_b->internalFlags |= _VELCLIENT_MSG_FLAG_MODIFIED; /* the cached wire image is stale */
+    std::uint8_t *pos = c->firstFieldPtr;
+    while (pos < c->curWrPtr) {
+        Entry e;
+        if (!readEntry(pos, c->curWrPtr, e))
+            return VELCLIENT_FAIL;
+        if (e.name == nullptr || std::strcmp(e.name, name_p) != 0) {
+            pos += e.size;
+            continue;
+        }
+        if (sharedBytes(c) && !makeWritable(c, e))
+            return VELCLIENT_FAIL;
+        if (!removeEntry(c, e))
+            return VELCLIENT_FAIL;
+        pos = e.at; /* the next entry now starts where this one did */
+    }
+    return VELCLIENT_OK;
 }
 
 } // namespace
@@ -59,38 +177,5 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_deleteField(
     if (c->type != VELCLIENT_CONTAINER_MAP)
         return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
                         "velClient_container_deleteField called on a Stream");
-    if (c->curRdPtr == nullptr)
-        c->curRdPtr = c->firstFieldPtr;
-    std::uint8_t *pos = c->firstFieldPtr;
-    while (pos < c->curWrPtr) {
-        velClient_field_t key{}, value{};
-        std::int64_t keyLen = _velClient_tlv_decodeField(pos, c->curWrPtr, &key);
-        if ((pos[0] & 0xFC) != vel::tlv::TB_STRING)
-            return VEL_FAIL(VELCLIENT_SUBCODE_COMMUNICATION_ERROR, VELCLIENT_LOG_ERROR,
-                            "Invalid type in TLV string in structured data container");
-        if (keyLen < 0)
-            return VEL_FAIL(VELCLIENT_SUBCODE_COMMUNICATION_ERROR, VELCLIENT_LOG_ERROR,
-                            "Invalid length in TLV string in structured data container");
-        std::uint8_t *valueAt = pos + keyLen;
-        std::int64_t valueLen = _velClient_tlv_decodeField(valueAt, c->curWrPtr, &value);
-        if (valueLen < 0)
-            return VEL_FAIL(VELCLIENT_SUBCODE_COMMUNICATION_ERROR, VELCLIENT_LOG_ERROR,
-                            "Invalid entry in structured data map in velClient_container_deleteField");
-        auto size = static_cast<std::uint32_t>(keyLen + valueLen);
-        if (key.value.string == nullptr || std::strcmp(key.value.string, name_p) != 0) {
-            pos += size;
-            continue;
-        }
-        if (sharedBytes(c)) {
-            /* Give the map bytes of its own first; the extra byte goes with the entry. */
-            std::ptrdiff_t at = pos - c->startPtr;
-            if (_velClient_container_growData(c, pos + size, 1, 1) != VELCLIENT_OK)
-                return VELCLIENT_FAIL;
-            pos = c->startPtr + at;
-            valueAt = pos + keyLen;
-            ++size;
-        }
-        removeEntry(c, pos, size, valueAt);
-    }
-    return VELCLIENT_OK;
+    return deleteByName(c, name_p);
 }

@@ -116,7 +116,9 @@ std::int64_t decodeVariable(const std::uint8_t *p, std::uint32_t len, unsigned w
     case TB_BYTEARRAY:
     case TB_VWF:
     case TB_STRING: {
-        bool empty = len == 2;
+        /* An empty value is the null string / array: tlvLength 2 in the
+         * 1-byte form, the bare header in the wider ones. */
+        bool empty = n == 0;
         if ((p[0] & 0xFC) == TB_STRING && !empty && !isCString(v, n))
             return kBad;
         f->type = (p[0] & 0xFC) == TB_STRING ? VELCLIENT_STRING

@@ -1,0 +1,275 @@
+/* Deleting map entries by name: every entry of the name goes, the bytes
+ * behind it move down, open sub-containers behind it keep working, and one
+ * opened on the deleted entry itself is closed (or, on the last entry, left
+ * open). */
+#include <algorithm>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "support/velTestSupport.h"
+
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+/* A map in application memory. */
+struct Map {
+    std::vector<char> mem;
+    velClient_opaqueContainer_pt h = nullptr;
+    explicit Map(std::size_t size = 256) : mem(size)
+    {
+        EXPECT_EQ(VELCLIENT_OK, velClient_container_createMap(&h, mem.data(), size));
+    }
+    ~Map()
+    {
+        if (h != nullptr)
+            velClient_container_closeMapStream(&h);
+    }
+    /* The written fields, without the 5-byte header. */
+    Bytes fields() const
+    {
+        size_t size = 0;
+        EXPECT_EQ(VELCLIENT_OK, velClient_container_getSize(h, &size));
+        return Bytes(mem.begin() + 5, mem.begin() + static_cast<std::ptrdiff_t>(size));
+    }
+};
+
+/* The names of a map's entries, in order, read from the first field. */
+std::vector<std::string> names(velClient_opaqueContainer_pt h)
+{
+    std::vector<std::string> out;
+    EXPECT_EQ(VELCLIENT_OK, velClient_container_rewind(h));
+    velClient_field_t f{};
+    const char *name = nullptr;
+    while (velClient_container_getNextField(h, &f, sizeof f, &name) == VELCLIENT_OK)
+        out.emplace_back(name);
+    return out;
+}
+
+std::vector<std::string> lines_s;
+void captureLine(velClient_log_callbackInfo_pt info, void *)
+{
+    lines_s.emplace_back(info->msg_p);
+}
+
+/* Collects the log lines of info level and above while it lives. */
+struct LogCapture {
+    LogCapture()
+    {
+        lines_s.clear();
+        velClient_log_setCallback(captureLine, nullptr);
+        velClient_log_setFilterLevel(VELCLIENT_LOG_CATEGORY_ALL, VELCLIENT_LOG_INFO);
+    }
+    ~LogCapture()
+    {
+        velClient_log_setFilterLevel(VELCLIENT_LOG_CATEGORY_ALL, VELCLIENT_LOG_EMERGENCY);
+        velClient_log_setCallback(nullptr, nullptr);
+    }
+    bool saw(const std::string &line) const { return std::find(lines_s.begin(), lines_s.end(), line) != lines_s.end(); }
+};
+
+std::string closedLine(velClient_opaqueContainer_pt h)
+{
+    return veltest::format("subcontainer %d closed due to field deletion",
+                           static_cast<int>(reinterpret_cast<std::uintptr_t>(h)));
+}
+
+} // namespace
+
+TEST(DeleteField, RemovesEveryEntryOfTheNameAndNothingElse)
+{
+    Map m;
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(m.h, 1, "x"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addUint8(m.h, 2, "y"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(m.h, 3, "x"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addString(m.h, "x", "xx")); /* a longer name sharing the prefix */
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_deleteField(m.h, "x"));
+    EXPECT_EQ((Bytes{0x1C, 0x04, 'y', 0x00, 0x0C, 0x03, 0x02, 0x1C, 0x05, 'x', 'x', 0x00, 0x1C, 0x04, 'x', 0x00}),
+              m.fields());
+    /* An absent name is no error and changes nothing. */
+    EXPECT_EQ(VELCLIENT_OK, velClient_container_deleteField(m.h, "absent"));
+    EXPECT_EQ((std::vector<std::string>{"y", "xx"}), names(m.h));
+    /* The freed room is reused by the next add. */
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(m.h, 4, "z"));
+    velClient_int32_t z = 0;
+    EXPECT_EQ(VELCLIENT_OK, velClient_container_getInt32(m.h, &z, "z"));
+    EXPECT_EQ(4, z);
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_deleteField(m.h, "z"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_deleteField(m.h, "y"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_deleteField(m.h, "xx"));
+    EXPECT_TRUE(m.fields().empty());
+}
+
+TEST(DeleteField, RefusalsAndTheirTexts)
+{
+    Map m;
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_deleteField(nullptr, "x"));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+                      veltest::format("Bad Container (%p) in velClient_container_deleteField", nullptr));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_deleteField(m.h, nullptr));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null or Empty Name pointer in velClient_container_deleteField");
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_deleteField(m.h, ""));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null or Empty Name pointer in velClient_container_deleteField");
+    std::vector<char> mem(64);
+    velClient_opaqueContainer_pt s = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_createStream(&s, mem.data(), mem.size()));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addNull(s, nullptr));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_deleteField(s, "x"));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, "velClient_container_deleteField called on a Stream");
+    velClient_container_closeMapStream(&s);
+}
+
+TEST(DeleteField, MalformedEntriesEndTheWalkWithTheirTexts)
+{
+    struct Case {
+        Bytes fields;
+        const char *text;
+    };
+    const Case cases[] = {
+        /* the entry's first field is not a string */
+        {{0x0C, 0x03, 0x01, 0x0C, 0x03, 0x01}, "Invalid type in TLV string in structured data container"},
+        /* the name has no NUL */
+        {{0x1C, 0x03, 'x', 0x0C, 0x03, 0x01}, "Invalid length in TLV string in structured data container"},
+        /* the name runs past the written bytes */
+        {{0x1C, 0x09, 'x', 0x00}, "Invalid entry in structured data map in velClient_container_deleteField"},
+        /* the value runs past the written bytes */
+        {{0x1C, 0x04, 'x', 0x00, 0x1C, 0x07, 'a'}, "Invalid entry in structured data map in velClient_container_deleteField"},
+        /* the value has no room for its length */
+        {{0x1C, 0x04, 'x', 0x00, 0x2B}, "Invalid entry in structured data map in velClient_container_deleteField"},
+        /* the value is a boolean of a length booleans never have */
+        {{0x1C, 0x04, 'x', 0x00, 0x04, 0x04, 0x01, 0x01}, "Invalid entry in structured data TLV"},
+    };
+    for (const Case &c : cases) {
+        /* An exactly-sized heap copy, so a read past the end is caught by the sanitizer. */
+        std::size_t size = 5 + c.fields.size();
+        auto *bytes = new std::uint8_t[size]{0x2B, 0, 0, 0, static_cast<std::uint8_t>(size)};
+        std::copy(c.fields.begin(), c.fields.end(), bytes + 5);
+        velClient_opaqueContainer_pt h = nullptr;
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_openMapFromPtr(&h, bytes, static_cast<velClient_uint32_t>(size)));
+        EXPECT_EQ(VELCLIENT_FAIL, velClient_container_deleteField(h, "y")) << c.text;
+        EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_COMMUNICATION_ERROR, c.text);
+        EXPECT_TRUE(std::equal(c.fields.begin(), c.fields.end(), bytes + 5)) << c.text;
+        velClient_container_closeMapStream(&h);
+        delete[] bytes;
+    }
+}
+
+TEST(DeleteField, LaterEntriesAndTheReadingPositionFollowTheMove)
+{
+    Map m;
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(m.h, 1, "a"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(m.h, 2, "b"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(m.h, 3, "c"));
+    /* A delete before reading starts leaves the cursor on the first field. */
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_deleteField(m.h, "absent"));
+    velClient_field_t f{};
+    const char *name = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_getNextField(m.h, &f, sizeof f, &name));
+    ASSERT_STREQ("a", name);
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_getNextField(m.h, &f, sizeof f, &name));
+    ASSERT_STREQ("b", name);
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_deleteField(m.h, "a"));
+    /* The cursor stood on "b", which moved down with everything after "a". */
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_getNextField(m.h, &f, sizeof f, &name));
+    EXPECT_STREQ("c", name);
+    EXPECT_EQ(3, f.value.int32);
+    EXPECT_EQ(VELCLIENT_EOS, velClient_container_getNextField(m.h, &f, sizeof f, &name));
+
+    /* Deleting the entry just read: the next read is the entry now in its place. */
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addString(m.h, "a longer value", "d"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_rewind(m.h));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_getNextField(m.h, &f, sizeof f, &name));
+    ASSERT_STREQ("b", name);
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_deleteField(m.h, "b"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_getNextField(m.h, &f, sizeof f, &name));
+    EXPECT_STREQ("c", name);
+    /* After a rewind a delete starts the cursor afresh at the first field. */
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_getNextField(m.h, &f, sizeof f, &name));
+    ASSERT_STREQ("d", name);
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_rewind(m.h));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_deleteField(m.h, "absent"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_getNextField(m.h, &f, sizeof f, &name));
+    EXPECT_STREQ("c", name);
+}
+
+TEST(DeleteField, OpenSubContainersBehindTheEntryAreRebased)
+{
+    Map m;
+    velClient_opaqueContainer_pt sub = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(m.h, 1, "a"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(m.h, 2, "b"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_openSubStream(m.h, &sub, "s"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addUint8(sub, 7, nullptr));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_deleteField(m.h, "a"));
+    /* The open stream writes at its new place and closes into the map correctly. */
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addUint8(sub, 8, nullptr));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&sub));
+    EXPECT_EQ((Bytes{0x1C, 0x04, 'b', 0x00, 0x08, 0x06, 0, 0, 0, 2,                /* b */
+                     0x1C, 0x04, 's', 0x00, 0x2F, 0, 0, 0, 11, 0x0C, 0x03, 7, 0x0C, 0x03, 8}), /* s */
+              m.fields());
+}
+
+TEST(DeleteField, AnOpenSubContainerOnADeletedEntryIsClosedUnlessItIsTheLast)
+{
+    /* Not the last entry: the child is closed (its handle dies) and logged.
+     * Only a map that can grow takes an entry behind an open child. */
+    veltest::Msg msg;
+    velClient_opaqueContainer_pt m = nullptr, sub = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createBinaryAttachmentMap(msg.h, &m, 32));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_openSubMap(m, &sub, "x"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addUint8(sub, 1, "a"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addUint8(m, 2, "y")); /* goes behind the child's reserved room */
+    {
+        LogCapture log;
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_deleteField(m, "x"));
+        EXPECT_TRUE(log.saw(closedLine(sub)));
+    }
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addNull(sub, "n"));
+    EXPECT_EQ(VELCLIENT_SUBCODE_PARAM_NULL_PTR, veltest::lastSubCode());
+    size_t size = 0;
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_getSize(m, &size));
+    EXPECT_EQ(5u + 7, size);
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addUint8(m, 3, "z"));
+    EXPECT_EQ((std::vector<std::string>{"y", "z"}), names(m));
+    velClient_uint8_t y = 0;
+    EXPECT_EQ(VELCLIENT_OK, velClient_container_getUint8(m, &y, "y"));
+    EXPECT_EQ(2, y);
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&m));
+
+    /* The last entry: the entry goes, the child deliberately stays open. */
+    Map last;
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addUint8(last.h, 2, "y"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_openSubMap(last.h, &sub, "x"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_deleteField(last.h, "x"));
+    EXPECT_EQ((Bytes{0x1C, 0x04, 'y', 0x00, 0x0C, 0x03, 0x02}), last.fields());
+    EXPECT_EQ(VELCLIENT_OK, velClient_container_addNull(sub, "n"));
+    velClient_container_closeMapStream(&sub);
+    EXPECT_EQ(nullptr, sub);
+}
+
+TEST(DeleteField, ADuplicateDeletesFromItsOwnCopyOnly)
+{
+    veltest::Msg original;
+    velClient_opaqueContainer_pt map = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createBinaryAttachmentMap(original.h, &map, 64));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(map, 1, "x"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(map, 2, "y"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&map));
+    velClient_opaqueMsg_pt dupHandle = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_dup(original.h, &dupHandle));
+    veltest::Msg dup(dupHandle);
+
+    velClient_opaqueContainer_pt dupMap = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getBinaryAttachmentMap(dup.h, &dupMap));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_deleteField(dupMap, "x"));
+    EXPECT_EQ((std::vector<std::string>{"y"}), names(dupMap));
+    size_t size = 0;
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_getSize(dupMap, &size));
+    EXPECT_EQ(5u + 10, size);
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&dupMap));
+
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getBinaryAttachmentMap(original.h, &map));
+    EXPECT_EQ((std::vector<std::string>{"x", "y"}), names(map));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&map));
+}

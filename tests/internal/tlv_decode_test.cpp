@@ -1,0 +1,274 @@
+/* Decoding one structured-data field from hand-made bytes: the accepted
+ * lengths of every fixed-size type, the widths a type is recognised with,
+ * the NUL rules, destinations, and truncated or overlong input. Every input
+ * sits in a heap buffer of exactly its size, so a read past the end is caught
+ * by the address sanitizer. */
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "velClientMsg/tlvCodec.h"
+
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+struct Decoded {
+    std::int64_t size;
+    velClient_field_t field;
+    const std::uint8_t *at; /* where the copy started (for pointer checks) */
+    std::unique_ptr<std::uint8_t[]> copy;
+};
+
+Decoded decode(const Bytes &bytes)
+{
+    Decoded d{};
+    d.copy.reset(new std::uint8_t[bytes.size()]);
+    if (!bytes.empty())
+        std::memcpy(d.copy.get(), bytes.data(), bytes.size());
+    d.at = d.copy.get();
+    std::memset(&d.field, 0xA5, sizeof d.field);
+    d.size = _velClient_tlv_decodeField(d.at, d.at + bytes.size(), &d.field);
+    return d;
+}
+
+/* A fixed-size field of tlvLength len with value bytes 0x80, 0x01, 0x02, ... */
+Bytes fixedField(std::uint8_t typeByte, unsigned len)
+{
+    Bytes b{typeByte, static_cast<std::uint8_t>(len)};
+    for (unsigned i = 2; i < len; ++i)
+        b.push_back(static_cast<std::uint8_t>(i == 2 ? 0x80 : i - 2));
+    return b;
+}
+
+struct FixedRow {
+    std::uint8_t typeByte;
+    unsigned tlvLength;
+    velClient_fieldType_t type;
+};
+
+/* Every tlvLength each fixed-size type byte accepts, and the type it reads as. */
+const FixedRow kAccepted[] = {
+    {0x04, 2, VELCLIENT_BOOL},   {0x04, 3, VELCLIENT_BOOL},
+    {0x08, 2, VELCLIENT_INT8},   {0x08, 3, VELCLIENT_INT8},   {0x08, 4, VELCLIENT_INT16},
+    {0x08, 6, VELCLIENT_INT32},  {0x08, 10, VELCLIENT_INT64}, {0x0C, 2, VELCLIENT_UINT8},
+    {0x0C, 3, VELCLIENT_UINT8},  {0x0C, 4, VELCLIENT_UINT16}, {0x0C, 6, VELCLIENT_UINT32},
+    {0x0C, 10, VELCLIENT_UINT64}, {0x10, 2, VELCLIENT_FLOAT}, {0x10, 6, VELCLIENT_FLOAT},
+    {0x10, 10, VELCLIENT_DOUBLE}, {0x14, 2, VELCLIENT_WCHAR}, {0x14, 4, VELCLIENT_WCHAR},
+};
+
+const FixedRow *accepted(std::uint8_t typeByte, unsigned len)
+{
+    for (const FixedRow &row : kAccepted)
+        if (row.typeByte == typeByte && row.tlvLength == len)
+            return &row;
+    return nullptr;
+}
+
+} // namespace
+
+TEST(TlvDecode, FixedSizeTypesAcceptExactlyTheirLengths)
+{
+    for (std::uint8_t tb : {0x04, 0x08, 0x0C, 0x10, 0x14}) {
+        for (unsigned len = 0; len <= 12; ++len) {
+            Decoded d = decode(fixedField(tb, len));
+            const FixedRow *row = accepted(tb, len);
+            SCOPED_TRACE(testing::Message() << "type byte " << int(tb) << " tlvLength " << len);
+            if (row == nullptr) {
+                EXPECT_EQ(-1, d.size);
+                continue;
+            }
+            EXPECT_EQ(len, d.size);
+            EXPECT_EQ(row->type, d.field.type);
+            EXPECT_EQ(len - 2, d.field.length);
+        }
+    }
+}
+
+TEST(TlvDecode, FixedSizeValuesAreBigEndianAndEmptyValuesAreZero)
+{
+    EXPECT_EQ(-128, decode({0x08, 0x03, 0x80}).field.value.int8);
+    EXPECT_EQ(-32767, decode({0x08, 0x04, 0x80, 0x01}).field.value.int16);
+    EXPECT_EQ(-2, decode({0x08, 0x06, 0xFF, 0xFF, 0xFF, 0xFE}).field.value.int32);
+    EXPECT_EQ(INT64_MIN + 1, decode({0x08, 0x0A, 0x80, 0, 0, 0, 0, 0, 0, 1}).field.value.int64);
+    EXPECT_EQ(0x80u, decode({0x0C, 0x03, 0x80}).field.value.uint8);
+    EXPECT_EQ(0x1234u, decode({0x0C, 0x04, 0x12, 0x34}).field.value.uint16);
+    EXPECT_EQ(0xFFFFFFFEu, decode({0x0C, 0x06, 0xFF, 0xFF, 0xFF, 0xFE}).field.value.uint32);
+    EXPECT_EQ(UINT64_MAX, decode({0x0C, 0x0A, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}).field.value.uint64);
+    EXPECT_EQ(1.0f, decode({0x10, 0x06, 0x3F, 0x80, 0x00, 0x00}).field.value.float32);
+    EXPECT_EQ(-2.0, decode({0x10, 0x0A, 0xC0, 0, 0, 0, 0, 0, 0, 0}).field.value.float64);
+    EXPECT_EQ(0xFFFFu, decode({0x14, 0x04, 0xFF, 0xFF}).field.value.wchar);
+    EXPECT_EQ(1, decode({0x04, 0x03, 0x07}).field.value.boolean); /* any non-zero byte is true */
+    EXPECT_EQ(0, decode({0x04, 0x03, 0x00}).field.value.boolean);
+
+    EXPECT_EQ(0, decode({0x04, 0x02}).field.value.boolean);
+    EXPECT_EQ(0, decode({0x08, 0x02}).field.value.int8);
+    EXPECT_EQ(0u, decode({0x0C, 0x02}).field.value.uint8);
+    EXPECT_EQ(0.0f, decode({0x10, 0x02}).field.value.float32);
+    EXPECT_EQ(0u, decode({0x14, 0x02}).field.value.wchar);
+}
+
+TEST(TlvDecode, NullFieldsOccupyTheirLengthByte)
+{
+    Decoded d = decode({0x00, 0x02});
+    EXPECT_EQ(2, d.size);
+    EXPECT_EQ(VELCLIENT_NULL, d.field.type);
+    EXPECT_EQ(0u, d.field.length);
+    d = decode({0x00, 0x04, 0xAA, 0xBB});
+    EXPECT_EQ(4, d.size);
+    EXPECT_EQ(VELCLIENT_NULL, d.field.type);
+    EXPECT_EQ(0u, d.field.length);
+    /* Shorter than its own header, or longer than the bytes there are. */
+    EXPECT_EQ(-1, decode({0x00, 0x00}).size);
+    EXPECT_EQ(-1, decode({0x00, 0x01}).size);
+    EXPECT_EQ(-1, decode({0x00, 0x05, 0xAA, 0xBB}).size);
+}
+
+TEST(TlvDecode, KnownTypesWithAnotherLengthWidthAreUnknownFields)
+{
+    const Bytes cases[] = {
+        {0x05, 0x00, 0x04, 0x01},                  /* boolean with a 2-byte length */
+        {0x09, 0x00, 0x04, 0x01},                  /* integer with a 2-byte length */
+        {0x01, 0x00, 0x03},                        /* null with a 2-byte length */
+        {0x22, 0x00, 0x00, 0x06, 0x00, 0x00},      /* destination with a 3-byte length */
+        {0x28, 0x02},                              /* map with a 1-byte length */
+        {0x29, 0x00, 0x03},                        /* map with a 2-byte length */
+        {0x2C, 0x03, 0x00},                        /* stream with a 1-byte length */
+        {0x30, 0x02},                              /* a wire type not known at all */
+        {0xFF, 0x00, 0x00, 0x00, 0x06, 0x09},
+    };
+    for (const Bytes &b : cases) {
+        Decoded d = decode(b);
+        SCOPED_TRACE(testing::Message() << "type byte " << int(b[0]));
+        EXPECT_EQ(static_cast<std::int64_t>(b.size()), d.size);
+        EXPECT_EQ(VELCLIENT_UNKNOWN, d.field.type);
+        EXPECT_EQ(b.size(), d.field.length);
+        EXPECT_EQ(d.at, d.field.value.unknownField); /* the whole field, from its type byte */
+    }
+    /* Unknown fields are measured like any other. */
+    EXPECT_EQ(-1, decode({0x05, 0x00, 0x05, 0x01}).size);
+    EXPECT_EQ(-1, decode({0x05, 0x00, 0x02}).size);
+}
+
+TEST(TlvDecode, StringsByteArraysAndVwfData)
+{
+    Decoded d = decode({0x1C, 0x05, 'a', 'b', 0x00});
+    EXPECT_EQ(5, d.size);
+    EXPECT_EQ(VELCLIENT_STRING, d.field.type);
+    EXPECT_EQ(3u, d.field.length);
+    EXPECT_STREQ("ab", d.field.value.string);
+    EXPECT_EQ(reinterpret_cast<const char *>(d.at + 2), d.field.value.string);
+    d = decode({0x1D, 0x00, 0x05, 'z', 0x00});
+    EXPECT_EQ(5, d.size);
+    EXPECT_STREQ("z", d.field.value.string);
+    /* The NUL rule: exactly one NUL, as the last value byte. */
+    EXPECT_EQ(-1, decode({0x1C, 0x04, 'a', 'b'}).size);
+    EXPECT_EQ(-1, decode({0x1C, 0x05, 'a', 0x00, 0x00}).size);
+    EXPECT_EQ(-1, decode({0x1C, 0x05, 0x00, 'b', 0x00}).size);
+    EXPECT_EQ(-1, decode({0x1C, 0x03, 'a'}).size);
+
+    d = decode({0x18, 0x05, 0x00, 0x01, 0x00});
+    EXPECT_EQ(VELCLIENT_BYTEARRAY, d.field.type);
+    EXPECT_EQ(3u, d.field.length); /* NULs are data in a byte array */
+    EXPECT_EQ(d.at + 2, d.field.value.bytearray);
+    d = decode({0x27, 0x00, 0x00, 0x00, 0x06, 0x42});
+    EXPECT_EQ(VELCLIENT_VWF, d.field.type);
+    EXPECT_EQ(1u, d.field.length);
+    EXPECT_EQ(d.at + 5, d.field.value.vwf);
+
+    /* An empty value is null: no pointer, length 0. */
+    for (const Bytes &b : {Bytes{0x1C, 0x02}, Bytes{0x18, 0x02}, Bytes{0x24, 0x02}, Bytes{0x1D, 0x00, 0x03}}) {
+        d = decode(b);
+        EXPECT_EQ(static_cast<std::int64_t>(b.size()), d.size);
+        EXPECT_EQ(nullptr, d.field.value.bytearray);
+        EXPECT_EQ(0u, d.field.length);
+    }
+    /* A wider form is refused below its own header. */
+    EXPECT_EQ(-1, decode({0x1D, 0x00, 0x02}).size);
+    EXPECT_EQ(-1, decode({0x1F, 0x00, 0x00, 0x00, 0x04}).size);
+}
+
+TEST(TlvDecode, Destinations)
+{
+    Decoded d = decode({0x20, 0x06, 0x01, 'q', '1', 0x00});
+    EXPECT_EQ(6, d.size);
+    EXPECT_EQ(VELCLIENT_DESTINATION, d.field.type);
+    EXPECT_EQ(VELCLIENT_QUEUE_DESTINATION, d.field.value.dest.destType);
+    EXPECT_STREQ("q1", d.field.value.dest.dest);
+    /* A temporary topic is written with kind 0 and reads back as a topic. */
+    d = decode({0x20, 0x05, 0x00, 't', 0x00});
+    EXPECT_EQ(VELCLIENT_TOPIC_DESTINATION, d.field.value.dest.destType);
+    /* The 2-byte form is recognised too. */
+    d = decode({0x21, 0x00, 0x06, 0x01, 'q', 0x00});
+    EXPECT_EQ(6, d.size);
+    EXPECT_EQ(VELCLIENT_QUEUE_DESTINATION, d.field.value.dest.destType);
+    EXPECT_STREQ("q", d.field.value.dest.dest);
+
+    /* A name starting "#P2P/QTMP/" is a temporary queue whatever the kind byte says. */
+    const std::string temp = "#P2P/QTMP/abc";
+    for (std::uint8_t kind : {0, 1}) {
+        Bytes b{0x20, static_cast<std::uint8_t>(temp.size() + 4), kind};
+        b.insert(b.end(), temp.begin(), temp.end());
+        b.push_back(0);
+        EXPECT_EQ(VELCLIENT_QUEUE_TEMP_DESTINATION, decode(b).field.value.dest.destType);
+    }
+    /* Nine of the ten characters are not enough. */
+    d = decode({0x20, 0x0D, 0x00, '#', 'P', '2', 'P', '/', 'Q', 'T', 'M', 'P', 0x00});
+    EXPECT_EQ(VELCLIENT_TOPIC_DESTINATION, d.field.value.dest.destType);
+
+    d = decode({0x20, 0x02});
+    EXPECT_EQ(2, d.size);
+    EXPECT_EQ(VELCLIENT_DESTINATION, d.field.type);
+    EXPECT_EQ(VELCLIENT_NULL_DESTINATION, d.field.value.dest.destType);
+    EXPECT_EQ(nullptr, d.field.value.dest.dest);
+
+    EXPECT_EQ(-1, decode({0x20, 0x03, 0x01}).size);                 /* a kind byte and no name */
+    EXPECT_EQ(-1, decode({0x20, 0x05, 0x01, 'q', 'x'}).size);       /* no NUL */
+    EXPECT_EQ(-1, decode({0x20, 0x06, 0x01, 'q', 0x00, 0x00}).size); /* an inner NUL */
+}
+
+TEST(TlvDecode, MapsAndStreamsReportTheirFieldsLength)
+{
+    Decoded d = decode({0x2B, 0x00, 0x00, 0x00, 0x05});
+    EXPECT_EQ(5, d.size);
+    EXPECT_EQ(VELCLIENT_MAP, d.field.type);
+    EXPECT_EQ(0u, d.field.length);
+    d = decode({0x2F, 0x00, 0x00, 0x00, 0x07, 0x00, 0x02});
+    EXPECT_EQ(7, d.size);
+    EXPECT_EQ(VELCLIENT_STREAM, d.field.type);
+    EXPECT_EQ(2u, d.field.length);
+    EXPECT_EQ(-1, decode({0x2B, 0x00, 0x00, 0x00, 0x04}).size);
+    EXPECT_EQ(-1, decode({0x2B, 0x00, 0x00, 0x00, 0x00}).size);
+    EXPECT_EQ(-1, decode({0x2B, 0xFF, 0xFF, 0xFF, 0xFF}).size);
+    EXPECT_EQ(-1, decode({0x2F, 0x00, 0x00, 0x00, 0x08, 0x00, 0x02}).size);
+}
+
+TEST(TlvDecode, EveryTruncationIsRefusedWithoutReadingPastTheEnd)
+{
+    const Bytes fields[] = {
+        {0x00, 0x02},
+        {0x04, 0x03, 0x01},
+        {0x08, 0x0A, 1, 2, 3, 4, 5, 6, 7, 8},
+        {0x10, 0x06, 0x3F, 0x80, 0x00, 0x00},
+        {0x14, 0x04, 0x00, 0x41},
+        {0x1C, 0x05, 'a', 'b', 0x00},
+        {0x1E, 0x00, 0x00, 0x06, 'a', 0x00},
+        {0x1B, 0x00, 0x00, 0x00, 0x07, 0x01, 0x02},
+        {0x20, 0x06, 0x01, 'q', '1', 0x00},
+        {0x21, 0x00, 0x07, 0x00, 'q', '1', 0x00},
+        {0x25, 0x00, 0x04, 0x09},
+        {0x2B, 0x00, 0x00, 0x00, 0x07, 0x00, 0x02},
+        {0x05, 0x00, 0x04, 0x01},
+        {0xFF, 0x00, 0x00, 0x00, 0x06, 0x01},
+    };
+    for (const Bytes &full : fields) {
+        SCOPED_TRACE(testing::Message() << "type byte " << int(full[0]));
+        EXPECT_EQ(static_cast<std::int64_t>(full.size()), decode(full).size);
+        for (std::size_t k = 0; k < full.size(); ++k)
+            EXPECT_EQ(-1, decode(Bytes(full.begin(), full.begin() + static_cast<std::ptrdiff_t>(k))).size) << k;
+    }
+}
