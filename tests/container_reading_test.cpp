@@ -28,8 +28,11 @@ struct Exact {
 
 std::vector<std::uint8_t> container(std::uint8_t type, const std::vector<std::uint8_t> &fields)
 {
-    std::vector<std::uint8_t> b{type, 0, 0, 0, static_cast<std::uint8_t>(fields.size() + 5)};
-    b.insert(b.end(), fields.begin(), fields.end());
+    std::vector<std::uint8_t> b(fields.size() + 5, 0);
+    b[0] = type;
+    b[4] = static_cast<std::uint8_t>(fields.size() + 5);
+    for (std::size_t i = 0; i < fields.size(); ++i)
+        b[5 + i] = fields[i];
     return b;
 }
 
