@@ -80,8 +80,8 @@ inline void walk(velClient_opaqueContainer_pt c, int depth)
                 walk(f.value.map, depth + 1);
             velClient_container_closeMapStream(&f.value.map);
         }
-        if (name != nullptr) {
-            /* Look the name up again with every getter (each moves the cursor back to it). */
+        if (name != nullptr && fields <= 4) {
+            /* Look the first names up again with every getter (each moves the cursor back to it). */
             typedGetters(c, name);
         }
     }
