@@ -41,54 +41,80 @@ velClient_returnCode_t flaggedValue(velClient_opaqueMsg_pt msg_p, T *out, std::u
 
 } // namespace
 
+/* ---- Fields of the receive-flags word: class of service, delivery mode ---------- */
+namespace {
+
+struct FlagField {
+    std::uint32_t mask;
+    bool (*valid)(std::uint32_t value);
+    const char *badSetHandle;
+    const char *badValue; /* prints the value */
+    const char *badGetHandle;
+    const char *nullOut;
+};
+
+constexpr FlagField kClassOfService{
+    _VELCLIENT_RX_FLAG_COS_MASK, [](std::uint32_t cos) { return cos <= VELCLIENT_COS_3; },
+    "Bad msg_p pointer (%p) in velClient_msg_setClassOfService",
+    "Invalid setting of COS flags (%d) in velClient_msg_setClassOfService",
+    "Bad msg_p pointer (%p) in velClient_msg_getReceivedClassOfService",
+    "Null cos_p pointer in velClient_msg_getReceivedClassOfService"};
+constexpr FlagField kDeliveryMode{
+    _VELCLIENT_RX_FLAG_DELIVERY_MODE_MASK,
+    [](std::uint32_t mode) {
+        return (mode & _VELCLIENT_RX_FLAG_DELIVERY_MODE_MASK) != _VELCLIENT_RX_FLAG_DELIVERY_MODE_MASK;
+    },
+    "Bad msg_p pointer (%p) in velClient_msg_setDeliveryMode",
+    "Invalid setting of Delivery Mode (%d) in velClient_msg_setDeliveryMode ",
+    "Bad msg_p pointer (%p) in velClient_msg_getDeliveryMode", "Null mode_p pointer in velClient_msg_getDeliveryMode"};
+
+/* The old bits of the field are cleared and the whole value is OR-ed in: bits
+ * beyond the field that the caller passes land in the flags as given. */
+velClient_returnCode_t setFlagField(const FlagField &f, velClient_opaqueMsg_pt msg_p, velClient_uint32_t value)
+{
+    _velClient_msg *msg = vel::msgOrFail(msg_p, f.badSetHandle);
+    if (msg == nullptr)
+        return VELCLIENT_FAIL;
+    if (!f.valid(value))
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING, f.badValue,
+                        static_cast<int>(value));
+    msg->msgInfo.flags = (msg->msgInfo.flags & ~f.mask) | value;
+    return VELCLIENT_OK;
+}
+
+velClient_returnCode_t getFlagField(const FlagField &f, velClient_opaqueMsg_pt msg_p, velClient_uint32_t *out_p)
+{
+    _velClient_msg *msg = msgWithOut(msg_p, out_p, f.badGetHandle, f.nullOut);
+    if (msg == nullptr)
+        return VELCLIENT_FAIL;
+    *out_p = msg->msgInfo.flags & f.mask;
+    return VELCLIENT_OK;
+}
+
+} // namespace
+
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setClassOfService(velClient_opaqueMsg_pt msg_p,
                                                                                velClient_uint32_t cos)
 {
-    _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer (%p) in velClient_msg_setClassOfService");
-    if (msg == nullptr)
-        return VELCLIENT_FAIL;
-    if (cos > VELCLIENT_COS_3)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Invalid setting of COS flags (%d) in velClient_msg_setClassOfService", static_cast<int>(cos));
-    msg->msgInfo.flags = (msg->msgInfo.flags & ~_VELCLIENT_RX_FLAG_COS_MASK) | cos;
-    return VELCLIENT_OK;
+    return setFlagField(kClassOfService, msg_p, cos);
 }
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getClassOfService(velClient_opaqueMsg_pt msg_p,
                                                                                velClient_uint32_t *cos_p)
 {
-    _velClient_msg *msg = msgWithOut(msg_p, cos_p, "Bad msg_p pointer (%p) in velClient_msg_getReceivedClassOfService",
-                                     "Null cos_p pointer in velClient_msg_getReceivedClassOfService");
-    if (msg == nullptr)
-        return VELCLIENT_FAIL;
-    *cos_p = msg->msgInfo.flags & _VELCLIENT_RX_FLAG_COS_MASK;
-    return VELCLIENT_OK;
+    return getFlagField(kClassOfService, msg_p, cos_p);
 }
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setDeliveryMode(velClient_opaqueMsg_pt msg_p,
                                                                              velClient_uint32_t mode)
 {
-    _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer (%p) in velClient_msg_setDeliveryMode");
-    if (msg == nullptr)
-        return VELCLIENT_FAIL;
-    if ((mode & _VELCLIENT_RX_FLAG_DELIVERY_MODE_MASK) == _VELCLIENT_RX_FLAG_DELIVERY_MODE_MASK)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Invalid setting of Delivery Mode (%d) in velClient_msg_setDeliveryMode ",
-                        static_cast<int>(mode));
-    /* The whole argument is OR-ed in: bits beyond the mode land in the flags. */
-    msg->msgInfo.flags = (msg->msgInfo.flags & ~_VELCLIENT_RX_FLAG_DELIVERY_MODE_MASK) | mode;
-    return VELCLIENT_OK;
+    return setFlagField(kDeliveryMode, msg_p, mode);
 }
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getDeliveryMode(velClient_opaqueMsg_pt msg_p,
                                                                              velClient_uint32_t *mode_p)
 {
-    _velClient_msg *msg = msgWithOut(msg_p, mode_p, "Bad msg_p pointer (%p) in velClient_msg_getDeliveryMode",
-                                     "Null mode_p pointer in velClient_msg_getDeliveryMode");
-    if (msg == nullptr)
-        return VELCLIENT_FAIL;
-    *mode_p = msg->msgInfo.flags & _VELCLIENT_RX_FLAG_DELIVERY_MODE_MASK;
-    return VELCLIENT_OK;
+    return getFlagField(kDeliveryMode, msg_p, mode_p);
 }
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setTimeToLive(velClient_opaqueMsg_pt msg_p,
