@@ -18,7 +18,7 @@ velClient_returnCode_t _velClient_container_alloc(_velClient_container **contain
         return VEL_FAIL(VELCLIENT_SUBCODE_OUT_OF_MEMORY, VELCLIENT_LOG_ERROR,
                         "_velClient_container_alloc, unable to allocate memory for velClient_container");
     }
-    std::memset(static_cast<void *>(cont), 0, sizeof(*cont));
+    clearRecord(cont);
     cont->opaqueContainer_p = _velClient_safePtr_alloc(cont, _CONTAINER_PTR_TYPE);
     if (cont->opaqueContainer_p == nullptr) {
         cont->onFreeList = true;

@@ -43,10 +43,9 @@ void dropAllBlocks(_velClient_msg *msg)
 }
 
 /* Copies msg over copy, without list link or open containers. */
-void copyRecord(const _velClient_msg *msg, _velClient_msg *copy)
+void cloneInto(const _velClient_msg *msg, _velClient_msg *copy)
 {
-    std::memcpy(static_cast<void *>(copy), msg, sizeof(*copy));
-    copy->entry.next_p = nullptr;
+    vel::pool::copyRecord(copy, msg);
     copy->userPropertyMap_p = nullptr;
     copy->hdrMap_p = nullptr;
     copy->binaryAttachContainer_p = nullptr;
@@ -74,7 +73,7 @@ velClient_returnCode_t _velClient_msg_alloc(_velClient_msg **msg_p)
     }
     add(stats().msgAllocs);
     add(stats().numAllocMsg);
-    std::memset(static_cast<void *>(msg), 0, sizeof(*msg));
+    clearRecord(msg);
     *msg_p = msg;
     return VELCLIENT_OK;
 }
@@ -97,7 +96,7 @@ velClient_returnCode_t _velClient_msg_dup(_velClient_msg *msg, _velClient_msg **
         if (*slot != nullptr)
             _velClient_container_closeMapStream(slot, false, false, true);
     _velClient_msg *copy = *newMsg_p;
-    copyRecord(msg, copy);
+    cloneInto(msg, copy);
     for (int part = 0; part < _VELCLIENT_BUFINFO_NUM_PARTS; ++part) {
         if (msg->bufDatab_p[part] == nullptr)
             continue;
@@ -118,7 +117,7 @@ velClient_returnCode_t _velClient_msg_dupMsgWithCopy(_velClient_msg *msg, _velCl
     if (_velClient_msg_alloc(newMsg_p) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     _velClient_msg *copy = *newMsg_p;
-    copyRecord(msg, copy);
+    cloneInto(msg, copy);
     /* Take every shared reference first, so that releasing the copy on a
      * failed byte copy below stays balanced. */
     for (int part = 0; part < _VELCLIENT_BUFINFO_NUM_PARTS; ++part) {

@@ -6,7 +6,9 @@
  */
 #pragma once
 
+#include <cstddef>
 #include <cstdlib>
+#include <cstring>
 
 #include "velClientMsg/velClientMsgPrivate.h"
 
@@ -30,6 +32,28 @@ template <typename T>
 inline void sub(std::atomic<T> &counter, T amount = 1) noexcept
 {
     counter.fetch_sub(amount, std::memory_order_relaxed);
+}
+
+/* Zeroes a record taken from a free list. Its list link is cleared with an
+ * atomic store: a thread that read the list head just before this record was
+ * taken may still read the link (its compare-and-swap then fails). */
+template <typename T>
+inline void clearRecord(T *rec) noexcept
+{
+    static_assert(offsetof(T, entry) == 0, "the list link comes first");
+    constexpr std::size_t link = sizeof(rec->entry);
+    std::memset(reinterpret_cast<unsigned char *>(rec) + link, 0, sizeof(T) - link);
+    __atomic_store_n(&rec->entry.next_p, nullptr, __ATOMIC_RELAXED);
+}
+
+/* Copies src over dst except dst's list link (cleared as above). */
+template <typename T>
+inline void copyRecord(T *dst, const T *src) noexcept
+{
+    constexpr std::size_t link = sizeof(dst->entry);
+    std::memcpy(reinterpret_cast<unsigned char *>(dst) + link, reinterpret_cast<const unsigned char *>(src) + link,
+                sizeof(T) - link);
+    __atomic_store_n(&dst->entry.next_p, nullptr, __ATOMIC_RELAXED);
 }
 
 /* The limit test: a plain, approximate read under concurrency. */
