@@ -1,9 +1,11 @@
 /*
  * example_message.c - the road of a message: a loopback session that
- * generates sender id, timestamp and sequence number; a message with a topic,
+ * generates sender id and sequence number; a message with a topic,
  * a reply-to, user properties and a map attachment holding a nested stream;
  * sending it, receiving it in the session's callback, reading fields back,
  * printing its dump, and writing its wire bytes to a file for velclient-dump.
+ * The sender timestamp is fixed, so the wire bytes are the same on every run
+ * (example_message_cpp.cpp builds the same message and writes the same bytes).
  *
  * Usage: example_message [wire-output-file]   (default: message.vwf)
  */
@@ -97,6 +99,7 @@ static int buildMessage(velClient_opaqueMsg_pt msg)
     CHECK(velClient_msg_setDestination(msg, &topic, sizeof topic));
     CHECK(velClient_msg_setReplyTo(msg, &replyTo, sizeof replyTo));
     CHECK(velClient_msg_setDeliveryMode(msg, VELCLIENT_DELIVERY_MODE_PERSISTENT));
+    CHECK(velClient_msg_setSenderTimestamp(msg, 1795000000000LL));
 
     CHECK(velClient_msg_createUserPropertyMap(msg, &props, 64));
     CHECK(velClient_container_addString(props, "eu-west", "region"));
@@ -119,7 +122,6 @@ int main(int argc, char **argv)
 {
     const char *sessionProps[] = {"SESSION_CLIENT_NAME", "example-client",
                                   "SESSION_GENERATE_SENDER_ID", "1",
-                                  "SESSION_GENERATE_SEND_TIMESTAMPS", "1",
                                   "SESSION_GENERATE_SEQUENCE_NUMBER", "1",
                                   NULL};
     velClient_opaqueSession_pt session = NULL;

@@ -1,7 +1,14 @@
 /*
  * velClient.h - library-wide public API of velclient: basic types, return
  * codes and sub-codes, log levels, the per-thread last-error record, opaque
- * handle types, library start and stop, and log control.
+ * handle types, library start and stop, log control and sessions.
+ *
+ * Every call that fails returns VELCLIENT_FAIL after storing a sub-code and a
+ * text in the calling thread's last-error record (velClient_getLastErrorInfo)
+ * and writing a log line. A handle that does not resolve and a NULL pointer
+ * argument give VELCLIENT_SUBCODE_PARAM_NULL_PTR; a value out of range gives
+ * VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE. The comments below name sub-codes
+ * without their VELCLIENT_SUBCODE_ prefix.
  *
  * Plain C99; usable from C and C++.
  */
@@ -118,38 +125,47 @@ typedef struct velClient_errorInfo {
 
 /* ---- Library start and stop --------------------------------------------- */
 
-/* Sets the SDK log filter to initialLogLevel, reads props (NULL or a
- * NULL-terminated list of name/value pairs: GLOBAL_DBQUANTASIZE_0..4 and
- * GLOBAL_MAXPOOLMEM, decimal byte counts) and starts the message pool.
- * A repeated call drains the pool's free lists first. Unknown names, bad
- * numbers and size classes that are not strictly ascending fail with
- * VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE and change nothing. */
+/* Starts the library: reads props (NULL or a NULL-terminated list of name/value pairs:
+ * GLOBAL_DBQUANTASIZE_0..4 and GLOBAL_MAXPOOLMEM, decimal byte counts; unset ones take the defaults
+ * 256, 2048, 16384, 131072, 1048576 and 64 MiB), sets every log filter to initialLogLevel and starts
+ * the message pool (a repeated call drains its free lists first). Unknown names, bad numbers, classes
+ * not strictly ascending and a level above DEBUG fail with PARAM_OUT_OF_RANGE and change nothing. */
 VELCLIENT_API velClient_returnCode_t velClient_initialize(velClient_log_level_t initialLogLevel,
                                                           const char *const *props);
 
-/* Drains the message pool's free lists and reports records never freed. */
+/* Stops the library: drains the message pool's free lists back to the system and logs, at level
+ * info, the messages, containers and data blocks that the application never freed (they stay
+ * valid). Afterwards velClient_msg_isCacheMsg treats the library as not started. Always VELCLIENT_OK. */
 VELCLIENT_API velClient_returnCode_t velClient_cleanup(void);
 
 /* ---- Last error ---------------------------------------------------------- */
 
-/* The calling thread's last-error record; never NULL. */
+/* The calling thread's last-error record (sub-code and text of its most recent failure); never NULL.
+ * Each thread has its own; only a failure on the same thread overwrites it, a success leaves it as it
+ * was. A VELCLIENT_NOT_FOUND for missing structured data also stores VELCLIENT_SUBCODE_NO_STRUCTURED_DATA. */
 VELCLIENT_API velClient_errorInfo_pt velClient_getLastErrorInfo(void);
-/* Resets the calling thread's record: sub-code OK, response code 0, empty text. */
+/* Resets the calling thread's last-error record: sub-code OK, response code 0, empty text.
+ * Other threads' records are not touched. */
 VELCLIENT_API void velClient_resetLastErrorInfo(void);
-/* The enumerator's name without its prefix ("OK", "FAIL"); "Unknown" otherwise. */
+/* The name of returnCode without its prefix ("OK", "FAIL", "NOT_FOUND"), or "Unknown" for a value
+ * that is not an enumerator. The text is static; never NULL. */
 VELCLIENT_API const char *velClient_returnCodeToString(velClient_returnCode_t returnCode);
-/* The enumerator's name without its prefix ("PARAM_NULL_PTR"); "Unknown" otherwise. */
+/* The name of subCode without its prefix ("PARAM_NULL_PTR"), or "Unknown" for a value that is not
+ * an enumerator. The text is static; never NULL. */
 VELCLIENT_API const char *velClient_subCodeToString(velClient_subCode_t subCode);
 
 /* ---- Log control --------------------------------------------------------- */
 
-/* Sets the most verbose level written for a category (SDK, or ALL for every
- * category). A level above VELCLIENT_LOG_DEBUG or an unknown category fails. */
+/* Sets the most verbose level written for a category: SDK, or ALL for every category (APP is
+ * accepted; the library writes no APP lines). The level is NOTICE until set. A level above
+ * VELCLIENT_LOG_DEBUG or an unknown category fails with PARAM_OUT_OF_RANGE. Failures are stored in
+ * the last-error record whatever the level. */
 VELCLIENT_API velClient_returnCode_t velClient_log_setFilterLevel(velClient_log_category_t category,
                                                                   velClient_log_level_t level);
 
-/* Sends every log line that passes the filter to callback_p (on any thread);
- * NULL restores the default, a line on standard error. */
+/* Sends every log line that passes the filter to callback_p, with user_p, on whichever thread logs
+ * it; info_p and its text are valid during the call only. NULL restores the default: a line on
+ * standard error with time, level, file and line. Always VELCLIENT_OK. */
 VELCLIENT_API velClient_returnCode_t velClient_log_setCallback(velClient_log_callbackFunc_t callback_p,
                                                                void *user_p);
 
@@ -160,23 +176,24 @@ typedef enum velClient_rxMsgCallback_returnCode {
     VELCLIENT_CALLBACK_TAKE_MSG = 1
 } velClient_rxMsgCallback_returnCode_t;
 
-/* Receives one message on the session's thread of delivery. Returning
- * VELCLIENT_CALLBACK_TAKE_MSG keeps the message (the callback frees it later);
- * otherwise the library frees it when the callback returns. */
+/* Receives one message on the session's thread of delivery (with the loopback transport: the
+ * sending thread, before velClient_session_sendMsg returns; the callback may send on the same
+ * session). Returning VELCLIENT_CALLBACK_TAKE_MSG keeps the message (the application frees it later
+ * with velClient_msg_free); otherwise the library frees it when the callback returns. */
 typedef velClient_rxMsgCallback_returnCode_t (*velClient_session_rxMsgCallbackFunc_t)(
     velClient_opaqueSession_pt session_p, velClient_opaqueMsg_pt msg_p, void *user_p);
 
-/* Creates a session from props (NULL or a NULL-terminated list of name/value
- * pairs): SESSION_CLIENT_NAME, SESSION_P2P_TOPIC_BASE (at most 250
- * characters), SESSION_GENERATE_SEND_TIMESTAMPS, SESSION_GENERATE_SENDER_ID,
- * SESSION_GENERATE_SEQUENCE_NUMBER, SESSION_CALCULATE_MESSAGE_EXPIRATION
- * ("1" or "0"), SESSION_TRANSPORT ("loopback", the default, or "null").
- * Unknown names and bad values fail with VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE
- * and a text naming the property. */
+/* Creates a session into *session_p (NULL on failure) delivering to rxMsgCallback_p (may be NULL).
+ * props: NULL or NULL-terminated name/value pairs: SESSION_CLIENT_NAME, SESSION_P2P_TOPIC_BASE (at most
+ * 250 characters), SESSION_TRANSPORT ("loopback", the default, or "null"), and "1" or "0" (default "0")
+ * for SESSION_GENERATE_SEND_TIMESTAMPS, SESSION_GENERATE_SENDER_ID, SESSION_GENERATE_SEQUENCE_NUMBER and
+ * SESSION_CALCULATE_MESSAGE_EXPIRATION. Bad names, values: PARAM_OUT_OF_RANGE; NULL session_p: PARAM_NULL_PTR. */
 VELCLIENT_API velClient_returnCode_t velClient_session_create(const char *const *props,
                                                               velClient_session_rxMsgCallbackFunc_t rxMsgCallback_p,
                                                               void *user_p, velClient_opaqueSession_pt *session_p);
-/* Destroys the session and sets *session_p to NULL. */
+/* Destroys the session behind *session_p and sets *session_p to NULL. Messages belong to no session
+ * and stay valid; the session must not be in use on another thread. NULL session_p or a handle that
+ * does not resolve: PARAM_NULL_PTR. */
 VELCLIENT_API velClient_returnCode_t velClient_session_destroy(velClient_opaqueSession_pt *session_p);
 
 #ifdef __cplusplus

@@ -1,0 +1,220 @@
+/* The C++ layer: typed adds and getters through the conversion rules, fields
+ * as variants, owners that give back what they hold, errors as exceptions
+ * and as codes, wire bytes equal to the C API's, sessions. */
+#include <string>
+#include <vector>
+
+#include "support/velTestSupport.h"
+#include "velclient/velclient.hpp"
+
+namespace vc = velclient;
+using veltest::stat;
+
+namespace {
+
+/* Pool counters that must come back to where they were. */
+struct Live {
+    velClient_uint64_t msgs = stat(VELCLIENT_MSG_STATS_ALLOC_MSGS);
+    velClient_uint64_t containers = stat(VELCLIENT_MSG_STATS_ALLOC_CONTAINERS);
+    void expectBalanced() const
+    {
+        EXPECT_EQ(msgs, stat(VELCLIENT_MSG_STATS_ALLOC_MSGS));
+        EXPECT_EQ(containers, stat(VELCLIENT_MSG_STATS_ALLOC_CONTAINERS));
+    }
+};
+
+} // namespace
+
+TEST(CppLayer, TypedAddsReadBackThroughConversionRules)
+{
+    char mem[512];
+    vc::Map map = vc::Map::create_in(mem, sizeof mem);
+    map.add(std::int8_t{-5}, "i8");
+    map.add(std::uint16_t{65535}, "u16");
+    map.add(std::int64_t{1} << 40, "big");
+    map.add(2.5, "d");
+    map.add(std::string_view("view, not NUL-terminated", 4), "sv");
+    map.add("42", "numtext");
+    map.add(vc::Destination::queue("orders"), "dest");
+
+    EXPECT_EQ(-5, map.get<std::int64_t>("i8"));  /* widening is allowed */
+    EXPECT_EQ(65535, map.get<std::int32_t>("u16"));
+    EXPECT_EQ("view", map.get<std::string>("sv"));
+    EXPECT_EQ(42, map.get<std::int32_t>("numtext")); /* strings parse to integers */
+    EXPECT_EQ(vc::Destination::queue("orders"), map.get<vc::Destination>("dest"));
+    EXPECT_EQ(std::nullopt, map.get<std::int32_t>("absent"));
+    EXPECT_FALSE(map.contains("absent"));
+    EXPECT_TRUE(map.contains("d"));
+
+    try {
+        map.get<std::int8_t>("big");
+        ADD_FAILURE() << "a value out of range converted";
+    } catch (const vc::Error &e) {
+        EXPECT_EQ(VELCLIENT_FAIL, e.code());
+        EXPECT_EQ(VELCLIENT_SUBCODE_INVALID_DATA_CONVERSION, e.sub_code());
+        EXPECT_EQ(veltest::lastErrorText(), e.what());
+    }
+    std::int8_t small = 0;
+    EXPECT_EQ(VELCLIENT_FAIL, map.try_get("big", small));
+}
+
+TEST(CppLayer, IterationGivesEachStoredTypeAsItsVariantAlternative)
+{
+    Live live;
+    {
+        char mem[512];
+        vc::Map map = vc::Map::create_in(mem, sizeof mem);
+        map.add(true, "b");
+        map.add(std::uint32_t{7}, "u32");
+        map.add('x', "c"); /* a char is stored as a wide character */
+        map.add(vc::Wchar{0x263A}, "w");
+        map.add_null("n");
+        const std::uint8_t raw[] = {1, 2, 3};
+        map.add_bytes(raw, sizeof raw, "bytes");
+        {
+            vc::Stream s = map.open_stream("s");
+            s.add(std::int16_t{-1});
+            s.add(std::string("two"));
+        }
+        map.get<bool>("u32"); /* moves the cursor: iteration still starts at the first field */
+
+        std::vector<std::string> names;
+        for (vc::Field &f : map)
+            names.emplace_back(f.name);
+        EXPECT_EQ((std::vector<std::string>{"b", "u32", "c", "w", "n", "bytes", "s"}), names);
+
+        auto it = map.begin();
+        EXPECT_TRUE(std::get<bool>(it->value));
+        EXPECT_EQ(7u, std::get<std::uint32_t>((++it)->value));
+        EXPECT_EQ(static_cast<velClient_wchar_t>('x'), std::get<vc::Wchar>((++it)->value).value);
+        EXPECT_EQ(0x263Au, std::get<vc::Wchar>((++it)->value).value);
+        EXPECT_TRUE(std::holds_alternative<vc::Null>((++it)->value));
+        vc::Bytes b = std::get<vc::Bytes>((++it)->value);
+        EXPECT_EQ((std::vector<std::uint8_t>{1, 2, 3}), b.to_vector());
+        vc::Stream &s = std::get<vc::Stream>((++it)->value);
+        EXPECT_EQ(-1, s.next<std::int32_t>());
+        EXPECT_EQ("two", s.next<std::string_view>());
+        EXPECT_EQ(std::nullopt, s.next<std::int32_t>()); /* end of the stream */
+        EXPECT_EQ(map.end(), ++it);
+    }
+    live.expectBalanced(); /* the nested stream's handle was closed by its owner */
+}
+
+TEST(CppLayer, SameWireBytesAsTheCApi)
+{
+    veltest::Msg c;
+    velClient_destination_t topic = {VELCLIENT_TOPIC_DESTINATION, "a/b/c"};
+    velClient_opaqueContainer_pt props = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setDestination(c.h, &topic, sizeof topic));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setCorrelationId(c.h, "corr-1"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachment(c.h, "payload", 7));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createUserPropertyMap(c.h, &props, 32));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(props, 3, "n"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&props));
+
+    vc::Message m = vc::Message::create();
+    m.set_topic("a/b/c");
+    m.set_correlation_id("corr-1");
+    m.set_attachment("payload");
+    m.create_user_properties(32).add(std::int32_t{3}, "n");
+
+    std::vector<std::uint8_t> wire = m.to_wire();
+    EXPECT_EQ(veltest::encode(c.h), wire);
+
+    vc::Message back = vc::Message::from_wire(wire);
+    EXPECT_EQ(vc::Destination::topic("a/b/c"), back.destination());
+    EXPECT_EQ("corr-1", back.correlation_id());
+    EXPECT_EQ(std::nullopt, back.sender_id());
+    EXPECT_EQ(std::nullopt, back.reply_to());
+    EXPECT_EQ(3, back.user_properties()->get<std::int64_t>("n"));
+    vc::Bytes payload = back.attachment().value();
+    EXPECT_EQ("payload", std::string(reinterpret_cast<const char *>(payload.data), payload.size));
+}
+
+TEST(CppLayer, FailuresCarryCodeSubCodeAndExactText)
+{
+    vc::Message m = vc::Message::create();
+    try {
+        m.set_topic(std::string(251, 't'));
+        ADD_FAILURE() << "an over-long topic was accepted";
+    } catch (const vc::Error &e) {
+        EXPECT_EQ(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, e.sub_code());
+        EXPECT_STREQ("Destination string length of 251 exceeds maximum of 250 for destination type 0 in "
+                     "velClient_msg_setDestination",
+                     e.what());
+    }
+    EXPECT_EQ(std::nullopt, m.destination()); /* nothing changed */
+    EXPECT_EQ(VELCLIENT_FAIL, m.try_set_destination({vc::DestinationType::Null, "x"}));
+
+    vc::Message out;
+    const std::uint8_t junk[] = {0xde, 0xad};
+    EXPECT_EQ(VELCLIENT_FAIL, vc::Message::try_from_wire(junk, sizeof junk, out));
+    EXPECT_FALSE(out);
+    EXPECT_THROW(vc::Message::from_wire(junk, sizeof junk), vc::Error);
+}
+
+TEST(CppLayer, OwnersGiveBackWhatTheyHold)
+{
+    Live live;
+    velClient_uint64_t blocks = stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, 0);
+    {
+        vc::Message a = vc::Message::create();
+        a.set_attachment(std::string(100, 'a'));
+        vc::Message b = a.dup();
+        vc::Message moved = std::move(a);
+        EXPECT_FALSE(a);
+        EXPECT_TRUE(moved);
+        vc::Map props = b.create_user_properties();
+        props.add(1.0f, "f");
+        vc::Datablock d = vc::Datablock::alloc(10);
+        vc::Datablock second = d.share();
+        d.reset();
+        EXPECT_GE(second.data().second, 10u); /* the block outlives the first owner */
+        vc::WireImage image;
+        ASSERT_EQ(VELCLIENT_OK, b.try_encode(image));
+        EXPECT_EQ(b.to_wire(), std::vector<std::uint8_t>(image.data, image.data + image.size));
+        props.release(); /* encoding closed the message's map; its handle is not ours to close */
+    }
+    live.expectBalanced();
+    EXPECT_EQ(blocks, stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, 0));
+}
+
+TEST(CppLayer, DumpIsWholeWhateverItsLength)
+{
+    vc::Message m = vc::Message::create();
+    m.set_attachment(std::string(3000, 'z')); /* a hex dump well beyond the first 4 KB try */
+    std::string text = m.dump();
+    EXPECT_GT(text.size(), 4096u);
+    EXPECT_NE(std::string::npos, text.find("Binary Attachment:                      len=3000\n"));
+    std::size_t hexLines = 0;
+    for (std::size_t at = text.find("\n  7a"); at != std::string::npos; at = text.find("\n  7a", at + 1))
+        ++hexLines;
+    EXPECT_EQ(188u, hexLines); /* 187 full lines of 16 bytes and one of 8: nothing cut off */
+    EXPECT_EQ(text.size(), std::strlen(text.c_str()));
+    EXPECT_LT(m.dump(VELCLIENT_MSGDUMP_BRIEF).size(), 200u);
+}
+
+TEST(CppLayer, SessionCallbackKeepsAMessageByMovingItOut)
+{
+    Live live;
+    {
+        vc::Message kept;
+        int calls = 0;
+        vc::Session session({{"SESSION_CLIENT_NAME", "cpp"}, {"SESSION_GENERATE_SEQUENCE_NUMBER", "1"}},
+                            [&](vc::Message &m) {
+                                if (++calls == 1)
+                                    kept = std::move(m);
+                                else if (calls == 2)
+                                    throw std::runtime_error("from the callback");
+                            });
+        vc::Message m = vc::Message::create();
+        m.set_topic("t");
+        session.send(m);
+        ASSERT_TRUE(kept);
+        EXPECT_EQ(1, kept.sequence_number());
+        EXPECT_THROW(session.send(m), std::runtime_error); /* the callback's exception comes out of send */
+        session.send(m); /* and only once */
+        EXPECT_EQ(3, calls);
+    }
+    live.expectBalanced();
+}
