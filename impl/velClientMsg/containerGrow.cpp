@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "velClientMsg/poolThreadState.h"
 #include "velClientMsg/tlvCodec.h"
 #include "velClientMsg/velClientMsgPrivate.h"
 
@@ -132,7 +133,7 @@ std::uint8_t *reallocate(_velClient_container *root, std::uint8_t *w, std::int32
     msg->bufDatab_p[part] = fresh;
     msg->bufInfo_a[part] = velClient_bufInfo_t{fresh->dbData_p, static_cast<std::uint32_t>(used + n)};
     msg->internalFlags |= _VELCLIENT_MSG_FLAG_MODIFIED;
-    _velClient_msgPool_s.msgPoolStats.msgReallocs.fetch_add(1, std::memory_order_relaxed);
+    vel::pool::bump(vel::pool::myCounters().msgReallocs);
     if (old != nullptr)
         VEL_DATAB_RELEASE(old);
     *newEnd = fresh->dbData_p + fresh->dbSize;

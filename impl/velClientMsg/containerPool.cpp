@@ -12,7 +12,8 @@ using namespace vel::pool;
 velClient_returnCode_t _velClient_container_alloc(_velClient_container **container_p)
 {
     _velClient_msgPool &pool = _velClient_msgPool_s;
-    auto *cont = take<_velClient_container>(pool.freeContainerList, stats().numFreeContainer);
+    ThreadState &me = local();
+    auto *cont = take<_velClient_container>(me.containers, pool.freeContainerList, me.counters.numFreeContainer);
     if (cont == nullptr && (cont = obtain<_velClient_container>(sizeof(_velClient_container))) == nullptr) {
         *container_p = nullptr;
         return VEL_FAIL(VELCLIENT_SUBCODE_OUT_OF_MEMORY, VELCLIENT_LOG_ERROR,
@@ -22,12 +23,12 @@ velClient_returnCode_t _velClient_container_alloc(_velClient_container **contain
     cont->opaqueContainer_p = _velClient_safePtr_alloc(cont, _CONTAINER_PTR_TYPE);
     if (cont->opaqueContainer_p == nullptr) {
         cont->onFreeList = true;
-        add(stats().numFreeContainer);
+        bump(me.counters.numFreeContainer);
         _velClient_lifoPush(&pool.freeContainerList, &cont->entry);
         *container_p = nullptr;
         return VELCLIENT_FAIL;
     }
-    add(stats().numAllocContainer);
+    bump(me.counters.numAllocContainer);
     cont->refCount = 1;
     *container_p = cont;
     return VELCLIENT_OK;
@@ -42,8 +43,9 @@ velClient_returnCode_t _velClient_container_free(_velClient_container **containe
                         "Attempt to free already freed container %p", static_cast<void *>(cont));
     _velClient_safePtr_free(cont->opaqueContainer_p);
     cont->onFreeList = true; /* moot when the record goes back to the system */
-    release(_velClient_msgPool_s.freeContainerList, &cont->entry, stats().numFreeContainer,
-            sizeof(_velClient_container));
-    sub(stats().numAllocContainer);
+    ThreadState &me = local();
+    release(me.containers, kRecordCacheCap, _velClient_msgPool_s.freeContainerList, &cont->entry,
+            me.counters.numFreeContainer, sizeof(_velClient_container));
+    drop(me.counters.numAllocContainer);
     return VELCLIENT_OK;
 }

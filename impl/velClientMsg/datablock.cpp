@@ -79,15 +79,16 @@ _velClient_container **openContainerSlot(_velClient_msg *msg, int bufIndex)
 velClient_returnCode_t _velClient_datablock_alloc(_velClient_datab **result, std::uint32_t size)
 {
     std::uint32_t q = classFor(size);
+    ThreadState &me = local();
     _velClient_datab *db = nullptr;
     if (q < _VELCLIENT_NUM_QUANTA)
-        db = take<_velClient_datab>(_velClient_msgPool_s.freeDbList[q], stats().numFreeDataB[q]);
+        db = take<_velClient_datab>(me.blocks[q], _velClient_msgPool_s.freeDbList[q], me.counters.numFreeDataB[q]);
     if (db == nullptr && (db = newBlock(q, size)) == nullptr) {
         *result = nullptr;
         return VELCLIENT_FAIL;
     }
-    add(stats().numAllocDataB[db->dbQuanta]);
-    add(stats().allocMemory, static_cast<std::uint64_t>(db->dbSize));
+    bump(me.counters.numAllocDataB[db->dbQuanta]);
+    bump(me.counters.allocMemory, static_cast<std::uint64_t>(db->dbSize));
     __atomic_store_n(&db->dbRefCount, 1, __ATOMIC_RELAXED);
     VEL_LOG(VELCLIENT_LOG_DEBUG, "Allocated dataBlock %x, size %u, for requested size %u", addr32(db), db->dbSize,
             size);
@@ -102,14 +103,19 @@ void _velClient_datablock_decRef(_velClient_datab *db, const char *file_p, int l
     if (before <= 0)
         VEL_LOG(VELCLIENT_LOG_CRITICAL, "datablock already free %x, refcount=%d %s:%d", addr32(db), before, file_p,
                 line);
-    if (__atomic_fetch_sub(&db->dbRefCount, 1, __ATOMIC_ACQ_REL) != 1)
+    /* The only holder needs no atomic decrement: nobody else can add a reference. */
+    if (before != 1 && __atomic_fetch_sub(&db->dbRefCount, 1, __ATOMIC_ACQ_REL) != 1)
         return;
+    __atomic_thread_fence(__ATOMIC_ACQUIRE);
+    __atomic_store_n(&db->dbRefCount, 0, __ATOMIC_RELAXED);
+    ThreadState &me = local();
     std::uint32_t q = db->dbQuanta;
-    sub(stats().numAllocDataB[q]);
-    sub(stats().allocMemory, static_cast<std::uint64_t>(db->dbSize));
+    drop(me.counters.numAllocDataB[q]);
+    drop(me.counters.allocMemory, static_cast<std::uint64_t>(db->dbSize));
     std::size_t bytes = std::size_t{kHeaderSize} + db->dbSize;
     if (q < _VELCLIENT_NUM_QUANTA)
-        release(_velClient_msgPool_s.freeDbList[q], &db->entry, stats().numFreeDataB[q], bytes);
+        release(me.blocks[q], blockCacheCap[q], _velClient_msgPool_s.freeDbList[q], &db->entry,
+                me.counters.numFreeDataB[q], bytes);
     else
         giveToSystem(db, bytes);
 }

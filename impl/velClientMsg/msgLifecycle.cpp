@@ -65,14 +65,15 @@ velClient_opaqueMsg_pt issueHandle(_velClient_msg *msg)
 
 velClient_returnCode_t _velClient_msg_alloc(_velClient_msg **msg_p)
 {
-    _velClient_msg *msg = take<_velClient_msg>(_velClient_msgPool_s.freeMsgList, stats().numFreeMsg);
+    ThreadState &me = local();
+    _velClient_msg *msg = take<_velClient_msg>(me.msgs, _velClient_msgPool_s.freeMsgList, me.counters.numFreeMsg);
     if (msg == nullptr && (msg = obtain<_velClient_msg>(sizeof(_velClient_msg))) == nullptr) {
         *msg_p = nullptr;
         return VEL_FAIL(VELCLIENT_SUBCODE_OUT_OF_MEMORY, VELCLIENT_LOG_ERROR,
                         "velClient_msg_alloc, unable to allocate memory for velClient_msg");
     }
-    add(stats().msgAllocs);
-    add(stats().numAllocMsg);
+    bump(me.counters.msgAllocs);
+    bump(me.counters.numAllocMsg);
     clearRecord(msg);
     *msg_p = msg;
     return VELCLIENT_OK;
@@ -82,9 +83,11 @@ velClient_returnCode_t _velClient_msg_free(_velClient_msg *msg)
 {
     closeAllContainers(msg);
     dropAllBlocks(msg);
-    release(_velClient_msgPool_s.freeMsgList, &msg->entry, stats().numFreeMsg, sizeof(_velClient_msg));
-    add(stats().msgFrees);
-    sub(stats().numAllocMsg);
+    ThreadState &me = local();
+    release(me.msgs, kRecordCacheCap, _velClient_msgPool_s.freeMsgList, &msg->entry, me.counters.numFreeMsg,
+            sizeof(_velClient_msg));
+    bump(me.counters.msgFrees);
+    drop(me.counters.numAllocMsg);
     return VELCLIENT_OK;
 }
 
@@ -108,7 +111,7 @@ velClient_returnCode_t _velClient_msg_dup(_velClient_msg *msg, _velClient_msg **
                     static_cast<void *>(copy), part);
         }
     }
-    add(stats().msgDups);
+    bump(myCounters().msgDups);
     return VELCLIENT_OK;
 }
 
@@ -138,7 +141,7 @@ velClient_returnCode_t _velClient_msg_dupMsgWithCopy(_velClient_msg *msg, _velCl
             return VELCLIENT_FAIL;
         }
     }
-    add(stats().msgDups);
+    bump(myCounters().msgDups);
     return VELCLIENT_OK;
 }
 
@@ -154,7 +157,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_alloc(velClient_op
     }
     velClient_opaqueMsg_pt handle = issueHandle(msg);
     if (handle == nullptr) {
-        sub(stats().numAllocMsg);
+        drop(myCounters().numAllocMsg);
         giveToSystem(msg, sizeof(_velClient_msg));
         *msg_p = nullptr;
         return VELCLIENT_FAIL;

@@ -31,7 +31,7 @@ template <typename Rec, typename BytesOf, typename More>
 void drain(_velClient_lifoHead &list, std::atomic<std::uint32_t> &numFree, BytesOf bytesOf, More more)
 {
     while (more()) {
-        Rec *rec = take<Rec>(list, numFree);
+        Rec *rec = takeShared<Rec>(list, numFree);
         if (rec == nullptr)
             return;
         giveToSystem(rec, bytesOf(rec));
@@ -59,7 +59,7 @@ void drainAll(More more)
 /* Reports live records of one kind, drains its list, reports pooled records
  * that were counted but not found. Returns true when some were still live. */
 template <typename Rec, typename BytesOf>
-bool drainAndReport(_velClient_lifoHead &list, std::atomic<std::uint32_t> &numFree, std::uint32_t live,
+bool drainAndReport(_velClient_lifoHead &list, std::atomic<std::uint32_t> &numFree, std::uint64_t live,
                     const char *liveText, BytesOf bytesOf)
 {
     if (live != 0)
@@ -76,35 +76,39 @@ void _velClient_msgPool_configure(const std::uint32_t quanta[_VELCLIENT_NUM_QUAN
 {
     for (std::uint32_t q = 0; q < _VELCLIENT_NUM_QUANTA; ++q)
         _velClient_msgPool_s.dbQuantaSize[q] = quanta[q];
+    setBlockCacheCaps(quanta);
     _velClient_msgPool_s.maxPoolMemSize.store(maxPoolMem, std::memory_order_relaxed);
 }
 
 velClient_returnCode_t _velClient_msgInit()
 {
     _velClient_msgPool &pool = _velClient_msgPool_s;
-    _velClient_msgPoolStats &st = stats();
     if (pool.initCalled == 0) {
-        st.totMemory = 0;
-        st.numAllocMsg = 0;
-        st.numAllocContainer = 0;
-        for (std::uint32_t q = 0; q < _VELCLIENT_NUM_QUANTA; ++q)
-            st.numAllocDataB[q] = 0;
+        stats().totMemory = 0;
+        clearCounters([](_velClient_msgPoolStats &st) {
+            st.numAllocMsg = 0;
+            st.numAllocContainer = 0;
+            for (std::uint32_t q = 0; q < _VELCLIENT_NUM_QUANTA; ++q)
+                st.numAllocDataB[q] = 0;
+        });
     } else {
         _velClient_msg_cleanup();
     }
     pool.initCalled = 1;
     _velClient_lifoInit(&pool.freeMsgList);
     _velClient_lifoInit(&pool.freeContainerList);
-    st.msgAllocs = 0;
-    st.msgFrees = 0;
-    st.msgDups = 0;
-    st.msgReallocs = 0;
-    st.numFreeMsg = 0;
-    st.numFreeContainer = 0;
-    for (std::uint32_t q = 0; q < _VELCLIENT_NUM_QUANTA; ++q) {
+    for (std::uint32_t q = 0; q < _VELCLIENT_NUM_QUANTA; ++q)
         _velClient_lifoInit(&pool.freeDbList[q]);
-        st.numFreeDataB[q] = 0;
-    }
+    clearCounters([](_velClient_msgPoolStats &st) {
+        st.msgAllocs = 0;
+        st.msgFrees = 0;
+        st.msgDups = 0;
+        st.msgReallocs = 0;
+        st.numFreeMsg = 0;
+        st.numFreeContainer = 0;
+        for (std::uint32_t q = 0; q < _VELCLIENT_NUM_QUANTA; ++q)
+            st.numFreeDataB[q] = 0;
+    });
     return VELCLIENT_OK;
 }
 
@@ -114,24 +118,25 @@ void _velClient_msg_cleanup()
     _velClient_msgPoolStats &st = stats();
     if (pool.initCalled == 0)
         return;
-    bool live = drainAndReport<_velClient_msg>(pool.freeMsgList, st.numFreeMsg, st.numAllocMsg.load(),
+    spillAllCaches();
+    bool live = drainAndReport<_velClient_msg>(pool.freeMsgList, st.numFreeMsg, sumCounter(&_velClient_msgPoolStats::numAllocMsg),
                                                "Currently allocated %d messages not released",
                                                fixedSize<_velClient_msg>);
-    if (st.numFreeMsg.load() != 0)
-        VEL_LOG(VELCLIENT_LOG_ERROR, "%d free messages not found", static_cast<int>(st.numFreeMsg.load()));
+    if (std::uint64_t lost = sumCounter(&_velClient_msgPoolStats::numFreeMsg); lost != 0)
+        VEL_LOG(VELCLIENT_LOG_ERROR, "%d free messages not found", static_cast<int>(lost));
     live |= drainAndReport<_velClient_container>(pool.freeContainerList, st.numFreeContainer,
-                                                 st.numAllocContainer.load(),
+                                                 sumCounter(&_velClient_msgPoolStats::numAllocContainer),
                                                  "Currently allocated %d containers not released",
                                                  fixedSize<_velClient_container>);
-    if (st.numFreeContainer.load() != 0)
-        VEL_LOG(VELCLIENT_LOG_ERROR, "%d free containers not found", static_cast<int>(st.numFreeContainer.load()));
+    if (std::uint64_t lost = sumCounter(&_velClient_msgPoolStats::numFreeContainer); lost != 0)
+        VEL_LOG(VELCLIENT_LOG_ERROR, "%d free containers not found", static_cast<int>(lost));
     for (std::uint32_t q = 0; q < _VELCLIENT_NUM_QUANTA; ++q) {
-        live |= drainAndReport<_velClient_datab>(pool.freeDbList[q], st.numFreeDataB[q], st.numAllocDataB[q].load(),
+        live |= drainAndReport<_velClient_datab>(pool.freeDbList[q], st.numFreeDataB[q],
+                                                 sumCounter(&_velClient_msgPoolStats::numAllocDataB, q),
                                                  "Currently allocated %d data blocks not released", blockBytes);
-        if (st.numFreeDataB[q].load() != 0)
+        if (std::uint64_t lost = sumCounter(&_velClient_msgPoolStats::numFreeDataB, q); lost != 0)
             VEL_LOG(VELCLIENT_LOG_ERROR, "%d free data blocks in quanta %d (size=%d) not found",
-                    static_cast<int>(st.numFreeDataB[q].load()), static_cast<int>(q),
-                    static_cast<int>(pool.dbQuantaSize[q]));
+                    static_cast<int>(lost), static_cast<int>(q), static_cast<int>(pool.dbQuantaSize[q]));
     }
     if (!live && st.totMemory.load() != 0)
         VEL_LOG(VELCLIENT_LOG_ERROR, "All memory released but %lld bytes still unaccounted for",
@@ -140,16 +145,17 @@ void _velClient_msg_cleanup()
 
 velClient_returnCode_t _velClient_msg_resetAllStats()
 {
-    _velClient_msgPoolStats &st = stats();
-    for (auto *c64 : {&st.totMemory, &st.allocMemory})
-        c64->store(0, std::memory_order_relaxed);
-    for (auto *c32 : {&st.msgAllocs, &st.msgFrees, &st.msgDups, &st.msgReallocs, &st.numFreeMsg, &st.numAllocMsg,
-                      &st.numFreeContainer, &st.numAllocContainer})
-        c32->store(0, std::memory_order_relaxed);
-    for (auto &c : st.numFreeDataB)
-        c.store(0, std::memory_order_relaxed);
-    for (auto &c : st.numAllocDataB)
-        c.store(0, std::memory_order_relaxed);
+    stats().totMemory.store(0, std::memory_order_relaxed);
+    clearCounters([](_velClient_msgPoolStats &st) {
+        st.allocMemory.store(0, std::memory_order_relaxed);
+        for (auto *c32 : {&st.msgAllocs, &st.msgFrees, &st.msgDups, &st.msgReallocs, &st.numFreeMsg,
+                          &st.numAllocMsg, &st.numFreeContainer, &st.numAllocContainer})
+            c32->store(0, std::memory_order_relaxed);
+        for (auto &c : st.numFreeDataB)
+            c.store(0, std::memory_order_relaxed);
+        for (auto &c : st.numAllocDataB)
+            c.store(0, std::memory_order_relaxed);
+    });
     return VELCLIENT_OK;
 }
 
@@ -163,6 +169,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setMaxPoolMem(velC
             static_cast<unsigned long long>(tot.load()));
     _velClient_msgPool_s.maxPoolMemSize.store(maxPoolMem, std::memory_order_relaxed);
     std::uint64_t budget = kDrainBudget;
+    spillMyCaches(); /* other threads' caches stay with them: at most a few records each */
     if (maxPoolMem < tot.load())
         drainAll([&] { return tot.load(std::memory_order_relaxed) > maxPoolMem && budget-- > 0; });
     const char *text = budget == static_cast<std::uint64_t>(-1)
@@ -189,20 +196,20 @@ std::uint32_t maxStatIndex(velClient_msg_stats_t type)
 
 std::uint64_t readStat(velClient_msg_stats_t type, std::uint32_t index)
 {
-    const _velClient_msgPoolStats &st = stats();
+    using St = _velClient_msgPoolStats;
     switch (type) {
-    case VELCLIENT_MSG_STATS_TOTAL_MEMORY: return st.totMemory.load();
-    case VELCLIENT_MSG_STATS_ALLOC_MEMORY: return st.allocMemory.load();
-    case VELCLIENT_MSG_STATS_MSG_ALLOCS: return st.msgAllocs.load();
-    case VELCLIENT_MSG_STATS_MSG_FREES: return st.msgFrees.load();
-    case VELCLIENT_MSG_STATS_MSG_DUPS: return st.msgDups.load();
-    case VELCLIENT_MSG_STATS_MSG_REALLOCS: return st.msgReallocs.load();
-    case VELCLIENT_MSG_STATS_FREE_MSGS: return st.numFreeMsg.load();
-    case VELCLIENT_MSG_STATS_ALLOC_MSGS: return st.numAllocMsg.load();
-    case VELCLIENT_MSG_STATS_FREE_CONTAINERS: return st.numFreeContainer.load();
-    case VELCLIENT_MSG_STATS_ALLOC_CONTAINERS: return st.numAllocContainer.load();
-    case VELCLIENT_MSG_STATS_FREE_DATA_BLOCKS: return st.numFreeDataB[index].load();
-    case VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS: return st.numAllocDataB[index].load();
+    case VELCLIENT_MSG_STATS_TOTAL_MEMORY: return stats().totMemory.load();
+    case VELCLIENT_MSG_STATS_ALLOC_MEMORY: return sumCounter(&St::allocMemory);
+    case VELCLIENT_MSG_STATS_MSG_ALLOCS: return sumCounter(&St::msgAllocs);
+    case VELCLIENT_MSG_STATS_MSG_FREES: return sumCounter(&St::msgFrees);
+    case VELCLIENT_MSG_STATS_MSG_DUPS: return sumCounter(&St::msgDups);
+    case VELCLIENT_MSG_STATS_MSG_REALLOCS: return sumCounter(&St::msgReallocs);
+    case VELCLIENT_MSG_STATS_FREE_MSGS: return sumCounter(&St::numFreeMsg);
+    case VELCLIENT_MSG_STATS_ALLOC_MSGS: return sumCounter(&St::numAllocMsg);
+    case VELCLIENT_MSG_STATS_FREE_CONTAINERS: return sumCounter(&St::numFreeContainer);
+    case VELCLIENT_MSG_STATS_ALLOC_CONTAINERS: return sumCounter(&St::numAllocContainer);
+    case VELCLIENT_MSG_STATS_FREE_DATA_BLOCKS: return sumCounter(&St::numFreeDataB, index);
+    case VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS: return sumCounter(&St::numAllocDataB, index);
     }
     return 0;
 }
@@ -233,19 +240,18 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getStat(velClient_
 extern "C" VELCLIENT_API _velClient_R43_msgPoolStats_pt velClient_msg_getMsgPoolStats(void)
 {
     static _velClient_R43_msgPoolStats_t legacy{};
-    const _velClient_msgPoolStats &st = stats();
-    legacy.totMemory = st.totMemory.load();
-    legacy.msgAllocs = st.msgAllocs.load();
-    legacy.msgFrees = st.msgFrees.load();
-    legacy.msgDups = st.msgDups.load();
-    legacy.msgReallocs = st.msgReallocs.load();
-    legacy.numFreeMsg = st.numFreeMsg.load();
-    legacy.numAllocMsg = st.numAllocMsg.load();
-    legacy.numContainers = st.numAllocContainer.load();
+    legacy.totMemory = readStat(VELCLIENT_MSG_STATS_TOTAL_MEMORY, 0);
+    legacy.msgAllocs = readStat(VELCLIENT_MSG_STATS_MSG_ALLOCS, 0);
+    legacy.msgFrees = readStat(VELCLIENT_MSG_STATS_MSG_FREES, 0);
+    legacy.msgDups = readStat(VELCLIENT_MSG_STATS_MSG_DUPS, 0);
+    legacy.msgReallocs = readStat(VELCLIENT_MSG_STATS_MSG_REALLOCS, 0);
+    legacy.numFreeMsg = readStat(VELCLIENT_MSG_STATS_FREE_MSGS, 0);
+    legacy.numAllocMsg = readStat(VELCLIENT_MSG_STATS_ALLOC_MSGS, 0);
+    legacy.numContainers = readStat(VELCLIENT_MSG_STATS_ALLOC_CONTAINERS, 0);
     /* Entry 5 of numAllocDataB has no counterpart here and is never written. */
     for (std::uint32_t q = 0; q < _VELCLIENT_NUM_QUANTA; ++q) {
-        legacy.numFreeDataB[q] = st.numFreeDataB[q].load();
-        legacy.numAllocDataB[q] = st.numAllocDataB[q].load();
+        legacy.numFreeDataB[q] = readStat(VELCLIENT_MSG_STATS_FREE_DATA_BLOCKS, q);
+        legacy.numAllocDataB[q] = readStat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, q);
     }
     return &legacy;
 }

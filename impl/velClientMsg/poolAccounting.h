@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "velClientMsg/poolThreadState.h"
 #include "velClientMsg/velClientMsgPrivate.h"
 
 namespace vel::pool {
@@ -22,6 +23,7 @@ inline _velClient_msgPoolStats &stats() noexcept
     return _velClient_msgPool_s.msgPoolStats;
 }
 
+/* A counter several threads change: one atomic read-modify-write. */
 template <typename T>
 inline void add(std::atomic<T> &counter, T amount = 1) noexcept
 {
@@ -63,14 +65,27 @@ inline bool underLimit() noexcept
            _velClient_msgPool_s.maxPoolMemSize.load(std::memory_order_relaxed);
 }
 
-/* A pooled record from list (its free count lowered), or nullptr. */
+/* A pooled record from the shared list (its shared free count lowered), or
+ * nullptr. For draining; allocation goes through take(). */
 template <typename T>
-inline T *take(_velClient_lifoHead &list, std::atomic<std::uint32_t> &numFree) noexcept
+inline T *takeShared(_velClient_lifoHead &list, std::atomic<std::uint32_t> &numFree) noexcept
 {
     _velClient_lifoEntry *entry = _velClient_lifoPop(&list);
     if (entry == nullptr)
         return nullptr;
     sub(numFree);
+    return reinterpret_cast<T *>(entry);
+}
+
+/* A pooled record from the thread's cache, else from the shared list, or
+ * nullptr; the thread's free count is lowered. */
+template <typename T>
+inline T *take(LocalStack &cache, _velClient_lifoHead &list, std::atomic<std::uint32_t> &myNumFree) noexcept
+{
+    _velClient_lifoEntry *entry = cache.pop();
+    if (entry == nullptr && (entry = _velClient_lifoPop(&list)) == nullptr)
+        return nullptr;
+    drop(myNumFree);
     return reinterpret_cast<T *>(entry);
 }
 
@@ -91,18 +106,18 @@ inline void giveToSystem(void *record, std::size_t bytes) noexcept
     std::free(record);
 }
 
-/* Pools record on list while under the limit, otherwise gives it back to the
- * system. Returns true when it was pooled. */
-inline bool release(_velClient_lifoHead &list, _velClient_lifoEntry *record, std::atomic<std::uint32_t> &numFree,
-                    std::size_t bytes) noexcept
+/* Pools record (in the thread's cache while it has room, else on the shared
+ * list) while under the limit, otherwise gives it back to the system. */
+inline void release(LocalStack &cache, std::uint32_t cap, _velClient_lifoHead &list, _velClient_lifoEntry *record,
+                    std::atomic<std::uint32_t> &myNumFree, std::size_t bytes) noexcept
 {
     if (underLimit()) {
-        add(numFree);
-        _velClient_lifoPush(&list, record);
-        return true;
+        bump(myNumFree);
+        if (!cache.push(record, cap))
+            _velClient_lifoPush(&list, record);
+        return;
     }
     giveToSystem(record, bytes);
-    return false;
 }
 
 } // namespace vel::pool
