@@ -1,7 +1,8 @@
 /*
  * velClientHandle.cpp - issuing and invalidating handles. Free entries are
- * kept on a lock-free stack of their own; pages of 4096 entries are added on
- * demand (under a mutex, off the hot path) and never released.
+ * kept on a lock-free stack of their own, with a small per-thread cache in
+ * front of it; pages of 4096 entries are added on demand (under a mutex, off
+ * the hot path) and never released.
  *
  * A live entry's `u` holds the handle issued for it. A free entry keeps the
  * last handle with bit 63 set, so no issued value matches it, and the next
@@ -11,7 +12,10 @@
 #include "velClientHandle/velClientHandle.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <mutex>
+
+#include "velClientLifo/velClientLocalStack.h"
 
 _velClient_globalInfo _velClient_globalInfo_g{};
 
@@ -35,10 +39,11 @@ bool addPage()
         return true; /* another thread added a page meanwhile: retry the pop */
     if (pagesUsed_s >= VEL_SAFEPTR_NUM_PAGES)
         return false;
-    auto *page = static_cast<_velClient_pointerInfo *>(
-        std::calloc(VEL_SAFEPTR_PAGE_ENTRIES, sizeof(_velClient_pointerInfo)));
+    constexpr std::size_t bytes = VEL_SAFEPTR_PAGE_ENTRIES * sizeof(_velClient_pointerInfo);
+    auto *page = static_cast<_velClient_pointerInfo *>(std::aligned_alloc(alignof(_velClient_pointerInfo), bytes));
     if (page == nullptr)
         return false;
+    std::memset(static_cast<void *>(page), 0, bytes);
     std::uint32_t pageIndex = pagesUsed_s++;
     for (std::uint32_t i = 0; i < VEL_SAFEPTR_PAGE_ENTRIES; ++i)
         page[i].u.ptrInfo = FREE_BIT | (std::uint64_t{pageIndex} << 12) | i;
@@ -48,12 +53,36 @@ bool addPage()
     return true;
 }
 
+constexpr std::uint32_t kCacheCap = 64;
+thread_local constinit vel::LocalStack myEntries_s{};
+
+/* Gives the thread's cached entries back to the shared stack when it ends. */
+struct EntryCacheReturn {
+    ~EntryCacheReturn() { myEntries_s.spillAll(freeEntries_s); }
+};
+thread_local EntryCacheReturn entryCacheReturn_s;
+
+_velClient_lifoEntry *popEntry()
+{
+    if (_velClient_lifoEntry *cached = myEntries_s.pop())
+        return cached;
+    return _velClient_lifoPop(&freeEntries_s);
+}
+
+void pushEntry(_velClient_lifoEntry *entry)
+{
+    if (myEntries_s.count == 0)
+        (void)&entryCacheReturn_s; /* registers the thread-exit hook */
+    if (!myEntries_s.push(entry, kCacheCap))
+        _velClient_lifoPush(&freeEntries_s, entry);
+}
+
 } // namespace
 
 extern "C" void *_velClient_safePtr_alloc(void *object, _velClient_ptrType_t type)
 {
     _velClient_lifoEntry *popped = nullptr;
-    while ((popped = _velClient_lifoPop(&freeEntries_s)) == nullptr) {
+    while ((popped = popEntry()) == nullptr) {
         if (!addPage())
             return nullptr;
     }
@@ -84,5 +113,5 @@ extern "C" void _velClient_safePtr_free(void *handle)
                                      __ATOMIC_RELAXED))
         return;
     __atomic_store_n(&entry.ptrType, _UNUSED_PTR_TYPE, __ATOMIC_RELAXED);
-    _velClient_lifoPush(&freeEntries_s, &entry.entry);
+    pushEntry(&entry.entry);
 }

@@ -33,7 +33,7 @@ union _velClient_ptrInfo {
     std::uint64_t ptrInfo;
 };
 
-struct _velClient_pointerInfo {
+struct alignas(64) _velClient_pointerInfo { /* a line each: threads reuse their own entries */
     _velClient_lifoEntry entry; /* the table's own free list of entries */
     _velClient_ptrInfo u;       /* handle value currently issued, 0 when free */
     _velClient_ptrType_t ptrType;
