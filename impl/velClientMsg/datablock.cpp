@@ -98,7 +98,9 @@ velClient_returnCode_t _velClient_datablock_alloc(_velClient_datab **result, std
 
 void _velClient_datablock_decRef(_velClient_datab *db, const char *file_p, int line)
 {
-    std::int32_t before = __atomic_load_n(&db->dbRefCount, __ATOMIC_RELAXED);
+    /* Acquire: when this is the last reference, what other holders wrote
+     * before dropping theirs is visible before the block is reused. */
+    std::int32_t before = __atomic_load_n(&db->dbRefCount, __ATOMIC_ACQUIRE);
     VEL_LOG(VELCLIENT_LOG_DEBUG, "datablock_free %x, refcount=%d %s:%d", addr32(db), before, file_p, line);
     if (before <= 0)
         VEL_LOG(VELCLIENT_LOG_CRITICAL, "datablock already free %x, refcount=%d %s:%d", addr32(db), before, file_p,
@@ -106,7 +108,6 @@ void _velClient_datablock_decRef(_velClient_datab *db, const char *file_p, int l
     /* The only holder needs no atomic decrement: nobody else can add a reference. */
     if (before != 1 && __atomic_fetch_sub(&db->dbRefCount, 1, __ATOMIC_ACQ_REL) != 1)
         return;
-    __atomic_thread_fence(__ATOMIC_ACQUIRE);
     __atomic_store_n(&db->dbRefCount, 0, __ATOMIC_RELAXED);
     ThreadState &me = local();
     std::uint32_t q = db->dbQuanta;

@@ -113,9 +113,11 @@ inline T *obtain(std::size_t bytes) noexcept
     return static_cast<T *>(mem);
 }
 
-/* Returns bytes obtained for record to the system. */
+/* Returns bytes obtained for record to the system, once no pop can still
+ * read its list link. */
 inline void giveToSystem(void *record, std::size_t bytes) noexcept
 {
+    _velClient_lifoQuiesce();
     sub(stats().totMemory, static_cast<std::uint64_t>(bytes));
     std::free(record);
 }
