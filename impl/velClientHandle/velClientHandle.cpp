@@ -15,6 +15,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "velClientAlloc/velClientAlloc.h"
 #include "velClientLifo/velClientLocalStack.h"
 
 _velClient_globalInfo _velClient_globalInfo_g{};
@@ -40,7 +41,7 @@ bool addPage()
     if (pagesUsed_s >= VEL_SAFEPTR_NUM_PAGES)
         return false;
     constexpr std::size_t bytes = VEL_SAFEPTR_PAGE_ENTRIES * sizeof(_velClient_pointerInfo);
-    auto *page = static_cast<_velClient_pointerInfo *>(std::aligned_alloc(alignof(_velClient_pointerInfo), bytes));
+    auto *page = static_cast<_velClient_pointerInfo *>(vel::sysAlignedAlloc(alignof(_velClient_pointerInfo), bytes));
     if (page == nullptr)
         return false;
     std::memset(static_cast<void *>(page), 0, bytes);

@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "velClientAlloc/velClientAlloc.h"
 #include "velClientMsg/poolThreadState.h"
 #include "velClientMsg/velClientMsgPrivate.h"
 
@@ -107,7 +108,7 @@ inline T *take(LocalStack &cache, _velClient_lifoHead &list, std::atomic<std::ui
 template <typename T>
 inline T *obtain(std::size_t bytes) noexcept
 {
-    void *mem = std::malloc(bytes);
+    void *mem = vel::sysMalloc(bytes);
     if (mem != nullptr)
         add(stats().totMemory, static_cast<std::uint64_t>(bytes));
     return static_cast<T *>(mem);
@@ -119,7 +120,7 @@ inline void giveToSystem(void *record, std::size_t bytes) noexcept
 {
     _velClient_lifoQuiesce();
     sub(stats().totMemory, static_cast<std::uint64_t>(bytes));
-    std::free(record);
+    vel::sysFree(record);
 }
 
 /* Pools record (in the thread's cache while it has room, else on the shared

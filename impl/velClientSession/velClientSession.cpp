@@ -10,6 +10,7 @@
 #include <cstring>
 #include <new>
 
+#include "velClientAlloc/velClientAlloc.h"
 #include "velClientHandle/velClientHandle.h"
 #include "velClientLog/velClientLogPrivate.h"
 #include "velClientSession/velClientSessionPrivate.h"
@@ -21,6 +22,12 @@
 #endif
 
 namespace {
+
+void destroySession(_velClient_session *s)
+{
+    s->~_velClient_session();
+    vel::sysFree(s);
+}
 
 std::atomic<std::uint32_t> sessionCounter_s{0};
 
@@ -124,19 +131,20 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_session_create(
         return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
                         "Null session_p pointer in velClient_session_create");
     *session_p = nullptr;
-    auto *s = new (std::nothrow) _velClient_session{};
-    if (s == nullptr)
+    void *mem = vel::sysMalloc(sizeof(_velClient_session));
+    if (mem == nullptr)
         return VEL_FAIL(VELCLIENT_SUBCODE_OUT_OF_MEMORY, VELCLIENT_LOG_ERROR,
                         "Unable to allocate memory for session in velClient_session_create");
+    auto *s = new (mem) _velClient_session{};
     s->rxMsgCallback_p = rxMsgCallback_p;
     s->user_p = user_p;
     if (configure(*s, props) != VELCLIENT_OK) {
-        delete s;
+        destroySession(s);
         return VELCLIENT_FAIL;
     }
     s->opaqueSession_p = _velClient_safePtr_alloc(s, _SESSION_PTR_TYPE);
     if (s->opaqueSession_p == nullptr) {
-        delete s;
+        destroySession(s);
         return VEL_FAIL(VELCLIENT_SUBCODE_OUT_OF_MEMORY, VELCLIENT_LOG_CRITICAL,
                         "Could not allocate pointer for new session in velClient_session_create");
     }
@@ -154,6 +162,6 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_session_destroy(velCli
         return VELCLIENT_FAIL;
     _velClient_safePtr_free(*session_p);
     *session_p = nullptr;
-    delete s;
+    destroySession(s);
     return VELCLIENT_OK;
 }
