@@ -47,7 +47,7 @@ std::uint32_t readKey(const std::uint8_t *pos, const std::uint8_t *end, const ch
     std::uint64_t n = keyLength - 1 - width;
     const char *text = reinterpret_cast<const char *>(pos + 1 + width);
     if (keyLength != 2) {
-        if (n == 0 || text[n - 1] != '\0' || std::memchr(text, '\0', n) != text + n - 1) {
+        if (!isCString(text, n)) {
             malformed("Invalid length in TLV string in structured data container");
             return 0;
         }
@@ -170,6 +170,7 @@ velClient_returnCode_t _velClient_container_getFieldAndTypeByName(_velClient_con
     if (name_p == nullptr || name_p[0] == '\0')
         return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
                         "Null or Empty Name pointer in _velClient_container_getFieldAndTypeByName");
+    const std::size_t nameSize = std::strlen(name_p) + 1;
     for (std::uint8_t *pos = c->firstFieldPtr;; pos = c->curRdPtr + c->curFieldLength) {
         if (pos >= c->curWrPtr) {
             c->curRdPtr = pos;
@@ -180,7 +181,9 @@ velClient_returnCode_t _velClient_container_getFieldAndTypeByName(_velClient_con
         const char *key = nullptr;
         if (readEntryAt(c, pos, field_p, &key) != VELCLIENT_OK)
             return VELCLIENT_FAIL;
-        if (key != nullptr && std::strcmp(key, name_p) == 0)
+        /* The key's text size (NUL included) is its field length less its header. */
+        const std::size_t keySize = c->curKeyLength - 2 - (pos[0] & 0x03);
+        if (key != nullptr && keySize == nameSize && sameBytes(key, name_p, nameSize))
             return VELCLIENT_OK;
     }
 }

@@ -302,7 +302,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getBinaryAttachmen
         return VELCLIENT_NOT_FOUND;
     const char *text = reinterpret_cast<const char *>(p + 1 + width);
     std::size_t textBytes = static_cast<std::size_t>(length) - 1 - width;
-    bool wellFormed = textBytes > 0 && text[textBytes - 1] == '\0' && std::memchr(text, '\0', textBytes) == text + textBytes - 1;
+    bool wellFormed = vel::tlv::isCString(text, textBytes);
     *bufPtr_p = wellFormed ? text : nullptr;
     return VELCLIENT_OK;
 }

@@ -84,11 +84,6 @@ std::int64_t decodeFixed(const std::uint8_t *p, std::uint32_t len, velClient_fie
 }
 
 /* True when value (n bytes) is a C string ending at its last byte. */
-bool isCString(const std::uint8_t *value, std::uint32_t n)
-{
-    return n > 0 && value[n - 1] == 0 && std::memchr(value, 0, n) == value + n - 1;
-}
-
 std::int64_t decodeDestination(const std::uint8_t *v, std::uint32_t n, std::uint32_t len, velClient_field_t *f)
 {
     f->type = VELCLIENT_DESTINATION;

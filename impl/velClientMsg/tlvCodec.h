@@ -22,6 +22,7 @@
  */
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 
@@ -52,18 +53,99 @@ inline constexpr std::uint8_t DEST_KIND_QUEUE = 1;
 
 inline void putBE(std::uint8_t *p, std::uint64_t value, unsigned width) noexcept
 {
-    for (unsigned i = width; i-- > 0;) {
-        p[i] = static_cast<std::uint8_t>(value);
-        value >>= 8;
+    switch (width) {
+    case 1: p[0] = static_cast<std::uint8_t>(value); return;
+    case 4: {
+        std::uint32_t be = __builtin_bswap32(static_cast<std::uint32_t>(value));
+        std::memcpy(p, &be, 4);
+        return;
+    }
+    case 8: {
+        std::uint64_t be = __builtin_bswap64(value);
+        std::memcpy(p, &be, 8);
+        return;
+    }
+    default:
+        for (unsigned i = width; i-- > 0;) {
+            p[i] = static_cast<std::uint8_t>(value);
+            value >>= 8;
+        }
     }
 }
 
+/* The widths a field uses most (1, 2, 4, 8) are single loads. */
 inline std::uint64_t getBE(const std::uint8_t *p, unsigned width) noexcept
 {
-    std::uint64_t value = 0;
-    for (unsigned i = 0; i < width; ++i)
-        value = (value << 8) | p[i];
-    return value;
+    switch (width) {
+    case 1: return p[0];
+    case 2: return static_cast<std::uint64_t>(p[0]) << 8 | p[1];
+    case 4: {
+        std::uint32_t v;
+        std::memcpy(&v, p, 4);
+        return __builtin_bswap32(v);
+    }
+    case 8: {
+        std::uint64_t v;
+        std::memcpy(&v, p, 8);
+        return __builtin_bswap64(v);
+    }
+    default: {
+        std::uint64_t value = 0;
+        for (unsigned i = 0; i < width; ++i)
+            value = (value << 8) | p[i];
+        return value;
+    }
+    }
+}
+
+/* Equal n-byte keys; short ones (16 bytes or fewer) compared inline. */
+inline bool sameBytes(const void *a, const void *b, std::size_t n) noexcept
+{
+    if (n > 16 || n < 8)
+        return std::memcmp(a, b, n) == 0;
+    std::uint64_t a0, a1, b0, b1;
+    std::memcpy(&a0, a, 8);
+    std::memcpy(&b0, b, 8);
+    std::memcpy(&a1, static_cast<const char *>(a) + n - 8, 8);
+    std::memcpy(&b1, static_cast<const char *>(b) + n - 8, 8);
+    return ((a0 ^ b0) | (a1 ^ b1)) == 0;
+}
+
+/* true when the 8 bytes of w hold a zero byte. */
+inline bool hasZeroByte(std::uint64_t w) noexcept
+{
+    return ((w - 0x0101010101010101ull) & ~w & 0x8080808080808080ull) != 0;
+}
+
+/* true when the n bytes at v end with their only NUL: a well-formed text.
+ * Texts of 8 to 65 bytes (keys, most values) are checked 8 bytes at a time
+ * inline, the last word overlapping the one before; longer ones by memchr. */
+inline bool isCString(const void *v, std::size_t n) noexcept
+{
+    const auto *b = static_cast<const std::uint8_t *>(v);
+    if (n == 0 || b[n - 1] != 0)
+        return false;
+    const std::size_t body = n - 1;
+    if (body > 64)
+        return std::memchr(b, 0, body) == nullptr;
+    if (n < 8) {
+        for (std::size_t i = 0; i < body; ++i)
+            if (b[i] == 0)
+                return false;
+        return true;
+    }
+    std::uint64_t w;
+    std::size_t i = 0;
+    for (; i + 8 <= body; i += 8) {
+        std::memcpy(&w, b + i, 8);
+        if (hasZeroByte(w))
+            return false;
+    }
+    if (i == body)
+        return true;
+    /* The last 8 bytes end with the NUL (the top byte once loaded): mask it. */
+    std::memcpy(&w, b + n - 8, 8);
+    return !hasZeroByte(w | 0xFF00000000000000ull);
 }
 
 /* Length width (1..4) for a variable-size value of valueLength bytes. */

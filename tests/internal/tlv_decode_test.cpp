@@ -272,3 +272,24 @@ TEST(TlvDecode, EveryTruncationIsRefusedWithoutReadingPastTheEnd)
             EXPECT_EQ(-1, decode(Bytes(full.begin(), full.begin() + static_cast<std::ptrdiff_t>(k))).size) << k;
     }
 }
+
+TEST(TlvText, WellFormedOnlyWhenTheLastByteIsTheOnlyNul)
+{
+    /* Every length around the word boundaries, with a stray NUL at every place. */
+    for (std::size_t n = 1; n <= 80; ++n) {
+        std::vector<std::uint8_t> text(n, 'x');
+        text[n - 1] = 0;
+        EXPECT_TRUE(vel::tlv::isCString(text.data(), n)) << n;
+        for (std::size_t at = 0; at + 1 < n; ++at) {
+            auto stray = text;
+            stray[at] = 0;
+            EXPECT_FALSE(vel::tlv::isCString(stray.data(), n)) << n << " " << at;
+        }
+        text[n - 1] = 'y';
+        EXPECT_FALSE(vel::tlv::isCString(text.data(), n)) << n;
+    }
+    EXPECT_FALSE(vel::tlv::isCString("", 0));
+    /* Bytes with the top bit set are not mistaken for NULs. */
+    const std::uint8_t high[] = {0x80, 0xFF, 0x81, 0x01, 0x80, 0x80, 0xFE, 0x7F, 0x80, 0x00};
+    EXPECT_TRUE(vel::tlv::isCString(high, sizeof high));
+}
