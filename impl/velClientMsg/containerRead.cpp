@@ -6,7 +6,7 @@
  */
 #include <cstring>
 
-#include "velClientMsg/tlvCodec.h"
+#include "velClientMsg/tlvDecode.h"
 #include "velClientMsg/velClientMsgPrivate.h"
 
 namespace {
@@ -72,7 +72,7 @@ std::uint32_t readValue(_velClient_container *c, const std::uint8_t *p, velClien
             }
         }
     }
-    std::int64_t len = _velClient_tlv_decodeField(p, end, field_p);
+    std::int64_t len = decodeField(p, end, field_p);
     if (len < 0) {
         malformed(kBadTlv);
         return 0;
