@@ -308,3 +308,47 @@ TEST(MessagePool, CleanupReportsRecordsNeverFreed)
     EXPECT_EQ(VELCLIENT_OK, velClient_msg_setUserData(leaked, "x", 1));
     EXPECT_EQ(VELCLIENT_OK, velClient_msg_free(&leaked));
 }
+
+/* A duplicate's record carries its source's handle; nothing inside the
+ * library may reach the message through it. Every path that works on the
+ * whole message is driven on a duplicate whose source is gone. */
+TEST(MessagePool, ADuplicateOutlivesItsSourceOnEveryPath)
+{
+    velClient_opaqueMsg_pt source = nullptr, dup = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_alloc(&source));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setSenderId(source, "src"));
+    velClient_opaqueContainer_pt map = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createBinaryAttachmentMap(source, &map, 32));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(map, 5, "n"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&map));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_dup(source, &dup));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_free(&source));
+
+    veltest::Msg d(dup);
+    velClient_opaqueContainer_pt props = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createUserPropertyMap(d.h, &props, 16));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addBoolean(props, 1, "p"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&props));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setApplicationMessageId(d.h, "dup-only"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setAsReplyMsg(d.h, 1));
+
+    std::vector<std::uint8_t> wire = veltest::encode(d.h);
+    velClient_bufInfo_t in{wire.data(), static_cast<velClient_uint32_t>(wire.size())};
+    velClient_opaqueMsg_pt back = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_decodeFromVwf(&in, &back));
+    veltest::Msg b(back);
+    const char *text = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getSenderId(b.h, &text));
+    EXPECT_STREQ("src", text);
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getApplicationMessageId(b.h, &text));
+    EXPECT_STREQ("dup-only", text);
+    EXPECT_TRUE(velClient_msg_isReplyMsg(b.h));
+
+    velClient_opaqueSession_pt session = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_session_create(nullptr, nullptr, nullptr, &session));
+    EXPECT_EQ(VELCLIENT_OK, velClient_session_sendMsg(session, d.h));
+    velClient_session_destroy(&session);
+    char dump[2048];
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_dump(d.h, dump, sizeof dump));
+    EXPECT_NE(nullptr, std::strstr(dump, "Key 'n' (INT32) 5"));
+}
