@@ -1,0 +1,46 @@
+#!/usr/bin/env bash
+# Builds the optimised benchmark preset and runs bench_peers: velclient beside
+# msgpack-c, Qpid Proton-C, libbson and a malloc/memcpy baseline, 5
+# repetitions each, then prints the medians. Installs what is missing first.
+# Extra arguments go to bench_peers (e.g. --benchmark_filter=W2).
+# The full output is kept in build/bench/bench_peers.txt and .json.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+SUDO=""; [ "$(id -u)" -ne 0 ] && SUDO="sudo"
+updated=0
+install_missing() {
+  local missing=()
+  for p in "$@"; do
+    dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
+  done
+  [ ${#missing[@]} -eq 0 ] && return 0
+  if [ "$updated" -eq 0 ]; then
+    $SUDO apt-get update -qq
+    updated=1
+  fi
+  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq "${missing[@]}"
+}
+
+# What the benchmark build needs.
+install_missing cmake g++ make pkg-config libbenchmark-dev
+# The peers: optional, bench_peers is built with those that are present.
+install_missing libmsgpack-dev libqpid-proton11-dev libbson-dev ||
+  echo "warning: peer packages not installed; bench_peers compares with what is present" >&2
+
+cmake --preset bench
+cmake --build --preset bench -j"$(nproc)"
+
+out=build/bench/bench_peers
+./build/bench/bench/bench_peers \
+  --benchmark_repetitions=5 \
+  --benchmark_report_aggregates_only=true \
+  --benchmark_out="$out.json" --benchmark_out_format=json \
+  "$@" | tee "$out.txt"
+
+echo
+echo "=== medians of 5 repetitions (Time = wall clock per operation, CPU = CPU time per operation)"
+awk '/_median/ {
+       name = $1; sub(/_median$/, "", name)
+       printf "%-56s %12s %-3s %12s %s\n", name, $2, $3, $4, $5
+     }' "$out.txt"
