@@ -98,6 +98,11 @@ velClient_returnCode_t _velClient_datablock_alloc(_velClient_datab **result, std
 
 void _velClient_datablock_decRef(_velClient_datab *db, const char *file_p, int line)
 {
+    _velClient_datablock_decRefBy(db, 1, file_p, line);
+}
+
+void _velClient_datablock_decRefBy(_velClient_datab *db, std::int32_t count, const char *file_p, int line)
+{
     /* Acquire: when this is the last reference, what other holders wrote
      * before dropping theirs is visible before the block is reused. */
     std::int32_t before = __atomic_load_n(&db->dbRefCount, __ATOMIC_ACQUIRE);
@@ -106,7 +111,7 @@ void _velClient_datablock_decRef(_velClient_datab *db, const char *file_p, int l
         VEL_LOG(VELCLIENT_LOG_CRITICAL, "datablock already free %x, refcount=%d %s:%d", addr32(db), before, file_p,
                 line);
     /* The only holder needs no atomic decrement: nobody else can add a reference. */
-    if (before != 1 && __atomic_fetch_sub(&db->dbRefCount, 1, __ATOMIC_ACQ_REL) != 1)
+    if (before != count && __atomic_fetch_sub(&db->dbRefCount, count, __ATOMIC_ACQ_REL) != count)
         return;
     __atomic_store_n(&db->dbRefCount, 0, __ATOMIC_RELAXED);
     ThreadState &me = local();

@@ -32,13 +32,24 @@ void closeAllContainers(_velClient_msg *msg)
             _velClient_container_closeMapStream(slot, true, true, false);
 }
 
-/* Drops every part's block reference and empties the slots. */
+/* Drops every part's block reference and empties the slots. Parts that share
+ * a block (a received message's) give their references back in one step. */
 void dropAllBlocks(_velClient_msg *msg)
 {
+    _velClient_datab **slots = msg->bufDatab_p;
     for (int part = 0; part < _VELCLIENT_BUFINFO_NUM_PARTS; ++part) {
-        if (msg->bufDatab_p[part] != nullptr)
-            VEL_DATAB_RELEASE(msg->bufDatab_p[part]);
-        msg->bufDatab_p[part] = nullptr;
+        _velClient_datab *db = slots[part];
+        if (db == nullptr)
+            continue;
+        std::int32_t refs = 1;
+        for (int later = part + 1; later < _VELCLIENT_BUFINFO_NUM_PARTS; ++later) {
+            if (slots[later] == db) {
+                ++refs;
+                slots[later] = nullptr;
+            }
+        }
+        slots[part] = nullptr;
+        _velClient_datablock_decRefBy(db, refs, __FILE__, __LINE__);
     }
 }
 

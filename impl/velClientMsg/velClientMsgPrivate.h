@@ -182,6 +182,8 @@ velClient_returnCode_t _velClient_datablock_alloc(_velClient_datab **result, std
  * pools or frees the block. file/line only appear in traces. */
 void _velClient_datablock_decRef(_velClient_datab *datab, const char *file_p, int line);
 #define VEL_DATAB_RELEASE(datab) _velClient_datablock_decRef((datab), __FILE__, __LINE__)
+/* Drops count references held by one holder at once (parts sharing a block). */
+void _velClient_datablock_decRefBy(_velClient_datab *datab, std::int32_t count, const char *file_p, int line);
 /* Adds one reference. */
 void _velClient_datablock_incRef(_velClient_datab *datab);
 /* Attaches a new block of size bytes to an empty part; buf_p/bufSize = the block. */
