@@ -311,3 +311,15 @@ TEST(SessionTopics, SuffixesRelativeToTheInboxBase)
                       veltest::format("Bad session pointer (%p) in velClient_msg_setReplyToSuffix", nullptr));
     velClient_session_destroy(&s);
 }
+
+TEST(HeaderMap, AHeaderEntryHoldingAStreamIsNoHeaderMap)
+{
+    Msg r(receiveWithMetadata(metadata({0x1C, 0x04, 'h', 0x00, 0x2F, 0, 0, 0, 5})));
+    const char *s = nullptr;
+    EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getSenderId(r.h, &s));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_INTERNAL_ERROR, "Binary Message Header in invalid format type = (15)");
+    /* The part still holds those bytes, so no new map is made over them: setting fails. */
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setSenderId(r.h, "mine"));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_INTERNAL_ERROR, "Binary Message Header in invalid format type = (15)");
+    EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getSenderId(r.h, &s));
+}
