@@ -323,3 +323,53 @@ TEST(HeaderMap, AHeaderEntryHoldingAStreamIsNoHeaderMap)
     EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_INTERNAL_ERROR, "Binary Message Header in invalid format type = (15)");
     EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getSenderId(r.h, &s));
 }
+
+TEST(ReplyTo, RefusalsOfEveryCall)
+{
+    Msg m;
+    void *bad = reinterpret_cast<void *>(0x5151);
+    velClient_destination_t d{VELCLIENT_TOPIC_DESTINATION, "r"};
+    velClient_opaqueSession_pt s = nullptr;
+    const char *props[] = {"SESSION_P2P_TOPIC_BASE", "B", "SESSION_TRANSPORT", "null", nullptr};
+    ASSERT_EQ(VELCLIENT_OK, velClient_session_create(props, nullptr, nullptr, &s));
+    const char *suffix = nullptr;
+
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setReplyTo(bad, &d, sizeof d));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+                      veltest::format("Bad msg_p pointer (%p) in velClient_msg_setReplyTo", bad));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setReplyTo(m.h, nullptr, sizeof d));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null velClient_destination_t pointer in velClient_msg_setReplyTo");
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setReplyTo(m.h, &d, sizeof d + 1));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
+                      veltest::format("Unsupported destination structure size (received %d, expected %d) in "
+                                      "velClient_msg_setReplyTo",
+                                      static_cast<int>(sizeof d + 1), static_cast<int>(sizeof d)));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getReplyTo(bad, &d, sizeof d));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+                      veltest::format("Bad msg_p pointer (%p) in velClient_msg_getReplyTo", bad));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getReplyTo(m.h, nullptr, sizeof d));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null velClient_destination_t pointer in velClient_msg_getReplyTo");
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_deleteReplyTo(bad));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+                      veltest::format("Bad msg_p pointer (%p) in velClient_msg_deleteReplyTo", bad));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setReplyToSuffix(bad, s, "x"));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+                      veltest::format("Bad msg_p pointer (%p) in velClient_msg_setReplyToSuffix", bad));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setReplyToSuffix(m.h, s, nullptr));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null suffix pointer in velClient_msg_setReplyToSuffix");
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getDestinationTopicSuffix(m.h, s, nullptr));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+                      "Null reference to suffix pointer in velClient_msg_getDestinationTopicSuffix");
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getDestinationTopicSuffix(m.h, bad, &suffix));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+                      veltest::format("Bad session pointer (%p) in velClient_msg_getDestinationTopicSuffix", bad));
+    /* Without a destination, or with a queue, there is no topic suffix. */
+    EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getDestinationTopicSuffix(m.h, s, &suffix));
+    velClient_destination_t queue{VELCLIENT_QUEUE_DESTINATION, "q"};
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setDestination(m.h, &queue, sizeof queue));
+    EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getDestinationTopicSuffix(m.h, s, &suffix));
+    /* A reply-to on a message whose header map holds none. */
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setSenderId(m.h, "x"));
+    EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getReplyTo(m.h, &d, sizeof d));
+    velClient_session_destroy(&s);
+}
