@@ -373,3 +373,41 @@ TEST(ReplyTo, RefusalsOfEveryCall)
     EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getReplyTo(m.h, &d, sizeof d));
     velClient_session_destroy(&s);
 }
+
+TEST(UserPropertyMap, RefusalsAndAStreamWhereTheMapShouldBe)
+{
+    Msg m;
+    void *bad = reinterpret_cast<void *>(0x6161);
+    velClient_opaqueContainer_pt c = nullptr;
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_createUserPropertyMap(bad, &c, 8));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+                      veltest::format("Bad msg_p pointer (%p) in velClient_msg_createUserPropertyMap", bad));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_createUserPropertyMap(m.h, nullptr, 8));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null map_p pointer in velClient_msg_createUserPropertyMap");
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setUserPropertyMap(bad, c));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+                      veltest::format("Bad msg_p pointer (%p) in velClient_msg_setUserPropertyMap", bad));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setUserPropertyMap(m.h, bad));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+                      veltest::format("Bad map pointer (%p) in velClient_msg_setUserPropertyMap", bad));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getUserPropertyMap(m.h, nullptr));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null map_p pointer in velClient_msg_getUserPropertyMap");
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getUserPropertyMap(bad, &c));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+                      veltest::format("Bad msg_p pointer (%p) in velClient_msg_getUserPropertyMap", bad));
+
+    /* Creating again replaces the open map. */
+    velClient_opaqueContainer_pt first = nullptr, second = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createUserPropertyMap(m.h, &first, 8));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt8(first, 1, "old"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createUserPropertyMap(m.h, &second, 8));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_rewind(first));
+    velClient_int8_t v = 0;
+    EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_container_getInt8(second, &v, "old"));
+    velClient_container_closeMapStream(&second);
+
+    /* A received "p" entry that holds a stream is refused as the user property map. */
+    Msg r(receiveWithMetadata(metadata({0x1C, 0x04, 'p', 0x00, 0x2F, 0, 0, 0, 5})));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getUserPropertyMap(r.h, &c));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_INTERNAL_ERROR, "User Property is in invalid format - stream when should be map");
+}
