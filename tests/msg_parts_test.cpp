@@ -269,3 +269,54 @@ TEST(HeaderProperties, StrictAndLenientMarks)
     EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
                       veltest::format("Bad msg_p pointer (%p) in velClient_msg_setDMQEligible", stale));
 }
+
+TEST(MessageParts, PlainQueueNamesNullsAndAttachmentEdges)
+{
+    Msg m;
+    /* A queue name without its network prefix gets the prefix part set for it. */
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setQueueNamePtr(m.h, "orders"));
+    velClient_destination_t d = m.destination();
+    EXPECT_EQ(VELCLIENT_QUEUE_DESTINATION, d.destType);
+    EXPECT_STREQ("orders", d.dest);
+    std::string q201(201, 'q');
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setQueueNamePtr(m.h, q201.c_str()));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
+                      "Queue name length of 201 exceeds maximum of 200 in velClient_msg_setQueueNamePtr");
+    /* NULL empties: first the queue name, then the topic. */
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setQueueNamePtr(m.h, nullptr));
+    velClient_destination_t none{};
+    EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getDestination(m.h, &none, sizeof none));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setTopicPtr(m.h, "t"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setTopicPtr(m.h, nullptr));
+    EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getDestination(m.h, &none, sizeof none));
+
+    /* Replacing the attachment closes the map open on it. */
+    velClient_opaqueContainer_pt map = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createBinaryAttachmentMap(m.h, &map, 16));
+    static char raw[] = "raw";
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachmentPtr(m.h, raw, 3));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_rewind(map));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createBinaryAttachmentMap(m.h, &map, 16));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachmentString(m.h, nullptr)); /* an empty string element */
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_rewind(map));
+    const char *text = nullptr;
+    /* A string element cut before its length field ends is no string. */
+    const std::uint8_t cut[] = {0x1F, 0x00};
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachment(m.h, cut, sizeof cut));
+    EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getBinaryAttachmentString(m.h, &text));
+
+    void *bad = reinterpret_cast<void *>(0x7171);
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setTopicPtr(bad, "t"));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Bad msg_p pointer in velClient_msg_setTopicPtr");
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setBinaryAttachmentString(bad, "x"));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+                      veltest::format("Bad msg_p pointer (%p) in velClient_msg_setBinaryAttachmentString", bad));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getBinaryAttachmentString(bad, &text));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+                      veltest::format("Bad msg_p pointer (%p) in velClient_msg_getBinaryAttachmentString", bad));
+    velClient_uint8_t *vwf = nullptr;
+    velClient_uint32_t len = 0;
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getVWFPtr(bad, &vwf, &len));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+                      veltest::format("Bad msg_p pointer (%p) in velClient_msg_getVWFPtr", bad));
+}
