@@ -1,6 +1,7 @@
 /* Reading containers: the cursor after hits and misses, lookups, sizes, and
  * malformed bytes refused without reading past them. */
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -158,4 +159,68 @@ TEST(Reading, UnknownTypeBytesPassAsUnknownFields)
     ASSERT_EQ(VELCLIENT_OK, velClient_container_getNextField(e.h, &f, sizeof f, nullptr));
     EXPECT_EQ(VELCLIENT_UNKNOWN, f.type);
     EXPECT_EQ(2u, f.length);
+}
+
+TEST(ContainerReading, RefusalsOfTheUntypedReaders)
+{
+    char mapMem[32], streamMem[32];
+    velClient_opaqueContainer_pt map = nullptr, stream = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_createMap(&map, mapMem, sizeof mapMem));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_createStream(&stream, streamMem, sizeof streamMem));
+    void *bad = reinterpret_cast<void *>(0x8181);
+    velClient_field_t f{};
+    const char *name = nullptr;
+    size_t size = 0;
+    void *ptr = nullptr;
+    velClient_uint32_t len = 0;
+    const int expected = static_cast<int>(sizeof f);
+    struct Case {
+        std::function<velClient_returnCode_t()> call;
+        velClient_subCode_t sub;
+        std::string text;
+    };
+    const Case cases[] = {
+        {[&] { return velClient_container_getNextField(bad, &f, sizeof f, &name); }, VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+         veltest::format("Bad cont_p pointer (%p) in velClient_container_getNextField", bad)},
+        {[&] { return velClient_container_getNextField(map, nullptr, sizeof f, &name); }, VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+         "Null field_p in velClient_container_getNextField"},
+        {[&] { return velClient_container_getNextField(map, &f, sizeof f + 4, &name); }, VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
+         veltest::format("Unsupported field structure size (received %d, expected %d) in "
+                         "velClient_container_getNextField",
+                         expected + 4, expected)},
+        {[&] { return velClient_container_getNextField(map, &f, sizeof f, nullptr); }, VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+         "Null name_p in velClient_container_getNextField"},
+        {[&] { return velClient_container_getField(bad, &f, sizeof f, "k"); }, VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+         veltest::format("Bad Container (%p) in velClient_container_getField", bad)},
+        {[&] { return velClient_container_getField(map, &f, sizeof f - 4, "k"); }, VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
+         veltest::format("Unsupported field structure size (received %d, expected %d) in "
+                         "velClient_container_getField",
+                         expected - 4, expected)},
+        {[&] { return velClient_container_getField(map, nullptr, sizeof f, "k"); }, VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+         "Null value pointer in velClient_container_getField"},
+        {[&] { return velClient_container_getField(map, &f, sizeof f, nullptr); }, VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+         "No name pointer in velClient_container_getField"},
+        {[&] { return velClient_container_getField(stream, &f, sizeof f, "k"); }, VELCLIENT_SUBCODE_PARAM_CONFLICT,
+         "Stream with non-NULL name pointer in velClient_container_getField"},
+        {[&] { return velClient_container_getSize(bad, &size); }, VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+         veltest::format("Bad Container (%p) in velClient_container_getSize", bad)},
+        {[&] { return velClient_container_getSize(map, nullptr); }, VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+         "Null size pointer in velClient_container_getSize"},
+        {[&] { return velClient_container_getContainerPtr(bad, &ptr, &len); }, VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+         veltest::format("Bad Container (%p) in velClient_container_getContainerPtr", bad)},
+        {[&] { return velClient_container_getContainerPtr(map, &ptr, nullptr); }, VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+         "Null size pointer in velClient_container_getContainerPtr"},
+        {[&] { return velClient_container_getContainerPtr(map, nullptr, &len); }, VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+         "Null bufPtr_p pointer in velClient_container_getContainerPtr"},
+    };
+    for (const Case &c : cases) {
+        EXPECT_EQ(VELCLIENT_FAIL, c.call()) << c.text;
+        EXPECT_LAST_ERROR(c.sub, c.text);
+    }
+    /* A stream takes no name in getNextField: it is set to null. */
+    name = "untouched";
+    EXPECT_EQ(VELCLIENT_EOS, velClient_container_getNextField(stream, &f, sizeof f, &name));
+    EXPECT_EQ(nullptr, name);
+    velClient_container_closeMapStream(&map);
+    velClient_container_closeMapStream(&stream);
 }
