@@ -320,3 +320,67 @@ TEST(MessageParts, PlainQueueNamesNullsAndAttachmentEdges)
     EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
                       veltest::format("Bad msg_p pointer (%p) in velClient_msg_getVWFPtr", bad));
 }
+
+TEST(Destinations, RefusalsAndTemporaryQueueLimits)
+{
+    Msg m;
+    void *bad = reinterpret_cast<void *>(0x9191);
+    velClient_destination_t d{VELCLIENT_TOPIC_DESTINATION, nullptr};
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setDestination(m.h, &d, sizeof d));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null dest pointer in velClient_msg_setDestination");
+    d.dest = "x";
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setDestination(bad, &d, sizeof d));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Bad msg_p pointer in velClient_msg_setDestination");
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getDestination(bad, &d, sizeof d));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+                      veltest::format("Bad msg_p pointer (%p) in velClient_msg_getDestination", bad));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getDestination(m.h, &d, sizeof d - 1));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
+                      veltest::format("Unsupported destination structure size (received %d, expected %d) in "
+                                      "velClient_msg_getDestination",
+                                      static_cast<int>(sizeof d - 1), static_cast<int>(sizeof d)));
+    /* A temporary queue named by its prefix keeps the topic limit: 250 in all. */
+    std::string tmp = "#P2P/QTMP/" + std::string(240, 'q');
+    velClient_destination_t q{VELCLIENT_QUEUE_TEMP_DESTINATION, tmp.c_str()};
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setDestination(m.h, &q, sizeof q));
+    velClient_destination_t back{};
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getDestination(m.h, &back, sizeof back));
+    EXPECT_EQ(VELCLIENT_QUEUE_TEMP_DESTINATION, back.destType);
+    EXPECT_EQ(tmp, back.dest);
+    tmp += 'q';
+    q.dest = tmp.c_str();
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setDestination(m.h, &q, sizeof q));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
+                      "Destination string length of 251 exceeds maximum of 250 for destination type 3 in "
+                      "velClient_msg_setDestination");
+}
+
+TEST(DataBlocks, ExtractRefusals)
+{
+    Msg m;
+    void *bad = reinterpret_cast<void *>(0xA1A1);
+    velClient_opaqueDatablock_pt db = nullptr;
+    velClient_bufInfo_t info{};
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_extractDatablock(bad, VELCLIENT_BUFINFO_XML_PART, &db, &info));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+                      veltest::format("Bad msg_p pointer (%p) in velClient_msg_extractDatablock", bad));
+    EXPECT_EQ(VELCLIENT_FAIL,
+              velClient_msg_extractDatablock(m.h, static_cast<velClient_bufInfo_index_t>(12), &db, &info));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, "Invalid bufInfo part in velClient_msg_extractDatablock");
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_extractDatablock(m.h, VELCLIENT_BUFINFO_XML_PART, nullptr, &info));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null datablock pointer in velClient_msg_extractDatablock");
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_extractDatablock(m.h, VELCLIENT_BUFINFO_XML_PART, &db, nullptr));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null bufInfo_p pointer in velClient_msg_extractDatablock");
+    /* The user property map open on its part is closed before its block is taken. */
+    velClient_opaqueContainer_pt props = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createUserPropertyMap(m.h, &props, 16));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt8(props, 1, "p"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_extractDatablock(m.h, VELCLIENT_BUFINFO_USER_PROPERTY_PART, &db, &info));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_rewind(props));
+    /* The block holds the finalised map behind its 4 reserved key bytes. */
+    const auto *bytes = static_cast<const std::uint8_t *>(info.buf_p);
+    ASSERT_GE(info.bufSize, 9u);
+    EXPECT_EQ(0x2B, bytes[4]);
+    EXPECT_EQ(info.bufSize - 4, static_cast<velClient_uint32_t>(bytes[5] << 24 | bytes[6] << 16 | bytes[7] << 8 | bytes[8]));
+    velClient_datablock_free(&db);
+}
