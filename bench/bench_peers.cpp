@@ -51,6 +51,7 @@
 #include <vector>
 
 #include "benchMain.h"
+#include "wireMessage.h"
 
 #include "velclient/velClientMsg.h"
 
@@ -274,27 +275,11 @@ void velReadMap(benchmark::State &state)
     state.counters["bytes"] = size;
 }
 
-velClient_opaqueMsg_pt velMakeWireMessage()
-{
-    velClient_opaqueMsg_pt m = nullptr;
-    velClient_msg_alloc(&m);
-    velClient_msg_setTopicPtr(m, kTopic);
-    velClient_opaqueContainer_pt props = nullptr;
-    velClient_msg_createUserPropertyMap(m, &props, 128);
-    velClient_container_addInt32(props, 1, "p1");
-    velClient_container_addInt64(props, 2, "p2");
-    velClient_container_addString(props, "value", "p3");
-    velClient_container_addBoolean(props, 1, "p4");
-    velClient_container_closeMapStream(&props);
-    velClient_msg_setBinaryAttachment(m, kAttachment.data(), kLargeAttachment);
-    return m;
-}
-
 /* Setting the topic again marks the message changed, so each encode builds
  * the image anew instead of handing out the cached one. */
 void velWireRoundTrip(benchmark::State &state)
 {
-    velClient_opaqueMsg_pt m = velMakeWireMessage();
+    velClient_opaqueMsg_pt m = velbench::makeWireMessage();
     velClient_uint32_t wireSize = 0;
     std::int64_t got = 0;
     for (auto _ : state) {
@@ -322,7 +307,7 @@ void velWireRoundTrip(benchmark::State &state)
 /* The size of velclient's wire image of the W4 message (for the baseline). */
 std::size_t velWireSize()
 {
-    velClient_opaqueMsg_pt m = velMakeWireMessage();
+    velClient_opaqueMsg_pt m = velbench::makeWireMessage();
     velClient_bufInfo_t info;
     velClient_opaqueDatablock_pt b = nullptr;
     velClient_msg_encodeToVWF(m, &info, &b);

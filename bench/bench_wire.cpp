@@ -9,31 +9,15 @@
 #include <vector>
 
 #include "benchMain.h"
+#include "wireMessage.h"
 
 #include "velclient/velClientMsg.h"
 
 namespace {
 
-velClient_opaqueMsg_pt makeMessage()
-{
-    velClient_opaqueMsg_pt m = nullptr;
-    velClient_msg_alloc(&m);
-    velClient_msg_setTopicPtr(m, "orders/eu/widgets/01");
-    velClient_opaqueContainer_pt props = nullptr;
-    velClient_msg_createUserPropertyMap(m, &props, 128);
-    velClient_container_addInt32(props, 1, "p1");
-    velClient_container_addInt64(props, 2, "p2");
-    velClient_container_addString(props, "value", "p3");
-    velClient_container_addBoolean(props, 1, "p4");
-    velClient_container_closeMapStream(&props);
-    std::vector<std::uint8_t> attachment(1024, 0x5A);
-    velClient_msg_setBinaryAttachment(m, attachment.data(), 1024);
-    return m;
-}
-
 void Encode(benchmark::State &state)
 {
-    velClient_opaqueMsg_pt m = makeMessage();
+    velClient_opaqueMsg_pt m = velbench::makeWireMessage();
     std::uint8_t toggle = 0;
     for (auto _ : state) {
         velClient_msg_setXmlPtr(m, &toggle, 1); /* marks the message changed */
@@ -48,7 +32,7 @@ void Encode(benchmark::State &state)
 
 void DecodeAndReadOneProperty(benchmark::State &state)
 {
-    velClient_opaqueMsg_pt m = makeMessage();
+    velClient_opaqueMsg_pt m = velbench::makeWireMessage();
     velClient_bufInfo_t info;
     velClient_opaqueDatablock_pt b = nullptr;
     velClient_msg_encodeToVWF(m, &info, &b);
@@ -69,7 +53,7 @@ void DecodeAndReadOneProperty(benchmark::State &state)
 
 void MemcpyOfTheEncodedSize(benchmark::State &state)
 {
-    velClient_opaqueMsg_pt m = makeMessage();
+    velClient_opaqueMsg_pt m = velbench::makeWireMessage();
     velClient_bufInfo_t info;
     velClient_opaqueDatablock_pt b = nullptr;
     velClient_msg_encodeToVWF(m, &info, &b);

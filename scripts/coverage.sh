@@ -4,8 +4,7 @@
 # goes to standard output; build/coverage/coverage.txt has it file by file.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-bash scripts/deps.sh
-command -v gcovr >/dev/null || { SUDO=""; [ "$(id -u)" -ne 0 ] && SUDO="sudo"; $SUDO apt-get install -y -qq gcovr; }
+bash scripts/deps.sh gcovr
 cmake --preset coverage >/dev/null
 cmake --build --preset coverage -j"$(nproc)"
 find build/coverage -name '*.gcda' -delete

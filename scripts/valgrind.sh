@@ -4,8 +4,7 @@
 # output. Fails on any memory error or definite leak.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-bash scripts/deps.sh
-command -v valgrind >/dev/null || { SUDO=""; [ "$(id -u)" -ne 0 ] && SUDO="sudo"; $SUDO apt-get install -y -qq valgrind; }
+bash scripts/deps.sh valgrind
 cmake --preset default >/dev/null
 cmake --build --preset default -j"$(nproc)"
 vg=(valgrind --quiet --error-exitcode=1 --leak-check=full --errors-for-leak-kinds=definite

@@ -12,16 +12,7 @@ using veltest::stat;
 
 namespace {
 
-/* Pool counters that must come back to where they were. */
-struct Live {
-    velClient_uint64_t msgs = stat(VELCLIENT_MSG_STATS_ALLOC_MSGS);
-    velClient_uint64_t containers = stat(VELCLIENT_MSG_STATS_ALLOC_CONTAINERS);
-    void expectBalanced() const
-    {
-        EXPECT_EQ(msgs, stat(VELCLIENT_MSG_STATS_ALLOC_MSGS));
-        EXPECT_EQ(containers, stat(VELCLIENT_MSG_STATS_ALLOC_CONTAINERS));
-    }
-};
+using Live = veltest::LiveCounts;
 
 } // namespace
 

@@ -1,21 +1,15 @@
 /* Replays the structured-data fuzz target's seed corpus, and every
  * truncation and byte flip of it, through the target's own walk, so every
  * build exercises it (under the sanitizers in the asan preset). */
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <vector>
 
+#include "corpus_files.h"
 #include "container_walk.h"
 #include "support/velTestSupport.h"
 
 TEST(ContainerFuzzCorpus, SeedsAndTheirMutationsWalkWithoutLeaks)
 {
-    std::vector<std::vector<std::uint8_t>> seeds;
-    for (const auto &entry : std::filesystem::directory_iterator(VELCLIENT_SOURCE_DIR "/fuzz/corpus/container")) {
-        std::ifstream in(entry.path(), std::ios::binary);
-        seeds.emplace_back(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    }
+    const auto seeds = velfuzz::corpusFiles(VELCLIENT_SOURCE_DIR, "container");
     ASSERT_GE(seeds.size(), 3u);
     velClient_uint64_t msgs = veltest::stat(VELCLIENT_MSG_STATS_ALLOC_MSGS);
     velClient_uint64_t containers = veltest::stat(VELCLIENT_MSG_STATS_ALLOC_CONTAINERS);

@@ -1,10 +1,8 @@
 /* Replays the wire fuzz target's seed corpus, and mutations of it, through
  * the target's own walk, so every build exercises it without a fuzzer. */
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <vector>
 
+#include "corpus_files.h"
 #include "support/velTestSupport.h"
 #include "vwf_walk.h"
 
@@ -12,12 +10,7 @@ namespace {
 
 std::vector<std::vector<std::uint8_t>> corpus()
 {
-    std::vector<std::vector<std::uint8_t>> files;
-    for (const auto &entry : std::filesystem::directory_iterator(VELCLIENT_SOURCE_DIR "/fuzz/corpus/vwf")) {
-        std::ifstream in(entry.path(), std::ios::binary);
-        files.emplace_back(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    }
-    return files;
+    return velfuzz::corpusFiles(VELCLIENT_SOURCE_DIR, "vwf");
 }
 
 } // namespace

@@ -99,6 +99,14 @@ private:
 
 inline std::string_view view(const char *s) noexcept { return s ? std::string_view(s) : std::string_view(); }
 
+/* An owner of type C for the handle that f(&handle, args...) makes. */
+template <class C, class F, class... A> C made(F f, A... args)
+{
+    typename C::Handle h = nullptr;
+    check(f(&h, args...));
+    return C(h);
+}
+
 } // namespace detail
 
 /* ---- Library start and stop ------------------------------------------------- */
@@ -197,6 +205,7 @@ public:
     Container(const Container &) = delete;
     Container &operator=(const Container &) = delete;
 
+    using Handle = velClient_opaqueContainer_pt;
     velClient_opaqueContainer_pt handle() const noexcept { return h_; }
     velClient_opaqueContainer_pt release() noexcept { return std::exchange(h_, nullptr); }
     explicit operator bool() const noexcept { return h_ != nullptr; }
@@ -268,16 +277,12 @@ public:
     /* A map built in caller memory, which must outlive it; it cannot grow beyond size. */
     static Map create_in(void *mem, std::size_t size)
     {
-        velClient_opaqueContainer_pt h = nullptr;
-        detail::check(velClient_container_createMap(&h, static_cast<char *>(mem), size));
-        return Map(h);
+        return detail::made<Map>(velClient_container_createMap, static_cast<char *>(mem), size);
     }
     /* Opens the encoded map at p for reading (and, where the memory allows, for writing). */
     static Map open(void *p, std::size_t size)
     {
-        velClient_opaqueContainer_pt h = nullptr;
-        detail::check(velClient_container_openMapFromPtr(&h, p, static_cast<velClient_uint32_t>(size)));
-        return Map(h);
+        return detail::made<Map>(velClient_container_openMapFromPtr, p, static_cast<velClient_uint32_t>(size));
     }
 
     /* The value of name as T through the conversion rules; nullopt when absent. */
@@ -300,15 +305,11 @@ public:
 
     static Stream create_in(void *mem, std::size_t size)
     {
-        velClient_opaqueContainer_pt h = nullptr;
-        detail::check(velClient_container_createStream(&h, static_cast<char *>(mem), size));
-        return Stream(h);
+        return detail::made<Stream>(velClient_container_createStream, static_cast<char *>(mem), size);
     }
     static Stream open(void *p, std::size_t size)
     {
-        velClient_opaqueContainer_pt h = nullptr;
-        detail::check(velClient_container_openStreamFromPtr(&h, p, static_cast<velClient_uint32_t>(size)));
-        return Stream(h);
+        return detail::made<Stream>(velClient_container_openStreamFromPtr, p, static_cast<velClient_uint32_t>(size));
     }
 
     template <class T> void add(const T &value) { Container::add(value, nullptr); }
@@ -319,16 +320,14 @@ public:
 
 inline Map Container::open_map(const char *name)
 {
-    velClient_opaqueContainer_pt h = nullptr;
-    detail::check(velClient_container_openSubMap(h_, &h, name));
-    return Map(h);
+    return detail::made<Map>([this](Handle *h, const char *n) { return velClient_container_openSubMap(h_, h, n); },
+                             name);
 }
 
 inline Stream Container::open_stream(const char *name)
 {
-    velClient_opaqueContainer_pt h = nullptr;
-    detail::check(velClient_container_openSubStream(h_, &h, name));
-    return Stream(h);
+    return detail::made<Stream>(
+        [this](Handle *h, const char *n) { return velClient_container_openSubStream(h_, h, n); }, name);
 }
 
 /* ---- Typed adds and reads: one dispatch on the C++ type ------------------------- */
@@ -823,15 +822,11 @@ public:
     /* A map written straight into the message; size is a first guess, it grows. */
     Map create_attachment_map(std::uint32_t size = 256)
     {
-        velClient_opaqueContainer_pt h = nullptr;
-        detail::check(velClient_msg_createBinaryAttachmentMap(h_, &h, size));
-        return Map(h);
+        return inMessage<Map>(velClient_msg_createBinaryAttachmentMap, size);
     }
     Stream create_attachment_stream(std::uint32_t size = 256)
     {
-        velClient_opaqueContainer_pt h = nullptr;
-        detail::check(velClient_msg_createBinaryAttachmentStream(h_, &h, size));
-        return Stream(h);
+        return inMessage<Stream>(velClient_msg_createBinaryAttachmentStream, size);
     }
     /* Copies the whole of c into the message as its attachment. */
     void set_attachment_container(const Container &c)
@@ -842,9 +837,7 @@ public:
     std::optional<Stream> attachment_stream() { return getContainer<Stream>(velClient_msg_getBinaryAttachmentStream); }
     Map create_user_properties(std::uint32_t size = 128)
     {
-        velClient_opaqueContainer_pt h = nullptr;
-        detail::check(velClient_msg_createUserPropertyMap(h_, &h, size));
-        return Map(h);
+        return inMessage<Map>(velClient_msg_createUserPropertyMap, size);
     }
     void set_user_properties(const Map &m) { detail::check(velClient_msg_setUserPropertyMap(h_, m.handle())); }
     std::optional<Map> user_properties() { return getContainer<Map>(velClient_msg_getUserPropertyMap); }
@@ -883,6 +876,11 @@ private:
         if (!detail::found(f(h_, &v)))
             return std::nullopt;
         return v;
+    }
+    /* A container made in this message by f(msg, &handle, size). */
+    template <class C, class F> C inMessage(F f, std::uint32_t size)
+    {
+        return detail::made<C>([this, f](Container::Handle *h, std::uint32_t n) { return f(h_, h, n); }, size);
     }
     template <class C, class F> std::optional<C> getContainer(F f)
     {

@@ -1,24 +1,19 @@
 /* Replays the metadata fuzz target's seed corpus, cut short and with every
  * byte flipped, through the target's own walk. */
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "corpus_files.h"
 #include "metadata_walk.h"
 
 namespace {
 
 std::vector<std::vector<std::uint8_t>> corpus()
 {
-    std::vector<std::vector<std::uint8_t>> files;
-    for (const auto &entry : std::filesystem::directory_iterator(VELCLIENT_SOURCE_DIR "/fuzz/corpus/metadata")) {
-        std::ifstream in(entry.path(), std::ios::binary);
-        files.emplace_back(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    }
-    return files;
+    return velfuzz::corpusFiles(VELCLIENT_SOURCE_DIR, "metadata");
 }
 
 velClient_uint64_t liveMessages()

@@ -29,6 +29,28 @@ inline velClient_uint64_t stat(velClient_msg_stats_t type, velClient_uint32_t in
     return value;
 }
 
+/* The live-record counters (messages, containers, data blocks of each class),
+ * to check that a piece of work gave back everything it took. */
+struct LiveCounts {
+    velClient_uint64_t msgs = stat(VELCLIENT_MSG_STATS_ALLOC_MSGS);
+    velClient_uint64_t containers = stat(VELCLIENT_MSG_STATS_ALLOC_CONTAINERS);
+    velClient_uint64_t blocks[6] = {stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, 0),
+                                    stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, 1),
+                                    stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, 2),
+                                    stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, 3),
+                                    stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, 4),
+                                    stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, 5)};
+
+    void expectBalanced() const
+    {
+        const LiveCounts now;
+        EXPECT_EQ(msgs, now.msgs);
+        EXPECT_EQ(containers, now.containers);
+        for (int q = 0; q < 6; ++q)
+            EXPECT_EQ(blocks[q], now.blocks[q]) << "data blocks of class " << q;
+    }
+};
+
 /* Formats a text exactly as the library does, for texts that carry a %p. */
 template <typename... Args>
 std::string format(const char *fmt, Args... args)

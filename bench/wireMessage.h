@@ -1,0 +1,32 @@
+/* The message the wire benchmarks encode and decode: a 20-character topic,
+ * 4 user properties and a 1024-byte attachment (1147 bytes on the wire). */
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "velclient/velClientMsg.h"
+
+namespace velbench {
+
+inline constexpr const char *kWireTopic = "orders/eu/widgets/01";
+inline constexpr velClient_uint32_t kWireAttachmentSize = 1024;
+
+inline velClient_opaqueMsg_pt makeWireMessage()
+{
+    static const std::vector<std::uint8_t> attachment(kWireAttachmentSize, 0x5A);
+    velClient_opaqueMsg_pt m = nullptr;
+    velClient_msg_alloc(&m);
+    velClient_msg_setTopicPtr(m, kWireTopic);
+    velClient_opaqueContainer_pt props = nullptr;
+    velClient_msg_createUserPropertyMap(m, &props, 128);
+    velClient_container_addInt32(props, 1, "p1");
+    velClient_container_addInt64(props, 2, "p2");
+    velClient_container_addString(props, "value", "p3");
+    velClient_container_addBoolean(props, 1, "p4");
+    velClient_container_closeMapStream(&props);
+    velClient_msg_setBinaryAttachment(m, attachment.data(), kWireAttachmentSize);
+    return m;
+}
+
+} // namespace velbench
