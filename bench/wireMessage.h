@@ -29,4 +29,18 @@ inline velClient_opaqueMsg_pt makeWireMessage()
     return m;
 }
 
+/* Decodes the wire bytes, reads property p1 and frees the message: what a
+ * receiver does with the message above. Returns p1. */
+inline velClient_int32_t decodeAndReadP1(velClient_bufInfo_t *wire)
+{
+    velClient_opaqueMsg_pt r = nullptr;
+    velClient_msg_decodeFromVwf(wire, &r);
+    velClient_opaqueContainer_pt props = nullptr;
+    velClient_int32_t v = 0;
+    velClient_msg_getUserPropertyMap(r, &props);
+    velClient_container_getInt32(props, &v, "p1");
+    velClient_msg_free(&r);
+    return v;
+}
+
 } // namespace velbench
