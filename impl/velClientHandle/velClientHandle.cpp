@@ -59,7 +59,7 @@ thread_local constinit vel::LocalStack myEntries_s{};
 
 /* Gives the thread's cached entries back to the shared stack when it ends. */
 struct EntryCacheReturn {
-    ~EntryCacheReturn() { myEntries_s.spillAll(freeEntries_s); }
+    ~EntryCacheReturn() { myEntries_s.close(freeEntries_s); }
 };
 thread_local EntryCacheReturn entryCacheReturn_s;
 

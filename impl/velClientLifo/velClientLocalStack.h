@@ -45,6 +45,15 @@ struct LocalStack {
         while (_velClient_lifoEntry *entry = pop())
             _velClient_lifoPush(&shared, entry);
     }
+
+    /* Spills, then keeps nothing from now on: for a thread that is ending,
+     * whose later calls (from other thread-exit destructors) must not leave
+     * records in a cache nobody will empty. */
+    void close(_velClient_lifoHead &shared) noexcept
+    {
+        spillAll(shared);
+        count = UINT32_MAX; /* push() refuses; pop() finds nothing */
+    }
 };
 
 } // namespace vel

@@ -6,10 +6,18 @@
 #include "velClientMsg/poolThreadState.h"
 
 #include <mutex>
+#include <new>
+
+#include "velClientAlloc/velClientAlloc.h"
 
 namespace vel::pool {
 
+thread_local constinit ThreadState *tlsStatePtr = nullptr;
+
+namespace {
 thread_local constinit ThreadState tlsState{};
+thread_local constinit bool tlsExited = false;
+} // namespace
 
 namespace {
 
@@ -28,6 +36,15 @@ void spill(ThreadState &state) noexcept
     state.containers.spillAll(pool.freeContainerList);
     for (std::uint32_t q = 0; q < _VELCLIENT_NUM_QUANTA; ++q)
         state.blocks[q].spillAll(pool.freeDbList[q]);
+}
+
+void closeCaches(ThreadState &state) noexcept
+{
+    _velClient_msgPool &pool = _velClient_msgPool_s;
+    state.msgs.close(pool.freeMsgList);
+    state.containers.close(pool.freeContainerList);
+    for (std::uint32_t q = 0; q < _VELCLIENT_NUM_QUANTA; ++q)
+        state.blocks[q].close(pool.freeDbList[q]);
 }
 
 /* Adds a thread's share into the shared record (other threads may be doing the same). */
@@ -51,23 +68,24 @@ void foldAll(_velClient_msgPoolStats &into, _velClient_msgPoolStats &from) noexc
         fold(into.numAllocDataB[q], from.numAllocDataB[q]);
 }
 
-/* Runs when the thread ends: its records and counts go back to the shared pool. */
+/* Runs when the thread ends: its records and counts go back to the shared
+ * pool, and its state leaves the registry before its memory goes. */
 struct Detacher {
     ~Detacher()
     {
-        ThreadState &state = tlsState;
-        if (!state.attached)
+        if (tlsStatePtr != &tlsState)
             return;
         std::lock_guard<std::mutex> lock(registryMutex_s);
-        spill(state);
-        foldAll(shared(), state.counters);
+        closeCaches(tlsState);
+        foldAll(shared(), tlsState.counters);
         for (ThreadState **p = &registry_s; *p != nullptr; p = &(*p)->next) {
-            if (*p == &state) {
-                *p = state.next;
+            if (*p == &tlsState) {
+                *p = tlsState.next;
                 break;
             }
         }
-        state.attached = false;
+        tlsStatePtr = nullptr;
+        tlsExited = true;
     }
 };
 
@@ -86,13 +104,22 @@ std::uint64_t sum(Get get) noexcept
 
 } // namespace
 
-void attachThread(ThreadState &state) noexcept
+ThreadState *attachThread() noexcept
 {
-    (void)&detacher_s; /* registers the thread-exit hook */
+    ThreadState *state = &tlsState;
+    if (!tlsExited) {
+        (void)&detacher_s; /* registers the thread-exit hook */
+    } else if (void *mem = vel::sysMalloc(sizeof(ThreadState)); mem != nullptr) {
+        state = new (mem) ThreadState{};
+        closeCaches(*state);
+    } else {
+        return &tlsState; /* caches closed; what this call counts is lost */
+    }
     std::lock_guard<std::mutex> lock(registryMutex_s);
-    state.next = registry_s;
-    registry_s = &state;
-    state.attached = true;
+    state->next = registry_s;
+    registry_s = state;
+    tlsStatePtr = state;
+    return state;
 }
 
 std::uint64_t sumCounter(std::atomic<std::uint32_t> _velClient_msgPoolStats::*field) noexcept

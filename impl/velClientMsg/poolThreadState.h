@@ -17,7 +17,6 @@
 namespace vel::pool {
 
 struct ThreadState {
-    bool attached = false;
     ThreadState *next = nullptr; /* registry link, guarded by the registry lock */
     _velClient_msgPoolStats counters{};
     LocalStack msgs;
@@ -25,17 +24,20 @@ struct ThreadState {
     LocalStack blocks[_VELCLIENT_NUM_QUANTA];
 };
 
-extern thread_local constinit ThreadState tlsState;
+/* The calling thread's state, nullptr until its first use. */
+extern thread_local constinit ThreadState *tlsStatePtr;
 
-/* Registers the calling thread's state (once per thread). */
-void attachThread(ThreadState &state) noexcept;
+/* Registers a state for the calling thread: its own on first use; after the
+ * thread's exit step has run (a call from another thread-exit destructor),
+ * a small one of its own on the heap with no caches, kept in the registry. */
+ThreadState *attachThread() noexcept;
 
 inline ThreadState &local() noexcept
 {
-    ThreadState &state = tlsState;
-    if (__builtin_expect(!state.attached, 0))
-        attachThread(state);
-    return state;
+    ThreadState *state = tlsStatePtr;
+    if (__builtin_expect(state == nullptr, 0))
+        state = attachThread();
+    return *state;
 }
 
 /* A counter in the calling thread's own share: only this thread writes it, so
