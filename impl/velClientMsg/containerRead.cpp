@@ -81,9 +81,31 @@ std::uint32_t readValue(_velClient_container *c, const std::uint8_t *p, velClien
     return static_cast<std::uint32_t>(len);
 }
 
-/* Reads the entry at pos (key and value in a map, value in a stream). */
-velClient_returnCode_t readEntryAt(_velClient_container *c, std::uint8_t *pos, velClient_field_t *field_p,
-                                   const char **name_p)
+/* A map entry in its usual form: a key with a 1-byte length, then a value
+ * that decodeCommon takes. Decoded with the general path's checks; false,
+ * with nothing recorded, for any other entry. */
+[[gnu::always_inline]] inline bool readCommonEntry(_velClient_container *c, std::uint8_t *pos, velClient_field_t *field_p, const char **name_p)
+{
+    const std::ptrdiff_t room = c->curWrPtr - pos;
+    if (room < 5 || pos[0] != TB_STRING)
+        return false;
+    const std::uint32_t keyLength = pos[1];
+    if (keyLength < 3 || keyLength >= room || !isCString(pos + 2, keyLength - 2))
+        return false;
+    const std::uint32_t valueLength = decodeCommon(pos + keyLength, room - keyLength, field_p);
+    if (valueLength == 0)
+        return false;
+    c->curRdPtr = pos;
+    c->curKeyLength = keyLength;
+    c->curFieldLength = keyLength + valueLength;
+    if (name_p != nullptr)
+        *name_p = reinterpret_cast<const char *>(pos + 2);
+    return true;
+}
+
+/* Reads the entry at pos in any form, recording what is malformed. */
+[[gnu::noinline]] velClient_returnCode_t readAnyEntryAt(_velClient_container *c, std::uint8_t *pos,
+                                                        velClient_field_t *field_p, const char **name_p)
 {
     c->curRdPtr = pos;
     c->curKeyLength = 0;
@@ -105,6 +127,15 @@ velClient_returnCode_t readEntryAt(_velClient_container *c, std::uint8_t *pos, v
     if (readValue(c, value, field_p) == 0)
         return VELCLIENT_FAIL;
     return VELCLIENT_OK;
+}
+
+/* Reads the entry at pos (key and value in a map, value in a stream). */
+inline velClient_returnCode_t readEntryAt(_velClient_container *c, std::uint8_t *pos, velClient_field_t *field_p,
+                                          const char **name_p)
+{
+    if (c->type == VELCLIENT_CONTAINER_MAP && readCommonEntry(c, pos, field_p, name_p))
+        return VELCLIENT_OK;
+    return readAnyEntryAt(c, pos, field_p, name_p);
 }
 
 } // namespace

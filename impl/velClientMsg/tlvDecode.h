@@ -161,6 +161,37 @@ inline bool recognised(std::uint8_t tb)
 
 } // namespace decode_detail
 
+/* The commonest values - a string, boolean, integer or float with a 1-byte
+ * length - decoded with decodeField's checks and results, in room bytes.
+ * Returns the field's length, or 0 for any other field and for one that
+ * decodeField would refuse: the caller then hands it to decodeField. */
+inline std::uint32_t decodeCommon(const std::uint8_t *p, std::ptrdiff_t room, velClient_field_t *f)
+{
+    if (room < 2)
+        return 0;
+    const std::uint32_t len = p[1];
+    if (len < 2 || len > room)
+        return 0;
+    switch (p[0]) {
+    case TB_STRING: {
+        const std::uint32_t n = len - 2;
+        if (n == 0 || !isCString(p + 2, n))
+            return 0;
+        f->type = VELCLIENT_STRING;
+        f->length = n;
+        f->value.bytearray = const_cast<std::uint8_t *>(p + 2);
+        return len;
+    }
+    case TB_BOOL:
+    case TB_INT:
+    case TB_UINT:
+    case TB_FLOAT:
+        return decode_detail::decodeFixed(p, len, f) < 0 ? 0 : len;
+    default:
+        return 0;
+    }
+}
+
 /* See _velClient_tlv_decodeField in tlvCodec.h. */
 inline std::int64_t decodeField(const std::uint8_t *p, const std::uint8_t *end, velClient_field_t *f)
 {
