@@ -32,6 +32,7 @@ void place(_velClient_container *c, _velClient_containerType type, std::uint8_t 
     c->curKeyLength = 0;
     c->curWrPtr = wr;
     c->maxWrPtr = maxWr;
+    forgetCheckedEntries(c);
 }
 
 /* Writes an empty header at p: type byte and a zero length. */

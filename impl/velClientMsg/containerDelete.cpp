@@ -103,6 +103,7 @@ bool removeEntry(_velClient_container *c, Entry &e)
                 _velClient_modContainerPtrs(k, c->startPtr, -static_cast<std::int32_t>(e.size));
     }
     c->curWrPtr -= e.size;
+    forgetCheckedEntries(c);
     if (c->curRdPtr > e.at) {
         c->curRdPtr -= e.size;
     } else if (c->curRdPtr == e.at) {

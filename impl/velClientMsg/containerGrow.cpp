@@ -69,6 +69,7 @@ void rebaseOnPath(_velClient_container *k, const Move &m, bool adj, bool isRoot,
         k->maxWrPtr = m.map(k->maxWrPtr, true);
     k->startPtr = m.map(k->startPtr, false);
     k->firstFieldPtr = k->startPtr + vel::tlv::CONTAINER_HEADER_SIZE;
+    forgetCheckedEntries(k); /* bytes moved inside it */
 }
 
 /* Any other container of the tree: it moves whole, or not at all. */

@@ -19,7 +19,8 @@ velClient_returnCode_t _velClient_container_alloc(_velClient_container **contain
         return VEL_FAIL(VELCLIENT_SUBCODE_OUT_OF_MEMORY, VELCLIENT_LOG_ERROR,
                         "_velClient_container_alloc, unable to allocate memory for velClient_container");
     }
-    clearRecord(cont);
+    /* The remembered entry offsets are written before they are read. */
+    clearRecord<_velClient_container, offsetof(_velClient_container, checkedAt)>(cont);
     cont->opaqueContainer_p = _velClient_safePtr_alloc(cont, _CONTAINER_PTR_TYPE);
     if (cont->opaqueContainer_p == nullptr) {
         cont->onFreeList = true;

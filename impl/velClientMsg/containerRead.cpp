@@ -81,16 +81,28 @@ std::uint32_t readValue(_velClient_container *c, const std::uint8_t *p, velClien
     return static_cast<std::uint32_t>(len);
 }
 
-/* A map entry in its usual form: a key with a 1-byte length, then a value
- * that decodeCommon takes. Decoded with the general path's checks; false,
- * with nothing recorded, for any other entry. */
-[[gnu::always_inline]] inline bool readCommonEntry(_velClient_container *c, std::uint8_t *pos, velClient_field_t *field_p, const char **name_p)
+/* The length of the key at pos, in room bytes, when it has the usual form:
+ * a name with a 1-byte length, checked as the general path checks it; 0 for
+ * any other key. */
+[[gnu::always_inline]] inline std::uint32_t commonKeyLength(const std::uint8_t *pos, std::ptrdiff_t room)
 {
-    const std::ptrdiff_t room = c->curWrPtr - pos;
     if (room < 5 || pos[0] != TB_STRING)
-        return false;
+        return 0;
     const std::uint32_t keyLength = pos[1];
     if (keyLength < 3 || keyLength >= room || !isCString(pos + 2, keyLength - 2))
+        return 0;
+    return keyLength;
+}
+
+/* A map entry in its usual form: a key that commonKeyLength takes, then a
+ * value that decodeCommon takes. Decoded with the general path's checks;
+ * false, with nothing recorded, for any other entry. */
+[[gnu::always_inline]] inline bool readCommonEntry(_velClient_container *c, std::uint8_t *pos,
+                                                   velClient_field_t *field_p, const char **name_p)
+{
+    const std::ptrdiff_t room = c->curWrPtr - pos;
+    const std::uint32_t keyLength = commonKeyLength(pos, room);
+    if (keyLength == 0)
         return false;
     const std::uint32_t valueLength = decodeCommon(pos + keyLength, room - keyLength, field_p);
     if (valueLength == 0)
@@ -138,6 +150,17 @@ inline velClient_returnCode_t readEntryAt(_velClient_container *c, std::uint8_t 
     return readAnyEntryAt(c, pos, field_p, name_p);
 }
 
+/* Remembers the map entry at pos (len bytes, found well formed) when it is
+ * the first one not yet remembered and there is room for it. */
+inline void noteChecked(_velClient_container *c, const std::uint8_t *pos, std::uint32_t len)
+{
+    const auto at = static_cast<std::uint32_t>(pos - c->firstFieldPtr);
+    if (at == c->checkedEnd && c->checkedCount < VEL_CHECKED_ENTRIES) {
+        c->checkedAt[c->checkedCount++] = at;
+        c->checkedEnd = at + len;
+    }
+}
+
 } // namespace
 
 /* Turns a map or stream value into its sub-container handle. */
@@ -159,10 +182,6 @@ std::uint8_t *nextPosition(const _velClient_container *c)
     return c->curRdPtr != nullptr ? c->curRdPtr + c->curFieldLength : c->firstFieldPtr;
 }
 
-} // namespace
-
-namespace {
-
 velClient_returnCode_t readNext(_velClient_container *c, velClient_field_t *field_p, const char **name_p)
 {
     std::uint8_t *pos = nextPosition(c);
@@ -172,7 +191,10 @@ velClient_returnCode_t readNext(_velClient_container *c, velClient_field_t *fiel
         c->curKeyLength = 0;
         return VELCLIENT_EOS;
     }
-    return readEntryAt(c, pos, field_p, name_p);
+    velClient_returnCode_t rc = readEntryAt(c, pos, field_p, name_p);
+    if (rc == VELCLIENT_OK && c->type == VELCLIENT_CONTAINER_MAP)
+        noteChecked(c, pos, c->curFieldLength);
+    return rc;
 }
 
 } // namespace
@@ -189,6 +211,84 @@ velClient_returnCode_t _velClient_container_readNextField(_velClient_container *
     return rc == VELCLIENT_OK ? _velClient_container_attachSubContainer(c, field_p) : rc;
 }
 
+namespace {
+
+/* True when the entry at p, in room (at least 1) bytes, is keyed name
+ * (nameSize bytes with its NUL). Reads nothing past room. */
+inline bool keyIs(const std::uint8_t *p, std::ptrdiff_t room, const char *name, std::size_t nameSize)
+{
+    if ((p[0] & 0xFC) != TB_STRING)
+        return false;
+    const unsigned width = (p[0] & 0x03) + 1u;
+    if (room < static_cast<std::ptrdiff_t>(1 + width))
+        return false;
+    const std::uint64_t keyLength = getBE(p + 1, width);
+    return keyLength == 1 + width + nameSize && keyLength <= static_cast<std::uint64_t>(room) &&
+           sameBytes(p + 1 + width, name, nameSize);
+}
+
+/* The entry keyed name among those c remembers as well formed, or nullptr:
+ * their keys are compared, nothing else is checked again. */
+std::uint8_t *findChecked(_velClient_container *c, const char *name, std::size_t nameSize)
+{
+    const std::ptrdiff_t size = c->curWrPtr - c->firstFieldPtr;
+    for (std::uint32_t i = 0; i < c->checkedCount; ++i) {
+        const std::uint32_t at = c->checkedAt[i];
+        if (at < size && keyIs(c->firstFieldPtr + at, size - at, name, nameSize))
+            return c->firstFieldPtr + at;
+    }
+    return nullptr;
+}
+
+/* Passes over the entries from pos that are well formed, in the usual form,
+ * and not keyed name, checking them as a read would but decoding nothing,
+ * and remembers them. Stops at the end, at the entry with that key and at
+ * any entry it cannot vouch for: a read then decodes it (and records what
+ * is malformed). */
+std::uint8_t *skipOtherEntries(_velClient_container *c, std::uint8_t *pos, const char *name, std::size_t nameSize)
+{
+    const std::uint8_t *end = c->curWrPtr;
+    while (pos < end) {
+        const std::uint32_t keyLength = commonKeyLength(pos, end - pos);
+        if (keyLength == 0)
+            return pos;
+        const std::uint32_t valueLength = checkCommon(pos + keyLength, end - pos - keyLength);
+        if (valueLength == 0 || (keyLength - 2 == nameSize && sameBytes(pos + 2, name, nameSize)))
+            return pos;
+        noteChecked(c, pos, keyLength + valueLength);
+        pos += keyLength + valueLength;
+    }
+    return pos;
+}
+
+/* Scans the entries not yet remembered for the first keyed name. */
+velClient_returnCode_t scanFor(_velClient_container *c, const char *name, std::size_t nameSize,
+                               velClient_field_t *field_p)
+{
+    if (c->checkedEnd > static_cast<std::uint64_t>(c->curWrPtr - c->firstFieldPtr))
+        forgetCheckedEntries(c);
+    for (std::uint8_t *pos = c->firstFieldPtr + c->checkedEnd;; pos = c->curRdPtr + c->curFieldLength) {
+        pos = skipOtherEntries(c, pos, name, nameSize);
+        if (pos >= c->curWrPtr) {
+            c->curRdPtr = pos;
+            c->curFieldLength = 0;
+            c->curKeyLength = 0;
+            return VELCLIENT_NOT_FOUND;
+        }
+        const char *key = nullptr;
+        if (readEntryAt(c, pos, field_p, &key) != VELCLIENT_OK)
+            return VELCLIENT_FAIL;
+        noteChecked(c, pos, c->curFieldLength);
+        if (keyIs(pos, c->curWrPtr - pos, name, nameSize))
+            return VELCLIENT_OK;
+    }
+}
+
+} // namespace
+
+/* Entries earlier lookups and reads found well formed are passed over by
+ * their keys alone; the rest are checked as they are read. Either way the
+ * first entry with the key is decoded in full. */
 velClient_returnCode_t _velClient_container_getFieldAndTypeByName(_velClient_container *c, const char *name_p,
                                                                   velClient_field_t *field_p)
 {
@@ -202,21 +302,11 @@ velClient_returnCode_t _velClient_container_getFieldAndTypeByName(_velClient_con
         return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
                         "Null or Empty Name pointer in _velClient_container_getFieldAndTypeByName");
     const std::size_t nameSize = std::strlen(name_p) + 1;
-    for (std::uint8_t *pos = c->firstFieldPtr;; pos = c->curRdPtr + c->curFieldLength) {
-        if (pos >= c->curWrPtr) {
-            c->curRdPtr = pos;
-            c->curFieldLength = 0;
-            c->curKeyLength = 0;
-            return VELCLIENT_NOT_FOUND;
-        }
+    if (std::uint8_t *pos = findChecked(c, name_p, nameSize)) {
         const char *key = nullptr;
-        if (readEntryAt(c, pos, field_p, &key) != VELCLIENT_OK)
-            return VELCLIENT_FAIL;
-        /* The key's text size (NUL included) is its field length less its header. */
-        const std::size_t keySize = c->curKeyLength - 2 - (pos[0] & 0x03);
-        if (key != nullptr && keySize == nameSize && sameBytes(key, name_p, nameSize))
-            return VELCLIENT_OK;
+        return readEntryAt(c, pos, field_p, &key);
     }
+    return scanFor(c, name_p, nameSize, field_p);
 }
 
 /* ---- Exports --------------------------------------------------------------------- */

@@ -51,15 +51,16 @@ inline void zeroBytes(unsigned char *p) noexcept
     std::memset(p + i, 0, N - i);
 }
 
-/* Zeroes a record taken from a free list. Its list link is cleared with an
- * atomic store: a thread that read the list head just before this record was
- * taken may still read the link (its compare-and-swap then fails). */
-template <typename T>
+/* Zeroes a record taken from a free list, up to its first Used bytes (what
+ * lies beyond is not read before it is written). Its list link is cleared
+ * with an atomic store: a thread that read the list head just before this
+ * record was taken may still read the link (its compare-and-swap then fails). */
+template <typename T, std::size_t Used = sizeof(T)>
 inline void clearRecord(T *rec) noexcept
 {
     static_assert(offsetof(T, entry) == 0, "the list link comes first");
     constexpr std::size_t link = sizeof(rec->entry);
-    zeroBytes<sizeof(T) - link>(reinterpret_cast<unsigned char *>(rec) + link);
+    zeroBytes<Used - link>(reinterpret_cast<unsigned char *>(rec) + link);
     __atomic_store_n(&rec->entry.next_p, nullptr, __ATOMIC_RELAXED);
 }
 

@@ -5,7 +5,9 @@
  */
 #pragma once
 
+#include <array>
 #include <cstring>
+#include <initializer_list>
 
 #include "velClientMsg/tlvCodec.h"
 #include "velClientMsg/velClientMsgPrivate.h"
@@ -190,6 +192,58 @@ inline std::uint32_t decodeCommon(const std::uint8_t *p, std::ptrdiff_t room, ve
     default:
         return 0;
     }
+}
+
+namespace check_detail {
+
+/* What a field with a 1-byte length (type byte's width bits 0) accepts as its
+ * value length n, by type byte >> 2: bit n for a fixed-size type, kAnyLength
+ * for a type that takes any length, kText for a string (n == 0, or a text
+ * ending with its only NUL). 0 sends the field to decodeField (destinations,
+ * whose value is a kind byte and a text). A test checks the table against
+ * decodeField for every type byte, length and kind of content. */
+inline constexpr std::uint16_t kAnyLength = 0x8000;
+inline constexpr std::uint16_t kText = 0x4000;
+inline constexpr std::uint16_t lengths(std::initializer_list<unsigned> ns)
+{
+    std::uint16_t m = 0;
+    for (unsigned n : ns)
+        m = static_cast<std::uint16_t>(m | 1u << n);
+    return m;
+}
+inline constexpr auto kAccepts = [] {
+    std::array<std::uint16_t, 64> t{};
+    t.fill(kAnyLength); /* null, byte array, VWF and unrecognised types */
+    t[TB_BOOL >> 2] = lengths({0, 1});
+    t[TB_INT >> 2] = t[TB_UINT >> 2] = lengths({0, 1, 2, 4, 8});
+    t[TB_FLOAT >> 2] = lengths({0, 4, 8});
+    t[TB_CHAR >> 2] = lengths({0, 2});
+    t[TB_STRING >> 2] = kText;
+    t[TB_DESTINATION >> 2] = 0;
+    return t;
+}();
+
+} // namespace check_detail
+
+/* Checks the field at p, in room bytes, as decodeField would, without
+ * decoding it, when its length takes 1 byte: returns its length when
+ * decodeField would accept it, 0 for any other field (which may or may not be
+ * well formed: decodeField tells). */
+inline std::uint32_t checkCommon(const std::uint8_t *p, std::ptrdiff_t room)
+{
+    using namespace check_detail;
+    if (room < 2 || (p[0] & 0x03) != 0)
+        return 0;
+    const std::uint32_t len = p[1];
+    if (len < 2 || len > room)
+        return 0;
+    const std::uint32_t n = len - 2;
+    const std::uint16_t accepts = kAccepts[p[0] >> 2];
+    if ((accepts & kAnyLength) != 0 || (n <= 8 && (accepts >> n & 1u) != 0))
+        return len;
+    if ((accepts & kText) != 0 && (n == 0 || isCString(p + 2, n)))
+        return len;
+    return 0;
 }
 
 /* See _velClient_tlv_decodeField in tlvCodec.h. */

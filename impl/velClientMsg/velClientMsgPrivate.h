@@ -110,6 +110,9 @@ enum _velClient_containerType : std::uint32_t {
     VELCLIENT_CONTAINER_NONE = 4
 };
 
+/* Map entries a container remembers as well formed (see checkedAt). */
+inline constexpr std::uint32_t VEL_CHECKED_ENTRIES = 16;
+
 struct _velClient_container {
     _velClient_lifoEntry entry;
     _velClient_containerType type;
@@ -130,7 +133,20 @@ struct _velClient_container {
     _velClient_container *sib_p;
     bool onFreeList;
     bool copyOnModify;
+    /* The first map entries that reads found well formed, so that a lookup
+     * compares their keys without checking them again: checkedCount offsets
+     * from firstFieldPtr, in order, then checkedEnd where the first entry not
+     * yet checked begins. Forgotten whenever bytes move inside the container. */
+    std::uint32_t checkedCount;
+    std::uint32_t checkedEnd;
+    std::uint32_t checkedAt[VEL_CHECKED_ENTRIES];
 };
+
+inline void forgetCheckedEntries(_velClient_container *c) noexcept
+{
+    c->checkedCount = 0;
+    c->checkedEnd = 0;
+}
 
 /* ---- Pool ----------------------------------------------------------------------- */
 struct _velClient_msgPoolStats {
