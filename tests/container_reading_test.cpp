@@ -1,8 +1,11 @@
-/* Reading containers: the cursor after hits and misses, lookups, sizes, and
- * malformed bytes refused without reading past them. */
+/* Reading containers: the cursor after hits and misses, lookups (also after
+ * the bytes changed since an earlier lookup), sizes, and malformed bytes
+ * refused without reading past them. */
+#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "support/velTestSupport.h"
@@ -223,4 +226,133 @@ TEST(ContainerReading, RefusalsOfTheUntypedReaders)
     EXPECT_EQ(nullptr, name);
     velClient_container_closeMapStream(&map);
     velClient_container_closeMapStream(&stream);
+}
+
+/* ---- Lookups after earlier reads ----------------------------------------------
+ * A map remembers where the entries it has already found well formed begin,
+ * so these tests read, change the bytes, and read again. */
+
+namespace {
+
+velClient_int32_t int32At(velClient_opaqueContainer_pt h, const char *name, velClient_returnCode_t expect = VELCLIENT_OK)
+{
+    velClient_int32_t v = -1;
+    EXPECT_EQ(expect, velClient_container_getInt32(h, &v, name)) << name;
+    return v;
+}
+
+std::vector<std::string> namesOf(velClient_opaqueContainer_pt h)
+{
+    std::vector<std::string> out;
+    EXPECT_EQ(VELCLIENT_OK, velClient_container_rewind(h));
+    velClient_field_t f{};
+    const char *name = nullptr;
+    while (velClient_container_getNextField(h, &f, sizeof f, &name) == VELCLIENT_OK)
+        out.emplace_back(name);
+    return out;
+}
+
+} // namespace
+
+TEST(Reading, LookupsFollowDeletesAndGrowthInTheMiddle)
+{
+    veltest::Msg msg;
+    velClient_opaqueContainer_pt m = nullptr, sub = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createBinaryAttachmentMap(msg.h, &m, 64));
+    for (int i = 0; i < 4; ++i)
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(m, i + 1, std::string(1, static_cast<char>('a' + i)).c_str()));
+    EXPECT_EQ(4, int32At(m, "d")); /* every entry is now known */
+
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_deleteField(m, "b"));
+    EXPECT_EQ(4, int32At(m, "d"));
+    EXPECT_EQ(3, int32At(m, "c"));
+    int32At(m, "b", VELCLIENT_NOT_FOUND);
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(m, 20, "b"));
+    EXPECT_EQ(20, int32At(m, "b"));
+
+    /* A nested map that grows pushes the entries after it further on. */
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_openSubMap(m, &sub, "s"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(sub, 0, "k00"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&sub));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(m, 5, "e"));
+    EXPECT_EQ(5, int32At(m, "e"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_getSubMap(m, &sub, "s"));
+    for (int i = 1; i < 40; ++i) {
+        char name[8];
+        std::snprintf(name, sizeof name, "k%02d", i);
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(sub, i, name));
+    }
+    EXPECT_EQ(5, int32At(m, "e"));
+    EXPECT_EQ(39, int32At(sub, "k39"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&sub));
+    EXPECT_EQ(5, int32At(m, "e"));
+    EXPECT_EQ(20, int32At(m, "b"));
+    EXPECT_EQ((std::vector<std::string>{"a", "c", "d", "b", "s", "e"}), namesOf(m));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&m));
+}
+
+TEST(Reading, LookupsInALongMapKeepFirstMatchAndCursorRules)
+{
+    /* More entries than a map remembers, and a key given twice past them. */
+    std::vector<char> mem(2048);
+    velClient_opaqueContainer_pt m = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_createMap(&m, mem.data(), mem.size()));
+    for (int i = 0; i < 40; ++i) {
+        char name[8];
+        std::snprintf(name, sizeof name, "k%02d", i);
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(m, i, name));
+    }
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(m, 100, "k30"));
+    velClient_field_t f;
+    const char *name = nullptr;
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_EQ(39, int32At(m, "k39"));
+        EXPECT_EQ(5, int32At(m, "k05"));
+        EXPECT_EQ(30, int32At(m, "k30"));
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_getNextField(m, &f, sizeof f, &name));
+        EXPECT_STREQ("k31", name); /* the cursor rests on the match */
+        EXPECT_EQ(10, int32At(m, "k10"));
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_getNextField(m, &f, sizeof f, &name));
+        EXPECT_STREQ("k11", name);
+        int32At(m, "k40", VELCLIENT_NOT_FOUND);
+        EXPECT_EQ(VELCLIENT_EOS, velClient_container_getNextField(m, &f, sizeof f, &name));
+    }
+    /* Reading through first, then looking up. */
+    std::vector<char> mem2(256);
+    velClient_opaqueContainer_pt read = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_createMap(&read, mem2.data(), mem2.size()));
+    for (const char *key : {"x", "y", "x"})
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(read, key[0], key));
+    EXPECT_EQ((std::vector<std::string>{"x", "y", "x"}), namesOf(read));
+    EXPECT_EQ('y', int32At(read, "y"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_getNextField(read, &f, sizeof f, &name));
+    EXPECT_STREQ("x", name);
+    velClient_container_closeMapStream(&read);
+    velClient_container_closeMapStream(&m);
+}
+
+TEST(Reading, AMalformedEntryAfterWellFormedOnesFailsEveryLookupThatReachesIt)
+{
+    /* a: 1, w: 9 with a 2-byte key length, b: 2, then x: a text without its NUL. */
+    Exact e(container(0x2B, {0x1C, 0x04, 'a', 0,    0x0C, 0x03, 1,   0x1D, 0x00, 0x05, 'w', 0, 0x0C, 0x03, 9,
+                             0x1C, 0x04, 'b', 0,    0x0C, 0x03, 2,   0x1C, 0x04, 'x', 0,   0x1C, 0x04, 'h', 'i'}));
+    ASSERT_EQ(VELCLIENT_OK, e.rc);
+    velClient_uint8_t v = 0;
+    for (int round = 0; round < 2; ++round) {
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_getUint8(e.h, &v, "b"));
+        EXPECT_EQ(2, v);
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_getUint8(e.h, &v, "w"));
+        EXPECT_EQ(9, v);
+        EXPECT_EQ(VELCLIENT_FAIL, velClient_container_getUint8(e.h, &v, "zz"));
+        EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_COMMUNICATION_ERROR, "Invalid entry in structured data TLV");
+        velClient_field_t f;
+        const char *name = nullptr;
+        /* Nothing is undone: the next read starts after x's key, on its value. */
+        EXPECT_EQ(VELCLIENT_FAIL, velClient_container_getNextField(e.h, &f, sizeof f, &name));
+        EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_COMMUNICATION_ERROR,
+                          "Invalid length in TLV string in structured data container");
+        EXPECT_EQ(VELCLIENT_FAIL, velClient_container_getField(e.h, &f, sizeof f, "x"));
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_getUint8(e.h, &v, "a"));
+        EXPECT_EQ(1, v);
+    }
 }

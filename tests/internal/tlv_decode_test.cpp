@@ -3,6 +3,7 @@
  * the NUL rules, destinations, and truncated or overlong input. Every input
  * sits in a heap buffer of exactly its size, so a read past the end is caught
  * by the address sanitizer. */
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -12,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "velClientMsg/tlvCodec.h"
+#include "velClientMsg/tlvDecode.h"
 
 namespace {
 
@@ -292,4 +294,55 @@ TEST(TlvText, WellFormedOnlyWhenTheLastByteIsTheOnlyNul)
     /* Bytes with the top bit set are not mistaken for NULs. */
     const std::uint8_t high[] = {0x80, 0xFF, 0x81, 0x01, 0x80, 0x80, 0xFE, 0x7F, 0x80, 0x00};
     EXPECT_TRUE(vel::tlv::isCString(high, sizeof high));
+}
+
+TEST(TlvShortPaths, AgreeWithTheFullDecoderOnEveryTypeLengthAndContent)
+{
+    /* Every type byte with a 1-byte length, every tlvLength up to 40, in
+     * exactly its room and cut short, with four kinds of value bytes. The
+     * short paths may decline anything, but what they accept the full decoder
+     * must accept the same way; and they must not decline what they exist
+     * for (every well-formed field but a destination). */
+    const auto contents = [](unsigned n, int kind) {
+        Bytes v(n, 'x');
+        if (kind == 1 && n > 0)
+            v[n - 1] = 0; /* a text */
+        if (kind == 2)
+            std::fill(v.begin(), v.end(), 0);
+        if (kind == 3 && n > 1)
+            v[n / 2] = 0, v[n - 1] = 0; /* a stray NUL */
+        return v;
+    };
+    for (unsigned tb = 0; tb < 256; ++tb) {
+        for (unsigned len = 0; len <= 40; ++len) {
+            for (int kind = 0; kind < 4; ++kind) {
+                Bytes field{static_cast<std::uint8_t>(tb), static_cast<std::uint8_t>(len)};
+                Bytes value = contents(len > 2 ? len - 2 : 0, kind);
+                field.insert(field.end(), value.begin(), value.end());
+                for (std::size_t room : {field.size(), field.size() - 1}) {
+                    SCOPED_TRACE(testing::Message() << "type " << tb << " length " << len << " content " << kind
+                                                    << " room " << room);
+                    Decoded full = decode(Bytes(field.begin(), field.begin() + static_cast<std::ptrdiff_t>(room)));
+                    const std::uint8_t *p = full.at;
+                    const auto r = static_cast<std::ptrdiff_t>(room);
+                    const std::uint32_t checked = vel::tlv::checkCommon(p, r);
+                    velClient_field_t quick;
+                    std::memset(&quick, 0xA5, sizeof quick); /* as decode() leaves its field */
+                    const std::uint32_t decoded = vel::tlv::decodeCommon(p, r, &quick);
+                    if (checked != 0) {
+                        EXPECT_EQ(full.size, checked);
+                    }
+                    if (decoded != 0) {
+                        EXPECT_EQ(full.size, decoded);
+                        EXPECT_EQ(full.field.type, quick.type);
+                        EXPECT_EQ(full.field.length, quick.length);
+                        EXPECT_EQ(0, std::memcmp(&full.field.value, &quick.value, sizeof quick.value));
+                    }
+                    if (full.size > 0 && (tb & 0x03) == 0 && tb != vel::tlv::TB_DESTINATION) {
+                        EXPECT_NE(0u, checked);
+                    }
+                }
+            }
+        }
+    }
 }
