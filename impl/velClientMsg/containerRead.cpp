@@ -217,6 +217,8 @@ namespace {
  * (nameSize bytes with its NUL). Reads nothing past room. */
 inline bool keyIs(const std::uint8_t *p, std::ptrdiff_t room, const char *name, std::size_t nameSize)
 {
+    if (p[0] == TB_STRING && room >= 2) /* the usual 1-byte length */
+        return p[1] == 2 + nameSize && p[1] <= room && sameBytes(p + 2, name, nameSize);
     if ((p[0] & 0xFC) != TB_STRING)
         return false;
     const unsigned width = (p[0] & 0x03) + 1u;
