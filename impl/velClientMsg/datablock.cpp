@@ -126,9 +126,9 @@ void _velClient_datablock_decRefBy(_velClient_datab *db, std::int32_t count, con
         giveToSystem(db, bytes);
 }
 
-void _velClient_datablock_incRef(_velClient_datab *db)
+void _velClient_datablock_incRef(_velClient_datab *db, std::int32_t count)
 {
-    __atomic_fetch_add(&db->dbRefCount, 1, __ATOMIC_RELAXED);
+    __atomic_fetch_add(&db->dbRefCount, count, __ATOMIC_RELAXED);
 }
 
 velClient_returnCode_t _velClient_msg_dbAlloc(_velClient_msg *msg, int bufIndex, std::uint32_t size)

@@ -200,8 +200,8 @@ void _velClient_datablock_decRef(_velClient_datab *datab, const char *file_p, in
 #define VEL_DATAB_RELEASE(datab) _velClient_datablock_decRef((datab), __FILE__, __LINE__)
 /* Drops count references held by one holder at once (parts sharing a block). */
 void _velClient_datablock_decRefBy(_velClient_datab *datab, std::int32_t count, const char *file_p, int line);
-/* Adds one reference. */
-void _velClient_datablock_incRef(_velClient_datab *datab);
+/* Adds count references (one by default) in one step. */
+void _velClient_datablock_incRef(_velClient_datab *datab, std::int32_t count = 1);
 /* Attaches a new block of size bytes to an empty part; buf_p/bufSize = the block. */
 velClient_returnCode_t _velClient_msg_dbAlloc(_velClient_msg *msg, int bufIndex, std::uint32_t size);
 

@@ -41,7 +41,8 @@ velClient_returnCode_t malformed(const char *what, std::uint32_t offset)
                     "Invalid VWF frame (%s at byte %u) in _velClient_vwfParse", what, offset);
 }
 
-/* Fills msg from one item; false (with the failure recorded) when it is malformed. */
+/* Fills msg from one item; false (with the failure recorded) when it is
+ * malformed. A part points into block; holdBlock counts the references. */
 velClient_returnCode_t applyItem(_velClient_msg *msg, _velClient_datab *block, std::uint8_t tag, std::uint8_t *value,
                                  std::uint32_t length, std::uint32_t at, std::uint32_t &seen)
 {
@@ -67,7 +68,6 @@ velClient_returnCode_t applyItem(_velClient_msg *msg, _velClient_datab *block, s
     if (length == 0 || (isText(tag) && (length < 2 || value[length - 1] != 0)) ||
         (tag == TAG_CONSUMER_IDS && length % 4 != 0))
         return malformed("bad part", at);
-    _velClient_datablock_incRef(block);
     msg->bufDatab_p[part] = block;
     msg->bufInfo_a[part] = velClient_bufInfo_t{value, isText(tag) ? length - 1 : length};
     return VELCLIENT_OK;
@@ -89,15 +89,20 @@ void markSharedPartsReadOnly(_velClient_msg *msg)
             msg->internalFlags |= s.mark;
 }
 
-/* Builds the message of the frame at p (frameLength bytes, header checked). */
-velClient_returnCode_t buildMessage(_velClient_vwfParsing *parse, std::uint8_t *p, std::uint32_t frameLength,
-                                    _velClient_msg **msg_p)
+/* Takes, in one step, the references to block of every part that points into it. */
+void holdBlock(_velClient_msg *msg, _velClient_datab *block)
 {
-    if (_velClient_msg_alloc(msg_p) != VELCLIENT_OK)
-        return VELCLIENT_FAIL;
-    _velClient_msg *msg = *msg_p;
-    msg->msgInfo.flags = parse->internalFlags;
-    msg->msgInfo.rcvTimestamp = _velClient_getTimeInUs() / 1000;
+    std::int32_t parts = 0;
+    for (const _velClient_datab *db : msg->bufDatab_p)
+        parts += db == block ? 1 : 0;
+    if (parts > 0)
+        _velClient_datablock_incRef(block, parts);
+}
+
+/* Fills msg from the items of the frame at p; false at the first malformed one. */
+velClient_returnCode_t readItems(_velClient_vwfParsing *parse, _velClient_msg *msg, std::uint8_t *p,
+                                 std::uint32_t frameLength)
+{
     std::uint32_t seen = 0;
     std::uint32_t at = FRAME_HEADER_SIZE;
     while (at < frameLength) {
@@ -113,6 +118,22 @@ velClient_returnCode_t buildMessage(_velClient_vwfParsing *parse, std::uint8_t *
     }
     if (seen & (1u << TAG_MESSAGE_ID))
         msg->msgInfo.flags |= _VELCLIENT_RX_FLAG_MSG_ID;
+    return VELCLIENT_OK;
+}
+
+/* Builds the message of the frame at p (frameLength bytes, header checked). */
+velClient_returnCode_t buildMessage(_velClient_vwfParsing *parse, std::uint8_t *p, std::uint32_t frameLength,
+                                    _velClient_msg **msg_p)
+{
+    if (_velClient_msg_alloc(msg_p) != VELCLIENT_OK)
+        return VELCLIENT_FAIL;
+    _velClient_msg *msg = *msg_p;
+    msg->msgInfo.flags = parse->internalFlags;
+    msg->msgInfo.rcvTimestamp = _velClient_getTimeInUs() / 1000;
+    velClient_returnCode_t rc = readItems(parse, msg, p, frameLength);
+    holdBlock(msg, parse->block); /* before anything can free the message */
+    if (rc != VELCLIENT_OK)
+        return VELCLIENT_FAIL;
     markSharedPartsReadOnly(msg);
     msg->opaqueMsg_p = _velClient_safePtr_alloc(msg, _MSG_PTR_TYPE);
     if (msg->opaqueMsg_p == nullptr)
