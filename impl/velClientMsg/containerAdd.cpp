@@ -86,7 +86,7 @@ std::uint8_t *writeName(std::uint8_t *p, const char *name, std::uint64_t nameLen
         return p;
     auto len = static_cast<std::uint32_t>(nameLen); /* reserve() bounded it */
     std::uint8_t *v = writeVarHeader(p, TB_STRING, len);
-    std::memcpy(v, name, len);
+    copyBytes(v, name, len);
     return v + len;
 }
 
@@ -190,7 +190,7 @@ velClient_returnCode_t addVariable(velClient_opaqueContainer_pt handle, const ch
     return addField(handle, name, varFieldSize(valueLength), check, [&](std::uint8_t *p) {
         std::uint8_t *v = writeVarHeader(p, typeBase, len);
         if (len != 0)
-            std::memcpy(v, value_p, len);
+            copyBytes(v, value_p, len);
     });
 }
 

@@ -111,6 +111,31 @@ inline bool sameBytes(const void *a, const void *b, std::size_t n) noexcept
     return ((a0 ^ b0) | (a1 ^ b1)) == 0;
 }
 
+/* memcpy for the short names and texts that fields mostly hold: 4 to 32
+ * bytes in two overlapping moves of a fixed size, anything else by memcpy. */
+inline void copyBytes(void *dst, const void *src, std::size_t n) noexcept
+{
+    auto *d = static_cast<std::uint8_t *>(dst);
+    const auto *s = static_cast<const std::uint8_t *>(src);
+    auto twoMoves = [&](auto word) {
+        std::memcpy(&word, s, sizeof word);
+        std::memcpy(d, &word, sizeof word);
+        std::memcpy(&word, s + n - sizeof word, sizeof word);
+        std::memcpy(d + n - sizeof word, &word, sizeof word);
+    };
+    struct Bytes16 {
+        std::uint64_t lo, hi;
+    };
+    if (n > 32 || n < 4)
+        std::memcpy(d, s, n);
+    else if (n >= 16)
+        twoMoves(Bytes16{});
+    else if (n >= 8)
+        twoMoves(std::uint64_t{});
+    else
+        twoMoves(std::uint32_t{});
+}
+
 /* true when the 8 bytes of w hold a zero byte. */
 inline bool hasZeroByte(std::uint64_t w) noexcept
 {

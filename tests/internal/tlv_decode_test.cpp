@@ -346,3 +346,18 @@ TEST(TlvShortPaths, AgreeWithTheFullDecoderOnEveryTypeLengthAndContent)
         }
     }
 }
+
+TEST(TlvCopy, EveryLengthCopiesExactlyItsBytes)
+{
+    std::vector<std::uint8_t> src(80);
+    for (std::size_t i = 0; i < src.size(); ++i)
+        src[i] = static_cast<std::uint8_t>(i + 1);
+    for (std::size_t n = 0; n <= 70; ++n) {
+        std::vector<std::uint8_t> dst(80, 0xEE);
+        vel::tlv::copyBytes(dst.data() + 3, src.data(), n);
+        for (std::size_t i = 0; i < dst.size(); ++i) {
+            const bool inside = i >= 3 && i < 3 + n;
+            EXPECT_EQ(inside ? src[i - 3] : 0xEE, dst[i]) << "length " << n << " byte " << i;
+        }
+    }
+}
