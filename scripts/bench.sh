@@ -32,8 +32,11 @@ cmake --preset bench
 cmake --build --preset bench -j"$(nproc)"
 
 out=build/bench/bench_peers
+# Repetitions are interleaved in random order, so that a slow spell of a
+# shared machine falls on every library alike instead of on a few rows.
 ./build/bench/bench/bench_peers \
   --benchmark_repetitions=5 \
+  --benchmark_enable_random_interleaving=true \
   --benchmark_report_aggregates_only=true \
   --benchmark_out="$out.json" --benchmark_out_format=json \
   "$@" | tee "$out.txt"
@@ -43,4 +46,4 @@ echo "=== medians of 5 repetitions (Time = wall clock per operation, CPU = CPU t
 awk '/_median/ {
        name = $1; sub(/_median$/, "", name)
        printf "%-56s %12s %-3s %12s %s\n", name, $2, $3, $4, $5
-     }' "$out.txt"
+     }' "$out.txt" | sort
