@@ -389,7 +389,9 @@ VELCLIENT_API velClient_returnCode_t velClient_container_createStream(velClient_
 /* Opens the encoded map or stream of size bytes at buf_p (the whole encoding, as
  * velClient_container_getContainerPtr gives it) for reading; both calls accept either kind, which the
  * container takes from the bytes. The bytes stay the caller's and must outlive the container, which is
- * full: adds fail, deletes work in place. VELCLIENT_NOT_FOUND when buf_p holds no map or stream (sub-code
+ * full: adds fail, deletes work in place. Change the bytes only through the container while it is open
+ * (a map remembers where the entries it has checked begin); reopen it after changing them otherwise.
+ * VELCLIENT_NOT_FOUND when buf_p holds no map or stream (sub-code
  * NO_STRUCTURED_DATA) or its length is not size. NULL arguments: PARAM_NULL_PTR. */
 /* The container's handle goes to *map_p. */
 VELCLIENT_API velClient_returnCode_t velClient_container_openMapFromPtr(velClient_opaqueContainer_pt *map_p,
