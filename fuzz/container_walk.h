@@ -3,13 +3,16 @@
  * input, shared with the test that replays the seed corpus: open the bytes as
  * a map and as a stream (in a private copy of exactly their size), walk them
  * with getNextField, every typed getter and nested sub-containers, delete a
- * field, and dump a message whose attachment holds them.
+ * field, and dump a message whose attachment holds them. After each change,
+ * lookups in the container (which remembers entries it has checked) must
+ * agree with lookups in a fresh container over a copy of the same bytes.
  */
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "velclient/velClientMsg.h"
@@ -90,6 +93,76 @@ inline void walk(velClient_opaqueContainer_pt c, int depth)
         typedGetters(c, nullptr); /* a stream reads its next fields; a map refuses */
 }
 
+/* A field's value, comparable between two containers over equal bytes. */
+inline std::string valueOf(const velClient_field_t &f)
+{
+    switch (f.type) {
+    case VELCLIENT_STRING:
+    case VELCLIENT_BYTEARRAY:
+    case VELCLIENT_VWF:
+        return f.value.bytearray == nullptr ? std::string("(null)")
+                                            : std::string(reinterpret_cast<const char *>(f.value.bytearray), f.length);
+    case VELCLIENT_DESTINATION:
+        return f.value.dest.dest == nullptr ? std::string("(null)") : std::string(f.value.dest.dest);
+    case VELCLIENT_MAP:
+    case VELCLIENT_STREAM:
+    case VELCLIENT_UNKNOWN:
+        return std::string();
+    default:
+        return std::string(reinterpret_cast<const char *>(&f.value), sizeof f.value);
+    }
+}
+
+/* One lookup and the read after it, as text: what two containers over equal
+ * bytes must both answer. */
+inline std::string lookupAndNext(velClient_opaqueContainer_pt c, const char *name)
+{
+    velClient_field_t f{};
+    velClient_returnCode_t rc = velClient_container_getField(c, &f, sizeof f, name);
+    std::string out = std::to_string(rc);
+    if (rc == VELCLIENT_OK) {
+        out += "/" + std::to_string(f.type) + "/" + std::to_string(f.length) + "/" + valueOf(f);
+        if (f.type == VELCLIENT_MAP || f.type == VELCLIENT_STREAM)
+            velClient_container_closeMapStream(&f.value.map);
+    }
+    const char *next = nullptr;
+    rc = velClient_container_getNextField(c, &f, sizeof f, &next);
+    out += "|" + std::to_string(rc) + (next != nullptr ? next : "(none)");
+    if (rc == VELCLIENT_OK && (f.type == VELCLIENT_MAP || f.type == VELCLIENT_STREAM))
+        velClient_container_closeMapStream(&f.value.map);
+    return out;
+}
+
+/* Lookups in map c and in a fresh map over a copy of its bytes agree. */
+inline void sameLookups(velClient_opaqueContainer_pt c)
+{
+    void *bytes = nullptr;
+    velClient_uint32_t size = 0;
+    if (velClient_container_getContainerPtr(c, &bytes, &size) != VELCLIENT_OK || size < 5)
+        return;
+    std::vector<std::uint8_t> copy(static_cast<std::uint8_t *>(bytes), static_cast<std::uint8_t *>(bytes) + size);
+    velClient_opaqueContainer_pt fresh = nullptr;
+    if (velClient_container_openMapFromPtr(&fresh, copy.data(), size) != VELCLIENT_OK)
+        return;
+    std::vector<std::string> names{"zz-absent"};
+    velClient_field_t f;
+    const char *name = nullptr;
+    while (names.size() < 24 && velClient_container_getNextField(fresh, &f, sizeof f, &name) == VELCLIENT_OK) {
+        if (f.type == VELCLIENT_MAP || f.type == VELCLIENT_STREAM)
+            velClient_container_closeMapStream(&f.value.map);
+        if (name != nullptr)
+            names.emplace_back(name);
+    }
+    for (int round = 0; round < 2; ++round) {
+        for (std::size_t i = 0; i < names.size(); ++i) {
+            const std::string &n = names[round == 0 ? i : names.size() - 1 - i];
+            if (lookupAndNext(c, n.c_str()) != lookupAndNext(fresh, n.c_str()))
+                __builtin_trap();
+        }
+    }
+    velClient_container_closeMapStream(&fresh);
+}
+
 /* The bytes with a container header of the given type whose length matches
  * the size, so that the content (not the header) gets explored. */
 inline std::vector<std::uint8_t> framed(const std::uint8_t *data, std::size_t size, std::uint8_t type)
@@ -112,8 +185,10 @@ inline void walkContainer(const std::uint8_t *data, std::size_t size)
     velClient_opaqueContainer_pt c = nullptr;
     if (size > 0 && velClient_container_openMapFromPtr(&c, copy.data(), len) == VELCLIENT_OK) {
         walk(c, 0);
+        sameLookups(c);
         velClient_container_deleteField(c, "a");
         walk(c, 0);
+        sameLookups(c);
         velClient_container_closeMapStream(&c);
     }
     std::vector<std::uint8_t> second = framed(data, size, 0x2F);
@@ -126,8 +201,11 @@ inline void walkContainer(const std::uint8_t *data, std::size_t size)
         std::vector<std::uint8_t> third = framed(data, size, size % 2 ? 0x2B : 0x2F);
         velClient_msg_setBinaryAttachment(m, third.data(), len);
         if (velClient_msg_getBinaryAttachmentMap(m, &c) == VELCLIENT_OK) {
+            walk(c, 0);
             velClient_container_addInt32(c, 1, "added"); /* growth into a new block */
+            sameLookups(c);
             velClient_container_deleteField(c, "added");
+            sameLookups(c);
             velClient_container_closeMapStream(&c);
         }
         velClient_opaqueMsg_pt d = nullptr;
