@@ -36,16 +36,7 @@ struct Map {
 };
 
 /* The names of a map's entries, in order, read from the first field. */
-std::vector<std::string> names(velClient_opaqueContainer_pt h)
-{
-    std::vector<std::string> out;
-    EXPECT_EQ(VELCLIENT_OK, velClient_container_rewind(h));
-    velClient_field_t f{};
-    const char *name = nullptr;
-    while (velClient_container_getNextField(h, &f, sizeof f, &name) == VELCLIENT_OK)
-        out.emplace_back(name);
-    return out;
-}
+using veltest::names;
 
 std::vector<std::string> lines_s;
 void captureLine(velClient_log_callbackInfo_pt info, void *)

@@ -241,17 +241,6 @@ velClient_int32_t int32At(velClient_opaqueContainer_pt h, const char *name, velC
     return v;
 }
 
-std::vector<std::string> namesOf(velClient_opaqueContainer_pt h)
-{
-    std::vector<std::string> out;
-    EXPECT_EQ(VELCLIENT_OK, velClient_container_rewind(h));
-    velClient_field_t f{};
-    const char *name = nullptr;
-    while (velClient_container_getNextField(h, &f, sizeof f, &name) == VELCLIENT_OK)
-        out.emplace_back(name);
-    return out;
-}
-
 } // namespace
 
 TEST(Reading, LookupsFollowDeletesAndGrowthInTheMiddle)
@@ -287,7 +276,7 @@ TEST(Reading, LookupsFollowDeletesAndGrowthInTheMiddle)
     ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&sub));
     EXPECT_EQ(5, int32At(m, "e"));
     EXPECT_EQ(20, int32At(m, "b"));
-    EXPECT_EQ((std::vector<std::string>{"a", "c", "d", "b", "s", "e"}), namesOf(m));
+    EXPECT_EQ((std::vector<std::string>{"a", "c", "d", "b", "s", "e"}), veltest::names(m));
     ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&m));
 }
 
@@ -323,7 +312,7 @@ TEST(Reading, LookupsInALongMapKeepFirstMatchAndCursorRules)
     ASSERT_EQ(VELCLIENT_OK, velClient_container_createMap(&read, mem2.data(), mem2.size()));
     for (const char *key : {"x", "y", "x"})
         ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(read, key[0], key));
-    EXPECT_EQ((std::vector<std::string>{"x", "y", "x"}), namesOf(read));
+    EXPECT_EQ((std::vector<std::string>{"x", "y", "x"}), veltest::names(read));
     EXPECT_EQ('y', int32At(read, "y"));
     ASSERT_EQ(VELCLIENT_OK, velClient_container_getNextField(read, &f, sizeof f, &name));
     EXPECT_STREQ("x", name);

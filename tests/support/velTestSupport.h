@@ -72,6 +72,18 @@ inline std::vector<std::uint8_t> encode(velClient_opaqueMsg_pt msg)
     return out;
 }
 
+/* The names of a map's entries in order (the cursor is rewound first). */
+inline std::vector<std::string> names(velClient_opaqueContainer_pt h)
+{
+    std::vector<std::string> out;
+    EXPECT_EQ(VELCLIENT_OK, velClient_container_rewind(h));
+    velClient_field_t f{};
+    const char *name = nullptr;
+    while (velClient_container_getNextField(h, &f, sizeof f, &name) == VELCLIENT_OK)
+        out.emplace_back(name);
+    return out;
+}
+
 /* A message that is freed when it goes out of scope. */
 struct Msg {
     velClient_opaqueMsg_pt h = nullptr;
