@@ -105,7 +105,7 @@ inline T *take(LocalStack &cache, _velClient_lifoHead &list, std::atomic<std::ui
     return reinterpret_cast<T *>(entry);
 }
 
-/* bytes from the system, counted in totMemory; nullptr when malloc fails.
+/* bytes from the system, counted in totMemory; nullptr when there are none.
  * Records start on a cache line of their own and fill whole lines, so two
  * threads working on records obtained one after the other never write to
  * the same line. */
