@@ -1,6 +1,7 @@
 /* Containers: nesting in place, handing reserved space back, growth inside a
  * message, copy-on-modify of shared parts, closing and opening over bytes. */
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "support/velTestSupport.h"
@@ -117,6 +118,70 @@ TEST(Containers, GrowthInAMessageMovesOpenChildrenAlong)
     const char *tail = nullptr;
     ASSERT_EQ(VELCLIENT_OK, velClient_container_getStringPtr(map, &tail, "tail"));
     EXPECT_STREQ("end", tail);
+}
+
+TEST(Containers, NamesAndValuesReadFromTheGrowingTreeAreAddedIntact)
+{
+    /* The application adds names and values it read from the very map it
+     * adds to. Growth moves those bytes (into a larger block, or further on
+     * in place), so the add must take them before making room. The pool
+     * keeps nothing, so a freed block goes back to the system at once. */
+    velClient_msg_setMaxPoolMem(0);
+    const std::string key = "a-key-of-twenty-four-by";
+    const std::string text = "a text value of some length, longer than 32 bytes";
+    {
+        Msg m;
+        velClient_opaqueContainer_pt map = nullptr;
+        ASSERT_EQ(VELCLIENT_OK, velClient_msg_createBinaryAttachmentMap(m.h, &map, 16));
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_addString(map, text.c_str(), key.c_str()));
+        velClient_field_t f;
+        const char *name = nullptr;
+        for (int i = 0; i < 40; ++i) {
+            /* Read just before the add: the add before may have moved the bytes. */
+            ASSERT_EQ(VELCLIENT_OK, velClient_container_rewind(map));
+            ASSERT_EQ(VELCLIENT_OK, velClient_container_getNextField(map, &f, sizeof f, &name));
+            ASSERT_EQ(VELCLIENT_OK, velClient_container_addString(map, f.value.string, name));
+        }
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_rewind(map));
+        int entries = 0;
+        while (velClient_container_getNextField(map, &f, sizeof f, &name) == VELCLIENT_OK) {
+            ++entries;
+            EXPECT_EQ(key, name);
+            EXPECT_EQ(text, f.value.string);
+        }
+        EXPECT_EQ(41, entries);
+        velClient_container_closeMapStream(&map);
+    }
+    {
+        /* A child grows in place and pushes the parent's later entry on. */
+        Msg m;
+        velClient_opaqueContainer_pt map = nullptr, child = nullptr;
+        ASSERT_EQ(VELCLIENT_OK, velClient_msg_createBinaryAttachmentMap(m.h, &map, 16));
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_openSubMap(map, &child, "child"));
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_addString(map, text.c_str(), key.c_str()));
+        const char *value = nullptr;
+        for (int i = 0; i < 10; ++i) {
+            ASSERT_EQ(VELCLIENT_OK, velClient_container_getStringPtr(map, &value, key.c_str()));
+            ASSERT_EQ(VELCLIENT_OK, velClient_container_addString(child, value, "copy"));
+        }
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_getStringPtr(map, &value, key.c_str()));
+        velClient_opaqueContainer_pt grandchild = nullptr;
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_openSubMap(child, &grandchild, value)); /* a name, too */
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&grandchild));
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&child));
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_getSubMap(map, &child, "child"));
+        velClient_field_t f;
+        const char *name = nullptr;
+        for (int i = 0; i < 10; ++i) {
+            ASSERT_EQ(VELCLIENT_OK, velClient_container_getNextField(child, &f, sizeof f, &name));
+            EXPECT_EQ(text, f.value.string) << i;
+        }
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_getNextField(child, &f, sizeof f, &name));
+        EXPECT_EQ(text, name);
+        velClient_container_closeMapStream(&child);
+        velClient_container_closeMapStream(&map);
+    }
+    velClient_msg_setMaxPoolMem(64ull << 20);
 }
 
 TEST(Containers, WritingIntoAnEarlierChildShiftsTheLaterOne)

@@ -5,9 +5,12 @@
  * destinations, copies of whole containers, and sub-containers opened in
  * place for writing.
  */
+#include <cstdint>
 #include <cstring>
+#include <initializer_list>
 #include <type_traits>
 
+#include "velClientAlloc/velClientAlloc.h"
 #include "velClientMsg/tlvCodec.h"
 #include "velClientMsg/velClientMsgPrivate.h"
 
@@ -50,10 +53,68 @@ std::uint64_t nameFieldSize(std::uint64_t nameLen)
     return nameLen == 0 ? 0 : varFieldSize(nameLen);
 }
 
-/* Slow path of reserve(): grows c by exactly excess bytes at its end. */
-[[gnu::noinline, gnu::cold]] std::uint8_t *growFor(_velClient_container *c, std::int64_t excess)
+/* Bytes of the caller's that an add reads after making room: its name, its
+ * value. p is the caller's own pointer variable, so that it can be pointed
+ * at a copy. */
+struct Borrowed {
+    const void *&p;
+    std::size_t n;
+};
+
+/* Copies of borrowed bytes that lie in the data block a growth moves or
+ * frees: the application read them from the very tree it adds to. */
+class KeptBytes {
+public:
+    KeptBytes() = default;
+    KeptBytes(const KeptBytes &) = delete;
+    KeptBytes &operator=(const KeptBytes &) = delete;
+    ~KeptBytes()
+    {
+        if (copy_ != nullptr)
+            vel::sysFree(copy_);
+    }
+
+    /* Copies out the borrowed bytes inside c's block and points them at the
+     * copy; false (nothing recorded) when there is no memory for it. */
+    bool keep(const _velClient_container *c, std::initializer_list<Borrowed> borrowed)
+    {
+        const _velClient_datab *db = c->msg_b != nullptr ? c->msg_b->bufDatab_p[c->bufInfoIndex] : nullptr;
+        if (db == nullptr)
+            return true; /* bytes outside a message block never move */
+        const auto lo = reinterpret_cast<std::uintptr_t>(db->dbData_p);
+        const std::uintptr_t hi = lo + db->dbSize;
+        auto inside = [lo, hi](const Borrowed &b) {
+            const auto at = reinterpret_cast<std::uintptr_t>(b.p);
+            return b.n != 0 && at < hi && at + b.n > lo;
+        };
+        std::size_t total = 0;
+        for (const Borrowed &b : borrowed)
+            total += inside(b) ? b.n : 0;
+        if (total == 0)
+            return true;
+        if ((copy_ = static_cast<std::uint8_t *>(vel::sysMalloc(total))) == nullptr)
+            return false;
+        std::size_t at = 0;
+        for (const Borrowed &b : borrowed) {
+            if (!inside(b))
+                continue;
+            std::memcpy(copy_ + at, b.p, b.n);
+            b.p = copy_ + at;
+            at += b.n;
+        }
+        return true;
+    }
+
+private:
+    std::uint8_t *copy_ = nullptr;
+};
+
+/* Slow path of reserve(): grows c by exactly excess bytes at its end, after
+ * keeping what is borrowed from the bytes that move. */
+[[gnu::noinline, gnu::cold]] std::uint8_t *growFor(_velClient_container *c, std::int64_t excess, KeptBytes &kept,
+                                                  std::initializer_list<Borrowed> borrowed)
 {
-    if (excess > 0x7FFFFFF0) {
+    if (excess > 0x7FFFFFF0 || !kept.keep(c, borrowed)) {
         VEL_STORE(VELCLIENT_SUBCODE_INSUFFICIENT_SPACE, VELCLIENT_LOG_WARNING, "%s", kNoRoom);
         return nullptr;
     }
@@ -63,12 +124,15 @@ std::uint64_t nameFieldSize(std::uint64_t nameLen)
 }
 
 /* Makes room for needed bytes at the write position; returns the write
- * position, or nullptr after recording the failure (nothing changed). */
-inline std::uint8_t *reserve(_velClient_container *c, std::uint64_t needed)
+ * position, or nullptr after recording the failure (nothing changed). The
+ * borrowed bytes are read afterwards: growth first copies those it moves
+ * into kept. */
+inline std::uint8_t *reserve(_velClient_container *c, std::uint64_t needed, KeptBytes &kept,
+                             std::initializer_list<Borrowed> borrowed)
 {
     std::int64_t excess = static_cast<std::int64_t>(c->curWrPtr - c->maxWrPtr) + static_cast<std::int64_t>(needed);
     if (excess > 0) [[unlikely]]
-        return growFor(c, excess);
+        return growFor(c, excess, kept, borrowed);
     return c->curWrPtr;
 }
 
@@ -90,6 +154,9 @@ std::uint8_t *writeName(std::uint8_t *p, const char *name, std::uint64_t nameLen
     return v + len;
 }
 
+/* What an add with nothing borrowed for its value points its Borrowed at. */
+const void *kNothing = nullptr;
+
 inline velClient_returnCode_t acceptAll()
 {
     return VELCLIENT_OK;
@@ -98,20 +165,23 @@ inline velClient_returnCode_t acceptAll()
 /* The common frame of every add: the parameter check, then the add's own
  * check (which records its failure), room for the name field and valueSize
  * bytes, the name field, write() for the value field, and the advance of
- * curWrPtr. A failure at any step leaves the container as it was. */
+ * curWrPtr. A failure at any step leaves the container as it was. value is
+ * what write() reads of the caller's (nothing by default). */
 template <typename Check, typename Write>
 velClient_returnCode_t addField(velClient_opaqueContainer_pt handle, const char *name, std::uint64_t valueSize,
-                                Check check, Write write)
+                                Check check, Write write, Borrowed value = Borrowed{kNothing, 0})
 {
     std::uint64_t nameLen = 0;
     _velClient_container *c = _velClient_container_paramCheck(handle, name, nameLen);
     if (c == nullptr || check() != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     std::uint64_t needed = nameFieldSize(nameLen) + valueSize;
-    std::uint8_t *p = reserve(c, needed);
+    const void *nameBytes = name;
+    KeptBytes kept;
+    std::uint8_t *p = reserve(c, needed, kept, {Borrowed{nameBytes, nameLen}, value});
     if (p == nullptr)
         return VELCLIENT_FAIL;
-    write(writeName(p, name, nameLen));
+    write(writeName(p, static_cast<const char *>(nameBytes), nameLen));
     c->curWrPtr = p + needed;
     markModified(c);
     return VELCLIENT_OK;
@@ -187,11 +257,14 @@ velClient_returnCode_t addVariable(velClient_opaqueContainer_pt handle, const ch
         return VELCLIENT_OK;
     };
     auto len = static_cast<std::uint32_t>(valueLength);
-    return addField(handle, name, varFieldSize(valueLength), check, [&](std::uint8_t *p) {
-        std::uint8_t *v = writeVarHeader(p, typeBase, len);
-        if (len != 0)
-            copyBytes(v, value_p, len);
-    });
+    return addField(
+        handle, name, varFieldSize(valueLength), check,
+        [&](std::uint8_t *p) {
+            std::uint8_t *v = writeVarHeader(p, typeBase, len);
+            if (len != 0)
+                copyBytes(v, value_p, len);
+        },
+        Borrowed{value_p, len});
 }
 
 /* True when a and b are the same container or one contains the other. */
@@ -324,12 +397,16 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_addDestinati
     std::uint8_t kind = (type == VELCLIENT_QUEUE_DESTINATION || type == VELCLIENT_QUEUE_TEMP_DESTINATION)
                             ? DEST_KIND_QUEUE
                             : DEST_KIND_TOPIC;
-    return addField(opaqueCont_p, name, destLen + 3, check, [&](std::uint8_t *p) {
-        p[0] = TB_DESTINATION;
-        p[1] = static_cast<std::uint8_t>(destLen + 3);
-        p[2] = kind;
-        std::memcpy(p + 3, value->dest, destLen);
-    });
+    const void *dest = value->dest;
+    return addField(
+        opaqueCont_p, name, destLen + 3, check,
+        [&](std::uint8_t *p) {
+            p[0] = TB_DESTINATION;
+            p[1] = static_cast<std::uint8_t>(destLen + 3);
+            p[2] = kind;
+            std::memcpy(p + 3, dest, destLen);
+        },
+        Borrowed{dest, destLen});
 }
 
 /* Copies the finalised bytes of another container (header included) as one
@@ -369,7 +446,10 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_addUnknownFi
                             static_cast<int>(encoded), static_cast<int>(length));
         return VELCLIENT_OK;
     };
-    return addField(opaqueCont_p, name, length, check, [&](std::uint8_t *p) { std::memcpy(p, field, length); });
+    const void *bytes = field;
+    return addField(
+        opaqueCont_p, name, length, check, [&](std::uint8_t *p) { std::memcpy(p, bytes, length); },
+        Borrowed{bytes, length});
 }
 
 /* ---- Sub-containers opened in place ------------------------------------------ */
@@ -386,8 +466,11 @@ velClient_returnCode_t openSub(velClient_opaqueContainer_pt parentHandle, velCli
         return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
                         "Null sub-container pointer in _velClient_container_openSubContainer");
     std::uint64_t room = nameFieldSize(nameLen) + CONTAINER_HEADER_SIZE;
-    if (reserve(parent, room) == nullptr)
+    const void *nameBytes = name;
+    KeptBytes kept;
+    if (reserve(parent, room, kept, {Borrowed{nameBytes, nameLen}}) == nullptr)
         return VELCLIENT_FAIL;
+    name = static_cast<const char *>(nameBytes);
     _velClient_container *child = nullptr;
     if (_velClient_container_alloc(&child) != VELCLIENT_OK)
         return VEL_FAIL(VELCLIENT_SUBCODE_OUT_OF_MEMORY, VELCLIENT_LOG_WARNING,
