@@ -51,6 +51,38 @@ TEST(MessageParts, CopyAndReferenceSetters)
     EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null bufPtr_p pointer in velClient_msg_getBufinfoPtr");
 }
 
+TEST(MessageParts, APartSetFromItsOwnBytesKeepsThem)
+{
+    /* The application hands a part bytes it read from that same part, by
+     * copy and by reference. The old block goes once the part changes, so
+     * the bytes are taken first. The pool keeps nothing, so a freed block
+     * goes back to the system at once. Sizes: a block filled exactly, and
+     * smaller ones. */
+    velClient_msg_setMaxPoolMem(0);
+    std::string data(3000, ' ');
+    for (std::size_t i = 0; i < data.size(); ++i)
+        data[i] = static_cast<char>('a' + i % 26);
+    auto attachment = [](velClient_opaqueMsg_pt m) {
+        void *p = nullptr;
+        velClient_uint32_t len = 0;
+        EXPECT_EQ(VELCLIENT_OK, velClient_msg_getBinaryAttachmentPtr(m, &p, &len));
+        return std::string(static_cast<const char *>(p), len);
+    };
+    for (velClient_uint32_t n : {256u, 2048u, 100u}) {
+        veltest::Msg m;
+        ASSERT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachment(m.h, data.data(), n));
+        void *own = nullptr;
+        velClient_uint32_t len = 0;
+        ASSERT_EQ(VELCLIENT_OK, velClient_msg_getBinaryAttachmentPtr(m.h, &own, &len));
+        ASSERT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachment(m.h, own, len));
+        EXPECT_EQ(data.substr(0, n), attachment(m.h)) << n;
+        ASSERT_EQ(VELCLIENT_OK, velClient_msg_getBinaryAttachmentPtr(m.h, &own, &len));
+        ASSERT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachmentPtr(m.h, static_cast<char *>(own) + 2, len - 2));
+        EXPECT_EQ(data.substr(2, n - 2), attachment(m.h)) << n;
+    }
+    velClient_msg_setMaxPoolMem(64ull << 20);
+}
+
 TEST(MessageParts, UnchangedCopyDoesNotInvalidateTheWireImage)
 {
     Msg m;

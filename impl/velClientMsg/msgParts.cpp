@@ -4,6 +4,7 @@
  * setters and getters of the unstructured parts (binary attachment, topic,
  * queue name, user data, XML, correlation tag, the wire image).
  */
+#include <cstdint>
 #include <cstring>
 
 #include "velClientMsg/destinationText.h"
@@ -28,6 +29,39 @@ void dropBlock(_velClient_msg *msg, int index)
     msg->bufDatab_p[index] = nullptr;
 }
 
+/* True when the size bytes at p lie in the part's own data block: the
+ * application read them from this very part. */
+bool inOwnBlock(const _velClient_msg *msg, int index, const void *p, std::uint32_t size)
+{
+    const _velClient_datab *db = msg->bufDatab_p[index];
+    if (db == nullptr || p == nullptr)
+        return false;
+    const auto lo = reinterpret_cast<std::uintptr_t>(db->dbData_p);
+    const auto at = reinterpret_cast<std::uintptr_t>(p);
+    return at < lo + db->dbSize && at + size > lo;
+}
+
+/* Keeps a part's old block alive until the bytes copied out of it are in
+ * the new one. */
+class HoldBlock {
+public:
+    explicit HoldBlock(_velClient_datab *db) : db_(db)
+    {
+        if (db_ != nullptr)
+            _velClient_datablock_incRef(db_);
+    }
+    HoldBlock(const HoldBlock &) = delete;
+    HoldBlock &operator=(const HoldBlock &) = delete;
+    ~HoldBlock()
+    {
+        if (db_ != nullptr)
+            VEL_DATAB_RELEASE(db_);
+    }
+
+private:
+    _velClient_datab *db_;
+};
+
 void closeAttachmentContainer(_velClient_msg *msg)
 {
     if (msg->binaryAttachContainer_p != nullptr)
@@ -42,6 +76,9 @@ velClient_returnCode_t _velClient_msg_setBufinfoPtr(_velClient_msg *msg, int buf
     if (!validIndex(bufInfoIndex))
         return VEL_FAIL(VELCLIENT_SUBCODE_INTERNAL_ERROR, VELCLIENT_LOG_ERROR,
                         "Bad msg_p index in velClient_msg_setBufinfoPtr");
+    /* The part's own bytes go with its block: they are copied instead. */
+    if (inOwnBlock(msg, bufInfoIndex, buf_p, size))
+        return _velClient_msg_setBufinfo(msg, bufInfoIndex, buf_p, size, 0);
     dropBlock(msg, bufInfoIndex);
     msg->internalFlags |= _VELCLIENT_MSG_FLAG_MODIFIED;
     msg->bufInfo_a[bufInfoIndex] = velClient_bufInfo_t{buf_p, size};
@@ -66,6 +103,7 @@ velClient_returnCode_t _velClient_msg_setBufinfo(_velClient_msg *msg, int bufInf
         msg->bufInfo_a[bufInfoIndex] = velClient_bufInfo_t{db->dbData_p, static_cast<std::uint32_t>(total)};
         return VELCLIENT_OK;
     }
+    HoldBlock source(inOwnBlock(msg, bufInfoIndex, buf_p, size) ? db : nullptr);
     dropBlock(msg, bufInfoIndex);
     msg->bufInfo_a[bufInfoIndex] = velClient_bufInfo_t{nullptr, 0};
     msg->internalFlags |= _VELCLIENT_MSG_FLAG_MODIFIED;
