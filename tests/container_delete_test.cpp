@@ -92,6 +92,38 @@ TEST(DeleteField, RemovesEveryEntryOfTheNameAndNothingElse)
     EXPECT_TRUE(m.fields().empty());
 }
 
+TEST(DeleteField, ANameReadFromTheSameMapRemovesEveryEntryOfIt)
+{
+    /* The name points at the key of the first entry it removes: the move
+     * that closes the gap overwrites it, and a shared map grows to get bytes
+     * of its own. Both must not change which entries go. */
+    Map m;
+    for (const char *key : {"a-key", "b", "a-key", "c"})
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(m.h, 1, key));
+    velClient_field_t f;
+    const char *name = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_getNextField(m.h, &f, sizeof f, &name));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_deleteField(m.h, name));
+    EXPECT_EQ((std::vector<std::string>{"b", "c"}), names(m.h));
+
+    velClient_msg_setMaxPoolMem(0);
+    veltest::Msg original;
+    velClient_opaqueContainer_pt map = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createBinaryAttachmentMap(original.h, &map, 64));
+    for (const char *key : {"a-key", "b", "a-key", "c"})
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(map, 1, key));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&map));
+    velClient_opaqueMsg_pt dupHandle = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_dup(original.h, &dupHandle));
+    veltest::Msg dup(dupHandle);
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getBinaryAttachmentMap(dup.h, &map));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_getNextField(map, &f, sizeof f, &name));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_deleteField(map, name));
+    EXPECT_EQ((std::vector<std::string>{"b", "c"}), names(map));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&map));
+    velClient_msg_setMaxPoolMem(64ull << 20);
+}
+
 TEST(DeleteField, RefusalsAndTheirTexts)
 {
     Map m;

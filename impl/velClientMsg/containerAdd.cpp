@@ -5,18 +5,18 @@
  * destinations, copies of whole containers, and sub-containers opened in
  * place for writing.
  */
-#include <cstdint>
 #include <cstring>
-#include <initializer_list>
 #include <type_traits>
 
-#include "velClientAlloc/velClientAlloc.h"
+#include "velClientMsg/keptBytes.h"
 #include "velClientMsg/tlvCodec.h"
 #include "velClientMsg/velClientMsgPrivate.h"
 
 namespace {
 
 using namespace vel::tlv;
+using vel::Borrowed;
+using vel::KeptBytes;
 
 constexpr const char *kNoRoom = "Unable to add more structured data to container memory";
 
@@ -53,68 +53,12 @@ std::uint64_t nameFieldSize(std::uint64_t nameLen)
     return nameLen == 0 ? 0 : varFieldSize(nameLen);
 }
 
-/* Bytes of the caller's that an add reads after making room: its name, its
- * value. p is the caller's own pointer variable, so that it can be pointed
- * at a copy. */
-struct Borrowed {
-    const void *&p;
-    std::size_t n;
-};
-
-/* Copies of borrowed bytes that lie in the data block a growth moves or
- * frees: the application read them from the very tree it adds to. */
-class KeptBytes {
-public:
-    KeptBytes() = default;
-    KeptBytes(const KeptBytes &) = delete;
-    KeptBytes &operator=(const KeptBytes &) = delete;
-    ~KeptBytes()
-    {
-        if (copy_ != nullptr)
-            vel::sysFree(copy_);
-    }
-
-    /* Copies out the borrowed bytes inside c's block and points them at the
-     * copy; false (nothing recorded) when there is no memory for it. */
-    bool keep(const _velClient_container *c, std::initializer_list<Borrowed> borrowed)
-    {
-        const _velClient_datab *db = c->msg_b != nullptr ? c->msg_b->bufDatab_p[c->bufInfoIndex] : nullptr;
-        if (db == nullptr)
-            return true; /* bytes outside a message block never move */
-        const auto lo = reinterpret_cast<std::uintptr_t>(db->dbData_p);
-        const std::uintptr_t hi = lo + db->dbSize;
-        auto inside = [lo, hi](const Borrowed &b) {
-            const auto at = reinterpret_cast<std::uintptr_t>(b.p);
-            return b.n != 0 && at < hi && at + b.n > lo;
-        };
-        std::size_t total = 0;
-        for (const Borrowed &b : borrowed)
-            total += inside(b) ? b.n : 0;
-        if (total == 0)
-            return true;
-        if ((copy_ = static_cast<std::uint8_t *>(vel::sysMalloc(total))) == nullptr)
-            return false;
-        std::size_t at = 0;
-        for (const Borrowed &b : borrowed) {
-            if (!inside(b))
-                continue;
-            std::memcpy(copy_ + at, b.p, b.n);
-            b.p = copy_ + at;
-            at += b.n;
-        }
-        return true;
-    }
-
-private:
-    std::uint8_t *copy_ = nullptr;
-};
-
 /* Slow path of reserve(): grows c by exactly excess bytes at its end, after
  * keeping what is borrowed from the bytes that move. */
 [[gnu::noinline, gnu::cold]] std::uint8_t *growFor(_velClient_container *c, std::int64_t excess, KeptBytes &kept,
                                                   std::initializer_list<Borrowed> borrowed)
 {
-    if (excess > 0x7FFFFFF0 || !kept.keep(c, borrowed)) {
+    if (excess > 0x7FFFFFF0 || !kept.keep(c, borrowed)) { /* no memory for the copy: no room either */
         VEL_STORE(VELCLIENT_SUBCODE_INSUFFICIENT_SPACE, VELCLIENT_LOG_WARNING, "%s", kNoRoom);
         return nullptr;
     }

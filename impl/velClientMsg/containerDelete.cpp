@@ -8,6 +8,7 @@
  */
 #include <cstring>
 
+#include "velClientMsg/keptBytes.h"
 #include "velClientMsg/tlvCodec.h"
 #include "velClientMsg/velClientMsgPrivate.h"
 
@@ -140,6 +141,13 @@ bool sharedBytes(const _velClient_container *c)
 
 velClient_returnCode_t deleteByName(_velClient_container *c, const char *name_p)
 {
+    /* A name read from this map moves with the bytes it names: keep a copy. */
+    const void *name = name_p;
+    vel::KeptBytes kept;
+    if (!kept.keep(c, {vel::Borrowed{name, std::strlen(name_p) + 1}}))
+        return VEL_FAIL(VELCLIENT_SUBCODE_OUT_OF_MEMORY, VELCLIENT_LOG_ERROR,
+                        "Unable to allocate memory for the name in velClient_container_deleteField");
+    name_p = static_cast<const char *>(name);
     if (c->curRdPtr == nullptr) {
         /* Reading has not started: the cursor stands before the first field. */
         c->curRdPtr = c->firstFieldPtr;
