@@ -56,6 +56,28 @@ Bytes metadata(const Bytes &entries, std::uint8_t first = 0x01)
 
 } // namespace
 
+TEST(HeaderMap, APropertySetFromAnotherPropertysTextKeepsIt)
+{
+    /* Setting a property deletes its old entry first, which moves the
+     * entries after it; a value read from the same header map must be taken
+     * before that. */
+    velClient_msg_setMaxPoolMem(0);
+    veltest::Msg m;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setCorrelationId(m.h, "correlation-one"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setSenderId(m.h, "the-sender-of-it-all"));
+    const char *text = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getSenderId(m.h, &text));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setCorrelationId(m.h, text));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getCorrelationId(m.h, &text));
+    EXPECT_STREQ("the-sender-of-it-all", text);
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setSenderId(m.h, text)); /* its own text, too */
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getSenderId(m.h, &text));
+    EXPECT_STREQ("the-sender-of-it-all", text);
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setSenderId(m.h, nullptr));
+    EXPECT_EQ(VELCLIENT_SUBCODE_PARAM_NULL_PTR, veltest::lastSubCode());
+    velClient_msg_setMaxPoolMem(64ull << 20);
+}
+
 TEST(HeaderMap, AFreshMessageHasNoHeaderMap)
 {
     Msg m;

@@ -90,6 +90,20 @@ velClient_returnCode_t vel::hdr::openForWrite(_velClient_msg *msg)
                : VELCLIENT_FAIL;
 }
 
+bool vel::hdr::keepLent(_velClient_msg *msg, const char *&text, KeptBytes &kept)
+{
+    if (text == nullptr)
+        return true; /* the add refuses it */
+    const void *bytes = text;
+    if (!kept.keep(msg->hdrMap_p, {Borrowed{bytes, std::strlen(text) + 1}})) {
+        VEL_STORE(VELCLIENT_SUBCODE_OUT_OF_MEMORY, VELCLIENT_LOG_ERROR,
+                  "Unable to allocate memory for a header property's value");
+        return false;
+    }
+    text = static_cast<const char *>(bytes);
+    return true;
+}
+
 void vel::hdr::deleteUnlessNew(_velClient_msg *msg, const char *key, std::uint32_t ownMask)
 {
     if ((msg->internalFlags & (ownMask | _VELCLIENT_MSG_FLAG_NEW_HDR_MAP)) != _VELCLIENT_MSG_FLAG_NEW_HDR_MAP)
@@ -145,9 +159,10 @@ extern "C" velClient_returnCode_t _velClient_msgHeaderMap_setString(velClient_op
     if (string == nullptr)
         return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
                         "Null string pointer in _velClient_msgHeaderMap_setString");
-    return vel::hdr::set(msg, mapKey, addFlag, addFlag, [&](velClient_opaqueContainer_pt map) {
-        return velClient_container_addString(map, string, mapKey);
-    });
+    return vel::hdr::set(
+        msg, mapKey, addFlag, addFlag,
+        [&](velClient_opaqueContainer_pt map) { return velClient_container_addString(map, string, mapKey); },
+        &string);
 }
 
 extern "C" velClient_returnCode_t _velClient_msgHeaderMap_deleteString(velClient_opaqueMsg_pt msg_p,

@@ -106,19 +106,21 @@ velClient_returnCode_t getInt64(const HeaderProperty &row, velClient_opaqueMsg_p
 }
 
 template <typename Add>
-velClient_returnCode_t setProperty(const HeaderProperty &row, velClient_opaqueMsg_pt msg_p, Add add)
+velClient_returnCode_t setProperty(const HeaderProperty &row, velClient_opaqueMsg_pt msg_p, Add add,
+                                   const char **lent = nullptr)
 {
     _velClient_msg *msg = vel::msgOrFail(msg_p, row.badSetHandle);
     if (msg == nullptr)
         return VELCLIENT_FAIL;
-    return vel::hdr::set(msg, row.key, row.ownMask, row.ownBit, add);
+    return vel::hdr::set(msg, row.key, row.ownMask, row.ownBit, add, lent);
 }
 
 velClient_returnCode_t setString(const HeaderProperty &row, velClient_opaqueMsg_pt msg_p, const char *value)
 {
-    return setProperty(row, msg_p, [&](velClient_opaqueContainer_pt map) {
-        return velClient_container_addString(map, value, row.key);
-    });
+    return setProperty(
+        row, msg_p,
+        [&](velClient_opaqueContainer_pt map) { return velClient_container_addString(map, value, row.key); },
+        &value);
 }
 
 velClient_returnCode_t setInt64(const HeaderProperty &row, velClient_opaqueMsg_pt msg_p, velClient_int64_t value)

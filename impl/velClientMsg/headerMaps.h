@@ -5,6 +5,7 @@
  */
 #pragma once
 
+#include "velClientMsg/keptBytes.h"
 #include "velClientMsg/velClientMsgPrivate.h"
 
 /* Size of the metadata header this library writes; a reader also accepts the
@@ -74,10 +75,15 @@ namespace vel::hdr {
 /* The header map field key (read mode); NOT_FOUND / FAIL as the lookup says. */
 velClient_returnCode_t lookup(_velClient_msg *msg, const char *key, velClient_field_t &field);
 /* Adds a value under key, deleting an earlier one unless the map is new and
- * none of ownMask's bits is set; sets setBits on success. add writes the value. */
+ * none of ownMask's bits is set; sets setBits on success. add writes the value.
+ * *lent, when given, is the text add reads: one read from the header map
+ * itself is kept before the delete moves it. */
 template <typename Add>
 velClient_returnCode_t set(_velClient_msg *msg, const char *key, std::uint32_t ownMask, std::uint32_t setBits,
-                           Add add);
+                           Add add, const char **lent = nullptr);
+/* Points text at a copy when it lies in the open header map's bytes; false
+ * after recording the failure when there is no memory for the copy. */
+bool keepLent(_velClient_msg *msg, const char *&text, KeptBytes &kept);
 /* Deletes key (read mode: no map is OK) and clears clearBits. */
 velClient_returnCode_t remove(_velClient_msg *msg, const char *key, std::uint32_t clearBits);
 
@@ -89,9 +95,12 @@ void deleteUnlessNew(_velClient_msg *msg, const char *key, std::uint32_t ownMask
 
 template <typename Add>
 velClient_returnCode_t set(_velClient_msg *msg, const char *key, std::uint32_t ownMask, std::uint32_t setBits,
-                           Add add)
+                           Add add, const char **lent)
 {
     if (openForWrite(msg) != VELCLIENT_OK)
+        return VELCLIENT_FAIL;
+    KeptBytes kept;
+    if (lent != nullptr && !keepLent(msg, *lent, kept))
         return VELCLIENT_FAIL;
     deleteUnlessNew(msg, key, ownMask);
     velClient_returnCode_t rc = add(msg->hdrMap_p->opaqueContainer_p);
