@@ -56,7 +56,7 @@ Bytes metadata(const Bytes &entries, std::uint8_t first = 0x01)
 
 } // namespace
 
-TEST(HeaderMap, APropertySetFromAnotherPropertysTextKeepsIt)
+TEST(HeaderMap, APropertySetFromATextOfTheSameHeaderMapKeepsIt)
 {
     /* Setting a property deletes its old entry first, which moves the
      * entries after it; a value read from the same header map must be taken
@@ -73,6 +73,13 @@ TEST(HeaderMap, APropertySetFromAnotherPropertysTextKeepsIt)
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_setSenderId(m.h, text)); /* its own text, too */
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_getSenderId(m.h, &text));
     EXPECT_STREQ("the-sender-of-it-all", text);
+    velClient_destination_t replyTo{VELCLIENT_TOPIC_DESTINATION, "reply/to/this/topic"};
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setReplyTo(m.h, &replyTo, sizeof replyTo));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setApplicationMsgType(m.h, "a-type-set-after-it"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getReplyTo(m.h, &replyTo, sizeof replyTo));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setReplyTo(m.h, &replyTo, sizeof replyTo));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getReplyTo(m.h, &replyTo, sizeof replyTo));
+    EXPECT_STREQ("reply/to/this/topic", replyTo.dest);
     EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setSenderId(m.h, nullptr));
     EXPECT_EQ(VELCLIENT_SUBCODE_PARAM_NULL_PTR, veltest::lastSubCode());
     velClient_msg_setMaxPoolMem(64ull << 20);

@@ -21,12 +21,21 @@ namespace {
 
 constexpr const char *kReplyToKey = "rt";
 
+/* The text of a well-sized destination is lent to the header map setter, so
+ * that one read back from this message's header map is kept before the old
+ * entry goes; anything else reaches the add as it came, to be refused there. */
 velClient_returnCode_t setReplyTo(_velClient_msg *msg, const velClient_destination_t *dest_p, size_t destSize)
 {
-    return vel::hdr::set(msg, kReplyToKey, _VELCLIENT_MSG_FLAG_REPLY_TO, _VELCLIENT_MSG_FLAG_REPLY_TO,
-                         [&](velClient_opaqueContainer_pt map) {
-                             return velClient_container_addDestination(map, dest_p, destSize, kReplyToKey);
-                         });
+    const bool wellSized = dest_p != nullptr && destSize == sizeof(velClient_destination_t);
+    velClient_destination_t dest = wellSized ? *dest_p : velClient_destination_t{};
+    const char *text = dest.dest;
+    return vel::hdr::set(
+        msg, kReplyToKey, _VELCLIENT_MSG_FLAG_REPLY_TO, _VELCLIENT_MSG_FLAG_REPLY_TO,
+        [&](velClient_opaqueContainer_pt map) {
+            dest.dest = text;
+            return velClient_container_addDestination(map, wellSized ? &dest : dest_p, destSize, kReplyToKey);
+        },
+        &text);
 }
 
 } // namespace
