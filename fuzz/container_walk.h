@@ -133,6 +133,19 @@ inline std::string lookupAndNext(velClient_opaqueContainer_pt c, const char *nam
     return out;
 }
 
+/* The first entry's name, read afresh (nullptr when there is none). */
+inline const char *firstName(velClient_opaqueContainer_pt c)
+{
+    velClient_field_t f;
+    const char *name = nullptr;
+    velClient_container_rewind(c);
+    if (velClient_container_getNextField(c, &f, sizeof f, &name) != VELCLIENT_OK)
+        return nullptr;
+    if (f.type == VELCLIENT_MAP || f.type == VELCLIENT_STREAM)
+        velClient_container_closeMapStream(&f.value.map);
+    return name;
+}
+
 /* Lookups in map c and in a fresh map over a copy of its bytes agree. */
 inline void sameLookups(velClient_opaqueContainer_pt c)
 {
@@ -205,6 +218,12 @@ inline void walkContainer(const std::uint8_t *data, std::size_t size)
             velClient_container_addInt32(c, 1, "added"); /* growth into a new block */
             sameLookups(c);
             velClient_container_deleteField(c, "added");
+            sameLookups(c);
+            /* Names and values lent from the very map that grows or shrinks. */
+            if (const char *name = firstName(c))
+                velClient_container_addString(c, name, name);
+            if (const char *name = firstName(c))
+                velClient_container_deleteField(c, name);
             sameLookups(c);
             velClient_container_closeMapStream(&c);
         }
