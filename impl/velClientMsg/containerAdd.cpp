@@ -53,8 +53,15 @@ std::uint64_t nameFieldSize(std::uint64_t nameLen)
     return nameLen == 0 ? 0 : varFieldSize(nameLen);
 }
 
-/* Slow path of reserve(): grows c by exactly excess bytes at its end, after
- * keeping what is borrowed from the bytes that move. */
+/* Bytes missing at c's write position for needed more (0 or less: none). */
+inline std::int64_t shortOf(const _velClient_container *c, std::uint64_t needed)
+{
+    return static_cast<std::int64_t>(c->curWrPtr - c->maxWrPtr) + static_cast<std::int64_t>(needed);
+}
+
+/* Grows c by exactly excess bytes at its end, after keeping what is
+ * borrowed from the bytes that move; returns the write position, or nullptr
+ * after recording the failure (nothing changed). */
 [[gnu::noinline, gnu::cold]] std::uint8_t *growFor(_velClient_container *c, std::int64_t excess, KeptBytes &kept,
                                                   std::initializer_list<Borrowed> borrowed)
 {
@@ -65,19 +72,6 @@ std::uint64_t nameFieldSize(std::uint64_t nameLen)
     if (_velClient_container_growData(c, c->maxWrPtr, static_cast<std::int32_t>(excess), 0) != VELCLIENT_OK)
         return nullptr;
     return c->curWrPtr; /* growth may have moved the bytes */
-}
-
-/* Makes room for needed bytes at the write position; returns the write
- * position, or nullptr after recording the failure (nothing changed). The
- * borrowed bytes are read afterwards: growth first copies those it moves
- * into kept. */
-inline std::uint8_t *reserve(_velClient_container *c, std::uint64_t needed, KeptBytes &kept,
-                             std::initializer_list<Borrowed> borrowed)
-{
-    std::int64_t excess = static_cast<std::int64_t>(c->curWrPtr - c->maxWrPtr) + static_cast<std::int64_t>(needed);
-    if (excess > 0) [[unlikely]]
-        return growFor(c, excess, kept, borrowed);
-    return c->curWrPtr;
 }
 
 /* A change to a container in a message invalidates its cached wire image. */
@@ -92,43 +86,66 @@ std::uint8_t *writeName(std::uint8_t *p, const char *name, std::uint64_t nameLen
 {
     if (nameLen == 0)
         return p;
-    auto len = static_cast<std::uint32_t>(nameLen); /* reserve() bounded it */
+    auto len = static_cast<std::uint32_t>(nameLen); /* making room for it bounded it */
     std::uint8_t *v = writeVarHeader(p, TB_STRING, len);
     copyBytes(v, name, len);
     return v + len;
 }
-
-/* What an add with nothing borrowed for its value points its Borrowed at. */
-const void *kNothing = nullptr;
 
 inline velClient_returnCode_t acceptAll()
 {
     return VELCLIENT_OK;
 }
 
+/* The last steps of an add with room at p: the name field, write() for the
+ * value field, and the advance of curWrPtr. */
+template <typename Write>
+inline velClient_returnCode_t finishAdd(_velClient_container *c, std::uint8_t *p, const char *name,
+                                        std::uint64_t nameLen, std::uint64_t needed, Write &write)
+{
+    write(writeName(p, name, nameLen));
+    c->curWrPtr = p + needed;
+    markModified(c);
+    return VELCLIENT_OK;
+}
+
+/* An add that must grow c first: the name and *value (valueLen bytes, when
+ * value is given) are what the add reads of the caller's. */
+template <typename Write>
+[[gnu::noinline, gnu::cold]] velClient_returnCode_t addGrowing(_velClient_container *c, const char *name,
+                                                               std::uint64_t nameLen, std::uint64_t needed,
+                                                               std::int64_t excess, Write &write,
+                                                               const void **value, std::size_t valueLen)
+{
+    const void *nameBytes = name;
+    const void *none = nullptr;
+    KeptBytes kept;
+    std::uint8_t *p = growFor(c, excess, kept,
+                              {Borrowed{nameBytes, nameLen}, Borrowed{value != nullptr ? *value : none,
+                                                                      value != nullptr ? valueLen : 0}});
+    if (p == nullptr)
+        return VELCLIENT_FAIL;
+    return finishAdd(c, p, static_cast<const char *>(nameBytes), nameLen, needed, write);
+}
+
 /* The common frame of every add: the parameter check, then the add's own
  * check (which records its failure), room for the name field and valueSize
  * bytes, the name field, write() for the value field, and the advance of
- * curWrPtr. A failure at any step leaves the container as it was. value is
- * what write() reads of the caller's (nothing by default). */
+ * curWrPtr. A failure at any step leaves the container as it was. *value
+ * (valueLen bytes), when given, is the caller's variable that write() reads. */
 template <typename Check, typename Write>
 velClient_returnCode_t addField(velClient_opaqueContainer_pt handle, const char *name, std::uint64_t valueSize,
-                                Check check, Write write, Borrowed value = Borrowed{kNothing, 0})
+                                Check check, Write write, const void **value = nullptr, std::size_t valueLen = 0)
 {
     std::uint64_t nameLen = 0;
     _velClient_container *c = _velClient_container_paramCheck(handle, name, nameLen);
     if (c == nullptr || check() != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     std::uint64_t needed = nameFieldSize(nameLen) + valueSize;
-    const void *nameBytes = name;
-    KeptBytes kept;
-    std::uint8_t *p = reserve(c, needed, kept, {Borrowed{nameBytes, nameLen}, value});
-    if (p == nullptr)
-        return VELCLIENT_FAIL;
-    write(writeName(p, static_cast<const char *>(nameBytes), nameLen));
-    c->curWrPtr = p + needed;
-    markModified(c);
-    return VELCLIENT_OK;
+    std::int64_t excess = shortOf(c, needed);
+    if (excess > 0) [[unlikely]]
+        return addGrowing(c, name, nameLen, needed, excess, write, value, valueLen);
+    return finishAdd(c, c->curWrPtr, name, nameLen, needed, write);
 }
 
 /* ---- Scalars: one traits row per add ------------------------------------------ */
@@ -208,7 +225,7 @@ velClient_returnCode_t addVariable(velClient_opaqueContainer_pt handle, const ch
             if (len != 0)
                 copyBytes(v, value_p, len);
         },
-        Borrowed{value_p, len});
+        &value_p, len);
 }
 
 /* True when a and b are the same container or one contains the other. */
@@ -350,7 +367,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_addDestinati
             p[2] = kind;
             std::memcpy(p + 3, dest, destLen);
         },
-        Borrowed{dest, destLen});
+        &dest, destLen);
 }
 
 /* Copies the finalised bytes of another container (header included) as one
@@ -393,7 +410,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_addUnknownFi
     const void *bytes = field;
     return addField(
         opaqueCont_p, name, length, check, [&](std::uint8_t *p) { std::memcpy(p, bytes, length); },
-        Borrowed{bytes, length});
+        &bytes, length);
 }
 
 /* ---- Sub-containers opened in place ------------------------------------------ */
@@ -412,7 +429,8 @@ velClient_returnCode_t openSub(velClient_opaqueContainer_pt parentHandle, velCli
     std::uint64_t room = nameFieldSize(nameLen) + CONTAINER_HEADER_SIZE;
     const void *nameBytes = name;
     KeptBytes kept;
-    if (reserve(parent, room, kept, {Borrowed{nameBytes, nameLen}}) == nullptr)
+    const std::int64_t excess = shortOf(parent, room);
+    if (excess > 0 && growFor(parent, excess, kept, {Borrowed{nameBytes, nameLen}}) == nullptr)
         return VELCLIENT_FAIL;
     name = static_cast<const char *>(nameBytes);
     _velClient_container *child = nullptr;
