@@ -29,22 +29,25 @@ _velClient_msgPoolStats &shared() noexcept
     return _velClient_msgPool_s.msgPoolStats;
 }
 
-void spill(ThreadState &state) noexcept
+/* Applies op to each of a thread's record caches with the shared list it feeds. */
+template <typename Op>
+void eachCache(ThreadState &state, Op op) noexcept
 {
     _velClient_msgPool &pool = _velClient_msgPool_s;
-    state.msgs.spillAll(pool.freeMsgList);
-    state.containers.spillAll(pool.freeContainerList);
+    op(state.msgs, pool.freeMsgList);
+    op(state.containers, pool.freeContainerList);
     for (std::uint32_t q = 0; q < _VELCLIENT_NUM_QUANTA; ++q)
-        state.blocks[q].spillAll(pool.freeDbList[q]);
+        op(state.blocks[q], pool.freeDbList[q]);
+}
+
+void spill(ThreadState &state) noexcept
+{
+    eachCache(state, [](LocalStack &cache, _velClient_lifoHead &list) { cache.spillAll(list); });
 }
 
 void closeCaches(ThreadState &state) noexcept
 {
-    _velClient_msgPool &pool = _velClient_msgPool_s;
-    state.msgs.close(pool.freeMsgList);
-    state.containers.close(pool.freeContainerList);
-    for (std::uint32_t q = 0; q < _VELCLIENT_NUM_QUANTA; ++q)
-        state.blocks[q].close(pool.freeDbList[q]);
+    eachCache(state, [](LocalStack &cache, _velClient_lifoHead &list) { cache.close(list); });
 }
 
 /* Adds a thread's share into the shared record (other threads may be doing the same). */
