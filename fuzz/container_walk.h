@@ -104,30 +104,40 @@ inline std::string valueOf(const velClient_field_t &f)
                                             : std::string(reinterpret_cast<const char *>(f.value.bytearray), f.length);
     case VELCLIENT_DESTINATION:
         return f.value.dest.dest == nullptr ? std::string("(null)") : std::string(f.value.dest.dest);
-    case VELCLIENT_MAP:
-    case VELCLIENT_STREAM:
-    case VELCLIENT_UNKNOWN:
-        return std::string();
-    default:
-        return std::string(reinterpret_cast<const char *>(&f.value), sizeof f.value);
+    case VELCLIENT_BOOL:
+    case VELCLIENT_UINT8:
+    case VELCLIENT_INT8: return std::to_string(f.value.uint8);
+    case VELCLIENT_UINT16:
+    case VELCLIENT_INT16: return std::to_string(f.value.uint16);
+    case VELCLIENT_UINT32:
+    case VELCLIENT_INT32:
+    case VELCLIENT_WCHAR: return std::to_string(f.value.uint32);
+    case VELCLIENT_UINT64:
+    case VELCLIENT_INT64: return std::to_string(f.value.uint64);
+    case VELCLIENT_FLOAT: return std::string(reinterpret_cast<const char *>(&f.value.float32), sizeof(float));
+    case VELCLIENT_DOUBLE: return std::string(reinterpret_cast<const char *>(&f.value.float64), sizeof(double));
+    default: return std::string(); /* map, stream, null, unknown: type and length say it all */
     }
 }
 
 /* One lookup and the read after it, as text: what two containers over equal
- * bytes must both answer. */
+ * bytes must both answer. The text grows in place, part by part (a chain of
+ * "x" + std::string temporaries makes GCC 12 at -O3 report a memcpy overlap
+ * that cannot happen). */
 inline std::string lookupAndNext(velClient_opaqueContainer_pt c, const char *name)
 {
     velClient_field_t f{};
     velClient_returnCode_t rc = velClient_container_getField(c, &f, sizeof f, name);
     std::string out = std::to_string(rc);
     if (rc == VELCLIENT_OK) {
-        out += "/" + std::to_string(f.type) + "/" + std::to_string(f.length) + "/" + valueOf(f);
+        for (const std::string &part : {std::to_string(f.type), std::to_string(f.length), valueOf(f)})
+            out.append(1, '/').append(part);
         if (f.type == VELCLIENT_MAP || f.type == VELCLIENT_STREAM)
             velClient_container_closeMapStream(&f.value.map);
     }
     const char *next = nullptr;
     rc = velClient_container_getNextField(c, &f, sizeof f, &next);
-    out += "|" + std::to_string(rc) + (next != nullptr ? next : "(none)");
+    out.append(1, '|').append(std::to_string(rc)).append(next != nullptr ? next : "(none)");
     if (rc == VELCLIENT_OK && (f.type == VELCLIENT_MAP || f.type == VELCLIENT_STREAM))
         velClient_container_closeMapStream(&f.value.map);
     return out;

@@ -263,10 +263,13 @@ std::uint8_t *skipOtherEntries(_velClient_container *c, std::uint8_t *pos, const
     return pos;
 }
 
-/* Scans the entries not yet remembered for the first keyed name. */
+/* Scans the entries not yet remembered for the first keyed name. Entries
+ * decoded on the way go to a scratch field: the caller's field is written
+ * only with the entry found. */
 velClient_returnCode_t scanFor(_velClient_container *c, const char *name, std::size_t nameSize,
                                velClient_field_t *field_p)
 {
+    velClient_field_t scratch{};
     if (c->checkedEnd > static_cast<std::uint64_t>(c->curWrPtr - c->firstFieldPtr))
         forgetCheckedEntries(c);
     for (std::uint8_t *pos = c->firstFieldPtr + c->checkedEnd;; pos = c->curRdPtr + c->curFieldLength) {
@@ -278,11 +281,13 @@ velClient_returnCode_t scanFor(_velClient_container *c, const char *name, std::s
             return VELCLIENT_NOT_FOUND;
         }
         const char *key = nullptr;
-        if (readEntryAt(c, pos, field_p, &key) != VELCLIENT_OK)
+        if (readEntryAt(c, pos, &scratch, &key) != VELCLIENT_OK)
             return VELCLIENT_FAIL;
         noteChecked(c, pos, c->curFieldLength);
-        if (keyIs(pos, c->curWrPtr - pos, name, nameSize))
+        if (keyIs(pos, c->curWrPtr - pos, name, nameSize)) {
+            *field_p = scratch;
             return VELCLIENT_OK;
+        }
     }
 }
 

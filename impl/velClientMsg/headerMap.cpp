@@ -202,3 +202,47 @@ velClient_returnCode_t _velClient_msg_beginSetSequenceNumber(_velClient_msg *msg
                          _VELCLIENT_MSG_FLAG_SEQUENCE_NUMBER_AUTO;
     return VELCLIENT_OK;
 }
+
+namespace {
+
+/* The written bytes of the header map: the open container's entries, else
+ * those of the map held in part 10 behind its entry key. */
+bool headerMapEntries(const _velClient_msg *msg, const std::uint8_t *&first, const std::uint8_t *&end)
+{
+    if (const _velClient_container *map = msg->hdrMap_p) {
+        first = map->firstFieldPtr;
+        end = map->curWrPtr;
+        return true;
+    }
+    const velClient_bufInfo_t &part = msg->bufInfo_a[_VELCLIENT_BUFINFO_HDR_MAP_PART];
+    const auto *bytes = static_cast<const std::uint8_t *>(part.buf_p);
+    constexpr std::uint32_t kHeader = VEL_MAP_ENTRY_KEY_SIZE + vel::tlv::CONTAINER_HEADER_SIZE;
+    if (bytes == nullptr || part.bufSize < kHeader || bytes[VEL_MAP_ENTRY_KEY_SIZE] != vel::tlv::TB_MAP)
+        return false;
+    first = bytes + kHeader;
+    end = bytes + part.bufSize;
+    return true;
+}
+
+} // namespace
+
+std::uint8_t *_velClient_msg_sequenceNumberSlot(_velClient_msg *msg)
+{
+    const std::uint8_t *pos = nullptr, *end = nullptr;
+    if (!headerMapEntries(msg, pos, end))
+        return nullptr;
+    while (pos < end) {
+        velClient_field_t key{}, value{};
+        const std::int64_t keyLen = _velClient_tlv_decodeField(pos, end, &key);
+        if (keyLen <= 0 || key.type != VELCLIENT_STRING || pos + keyLen >= end)
+            return nullptr;
+        const std::uint8_t *v = pos + keyLen;
+        const std::int64_t valueLen = _velClient_tlv_decodeField(v, end, &value);
+        if (valueLen <= 0)
+            return nullptr;
+        if (std::strcmp(key.value.string, "sn") == 0)
+            return v[0] == vel::tlv::TB_INT && valueLen == 10 ? const_cast<std::uint8_t *>(v) + 2 : nullptr;
+        pos = v + valueLen;
+    }
+    return nullptr;
+}

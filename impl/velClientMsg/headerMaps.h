@@ -47,6 +47,11 @@ extern "C" velClient_returnCode_t _velClient_createBinaryMeta(velClient_opaqueMs
 velClient_returnCode_t _velClient_msg_beginSetSequenceNumber(_velClient_msg *msg, std::uint64_t **seqNumPtr,
                                                              std::uint64_t seqNum);
 
+/* The 8 value bytes of the header map's "sn" entry in its fixed form, found
+ * afresh in the map's current bytes (an earlier address may be stale once the
+ * map grew, moved or lost an entry before it); nullptr when there is none. */
+std::uint8_t *_velClient_msg_sequenceNumberSlot(_velClient_msg *msg);
+
 /* Writes the record's expirationTime into "ex" (send path). */
 velClient_returnCode_t _velClient_msg_setMessageExpiration(_velClient_msg *msg);
 

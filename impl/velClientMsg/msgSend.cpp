@@ -17,9 +17,9 @@ std::int64_t nowMs()
 }
 
 /* Adds what the session generates and the application did not set itself;
- * *seqNumPtr points at the sequence number placeholder when one is added. */
+ * *reserved tells whether a sequence number placeholder was added. */
 velClient_returnCode_t addGenerated(_velClient_session *s, _velClient_msg *msg, velClient_opaqueMsg_pt msg_p,
-                                    std::uint64_t **seqNumPtr)
+                                    bool *reserved)
 {
     if (s->genSendTimestamps && !(msg->internalFlags & _VELCLIENT_MSG_FLAG_SENDER_TIMESTAMP)) {
         if (velClient_msg_setSenderTimestamp(msg_p, nowMs()) != VELCLIENT_OK)
@@ -32,8 +32,11 @@ velClient_returnCode_t addGenerated(_velClient_session *s, _velClient_msg *msg, 
             return VELCLIENT_FAIL;
         msg->internalFlags = (msg->internalFlags & ~_VELCLIENT_MSG_FLAG_SENDER_ID) | _VELCLIENT_MSG_FLAG_SENDER_ID_AUTO;
     }
-    if (s->genSequenceNumber && !(msg->internalFlags & _VELCLIENT_MSG_FLAG_SEQUENCE_NUMBER))
-        return _velClient_msg_beginSetSequenceNumber(msg, seqNumPtr, s->sendSeqNum);
+    if (s->genSequenceNumber && !(msg->internalFlags & _VELCLIENT_MSG_FLAG_SEQUENCE_NUMBER)) {
+        std::uint64_t *placeholder = nullptr;
+        *reserved = true;
+        return _velClient_msg_beginSetSequenceNumber(msg, &placeholder, s->sendSeqNum);
+    }
     return VELCLIENT_OK;
 }
 
@@ -48,8 +51,8 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_session_sendMsg(velCli
     _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer (%p) in velClient_session_sendMsg");
     if (msg == nullptr)
         return VELCLIENT_FAIL;
-    std::uint64_t *seqNumPtr = nullptr;
-    if (s->autoGenForSendEnabled && addGenerated(s, msg, msg_p, &seqNumPtr) != VELCLIENT_OK)
+    bool reserved = false;
+    if (s->autoGenForSendEnabled && addGenerated(s, msg, msg_p, &reserved) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     if (msg->timeToLive != 0)
         msg->expirationTime = s->calcMessageExpiration ? static_cast<std::uint64_t>(nowMs()) + msg->timeToLive : 0;
@@ -57,7 +60,15 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_session_sendMsg(velCli
         return VELCLIENT_FAIL;
     if (_velClient_msg_needsBinaryMeta(msg) && _velClient_msg_buildBinaryMeta(msg) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
+    /* The expiration and the metadata build may have moved the header map's
+     * bytes since the placeholder was reserved: its address is taken only
+     * now, under the lock, when nothing else changes the message before the
+     * bytes go out. */
     std::lock_guard<std::recursive_mutex> lock(s->mutex);
+    std::uint64_t *seqNumPtr = nullptr;
+    if (reserved && (seqNumPtr = reinterpret_cast<std::uint64_t *>(_velClient_msg_sequenceNumberSlot(msg))) == nullptr)
+        return VEL_FAIL(VELCLIENT_SUBCODE_INTERNAL_ERROR, VELCLIENT_LOG_ERROR,
+                        "Sequence number placeholder lost in velClient_session_sendMsg");
     return _velClient_session_fastSend(s, msg->bufInfo_a, _VELCLIENT_BUFINFO_NUM_PARTS, msg->msgInfo.flags,
                                        seqNumPtr, msg);
 }
