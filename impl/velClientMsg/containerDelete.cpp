@@ -1,8 +1,9 @@
 /*
  * containerDelete.cpp - removing every entry of a given name from a map.
  * The bytes after an entry move down over it and the open children behind it
- * are re-based; a child opened on the removed value is closed first (except
- * on the map's last entry, where it is deliberately left open); a shared
+ * are re-based; a child opened on the removed value is closed first (on the
+ * map's last entry too: left open, it would write into room the map takes
+ * back); a shared
  * (read-only) map is first given bytes of its own. The walk never reads at or
  * past the map's write position.
  */
@@ -76,8 +77,11 @@ _velClient_container *childAt(const _velClient_container *c, const std::uint8_t 
     return nullptr;
 }
 
-/* Closes the open child on a removed entry's value. Closing hands the child's
- * unused room back, which shrinks the entry, so it is decoded again. */
+/* Closes the open child on a removed entry's value, the map's last entry
+ * included: a child left open there would keep writing into room the map
+ * takes back. Closing hands the child's unused room back, which shrinks the
+ * entry and may move the map's bytes, so the entry is found again at its
+ * offset and decoded again. */
 bool closeChildOn(_velClient_container *c, Entry &e)
 {
     _velClient_container *child = childAt(c, e.value());
@@ -85,18 +89,19 @@ bool closeChildOn(_velClient_container *c, Entry &e)
         return true;
     VEL_LOG(VELCLIENT_LOG_INFO, "subcontainer %d closed due to field deletion",
             static_cast<int>(reinterpret_cast<std::uintptr_t>(child->opaqueContainer_p)));
+    const std::ptrdiff_t at = e.at - c->startPtr;
     /* Forced: whoever else holds it, its bytes are about to go. */
     if (_velClient_container_closeMapStream(&child, true, true, false) != VELCLIENT_OK)
         return false;
-    return readEntry(e.at, c->curWrPtr, e);
+    return readEntry(c->startPtr + at, c->curWrPtr, e);
 }
 
 /* Removes entry e (which ends before or at curWrPtr) from c. */
 bool removeEntry(_velClient_container *c, Entry &e)
 {
+    if (!closeChildOn(c, e))
+        return false;
     if (e.at + e.size < c->curWrPtr) {
-        if (!closeChildOn(c, e))
-            return false;
         std::uint8_t *after = e.at + e.size;
         std::memmove(e.at, after, static_cast<std::size_t>(c->curWrPtr - after));
         for (_velClient_container *k = c->child_p; k != nullptr; k = k->sib_p)
