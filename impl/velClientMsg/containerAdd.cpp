@@ -5,6 +5,7 @@
  * destinations, copies of whole containers, and sub-containers opened in
  * place for writing.
  */
+#include <cassert>
 #include <cstring>
 #include <type_traits>
 
@@ -453,6 +454,7 @@ velClient_returnCode_t openSub(velClient_opaqueContainer_pt parentHandle, velCli
     parent->curWrPtr = parent->maxWrPtr;
     markModified(parent);
     *sub_p = child->opaqueContainer_p;
+    assert(_velClient_container_treeIsSound(child));
     return VELCLIENT_OK;
 }
 

@@ -4,6 +4,8 @@
  * final length into the header and into the message part, making a
  * container read-only for sharing, and returning the record to the pool.
  */
+#include <cassert>
+
 #include "velClientMsg/tlvCodec.h"
 #include "velClientMsg/velClientMsgPrivate.h"
 
@@ -125,9 +127,13 @@ velClient_returnCode_t _velClient_container_closeMapStream(_velClient_container 
     }
     if (close) {
         /* container_p may be the message's own pointer, which detach clears. */
+        _velClient_container *parent = c->parent_p;
         detach(c);
         _velClient_container_free(&c);
         *container_p = nullptr;
+        assert(_velClient_container_treeIsSound(parent));
+    } else {
+        assert(_velClient_container_treeIsSound(c));
     }
     return rc;
 }

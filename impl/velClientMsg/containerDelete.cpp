@@ -7,6 +7,7 @@
  * (read-only) map is first given bytes of its own. The walk never reads at or
  * past the map's write position.
  */
+#include <cassert>
 #include <cstring>
 
 #include "velClientMsg/keptBytes.h"
@@ -174,6 +175,7 @@ velClient_returnCode_t deleteByName(_velClient_container *c, const char *name_p)
             return VELCLIENT_FAIL;
         pos = e.at; /* the next entry now starts where this one did */
     }
+    assert(_velClient_container_treeIsSound(c));
     return VELCLIENT_OK;
 }
 

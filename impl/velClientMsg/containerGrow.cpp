@@ -10,6 +10,7 @@
  * from the new positions, so a re-base never moves a container twice.
  */
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 
 #include "velClientMsg/poolThreadState.h"
@@ -160,6 +161,7 @@ velClient_returnCode_t _velClient_container_growData(_velClient_container *c, st
     Move m{root->startPtr, newStart, w, n};
     rebaseTree(root, c, m, adjWrPtr, inPlace, newEnd);
     fixOffsetsAndLengths(root, c);
+    assert(_velClient_container_treeIsSound(root));
     return VELCLIENT_OK;
 }
 

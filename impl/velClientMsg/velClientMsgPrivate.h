@@ -260,6 +260,12 @@ void _velClient_modContainerPtrs(_velClient_container *cont_p, std::uint8_t *sta
 velClient_returnCode_t _velClient_container_getSubContainer(_velClient_container *parent, std::uint8_t *start_p,
                                                             _velClient_container **child_p);
 
+/* True when the tree around c holds together: every container's positions
+ * in order, every child inside its parent's written bytes, at its recorded
+ * offset and clear of its siblings, an open child's header declaring its
+ * reserved extent, the outermost container inside its part. For assert only. */
+bool _velClient_container_treeIsSound(const _velClient_container *c);
+
 /* ==================================================================== */
 /* Reading                                                               */
 /* ==================================================================== */
