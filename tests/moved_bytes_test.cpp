@@ -117,3 +117,33 @@ TEST(MovedBytes, DeletingTheEntryOfAnOpenSubMapClosesIt)
     }
     before.expectBalanced();
 }
+
+/* A container that lives in another message's data block is copied even by
+ * the by-reference setter: that block moves when the container grows and
+ * goes when its message is freed. */
+TEST(MovedBytes, AnAttachmentSetByReferenceFromAnotherMessagesContainerKeepsItsBytes)
+{
+    veltest::Msg a;
+    std::vector<std::uint8_t> wire;
+    {
+        veltest::Msg b;
+        velClient_opaqueContainer_pt map = nullptr;
+        ASSERT_EQ(VELCLIENT_OK, velClient_msg_createBinaryAttachmentMap(b.h, &map, 16));
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(map, 42, "x"));
+        ASSERT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachmentContainerPtr(a.h, map));
+        for (int i = 0; i < 64; ++i) /* grows b's map into new blocks, freeing the old ones */
+            ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt64(map, i, "y"));
+    }
+    wire = veltest::encode(a.h);
+    velClient_bufInfo_t in{wire.data(), static_cast<velClient_uint32_t>(wire.size())};
+    velClient_opaqueMsg_pt back = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_decodeFromVwf(&in, &back));
+    veltest::Msg received(back);
+    velClient_opaqueContainer_pt map = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getBinaryAttachmentMap(received.h, &map));
+    EXPECT_EQ((std::vector<std::string>{"x"}), veltest::names(map));
+    velClient_int32_t x = 0;
+    EXPECT_EQ(VELCLIENT_OK, velClient_container_getInt32(map, &x, "x"));
+    EXPECT_EQ(42, x);
+    velClient_container_closeMapStream(&map);
+}

@@ -40,6 +40,9 @@ velClient_returnCode_t _velClient_msg_setPartFromContainer(_velClient_msg *msg, 
         return VELCLIENT_FAIL;
     std::uint8_t *bytes = cont->startPtr;
     auto len = static_cast<std::uint32_t>(cont->curWrPtr - cont->startPtr);
+    /* Only the application's own memory is referred to: a data block of a
+     * message moves when its container grows and goes when it is freed. */
+    byReference = byReference && cont->msg_b == nullptr;
     /* A container inside the part being replaced dies with the open container:
      * keep its bytes in a block of their own first. */
     _velClient_datab *kept = nullptr;
