@@ -7,9 +7,12 @@
  */
 #include "api_walk.h"
 
+/* VELFUZZ_DEFAULT_CLASSES set: the default classes and pool instead, to see whether a finding needs the
+ * tiny ones. */
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
-    velClient_initialize(VELCLIENT_LOG_EMERGENCY, velfuzz::tinyClasses);
+    bool defaults = std::getenv("VELFUZZ_DEFAULT_CLASSES") != nullptr;
+    velClient_initialize(VELCLIENT_LOG_EMERGENCY, defaults ? nullptr : velfuzz::tinyClasses);
     velClient_log_setFilterLevel(VELCLIENT_LOG_CATEGORY_ALL, VELCLIENT_LOG_EMERGENCY);
     return 0;
 }
