@@ -10,7 +10,7 @@ seconds="${1:-60}"
 shift || true
 bash scripts/deps.sh
 CC=clang CXX=clang++ cmake -S . -B build/fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVELCLIENT_BUILD_FUZZ=ON \
-  -DVELCLIENT_BUILD_TESTS=OFF -DVELCLIENT_BUILD_EXAMPLES=OFF -DVELCLIENT_BUILD_TOOLS=OFF -DVELCLIENT_WERROR=OFF \
+  -DBUILD_TESTING=OFF -DVELCLIENT_BUILD_EXAMPLES=OFF -DVELCLIENT_BUILD_TOOLS=OFF -DVELCLIENT_WERROR=OFF \
   -DCMAKE_CXX_FLAGS="-fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer" >/dev/null
 cmake --build build/fuzz -j"$(nproc)"
 targets=("$@")
