@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer targets with clang (library and targets under
-# AddressSanitizer + UndefinedBehaviorSanitizer) and runs each for a while.
+# AddressSanitizer + UndefinedBehaviorSanitizer, with the library's internal
+# assertions on) and runs each for a while.
 # Usage: scripts/fuzz.sh [seconds per target, default 60] [target ...]
 # Prints each target's executions and whether it found anything; exits
 # non-zero on a finding (the crashing input is left in build/fuzz/findings/).
@@ -11,7 +12,8 @@ shift || true
 bash scripts/deps.sh
 CC=clang CXX=clang++ cmake -S . -B build/fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVELCLIENT_BUILD_FUZZ=ON \
   -DBUILD_TESTING=OFF -DVELCLIENT_BUILD_EXAMPLES=OFF -DVELCLIENT_BUILD_TOOLS=OFF -DVELCLIENT_WERROR=OFF \
-  -DCMAKE_CXX_FLAGS="-fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer" >/dev/null
+  -DCMAKE_CXX_FLAGS="-fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer" \
+  -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O2 -g" >/dev/null
 cmake --build build/fuzz -j"$(nproc)"
 targets=("$@")
 if [ ${#targets[@]} -eq 0 ]; then

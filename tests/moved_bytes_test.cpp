@@ -147,3 +147,32 @@ TEST(MovedBytes, AnAttachmentSetByReferenceFromAnotherMessagesContainerKeepsItsB
     EXPECT_EQ(42, x);
     velClient_container_closeMapStream(&map);
 }
+
+/* A part that refers to the application's memory is never written into: a
+ * delete in the container read from it copies the bytes first, so a
+ * container the application still has open on that memory keeps them. */
+TEST(MovedBytes, ADeleteInAnAttachmentThatRefersToApplicationMemoryCopiesFirst)
+{
+    const veltest::LiveCounts before;
+    {
+        char mem[200];
+        velClient_opaqueContainer_pt own = nullptr, sub = nullptr, read = nullptr;
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_createMap(&own, mem, sizeof mem));
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_addUint16(own, 513, "a"));
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_openSubMap(own, &sub, "b"));
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt8(sub, -1, "a"));
+        veltest::Msg m;
+        ASSERT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachmentContainerPtr(m.h, own));
+        ASSERT_EQ(VELCLIENT_OK, velClient_msg_getBinaryAttachmentMap(m.h, &read));
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_deleteField(read, "a"));
+        EXPECT_EQ((std::vector<std::string>{"b"}), veltest::names(read));
+        EXPECT_EQ((std::vector<std::string>{"a", "b"}), veltest::names(own));
+        velClient_int8_t a = 0;
+        EXPECT_EQ(VELCLIENT_OK, velClient_container_getInt8(sub, &a, "a"));
+        EXPECT_EQ(-1, a);
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&sub));
+        velClient_container_closeMapStream(&read);
+        velClient_container_closeMapStream(&own);
+    }
+    before.expectBalanced();
+}

@@ -218,7 +218,9 @@ velClient_returnCode_t _velClient_msg_getField(_velClient_msg *msg, int part, ve
     c->offset = offset;
     c->msg_b = msg;
     c->bufInfoIndex = static_cast<velClient_bufInfo_index_t>(part);
-    c->copyOnModify = (msg->internalFlags & mark) != 0;
+    /* Bytes shared with another message, or the application's own memory
+     * that the part refers to, are copied before they are first changed. */
+    c->copyOnModify = (msg->internalFlags & mark) != 0 || msg->bufDatab_p[part] == nullptr;
     field_p->type = type == VELCLIENT_CONTAINER_MAP ? VELCLIENT_MAP : VELCLIENT_STREAM;
     field_p->value.map = c->opaqueContainer_p;
     return VELCLIENT_OK;
