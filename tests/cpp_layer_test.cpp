@@ -1,7 +1,13 @@
 /* The C++ layer: typed adds and getters through the conversion rules, fields
  * as variants, owners that give back what they hold, errors as exceptions
  * and as codes, wire bytes equal to the C API's, sessions. */
+#include <optional>
 #include <string>
+#include <string_view>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+#include <variant>
 #include <vector>
 
 #include "support/velTestSupport.h"
@@ -14,7 +20,136 @@ namespace {
 
 using Live = veltest::LiveCounts;
 
+/* A value as gtest compares it: bytes and containers as their bytes, text as a string. */
+template <class T> auto canon(const T &v)
+{
+    if constexpr (std::is_base_of_v<vc::Bytes, T>)
+        return v.to_vector();
+    else if constexpr (std::is_base_of_v<vc::Container, T>)
+        return v.bytes().to_vector();
+    else if constexpr (std::is_convertible_v<const T &, std::string_view>)
+        return std::string(v);
+    else
+        return v;
+}
+template <class T> using Canon = decltype(canon(std::declval<const T &>()));
+
+/* One field type of the layer: the value added, the C++ type it is read back
+ * as (get, try_get, next, try_next) with the value that must come back, and
+ * the variant alternative iteration must give with its value. */
+template <class AddedT, class ReadT, class AltT> struct Row {
+    using Read = ReadT;
+    using Alt = AltT;
+    const char *name;
+    AddedT added;
+    Canon<ReadT> read;
+    Canon<AltT> alt;
+};
+template <class Read, class Alt = Read, class Added>
+Row<Added, Read, Alt> row(const char *name, Added added, Canon<Read> read, Canon<Alt> alt)
+{
+    return {name, std::move(added), std::move(read), std::move(alt)};
+}
+/* A value that reads back as it went in, as its own type. */
+template <class T> Row<T, T, T> same(const char *name, T value)
+{
+    Canon<T> c = canon(value);
+    return {name, std::move(value), c, c};
+}
+
+/* Adds every row to c (a map by name, a stream in order), reads each back with
+ * the typed getters and then by iteration, and checks what comes back. */
+template <class C, class Rows> void addAndReadBack(C &c, const Rows &rows)
+{
+    constexpr bool isMap = std::is_same_v<C, vc::Map>;
+    auto each = [&rows](auto &&f) { std::apply([&f](const auto &...r) { (f(r), ...); }, rows); };
+    each([&c](const auto &r) { static_cast<vc::Container &>(c).add(r.added, isMap ? r.name : nullptr); });
+
+    for (bool viaTry : {false, true}) {
+        c.rewind();
+        each([&c, viaTry](const auto &r) {
+            using Read = typename std::decay_t<decltype(r)>::Read;
+            if constexpr (!std::is_same_v<Read, vc::Unknown>) { /* no typed getter: iteration only */
+                std::optional<Read> got;
+                if (viaTry) {
+                    Read out{};
+                    vc::ReturnCode rc;
+                    if constexpr (isMap)
+                        rc = c.try_get(r.name, out);
+                    else
+                        rc = c.try_next(out);
+                    ASSERT_EQ(VELCLIENT_OK, rc) << r.name;
+                    got = std::move(out);
+                } else if constexpr (isMap) {
+                    got = c.template get<Read>(r.name);
+                } else {
+                    got = c.template next<Read>();
+                }
+                ASSERT_TRUE(got.has_value()) << r.name;
+                EXPECT_EQ(r.read, canon(*got)) << r.name << (viaTry ? " (try)" : "");
+            }
+        });
+    }
+
+    std::vector<vc::Field> fields;
+    for (vc::Field &f : c)
+        fields.push_back(std::move(f));
+    ASSERT_EQ(std::tuple_size_v<Rows>, fields.size());
+    auto field = fields.begin();
+    each([&field](const auto &r) {
+        using Alt = typename std::decay_t<decltype(r)>::Alt;
+        const vc::Field &f = *field++;
+        EXPECT_EQ(std::string_view(isMap ? r.name : ""), f.name);
+        const Alt *value = std::get_if<Alt>(&f.value);
+        ASSERT_NE(nullptr, value) << r.name << " came back as alternative " << f.value.index();
+        EXPECT_EQ(r.alt, canon(*value)) << r.name;
+    });
+}
+
 } // namespace
+
+TEST(CppLayer, EveryFieldTypeReadsBackAsAddedInAMapAndAStream)
+{
+    Live live;
+    {
+        const std::uint8_t raw[] = {0, 1, 0xFE, 0xFF};
+        /* A boolean's type byte with a 2-byte length: no type this build knows. */
+        const std::uint8_t unknownField[] = {0x05, 0x00, 0x04, 0x01};
+        vc::Message msg = vc::Message::create();
+        msg.set_topic("nested/vwf");
+        const std::vector<std::uint8_t> wire = msg.to_wire();
+        char innerMapMem[64], innerStreamMem[64];
+        vc::Map innerMap = vc::Map::create_in(innerMapMem, sizeof innerMapMem);
+        innerMap.add(std::int32_t{7}, "seven");
+        vc::Stream innerStream = vc::Stream::create_in(innerStreamMem, sizeof innerStreamMem);
+        innerStream.add("one");
+        innerStream.add(2.0);
+
+        const auto rows = std::make_tuple(
+            same("bool", true), same("u8", std::uint8_t{200}), same("i8", std::int8_t{-100}),
+            same("u16", std::uint16_t{60000}), same("i16", std::int16_t{-30000}),
+            same("u32", std::uint32_t{4000000000u}), same("i32", std::int32_t{-2000000000}),
+            same("u64", std::uint64_t{18000000000000000000u}), same("i64", std::int64_t{-(std::int64_t{1} << 40)}),
+            row<long long, std::int64_t>("long long", -7LL, -7LL, -7),
+            row<char, vc::Wchar>("char", 'x', 'x', vc::Wchar{'x'}), /* a char is stored as a wide character */
+            same("wchar", vc::Wchar{0x263A}), same("float", 1.5f), same("double", -0.25), same("null", vc::Null{}),
+            row<std::string, std::string_view>("literal", "text", "text", "text"),
+            row<std::string, std::string_view>("string", std::string("a string"), "a string", "a string"),
+            row<std::string_view>("view", std::string_view("view, not NUL-terminated", 4), "view", "view"),
+            row<vc::Bytes>("vector", std::vector<std::uint8_t>{9, 8, 7}, {9, 8, 7}, {9, 8, 7}),
+            same("bytes", vc::Bytes{raw, sizeof raw}), same("vwf", vc::Vwf{{wire.data(), wire.size()}}),
+            same("dest", vc::Destination::queue("orders")), same("map", std::move(innerMap)),
+            same("stream", std::move(innerStream)),
+            same("unknown", vc::Unknown{{unknownField, sizeof unknownField}})); /* last: no typed getter */
+
+        char mapMem[1024], streamMem[1024];
+        vc::Map map = vc::Map::create_in(mapMem, sizeof mapMem);
+        addAndReadBack(map, rows);
+        vc::Stream stream = vc::Stream::create_in(streamMem, sizeof streamMem);
+        addAndReadBack(stream, rows);
+    }
+    live.expectBalanced(); /* every nested map and stream read back was closed by its owner */
+}
 
 TEST(CppLayer, TypedAddsReadBackThroughConversionRules)
 {

@@ -174,7 +174,8 @@ struct Bytes {
     std::size_t size = 0;
     std::vector<std::uint8_t> to_vector() const { return {data, data + size}; }
 };
-/* A wire-format image held in a field, and a field of a type this build does not know. */
+/* A wire-format image held in a field, and a whole field (type byte, length and value) of a type this
+ * build does not know, which add() passes through unchanged. */
 struct Vwf : Bytes {};
 struct Unknown : Bytes {};
 
@@ -236,10 +237,7 @@ public:
     ReturnCode try_add_null(const char *name) noexcept { return velClient_container_addNull(h_, name); }
     ReturnCode try_add_bytes(const void *p, std::size_t n, const char *name) noexcept
     {
-        if (n > UINT32_MAX)
-            return VELCLIENT_FAIL; /* longer than any field can hold */
-        return velClient_container_addByteArray(h_, static_cast<const velClient_uint8_t *>(p),
-                                                static_cast<velClient_uint32_t>(n), name);
+        return addSized(velClient_container_addByteArray, p, n, name);
     }
     void add_null(const char *name) { detail::check(try_add_null(name)); }
     void add_bytes(const void *p, std::size_t n, const char *name) { detail::check(try_add_bytes(p, n, name)); }
@@ -255,6 +253,13 @@ public:
     inline FieldIterator end() noexcept;
 
 protected:
+    /* f(container, bytes, length, name) for the byte-carrying adds. */
+    template <class F> ReturnCode addSized(F f, const void *p, std::size_t n, const char *name) noexcept
+    {
+        if (n > UINT32_MAX)
+            return VELCLIENT_FAIL; /* longer than any field can hold */
+        return f(h_, static_cast<const velClient_uint8_t *>(p), static_cast<velClient_uint32_t>(n), name);
+    }
     /* The typed read that every getter shares: OK, NOT_FOUND or EOS, FAIL throws. */
     template <class T> ReturnCode try_read(T &out, const char *name) noexcept;
     template <class T> std::optional<T> read(const char *name)
@@ -382,7 +387,10 @@ template <class T> ReturnCode Container::try_add(const T &v, const char *name) n
             return VELCLIENT_FAIL;
         }
     } else if constexpr (std::is_same_v<T, Vwf>) {
-        return velClient_container_addVwf(h_, v.data, static_cast<velClient_uint32_t>(v.size), name);
+        return addSized(velClient_container_addVwf, v.data, v.size, name);
+    } else if constexpr (std::is_same_v<T, Unknown>) {
+        /* The whole field as iteration gave it (type byte, length, value), passed through verbatim. */
+        return addSized(velClient_container_addUnknownField, v.data, v.size, name);
     } else if constexpr (std::is_base_of_v<Bytes, T>) {
         return try_add_bytes(v.data, v.size, name);
     } else if constexpr (std::is_same_v<T, std::vector<std::uint8_t>>) {
@@ -442,16 +450,11 @@ template <class T> ReturnCode Container::try_read(T &out, const char *name) noex
             }
         }
         return rc;
-    } else if constexpr (std::is_same_v<T, Bytes>) {
-        velClient_uint8_t *p = nullptr;
+    } else if constexpr (std::is_same_v<T, Bytes> || std::is_same_v<T, Vwf>) {
+        const velClient_uint8_t *p = nullptr;
         velClient_uint32_t n = 0;
-        ReturnCode rc = velClient_container_getByteArrayPtr(h_, &p, &n, name);
-        out = {p, n};
-        return rc;
-    } else if constexpr (std::is_same_v<T, Vwf>) {
-        velClient_uint8_t *p = nullptr;
-        velClient_uint32_t n = 0;
-        ReturnCode rc = velClient_container_getVwfPtr(h_, &p, &n, name);
+        ReturnCode rc = std::is_same_v<T, Bytes> ? velClient_container_getByteArrayPtr(h_, &p, &n, name)
+                                                 : velClient_container_getVwfPtr(h_, &p, &n, name);
         out.data = p;
         out.size = n;
         return rc;
