@@ -52,19 +52,26 @@ TEST(InitProperties, RefusalsChangeNothing)
     struct Case {
         const char *name;
         const char *value;
-        const char *text;
+        std::string text;
     };
+    const std::string digits(300, '1');
     const Case cases[] = {
-        {"GLOBAL_DBQUANTASIZE_0", "abc", "Invalid value 'abc' for property GLOBAL_DBQUANTASIZE_0 in velClient_initialize"},
-        {"GLOBAL_DBQUANTASIZE_1", "-1", "Invalid value '-1' for property GLOBAL_DBQUANTASIZE_1 in velClient_initialize"},
-        {"GLOBAL_DBQUANTASIZE_2", "", "Invalid value '' for property GLOBAL_DBQUANTASIZE_2 in velClient_initialize"},
+        {"GLOBAL_DBQUANTASIZE_0", "abc",
+         "Invalid value for property GLOBAL_DBQUANTASIZE_0 in velClient_initialize: 'abc'"},
+        {"GLOBAL_DBQUANTASIZE_1", "-1",
+         "Invalid value for property GLOBAL_DBQUANTASIZE_1 in velClient_initialize: '-1'"},
+        {"GLOBAL_DBQUANTASIZE_2", "", "Invalid value for property GLOBAL_DBQUANTASIZE_2 in velClient_initialize: ''"},
         {"GLOBAL_DBQUANTASIZE_3", "4294967296",
-         "Invalid value '4294967296' for property GLOBAL_DBQUANTASIZE_3 in velClient_initialize"},
-        {"GLOBAL_DBQUANTASIZE_4", "12x", "Invalid value '12x' for property GLOBAL_DBQUANTASIZE_4 in velClient_initialize"},
+         "Invalid value for property GLOBAL_DBQUANTASIZE_3 in velClient_initialize: '4294967296'"},
+        {"GLOBAL_DBQUANTASIZE_4", "12x",
+         "Invalid value for property GLOBAL_DBQUANTASIZE_4 in velClient_initialize: '12x'"},
         {"GLOBAL_DBQUANTASIZE_0", nullptr,
-         "Invalid value '(null)' for property GLOBAL_DBQUANTASIZE_0 in velClient_initialize"},
+         "Invalid value for property GLOBAL_DBQUANTASIZE_0 in velClient_initialize: '(null)'"},
         {"GLOBAL_MAXPOOLMEM", "18446744073709551616",
-         "Invalid value '18446744073709551616' for property GLOBAL_MAXPOOLMEM in velClient_initialize"},
+         "Invalid value for property GLOBAL_MAXPOOLMEM in velClient_initialize: '18446744073709551616'"},
+        /* A value too long for the error record is what gets cut, not the property's name. */
+        {"GLOBAL_MAXPOOLMEM", digits.c_str(),
+         ("Invalid value for property GLOBAL_MAXPOOLMEM in velClient_initialize: '" + digits).substr(0, 255)},
         {"GLOBAL_DBQUANTASIZE_5", "100", "Unknown property GLOBAL_DBQUANTASIZE_5 in velClient_initialize"},
         {"GLOBAL_DBQUANTASIZE_", "100", "Unknown property GLOBAL_DBQUANTASIZE_ in velClient_initialize"},
         {"GLOBAL_POOL", "1", "Unknown property GLOBAL_POOL in velClient_initialize"},

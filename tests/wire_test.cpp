@@ -434,16 +434,35 @@ TEST(SessionSend, NullTransportDeliversNothingAndBadHandlesFail)
 
 TEST(SessionSend, BadPropertiesAreRefusedByName)
 {
-    velClient_opaqueSession_pt s = nullptr;
-    const char *unknown[] = {"SESSION_COLOUR", "red", nullptr};
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_session_create(unknown, nullptr, nullptr, &s));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, "Unknown property SESSION_COLOUR in velClient_session_create");
-    const char *badBool[] = {"SESSION_GENERATE_SENDER_ID", "yes", nullptr};
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_session_create(badBool, nullptr, nullptr, &s));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
-                      "Invalid value 'yes' for property SESSION_GENERATE_SENDER_ID in velClient_session_create");
-    std::string longBase(251, 'b');
-    const char *tooLong[] = {"SESSION_P2P_TOPIC_BASE", longBase.c_str(), nullptr};
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_session_create(tooLong, nullptr, nullptr, &s));
-    EXPECT_EQ(nullptr, s);
+    struct Case {
+        const char *name;
+        const char *value;
+        std::string text; /* in full: the error record keeps its first 255 characters */
+    };
+    const std::string longName(251, 'n'), longBase(251, 'b');
+    const Case cases[] = {
+        {"SESSION_CLIENT_NAME", longName.c_str(),
+         "Invalid value for property SESSION_CLIENT_NAME in velClient_session_create: '" + longName + "'"},
+        {"SESSION_P2P_TOPIC_BASE", longBase.c_str(),
+         "Invalid value for property SESSION_P2P_TOPIC_BASE in velClient_session_create: '" + longBase + "'"},
+        {"SESSION_P2P_TOPIC_BASE", nullptr,
+         "Invalid value for property SESSION_P2P_TOPIC_BASE in velClient_session_create: '(null)'"},
+        {"SESSION_GENERATE_SENDER_ID", "yes",
+         "Invalid value for property SESSION_GENERATE_SENDER_ID in velClient_session_create: 'yes'"},
+        {"SESSION_CALCULATE_MESSAGE_EXPIRATION", "",
+         "Invalid value for property SESSION_CALCULATE_MESSAGE_EXPIRATION in velClient_session_create: ''"},
+        {"SESSION_TRANSPORT", "tcp", "Invalid value for property SESSION_TRANSPORT in velClient_session_create: 'tcp'"},
+        {"SESSION_COLOUR", "red", "Unknown property SESSION_COLOUR in velClient_session_create"},
+    };
+    for (const Case &c : cases) {
+        /* A good property first: the refusal of a later one still fails the whole call. */
+        const char *props[] = {"SESSION_TRANSPORT", "null", c.name, c.value, nullptr};
+        velClient_opaqueSession_pt s = nullptr;
+        EXPECT_EQ(VELCLIENT_FAIL, velClient_session_create(props, nullptr, nullptr, &s)) << c.name;
+        EXPECT_EQ(nullptr, s) << c.name;
+        const std::string text = veltest::lastErrorText();
+        EXPECT_EQ(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, veltest::lastSubCode()) << c.name;
+        EXPECT_EQ(c.text.substr(0, 255), text);
+        EXPECT_NE(std::string::npos, text.find(std::string(c.name) + " in velClient_session_create")) << text;
+    }
 }

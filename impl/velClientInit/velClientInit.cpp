@@ -33,6 +33,14 @@ struct StartConfig {
     std::uint64_t maxPoolMem;
 };
 
+/* The property comes before the value, which may be long enough to be cut off. */
+velClient_returnCode_t badValue(const char *name_p, const char *value_p)
+{
+    return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
+                    "Invalid value for property %s in velClient_initialize: '%s'", name_p,
+                    value_p ? value_p : "(null)");
+}
+
 /* Applies one name/value pair to config; records the failure otherwise. */
 velClient_returnCode_t applyProperty(StartConfig &config, const char *name_p, const char *value_p)
 {
@@ -42,17 +50,13 @@ velClient_returnCode_t applyProperty(StartConfig &config, const char *name_p, co
         name_p[sizeof quantaPrefix - 1] >= '0' && name_p[sizeof quantaPrefix - 1] <= '4' &&
         name_p[sizeof quantaPrefix] == '\0') {
         if (!parseDecimal(value_p, UINT32_MAX, &value))
-            return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                            "Invalid value '%s' for property %s in velClient_initialize", value_p ? value_p : "(null)",
-                            name_p);
+            return badValue(name_p, value_p);
         config.quanta[name_p[sizeof quantaPrefix - 1] - '0'] = static_cast<std::uint32_t>(value);
         return VELCLIENT_OK;
     }
     if (std::strcmp(name_p, "GLOBAL_MAXPOOLMEM") == 0) {
         if (!parseDecimal(value_p, UINT64_MAX, &value))
-            return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                            "Invalid value '%s' for property %s in velClient_initialize", value_p ? value_p : "(null)",
-                            name_p);
+            return badValue(name_p, value_p);
         config.maxPoolMem = value;
         return VELCLIENT_OK;
     }

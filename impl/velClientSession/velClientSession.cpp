@@ -40,11 +40,12 @@ void defaultClientName(char (&name)[VEL_SESSION_MAX_TOPIC + 1])
                   static_cast<unsigned>(sessionCounter_s.fetch_add(1) + 1));
 }
 
+/* The property comes before the value, which may be long enough to be cut off. */
 velClient_returnCode_t badValue(const char *name_p, const char *value_p)
 {
     return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                    "Invalid value '%s' for property %s in velClient_session_create", value_p ? value_p : "(null)",
-                    name_p);
+                    "Invalid value for property %s in velClient_session_create: '%s'", name_p,
+                    value_p ? value_p : "(null)");
 }
 
 /* "1" or "0" into flag. */
