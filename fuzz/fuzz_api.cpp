@@ -6,14 +6,11 @@
  * any use of the old bytes is a use after free.
  */
 #include "api_walk.h"
+#include "fuzz_setup.h"
 
-/* VELFUZZ_DEFAULT_CLASSES set: the default classes and pool instead, to see whether a finding needs the
- * tiny ones. */
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
-    bool defaults = std::getenv("VELFUZZ_DEFAULT_CLASSES") != nullptr;
-    velClient_initialize(VELCLIENT_LOG_EMERGENCY, defaults ? nullptr : velfuzz::tinyClasses);
-    velClient_log_setFilterLevel(VELCLIENT_LOG_CATEGORY_ALL, VELCLIENT_LOG_EMERGENCY);
+    velfuzz::startLibrary();
     return 0;
 }
 

@@ -4,11 +4,11 @@
  * sub-containers, changed, and dumped inside a message.
  */
 #include "container_walk.h"
+#include "fuzz_setup.h"
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
-    velClient_initialize(VELCLIENT_LOG_EMERGENCY, nullptr);
-    velClient_log_setFilterLevel(VELCLIENT_LOG_CATEGORY_ALL, VELCLIENT_LOG_EMERGENCY);
+    velfuzz::startLibrary();
     return 0;
 }
 

@@ -1,0 +1,27 @@
+/*
+ * fuzz_setup.h - how every fuzz target starts the library: quiet, with data
+ * block classes of 1 to 5 bytes and no pooling, so that every growth takes a
+ * fresh block and any later use of the old bytes is a use after free. With
+ * VELFUZZ_DEFAULT_CLASSES set in the environment the defaults are used
+ * instead, to see whether a finding needs the tiny classes.
+ */
+#pragma once
+
+#include <cstdlib>
+
+#include "velclient/velClientMsg.h"
+
+namespace velfuzz {
+
+inline void startLibrary()
+{
+    static const char *const tiny[] = {"GLOBAL_DBQUANTASIZE_0", "1", "GLOBAL_DBQUANTASIZE_1", "2",
+                                       "GLOBAL_DBQUANTASIZE_2", "3", "GLOBAL_DBQUANTASIZE_3", "4",
+                                       "GLOBAL_DBQUANTASIZE_4", "5", "GLOBAL_MAXPOOLMEM",     "0",
+                                       nullptr};
+    const bool defaults = std::getenv("VELFUZZ_DEFAULT_CLASSES") != nullptr;
+    velClient_initialize(VELCLIENT_LOG_EMERGENCY, defaults ? nullptr : tiny);
+    velClient_log_setFilterLevel(VELCLIENT_LOG_CATEGORY_ALL, VELCLIENT_LOG_EMERGENCY);
+}
+
+} // namespace velfuzz
