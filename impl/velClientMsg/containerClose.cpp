@@ -127,7 +127,7 @@ velClient_returnCode_t _velClient_container_closeMapStream(_velClient_container 
     }
     if (close) {
         /* container_p may be the message's own pointer, which detach clears. */
-        _velClient_container *parent = c->parent_p;
+        [[maybe_unused]] _velClient_container *parent = c->parent_p;
         detach(c);
         _velClient_container_free(&c);
         *container_p = nullptr;
