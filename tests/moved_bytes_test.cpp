@@ -176,3 +176,28 @@ TEST(MovedBytes, ADeleteInAnAttachmentThatRefersToApplicationMemoryCopiesFirst)
     }
     before.expectBalanced();
 }
+
+/* A delete before any read puts the cursor before the first field; growth at
+ * that point (a full map) moves the cursor with the bytes, into the entry a
+ * sub-container then opens. Deleting that entry leaves the cursor where the
+ * entry was, not in front of the map's own header. */
+TEST(MovedBytes, ACursorInsideADeletedEntryStaysInsideTheMap)
+{
+    veltest::Msg msg;
+    velClient_opaqueContainer_pt map = nullptr, sub = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createBinaryAttachmentMap(msg.h, &map, 5));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_deleteField(map, "a"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_openSubStream(map, &sub, "b"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addUint16(sub, 2, nullptr));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_deleteField(map, "b"));
+    velClient_field_t f{};
+    const char *name = nullptr;
+    EXPECT_EQ(VELCLIENT_EOS, velClient_container_getNextField(map, &f, sizeof f, &name));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_rewind(map));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addUint8(map, 7, "c"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_getNextField(map, &f, sizeof f, &name));
+    EXPECT_STREQ("c", name);
+    EXPECT_EQ(7, f.value.uint8);
+    EXPECT_EQ(VELCLIENT_EOS, velClient_container_getNextField(map, &f, sizeof f, &name));
+    velClient_container_closeMapStream(&map);
+}

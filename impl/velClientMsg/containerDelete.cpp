@@ -111,10 +111,13 @@ bool removeEntry(_velClient_container *c, Entry &e)
     }
     c->curWrPtr -= e.size;
     forgetCheckedEntries(c);
-    if (c->curRdPtr > e.at) {
+    if (c->curRdPtr >= e.at + e.size) {
         c->curRdPtr -= e.size;
-    } else if (c->curRdPtr == e.at) {
-        /* The entry last read is gone: the next read is the one now in its place. */
+    } else if (c->curRdPtr >= e.at) {
+        /* The entry last read is gone, or the cursor stood inside it (growth
+         * at the cursor moves it with the bytes): the next read is the entry
+         * now in its place. */
+        c->curRdPtr = e.at;
         c->curFieldLength = 0;
         c->curKeyLength = 0;
     }
