@@ -4,16 +4,9 @@
 
 #include "support/velTestSupport.h"
 
-namespace {
+using veltest::Msg;
 
-struct Msg : veltest::Msg {
-    velClient_destination_t destination(velClient_returnCode_t expected = VELCLIENT_OK) const
-    {
-        velClient_destination_t d{VELCLIENT_NULL_DESTINATION, nullptr};
-        EXPECT_EQ(expected, velClient_msg_getDestination(h, &d, sizeof d));
-        return d;
-    }
-};
+namespace {
 
 velClient_returnCode_t setDest(velClient_opaqueMsg_pt m, velClient_destinationType_t type, const char *text)
 {
@@ -45,10 +38,6 @@ TEST(MessageParts, CopyAndReferenceSetters)
     p = &len;
     EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getUserDataPtr(m.h, &p, &len));
     EXPECT_EQ(static_cast<void *>(&len), p); /* outputs untouched */
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setUserData(m.h, nullptr, 5));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null buf_p pointer with non-zero size in velClient_msg_setBufinfo");
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getXmlPtr(m.h, nullptr, &len));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null bufPtr_p pointer in velClient_msg_getBufinfoPtr");
 }
 
 TEST(MessageParts, APartSetFromItsOwnBytesKeepsThem)
@@ -98,47 +87,16 @@ TEST(MessageParts, UnchangedCopyDoesNotInvalidateTheWireImage)
     velClient_datablock_free(&bb);
 }
 
-TEST(MessageParts, BadHandleTextsNameTheirFunction)
-{
-    velClient_opaqueMsg_pt bad = reinterpret_cast<velClient_opaqueMsg_pt>(0x1234);
-    char buf[4] = {};
-    void *p = nullptr;
-    velClient_uint32_t len = 0;
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setUserDataPtr(bad, buf, 4));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Bad msg_p pointer in velClient_msg_setUserDataPtr");
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setBinaryAttachment(bad, buf, 4));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Bad msg_p pointer in velClient_msg_setBinaryAttachment");
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setXml(bad, buf, 4));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, veltest::format("Bad msg_p pointer (%p) in velClient_msg_setXml", bad));
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setQueueNamePtr(bad, "q"));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Bad msg_p pointer in velClient_msg_setTopicPtr");
-    velClient_consumerId_t id = 0;
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getConsumerId(bad, 0, &id));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
-                      veltest::format("Bad msg_p pointer (%p) in velClient_msg_getConsumerIdCount", bad));
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getCorrelationTagPtr(bad, &p, &len));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
-                      veltest::format("Bad msg_p pointer (%p) in velClient_msg_getCorrelationTagPtr", bad));
-}
-
 TEST(MessageParts, TopicAndQueueNameExcludeEachOther)
 {
     Msg m;
-    std::string t250(250, 't'), t251(251, 't');
+    std::string t250(250, 't');
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_setTopicPtr(m.h, t250.c_str()));
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setTopicPtr(m.h, t251.c_str()));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
-                      "Topic length of 251 exceeds maximum of 250 in velClient_msg_setTopicPtr");
     EXPECT_EQ(t250, m.destination().dest);
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_setQueueNamePtr(m.h, "#P2P/QUE/v:abc/q1"));
     velClient_destination_t d = m.destination();
     EXPECT_EQ(VELCLIENT_QUEUE_DESTINATION, d.destType);
     EXPECT_STREQ("q1", d.dest);
-    for (const char *bad : {"#P2P/QUE/q1", "#P2P/QUE/", "#P2P/QUE/abc/"}) {
-        EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setQueueNamePtr(m.h, bad));
-        EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
-                          veltest::format("Invalid string pointer (%s) in velClient_msg_setQueueNamePtr", bad));
-    }
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_setQueueNamePtr(m.h, "#P2P/QTMP/x"));
     d = m.destination();
     EXPECT_EQ(VELCLIENT_QUEUE_TEMP_DESTINATION, d.destType);
@@ -165,8 +123,6 @@ TEST(MessageParts, BinaryAttachmentString)
     EXPECT_EQ(nullptr, text);
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachment(m.h, "plain", 5));
     EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getBinaryAttachmentString(m.h, &text));
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getBinaryAttachmentString(m.h, nullptr));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null buf pointer in velClient_msg_getBinaryAttachmentString");
 }
 
 TEST(Destinations, EveryTypeAndItsReadingBack)
@@ -196,46 +152,31 @@ TEST(Destinations, EveryTypeAndItsReadingBack)
 
 TEST(Destinations, LimitsAndRefusals)
 {
+    /* The limits themselves are accepted; every refusal (see Refusals.MessageArguments) leaves the queue in place. */
     Msg m;
-    std::string q200(200, 'q'), q201(201, 'q'), t251(251, 't');
-    EXPECT_EQ(VELCLIENT_OK, setDest(m.h, VELCLIENT_QUEUE_DESTINATION, q200.c_str()));
-    EXPECT_EQ(VELCLIENT_FAIL, setDest(m.h, VELCLIENT_QUEUE_DESTINATION, q201.c_str()));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
-                      "Destination string length of 201 exceeds maximum of 200 for destination type 1 in "
-                      "velClient_msg_setDestination");
-    EXPECT_EQ(VELCLIENT_FAIL, setDest(m.h, VELCLIENT_TOPIC_DESTINATION, t251.c_str()));
-    EXPECT_EQ(VELCLIENT_FAIL, setDest(m.h, VELCLIENT_QUEUE_DESTINATION, "#P2P/QUE/abc"));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
-                      "Invalid string dest pointer (#P2P/QUE/abc) in velClient_msg_setDestination");
-    EXPECT_EQ(VELCLIENT_FAIL, setDest(m.h, VELCLIENT_NULL_DESTINATION, "x"));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
-                      "Non-null dest pointer with VELCLIENT_NULL_DESTINATION type in velClient_msg_setDestination");
-    EXPECT_EQ(VELCLIENT_FAIL, setDest(m.h, VELCLIENT_TOPIC_DESTINATION, ""));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, "Empty string dest pointer in velClient_msg_setDestination");
+    const std::string q200(200, 'q'), q201(201, 'q'), tmp = "#P2P/QTMP/" + std::string(240, 'q');
+    ASSERT_EQ(VELCLIENT_OK, setDest(m.h, VELCLIENT_QUEUE_TEMP_DESTINATION, tmp.c_str()));
+    velClient_destination_t back = m.destination();
+    EXPECT_EQ(VELCLIENT_QUEUE_TEMP_DESTINATION, back.destType); /* a named temporary queue keeps the topic limit */
+    EXPECT_EQ(tmp, back.dest);
+    ASSERT_EQ(VELCLIENT_OK, setDest(m.h, VELCLIENT_QUEUE_DESTINATION, q200.c_str()));
     velClient_destination_t odd{VELCLIENT_TOPIC_DESTINATION, "x"};
     std::int32_t nine = 9;
     std::memcpy(&odd.destType, &nine, sizeof nine);
+    EXPECT_EQ(VELCLIENT_FAIL, setDest(m.h, VELCLIENT_QUEUE_DESTINATION, q201.c_str()));
+    EXPECT_EQ(VELCLIENT_FAIL, setDest(m.h, VELCLIENT_NULL_DESTINATION, "x"));
     EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setDestination(m.h, &odd, sizeof odd));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
-                      "Unsupported destination type of 9 in velClient_msg_setDestination");
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setDestination(m.h, &odd, 3));
-    EXPECT_EQ(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, veltest::lastSubCode());
-    EXPECT_STREQ(q200.c_str(), m.destination().dest); /* refusals left the queue in place */
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setQueueNamePtr(m.h, "#P2P/QUE/q1"));
+    EXPECT_STREQ(q200.c_str(), m.destination().dest);
 }
 
 TEST(HeaderProperties, RangesAndReadBack)
 {
     Msg m;
     velClient_uint32_t v = 0;
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setClassOfService(m.h, 3));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
-                      "Invalid setting of COS flags (3) in velClient_msg_setClassOfService");
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_setClassOfService(m.h, 2));
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_getClassOfService(m.h, &v));
     EXPECT_EQ(2u, v);
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setDeliveryMode(m.h, 0x30));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
-                      "Invalid setting of Delivery Mode (48) in velClient_msg_setDeliveryMode ");
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_setDeliveryMode(m.h, 0x20 | 0x40)); /* extra bits land in the flags */
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_getDeliveryMode(m.h, &v));
     EXPECT_EQ(0x20u, v);
@@ -243,12 +184,8 @@ TEST(HeaderProperties, RangesAndReadBack)
     velClient_int64_t ttl = 0;
     EXPECT_EQ(VELCLIENT_OK, velClient_msg_setTimeToLive(m.h, 315360000000LL));
     EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setTimeToLive(m.h, 315360000001LL));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, "Invalid time to live value in velClient_msg_setTimeToLive");
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setTimeToLive(m.h, -1));
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_getTimeToLive(m.h, &ttl));
     EXPECT_EQ(315360000000LL, ttl);
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getClassOfService(m.h, nullptr));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null cos_p pointer in velClient_msg_getReceivedClassOfService");
 }
 
 TEST(HeaderProperties, AFreshMessageHasNoReceivedValues)
@@ -279,11 +216,7 @@ TEST(HeaderProperties, StrictAndLenientMarks)
 {
     Msg m;
     EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setDMQEligible(m.h, 2));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
-                      "Invalid setting of Dead Message Queue Eligible (2) in velClient_msg_setDMQEligible ");
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setDeliverToOne(m.h, 5));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
-                      "Invalid setting of Deliver-To-One (5) in velClient_msg_setDeliveToOne ");
+    EXPECT_EQ(0, velClient_msg_isDMQEligible(m.h));
     EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setDiscardIndication(m.h, 0xFF));
     EXPECT_EQ(0, velClient_msg_isDiscardIndication(m.h));
     EXPECT_EQ(VELCLIENT_OK, velClient_msg_setElidingEligible(m.h, 0x80));
@@ -294,12 +227,6 @@ TEST(HeaderProperties, StrictAndLenientMarks)
     EXPECT_EQ(0, velClient_msg_isAckImmediately(m.h));
     EXPECT_EQ(VELCLIENT_OK, velClient_msg_setDMQEligible(m.h, 1));
     EXPECT_EQ(1, velClient_msg_isDMQEligible(m.h));
-    velClient_opaqueMsg_pt stale = m.h;
-    velClient_msg_free(&m.h);
-    EXPECT_EQ(0xFF, velClient_msg_isAckImmediately(stale));
-    EXPECT_EQ(0, velClient_msg_isDMQEligible(stale));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
-                      veltest::format("Bad msg_p pointer (%p) in velClient_msg_setDMQEligible", stale));
 }
 
 TEST(MessageParts, PlainQueueNamesNullsAndAttachmentEdges)
@@ -310,10 +237,6 @@ TEST(MessageParts, PlainQueueNamesNullsAndAttachmentEdges)
     velClient_destination_t d = m.destination();
     EXPECT_EQ(VELCLIENT_QUEUE_DESTINATION, d.destType);
     EXPECT_STREQ("orders", d.dest);
-    std::string q201(201, 'q');
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setQueueNamePtr(m.h, q201.c_str()));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
-                      "Queue name length of 201 exceeds maximum of 200 in velClient_msg_setQueueNamePtr");
     /* NULL empties: first the queue name, then the topic. */
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_setQueueNamePtr(m.h, nullptr));
     velClient_destination_t none{};
@@ -337,72 +260,13 @@ TEST(MessageParts, PlainQueueNamesNullsAndAttachmentEdges)
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachment(m.h, cut, sizeof cut));
     EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getBinaryAttachmentString(m.h, &text));
 
-    void *bad = reinterpret_cast<void *>(0x7171);
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setTopicPtr(bad, "t"));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Bad msg_p pointer in velClient_msg_setTopicPtr");
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setBinaryAttachmentString(bad, "x"));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
-                      veltest::format("Bad msg_p pointer (%p) in velClient_msg_setBinaryAttachmentString", bad));
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getBinaryAttachmentString(bad, &text));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
-                      veltest::format("Bad msg_p pointer (%p) in velClient_msg_getBinaryAttachmentString", bad));
-    velClient_uint8_t *vwf = nullptr;
-    velClient_uint32_t len = 0;
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getVWFPtr(bad, &vwf, &len));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
-                      veltest::format("Bad msg_p pointer (%p) in velClient_msg_getVWFPtr", bad));
 }
 
-TEST(Destinations, RefusalsAndTemporaryQueueLimits)
+TEST(DataBlocks, ExtractClosesTheMapOpenOnThePart)
 {
     Msg m;
-    void *bad = reinterpret_cast<void *>(0x9191);
-    velClient_destination_t d{VELCLIENT_TOPIC_DESTINATION, nullptr};
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setDestination(m.h, &d, sizeof d));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null dest pointer in velClient_msg_setDestination");
-    d.dest = "x";
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setDestination(bad, &d, sizeof d));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Bad msg_p pointer in velClient_msg_setDestination");
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getDestination(bad, &d, sizeof d));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
-                      veltest::format("Bad msg_p pointer (%p) in velClient_msg_getDestination", bad));
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getDestination(m.h, &d, sizeof d - 1));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
-                      veltest::format("Unsupported destination structure size (received %d, expected %d) in "
-                                      "velClient_msg_getDestination",
-                                      static_cast<int>(sizeof d - 1), static_cast<int>(sizeof d)));
-    /* A temporary queue named by its prefix keeps the topic limit: 250 in all. */
-    std::string tmp = "#P2P/QTMP/" + std::string(240, 'q');
-    velClient_destination_t q{VELCLIENT_QUEUE_TEMP_DESTINATION, tmp.c_str()};
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setDestination(m.h, &q, sizeof q));
-    velClient_destination_t back{};
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getDestination(m.h, &back, sizeof back));
-    EXPECT_EQ(VELCLIENT_QUEUE_TEMP_DESTINATION, back.destType);
-    EXPECT_EQ(tmp, back.dest);
-    tmp += 'q';
-    q.dest = tmp.c_str();
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setDestination(m.h, &q, sizeof q));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
-                      "Destination string length of 251 exceeds maximum of 250 for destination type 3 in "
-                      "velClient_msg_setDestination");
-}
-
-TEST(DataBlocks, ExtractRefusals)
-{
-    Msg m;
-    void *bad = reinterpret_cast<void *>(0xA1A1);
     velClient_opaqueDatablock_pt db = nullptr;
     velClient_bufInfo_t info{};
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_extractDatablock(bad, VELCLIENT_BUFINFO_XML_PART, &db, &info));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
-                      veltest::format("Bad msg_p pointer (%p) in velClient_msg_extractDatablock", bad));
-    EXPECT_EQ(VELCLIENT_FAIL,
-              velClient_msg_extractDatablock(m.h, static_cast<velClient_bufInfo_index_t>(12), &db, &info));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, "Invalid bufInfo part in velClient_msg_extractDatablock");
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_extractDatablock(m.h, VELCLIENT_BUFINFO_XML_PART, nullptr, &info));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null datablock pointer in velClient_msg_extractDatablock");
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_extractDatablock(m.h, VELCLIENT_BUFINFO_XML_PART, &db, nullptr));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null bufInfo_p pointer in velClient_msg_extractDatablock");
     /* The user property map open on its part is closed before its block is taken. */
     velClient_opaqueContainer_pt props = nullptr;
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_createUserPropertyMap(m.h, &props, 16));

@@ -1,8 +1,14 @@
-/* Helpers shared by the public-API tests: reading the last-error record and
- * the pool counters. */
+/* Helpers shared by the public-API tests: the last-error record and pool
+ * counters, one message owner, one container in application memory, one
+ * wire-frame builder, one log capture, and the table runner for refusals. */
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -11,6 +17,8 @@
 #include "velclient/velClientMsg.h"
 
 namespace veltest {
+
+using Bytes = std::vector<std::uint8_t>;
 
 inline std::string lastErrorText()
 {
@@ -28,6 +36,8 @@ inline velClient_uint64_t stat(velClient_msg_stats_t type, velClient_uint32_t in
     EXPECT_EQ(VELCLIENT_OK, velClient_msg_getStat(type, index, &value));
     return value;
 }
+
+constexpr velClient_uint64_t kDefaultPoolLimit = 64ull << 20;
 
 /* The live-record counters (messages, containers, data blocks of each class),
  * to check that a piece of work gave back everything it took. */
@@ -51,6 +61,17 @@ struct LiveCounts {
     }
 };
 
+/* Drains the pools (a limit of 0) and expects every free list empty. */
+inline void expectDrainedPools()
+{
+    velClient_msg_setMaxPoolMem(0);
+    EXPECT_EQ(0u, stat(VELCLIENT_MSG_STATS_FREE_MSGS));
+    EXPECT_EQ(0u, stat(VELCLIENT_MSG_STATS_FREE_CONTAINERS));
+    for (velClient_uint32_t q = 0; q < 5; ++q)
+        EXPECT_EQ(0u, stat(VELCLIENT_MSG_STATS_FREE_DATA_BLOCKS, q)) << "free blocks of class " << q;
+    velClient_msg_setMaxPoolMem(kDefaultPoolLimit);
+}
+
 /* Formats a text exactly as the library does, for texts that carry a %p. */
 template <typename... Args>
 std::string format(const char *fmt, Args... args)
@@ -60,16 +81,27 @@ std::string format(const char *fmt, Args... args)
     return text;
 }
 
+inline Bytes bytesAt(const void *p, std::size_t n)
+{
+    const auto *b = static_cast<const std::uint8_t *>(p);
+    return Bytes(b, b + n);
+}
+
 /* The message's wire image, as bytes. */
-inline std::vector<std::uint8_t> encode(velClient_opaqueMsg_pt msg)
+inline Bytes encode(velClient_opaqueMsg_pt msg)
 {
     velClient_bufInfo_t info{};
     velClient_opaqueDatablock_pt block = nullptr;
     EXPECT_EQ(VELCLIENT_OK, velClient_msg_encodeToVWF(msg, &info, &block));
-    auto *p = static_cast<std::uint8_t *>(info.buf_p);
-    std::vector<std::uint8_t> out(p, p + info.bufSize);
+    Bytes out = bytesAt(info.buf_p, info.bufSize);
     velClient_datablock_free(&block);
     return out;
+}
+
+inline velClient_returnCode_t decode(Bytes bytes, velClient_opaqueMsg_pt *msg)
+{
+    velClient_bufInfo_t info{bytes.data(), static_cast<velClient_uint32_t>(bytes.size())};
+    return velClient_msg_decodeFromVwf(&info, msg);
 }
 
 /* The names of a map's entries in order (the cursor is rewound first). */
@@ -84,7 +116,17 @@ inline std::vector<std::string> names(velClient_opaqueContainer_pt h)
     return out;
 }
 
-/* A message that is freed when it goes out of scope. */
+/* A container's whole encoding (finalised first), header included. */
+inline Bytes bytesOf(velClient_opaqueContainer_pt h)
+{
+    void *p = nullptr;
+    velClient_uint32_t size = 0;
+    EXPECT_EQ(VELCLIENT_OK, velClient_container_getContainerPtr(h, &p, &size));
+    return bytesAt(p, size);
+}
+
+/* A message that is freed when it goes out of scope; a handle given to it is
+ * taken over (a received or duplicated message). */
 struct Msg {
     velClient_opaqueMsg_pt h = nullptr;
     Msg() { EXPECT_EQ(VELCLIENT_OK, velClient_msg_alloc(&h)); }
@@ -96,13 +138,203 @@ struct Msg {
         if (h != nullptr)
             velClient_msg_free(&h);
     }
+    Bytes attachment() const
+    {
+        void *p = nullptr;
+        velClient_uint32_t len = 0;
+        EXPECT_EQ(VELCLIENT_OK, velClient_msg_getBinaryAttachmentPtr(h, &p, &len));
+        return bytesAt(p, len);
+    }
+    velClient_destination_t destination(velClient_returnCode_t expected = VELCLIENT_OK) const
+    {
+        velClient_destination_t d{VELCLIENT_NULL_DESTINATION, nullptr};
+        EXPECT_EQ(expected, velClient_msg_getDestination(h, &d, sizeof d));
+        return d;
+    }
+    std::string dump(velClient_uint32_t flags = VELCLIENT_MSGDUMP_FULL) const
+    {
+        std::vector<char> text(1 << 16);
+        EXPECT_EQ(VELCLIENT_OK, velClient_msg_dumpExt(h, text.data(), text.size(), flags));
+        return text.data();
+    }
 };
+
+/* A map or stream in application memory. Made empty in `size` bytes, or
+ * opened over given bytes held in an allocation of exactly their size, so
+ * that a sanitizer build catches any read past them. */
+struct Container {
+    std::unique_ptr<std::uint8_t[]> mem;
+    std::size_t size;
+    velClient_opaqueContainer_pt h = nullptr;
+    velClient_returnCode_t rc;
+    explicit Container(bool map = true, std::size_t n = 512) : mem(new std::uint8_t[n]()), size(n)
+    {
+        char *p = reinterpret_cast<char *>(mem.get());
+        rc = map ? velClient_container_createMap(&h, p, size) : velClient_container_createStream(&h, p, size);
+        EXPECT_EQ(VELCLIENT_OK, rc);
+    }
+    explicit Container(const Bytes &b) : mem(new std::uint8_t[b.size()]), size(b.size())
+    {
+        std::copy(b.begin(), b.end(), mem.get());
+        rc = velClient_container_openMapFromPtr(&h, mem.get(), static_cast<velClient_uint32_t>(size));
+    }
+    Container(const Container &) = delete;
+    Container &operator=(const Container &) = delete;
+    ~Container()
+    {
+        if (h != nullptr)
+            velClient_container_closeMapStream(&h);
+    }
+    /* The fields written so far (without the 5-byte header). */
+    Bytes fields() const
+    {
+        size_t used = 0;
+        EXPECT_EQ(VELCLIENT_OK, velClient_container_getSize(h, &used));
+        return Bytes(mem.get() + 5, mem.get() + used);
+    }
+};
+
+/* The encoding of a map (0x2B) or stream (0x2F) holding the given field bytes. */
+inline Bytes container(std::uint8_t type, const Bytes &fields)
+{
+    Bytes b(fields.size() + 5, 0);
+    b[0] = type;
+    b[4] = static_cast<std::uint8_t>(fields.size() + 5);
+    std::copy(fields.begin(), fields.end(), b.begin() + 5);
+    return b;
+}
+
+inline Bytes cat(Bytes a, const Bytes &b)
+{
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+inline void putBE(Bytes &b, std::uint64_t v, int width)
+{
+    for (int i = width - 1; i >= 0; --i)
+        b.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
+}
+
+/* One wire-frame item: tag, 4-byte length, value. */
+inline Bytes item(std::uint8_t tag, const Bytes &value)
+{
+    Bytes b{tag};
+    putBE(b, value.size(), 4);
+    return cat(b, value);
+}
+
+/* A frame with the given protocol, flags and item bytes. */
+inline Bytes frame(std::uint8_t protocol, std::uint32_t flags, const Bytes &items)
+{
+    Bytes b{1, protocol};
+    putBE(b, flags, 4);
+    putBE(b, items.size() + 12, 4);
+    b.push_back(0);
+    b.push_back(0);
+    return cat(b, items);
+}
+
+/* A received message decoded from an application frame holding items. */
+inline velClient_opaqueMsg_pt received(const Bytes &items, std::uint32_t flags = 0)
+{
+    velClient_opaqueMsg_pt msg = nullptr;
+    EXPECT_EQ(VELCLIENT_OK, decode(frame(13, flags, items), &msg));
+    return msg;
+}
+
+/* One log line as the callback received it. */
+struct Line {
+    velClient_log_category_t category;
+    velClient_log_level_t level;
+    std::string text;
+};
+
+/* Collects every log line at `level` and above while it lives; afterwards
+ * the library is quiet again, without a callback. */
+struct LogCapture {
+    std::vector<Line> lines;
+    explicit LogCapture(velClient_log_level_t level = VELCLIENT_LOG_INFO)
+    {
+        velClient_log_setCallback(
+            [](velClient_log_callbackInfo_pt info, void *user) {
+                static_cast<std::vector<Line> *>(user)->push_back({info->category, info->level, info->msg_p});
+            },
+            &lines);
+        velClient_log_setFilterLevel(VELCLIENT_LOG_CATEGORY_ALL, level);
+    }
+    LogCapture(const LogCapture &) = delete;
+    LogCapture &operator=(const LogCapture &) = delete;
+    ~LogCapture()
+    {
+        velClient_log_setFilterLevel(VELCLIENT_LOG_CATEGORY_ALL, VELCLIENT_LOG_EMERGENCY);
+        velClient_log_setCallback(nullptr, nullptr);
+    }
+    bool saw(const std::string &text) const
+    {
+        return std::any_of(lines.begin(), lines.end(), [&](const Line &l) { return l.text == text; });
+    }
+};
+
+/* A call that must fail, with its return value, sub-code and exact text. */
+struct Refusal {
+    std::function<int()> call;
+    velClient_subCode_t subCode;
+    std::string text;
+    int rc = VELCLIENT_FAIL;
+};
+
+/* Runs each row on a cleared last-error record, so a row cannot pass on the
+ * text an earlier one left. */
+inline void expectRefusals(const std::vector<Refusal> &rows)
+{
+    for (const Refusal &r : rows) {
+        velClient_resetLastErrorInfo();
+        EXPECT_EQ(r.rc, r.call()) << r.text;
+        EXPECT_EQ(r.subCode, lastSubCode()) << r.text;
+        EXPECT_EQ(r.text, lastErrorText());
+    }
+}
+
+/* An output argument of any pointer type, for calls that fail before they write. */
+struct AnyOut {
+    template <class T> operator T *() const
+    {
+        alignas(16) static unsigned char scratch[512];
+        return reinterpret_cast<T *>(scratch);
+    }
+};
+
+/* One export called with a bad handle; `named` is the function its text names
+ * when that is another one, and rc what it answers when it is no return code. */
+struct BadHandleCall {
+    const char *function;
+    std::function<int(void *)> call;
+    const char *named = nullptr;
+    int rc = VELCLIENT_FAIL;
+};
+
+/* The refusal rows of every call with a bad handle: the text is `fmt` (with
+ * %p for the handle and %s for the function) and the sub-code PARAM_NULL_PTR. */
+inline std::vector<Refusal> badHandleRows(const char *fmt, void *bad, const std::vector<BadHandleCall> &calls)
+{
+    std::vector<Refusal> rows;
+    for (const BadHandleCall &c : calls) {
+        const char *name = c.named != nullptr ? c.named : c.function;
+        std::string text = std::strstr(fmt, "%p") != nullptr ? format(fmt, bad, name) : format(fmt, name);
+        rows.push_back({[c, bad] { return c.call(bad); }, VELCLIENT_SUBCODE_PARAM_NULL_PTR, text, c.rc});
+    }
+    return rows;
+}
 
 } // namespace veltest
 
+/* An export called with the handle `b` and the further arguments given. */
+#define VEL_BAD_CALL(fn, ...) {#fn, [](void *b) -> int { return fn(b __VA_OPT__(, ) __VA_ARGS__); }}
+
 /* The failure's sub-code and exact text. */
-#define EXPECT_LAST_ERROR(subCode, text)                   \
-    do {                                                   \
-        EXPECT_EQ((subCode), ::veltest::lastSubCode());    \
+#define EXPECT_LAST_ERROR(subCode, text)                          \
+    do {                                                          \
+        EXPECT_EQ((subCode), ::veltest::lastSubCode());           \
         EXPECT_EQ(std::string(text), ::veltest::lastErrorText()); \
     } while (0)
