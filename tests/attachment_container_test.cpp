@@ -86,19 +86,11 @@ TEST(AttachmentContainer, ReadAsAField)
     EXPECT_EQ(stream, f.value.stream);
     EXPECT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&f.value.stream));
     EXPECT_EQ(VELCLIENT_OK, velClient_container_rewind(stream)); /* still open: it had two holders */
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getBinaryAttachmentField(m.h, &f, sizeof f - 1));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
-                      veltest::format("Unsupported field structure size (received %d, expected %d) in "
-                                      "_velClient_msg_getField",
-                                      static_cast<int>(sizeof f - 1), static_cast<int>(sizeof f)));
     ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&stream));
 
     /* Received: opened from the bytes and kept as the message's attachment container. */
-    std::vector<std::uint8_t> wire = veltest::encode(m.h);
-    velClient_bufInfo_t in{wire.data(), static_cast<velClient_uint32_t>(wire.size())};
-    velClient_opaqueMsg_pt back = nullptr;
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_decodeFromVwf(&in, &back));
-    Msg b(back);
+    Msg b(nullptr);
+    ASSERT_EQ(VELCLIENT_OK, veltest::decode(veltest::encode(m.h), &b.h));
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_getBinaryAttachmentField(b.h, &f, sizeof f));
     EXPECT_EQ(VELCLIENT_STREAM, f.type);
     velClient_bool_t flag = 0;
@@ -113,37 +105,4 @@ TEST(AttachmentContainer, ReadAsAField)
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachment(plain.h, "abc", 3));
     EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getBinaryAttachmentField(plain.h, &f, sizeof f));
     EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getBinaryAttachmentContainerSize(plain.h, &size));
-}
-
-TEST(AttachmentContainer, Refusals)
-{
-    Msg m;
-    velClient_field_t f{};
-    velClient_opaqueContainer_pt c = nullptr;
-    void *bad = reinterpret_cast<void *>(0x12345);
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setBinaryAttachmentContainer(bad, c));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
-                      veltest::format("Bad msg_p pointer (%p) in velClient_msg_setBinaryAttachmentContainer", bad));
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setBinaryAttachmentContainerPtr(bad, c));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
-                      veltest::format("Bad msg_p pointer (%p) in velClient_msg_setBinaryAttachmentContainerPtr", bad));
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setBinaryAttachmentContainer(m.h, bad));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
-                      veltest::format("Bad cont_p pointer (%p) in velClient_msg_setBinaryAttachmentContainer", bad));
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getBinaryAttachmentMap(bad, &c));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
-                      veltest::format("Bad msg_p pointer (%p) in velClient_msg_getBinaryAttachmentMap", bad));
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getBinaryAttachmentStream(m.h, nullptr));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
-                      "Null stream_p pointer in velClient_msg_getBinaryAttachmentStream");
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getBinaryAttachmentField(bad, &f, sizeof f));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
-                      veltest::format("Bad msg_p pointer (%p) in velClient_msg_getBinaryAttachmentField", bad));
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getBinaryAttachmentField(m.h, nullptr, sizeof f));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
-                      "Null field_p pointer in velClient_msg_getBinaryAttachmentField");
-    size_t size = 0;
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getBinaryAttachmentContainerSize(bad, &size));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
-                      veltest::format("Bad msg_p pointer (%p) in velClient_msg_getBinaryAttachmentContainerSize", bad));
 }

@@ -3,42 +3,15 @@
  * refused without reading past them. */
 #include <cstdio>
 #include <cstring>
-#include <functional>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "support/velTestSupport.h"
 
+using veltest::container;
+using Exact = veltest::Container;
+
 namespace {
-
-/* The bytes in an allocation of exactly their size, so a sanitizer build
- * catches any read past them, opened as a map or stream. */
-struct Exact {
-    std::unique_ptr<std::uint8_t[]> bytes;
-    velClient_opaqueContainer_pt h = nullptr;
-    velClient_returnCode_t rc;
-    explicit Exact(const std::vector<std::uint8_t> &b) : bytes(new std::uint8_t[b.size()])
-    {
-        std::memcpy(bytes.get(), b.data(), b.size());
-        rc = velClient_container_openMapFromPtr(&h, bytes.get(), static_cast<velClient_uint32_t>(b.size()));
-    }
-    ~Exact()
-    {
-        if (h != nullptr)
-            velClient_container_closeMapStream(&h);
-    }
-};
-
-std::vector<std::uint8_t> container(std::uint8_t type, const std::vector<std::uint8_t> &fields)
-{
-    std::vector<std::uint8_t> b(fields.size() + 5, 0);
-    b[0] = type;
-    b[4] = static_cast<std::uint8_t>(fields.size() + 5);
-    for (std::size_t i = 0; i < fields.size(); ++i)
-        b[5 + i] = fields[i];
-    return b;
-}
 
 /* map { a: 1, b: 2, a: 3 } */
 const std::vector<std::uint8_t> kABA = container(0x2B, {0x1C, 0x04, 'a', 0, 0x0C, 0x03, 1, 0x1C, 0x04, 'b', 0,
@@ -177,12 +150,7 @@ TEST(ContainerReading, RefusalsOfTheUntypedReaders)
     void *ptr = nullptr;
     velClient_uint32_t len = 0;
     const int expected = static_cast<int>(sizeof f);
-    struct Case {
-        std::function<velClient_returnCode_t()> call;
-        velClient_subCode_t sub;
-        std::string text;
-    };
-    const Case cases[] = {
+    veltest::expectRefusals({
         {[&] { return velClient_container_getNextField(bad, &f, sizeof f, &name); }, VELCLIENT_SUBCODE_PARAM_NULL_PTR,
          veltest::format("Bad cont_p pointer (%p) in velClient_container_getNextField", bad)},
         {[&] { return velClient_container_getNextField(map, nullptr, sizeof f, &name); }, VELCLIENT_SUBCODE_PARAM_NULL_PTR,
@@ -215,11 +183,7 @@ TEST(ContainerReading, RefusalsOfTheUntypedReaders)
          "Null size pointer in velClient_container_getContainerPtr"},
         {[&] { return velClient_container_getContainerPtr(map, nullptr, &len); }, VELCLIENT_SUBCODE_PARAM_NULL_PTR,
          "Null bufPtr_p pointer in velClient_container_getContainerPtr"},
-    };
-    for (const Case &c : cases) {
-        EXPECT_EQ(VELCLIENT_FAIL, c.call()) << c.text;
-        EXPECT_LAST_ERROR(c.sub, c.text);
-    }
+    });
     /* A stream takes no name in getNextField: it is set to null. */
     name = "untouched";
     EXPECT_EQ(VELCLIENT_EOS, velClient_container_getNextField(stream, &f, sizeof f, &name));

@@ -6,29 +6,9 @@
 
 #include "support/velTestSupport.h"
 
-namespace {
-
-using Bytes = std::vector<std::uint8_t>;
-
-Bytes bytesOf(velClient_opaqueContainer_pt h)
-{
-    void *p = nullptr;
-    velClient_uint32_t size = 0;
-    EXPECT_EQ(VELCLIENT_OK, velClient_container_getContainerPtr(h, &p, &size));
-    return Bytes(static_cast<std::uint8_t *>(p), static_cast<std::uint8_t *>(p) + size);
-}
-
-struct Msg : veltest::Msg {
-    Bytes attachment() const
-    {
-        void *p = nullptr;
-        velClient_uint32_t len = 0;
-        EXPECT_EQ(VELCLIENT_OK, velClient_msg_getBinaryAttachmentPtr(h, &p, &len));
-        return Bytes(static_cast<std::uint8_t *>(p), static_cast<std::uint8_t *>(p) + len);
-    }
-};
-
-} // namespace
+using veltest::Bytes;
+using veltest::bytesOf;
+using veltest::Msg;
 
 TEST(Containers, ASubMapClosedAtOnceLeavesItsNameAndAnEmptyHeader)
 {

@@ -38,17 +38,9 @@ ToolRun run(const std::string &args)
 
 std::vector<std::uint8_t> frameWithTopic(const char *topic)
 {
-    velClient_opaqueMsg_pt m = nullptr;
-    EXPECT_EQ(VELCLIENT_OK, velClient_msg_alloc(&m));
-    EXPECT_EQ(VELCLIENT_OK, velClient_msg_setTopicPtr(m, topic));
-    velClient_bufInfo_t info{};
-    velClient_opaqueDatablock_pt b = nullptr;
-    EXPECT_EQ(VELCLIENT_OK, velClient_msg_encodeToVWF(m, &info, &b));
-    auto *p = static_cast<std::uint8_t *>(info.buf_p);
-    std::vector<std::uint8_t> bytes(p, p + info.bufSize);
-    velClient_datablock_free(&b);
-    velClient_msg_free(&m);
-    return bytes;
+    veltest::Msg m;
+    EXPECT_EQ(VELCLIENT_OK, velClient_msg_setTopicPtr(m.h, topic));
+    return veltest::encode(m.h);
 }
 
 class DumpTool : public ::testing::Test {
@@ -106,16 +98,9 @@ TEST_F(DumpTool, HelpAndSizesOnly)
     ToolRun help = run("--help");
     EXPECT_EQ(0, help.status);
     EXPECT_NE(std::string::npos, help.output.find("Usage: velclient-dump"));
-    velClient_opaqueMsg_pt m = nullptr;
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_alloc(&m));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setXml(m, "<doc/>", 6));
-    velClient_bufInfo_t info{};
-    velClient_opaqueDatablock_pt b = nullptr;
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_encodeToVWF(m, &info, &b));
-    auto *p = static_cast<std::uint8_t *>(info.buf_p);
-    std::string file = write("xml.vwf", std::vector<std::uint8_t>(p, p + info.bufSize));
-    velClient_datablock_free(&b);
-    velClient_msg_free(&m);
+    veltest::Msg m;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setXml(m.h, "<doc/>", 6));
+    std::string file = write("xml.vwf", veltest::encode(m.h));
     ToolRun sizes = run("--sizes " + file);
     EXPECT_EQ(0, sizes.status);
     EXPECT_NE(std::string::npos, sizes.output.find("XML:" + std::string(36, ' ') + "len=6\n"));

@@ -174,21 +174,7 @@ TEST(Conversions, EveryIntegerRuleOverEveryStoredIntegerType)
 
 TEST(Conversions, TheDeliberateAsymmetries)
 {
-    velClient_uint8_t u8 = 9;
-    velClient_uint16_t u16 = 9;
-    velClient_uint32_t u32 = 9;
-    {
-        OneField f([](auto c) { return velClient_container_addInt16(c, 0, "v"); });
-        EXPECT_EQ(VELCLIENT_FAIL, velClient_container_getUint8(f.h, &u8, "v"));
-        EXPECT_EQ(VELCLIENT_OK, velClient_container_getUint16(f.h, &u16, "v"));
-        EXPECT_EQ(0, u16);
-    }
-    {
-        OneField f([](auto c) { return velClient_container_addInt8(c, 0, "v"); });
-        EXPECT_EQ(VELCLIENT_FAIL, velClient_container_getUint16(f.h, &u16, "v"));
-        EXPECT_EQ(VELCLIENT_OK, velClient_container_getUint32(f.h, &u32, "v"));
-        EXPECT_EQ(0u, u32);
-    }
+    /* (Signed zero read as unsigned, int16 -> uint8 and int8 -> uint16/32, is in the walk above.) */
     char c = 0;
     {
         OneField f([](auto h) { return velClient_container_addUint8(h, 200, "v"); });

@@ -108,11 +108,7 @@ TEST_F(SmallClasses, LoweringTheLimitToZeroEmptiesTheFreeLists)
     for (auto &b : blocks)
         velClient_datablock_free(&b);
     velClient_msg_free(&m);
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setMaxPoolMem(0));
-    for (velClient_uint32_t q = 0; q < 5; ++q)
-        EXPECT_EQ(0u, veltest::stat(VELCLIENT_MSG_STATS_FREE_DATA_BLOCKS, q));
-    EXPECT_EQ(0u, veltest::stat(VELCLIENT_MSG_STATS_FREE_MSGS));
-    EXPECT_EQ(0u, veltest::stat(VELCLIENT_MSG_STATS_FREE_CONTAINERS));
+    veltest::expectDrainedPools();
 }
 
 TEST(DataBlocks, PublicCallsAndTheirRefusals)
@@ -122,27 +118,13 @@ TEST(DataBlocks, PublicCallsAndTheirRefusals)
     velClient_opaqueDatablock_pt second = b;
     EXPECT_EQ(VELCLIENT_OK, velClient_datablock_free(&second)); /* one holder left */
     EXPECT_EQ(VELCLIENT_FAIL, velClient_datablock_getDataPtr(b, nullptr, nullptr));
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_datablock_getDataPtr(nullptr, nullptr, nullptr));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
-                      veltest::format("Bad datablock pointer (%p) in velClient_datablock_getDataPtr", nullptr));
     velClient_opaqueDatablock_pt copy = b;
     EXPECT_EQ(VELCLIENT_OK, velClient_datablock_free(&b));
     /* The count is now 0: freeing again is refused and the variable kept. */
     EXPECT_EQ(VELCLIENT_FAIL, velClient_datablock_free(&copy));
     EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, "Datablock pointer in velClient_datablock_free already free");
     EXPECT_NE(nullptr, copy);
-
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_datablock_alloc(nullptr, 1));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null reference to datab_p pointer in velClient_datablock_alloc");
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_datablock_free(nullptr));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null reference to datab_p pointer in velClient_datablock_free");
-    velClient_opaqueDatablock_pt none = nullptr;
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_datablock_free(&none));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
-                      veltest::format("Bad datablock pointer (%p) in velClient_datablock_free", static_cast<void *>(&none)));
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_datablock_dup(nullptr));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
-                      veltest::format("Bad datablock pointer (%p) in velClient_datablock_incRef", nullptr));
+    /* (Null and bad handles: Refusals.PoolDataBlocksSessionsAndLogs.) */
 }
 
 TEST(DataBlocks, ExtractHandsTheMessagesReferenceOver)
@@ -167,25 +149,13 @@ TEST(DataBlocks, ExtractHandsTheMessagesReferenceOver)
     EXPECT_GE(capacityOf(b), 5u);
     EXPECT_EQ(0, std::memcmp(info.buf_p, "hello", 5));
     EXPECT_EQ(VELCLIENT_OK, velClient_datablock_free(&b));
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_extractDatablock(m, VELCLIENT_BUFINFO_USER_DATA_PART, &b, &info));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
-                      veltest::format("Bad msg_p pointer (%p) in velClient_msg_extractDatablock", nullptr));
 }
 
-TEST(MessagePool, StatisticsRefuseBadTypesAndIndexes)
+TEST(MessagePool, StatisticsIndexesReachTheLastClass)
 {
     velClient_uint64_t v = 0;
     EXPECT_EQ(VELCLIENT_OK, velClient_msg_getStat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, 5, &v));
     EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getStat(VELCLIENT_MSG_STATS_FREE_DATA_BLOCKS, 5, &v));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
-                      "Index of 5 out of range of max index value of 4 for statistic type 10 in velClient_msg_getStat");
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getStat(VELCLIENT_MSG_STATS_MSG_ALLOCS, 1, &v));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
-                      "Index of 1 out of range of max index value of 0 for statistic type 2 in velClient_msg_getStat");
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getStat(static_cast<velClient_msg_stats_t>(12), 0, &v));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, "Invalid statistic type of 12 in velClient_msg_getStat");
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_getStat(VELCLIENT_MSG_STATS_MSG_ALLOCS, 0, nullptr));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null statValue_p in velClient_msg_getStat");
 }
 
 TEST(MessagePool, TheOlderStatisticsLayoutMirrorsTheCounters)
@@ -254,11 +224,9 @@ TEST(MessagePool, DuplicatesShareAndOutliveEachOther)
 
 TEST(MessagePool, BadHandlesAreRefused)
 {
+    /* A stale handle whose record and table entry were just reused. (Every export
+     * with a forged, stale or wrong-type handle: Refusals.EveryMessageExportRefusesABadHandle.) */
     velClient_opaqueMsg_pt m = nullptr;
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_alloc(nullptr));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null reference to msg_p pointer in velClient_msg_alloc");
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_free(nullptr));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null reference to msg_p pointer in velClient_msg_free");
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_alloc(&m));
     velClient_opaqueMsg_pt stale = m;
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_free(&m));
@@ -268,40 +236,19 @@ TEST(MessagePool, BadHandlesAreRefused)
     EXPECT_NE(stale, reused);
     EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_free(&stale));
     EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, veltest::format("Bad msg_p pointer (%p) in velClient_msg_free", stale));
-    /* A container handle is not a message handle. */
-    std::vector<char> mem(16);
-    velClient_opaqueContainer_pt c = nullptr;
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_createMap(&c, mem.data(), mem.size()));
-    velClient_opaqueMsg_pt dup = nullptr;
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_dup(c, &dup));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, veltest::format("Bad msg_p pointer (%p) in velClient_msg_dup", c));
-    velClient_container_closeMapStream(&c);
-    velClient_msg_free(&reused);
+    EXPECT_EQ(VELCLIENT_OK, velClient_msg_free(&reused));
 }
-
-namespace {
-
-std::vector<std::string> lines_s;
-void captureLine(velClient_log_callbackInfo_pt info, void *)
-{
-    lines_s.emplace_back(info->msg_p);
-}
-
-} // namespace
 
 TEST(MessagePool, CleanupReportsRecordsNeverFreed)
 {
     velClient_opaqueMsg_pt leaked = nullptr;
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_alloc(&leaked));
-    velClient_log_setCallback(captureLine, nullptr);
-    velClient_log_setFilterLevel(VELCLIENT_LOG_CATEGORY_ALL, VELCLIENT_LOG_INFO);
-    lines_s.clear();
-    velClient_cleanup();
-    velClient_log_setFilterLevel(VELCLIENT_LOG_CATEGORY_ALL, VELCLIENT_LOG_EMERGENCY);
-    velClient_log_setCallback(nullptr, nullptr);
-    std::string expected = veltest::format("Currently allocated %d messages not released",
-                                           static_cast<int>(veltest::stat(VELCLIENT_MSG_STATS_ALLOC_MSGS)));
-    EXPECT_NE(std::find(lines_s.begin(), lines_s.end(), expected), lines_s.end());
+    {
+        veltest::LogCapture log;
+        velClient_cleanup();
+        EXPECT_TRUE(log.saw(veltest::format("Currently allocated %d messages not released",
+                                            static_cast<int>(veltest::stat(VELCLIENT_MSG_STATS_ALLOC_MSGS)))));
+    }
     EXPECT_EQ(0u, veltest::stat(VELCLIENT_MSG_STATS_FREE_MSGS));
     ASSERT_EQ(VELCLIENT_OK, velClient_initialize(VELCLIENT_LOG_EMERGENCY, nullptr));
     /* Records the application still holds stay usable after a restart. */
@@ -332,11 +279,8 @@ TEST(MessagePool, ADuplicateOutlivesItsSourceOnEveryPath)
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_setApplicationMessageId(d.h, "dup-only"));
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_setAsReplyMsg(d.h, 1));
 
-    std::vector<std::uint8_t> wire = veltest::encode(d.h);
-    velClient_bufInfo_t in{wire.data(), static_cast<velClient_uint32_t>(wire.size())};
-    velClient_opaqueMsg_pt back = nullptr;
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_decodeFromVwf(&in, &back));
-    veltest::Msg b(back);
+    veltest::Msg b(nullptr);
+    ASSERT_EQ(VELCLIENT_OK, veltest::decode(veltest::encode(d.h), &b.h));
     const char *text = nullptr;
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_getSenderId(b.h, &text));
     EXPECT_STREQ("src", text);

@@ -5,38 +5,11 @@
 
 #include "support/velTestSupport.h"
 
+using veltest::Bytes;
+using veltest::cat;
+using Mem = veltest::Container;
+
 namespace {
-
-using Bytes = std::vector<std::uint8_t>;
-
-/* A container in application memory whose fields are read back as bytes. */
-struct Mem {
-    std::vector<char> mem;
-    velClient_opaqueContainer_pt h = nullptr;
-    explicit Mem(bool map = true, std::size_t size = 512) : mem(size)
-    {
-        EXPECT_EQ(VELCLIENT_OK, map ? velClient_container_createMap(&h, mem.data(), size)
-                                    : velClient_container_createStream(&h, mem.data(), size));
-    }
-    ~Mem()
-    {
-        if (h != nullptr)
-            velClient_container_closeMapStream(&h);
-    }
-    /* The fields written so far (without the 5-byte header). */
-    Bytes fields() const
-    {
-        size_t size = 0;
-        EXPECT_EQ(VELCLIENT_OK, velClient_container_getSize(h, &size));
-        return Bytes(mem.begin() + 5, mem.begin() + static_cast<std::ptrdiff_t>(size));
-    }
-};
-
-Bytes cat(Bytes a, const Bytes &b)
-{
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
 
 const Bytes kNameX = {0x1C, 0x04, 'x', 0x00};
 
@@ -106,11 +79,7 @@ TEST(FieldEncoding, MapEntriesCarryTheirNameField)
     /* The documented one-entry map, header included. */
     Mem one;
     ASSERT_EQ(VELCLIENT_OK, velClient_container_addUint8(one.h, 7, "a"));
-    void *p = nullptr;
-    velClient_uint32_t size = 0;
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_getContainerPtr(one.h, &p, &size));
-    Bytes whole(static_cast<std::uint8_t *>(p), static_cast<std::uint8_t *>(p) + size);
-    EXPECT_EQ((Bytes{0x2B, 0, 0, 0, 0x0C, 0x1C, 0x04, 'a', 0x00, 0x0C, 0x03, 0x07}), whole);
+    EXPECT_EQ((Bytes{0x2B, 0, 0, 0, 0x0C, 0x1C, 0x04, 'a', 0x00, 0x0C, 0x03, 0x07}), veltest::bytesOf(one.h));
 }
 
 TEST(FieldEncoding, VariableFieldsTakeTheSmallestLengthWidth)
@@ -203,34 +172,25 @@ TEST(FieldEncoding, DestinationChecksComeInOrder)
     EXPECT_TRUE(s.fields().empty());
 }
 
-TEST(FieldEncoding, NameRules)
+TEST(FieldEncoding, NameRulesAndValueRefusalsWriteNothing)
 {
     Mem m, s(false);
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addInt32(m.h, 1, nullptr));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Attempt to add unnamed field to a map");
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addInt32(m.h, 1, ""));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Attempt to add unnamed field to a map");
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addInt32(s.h, 1, ""));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, "Attempt to add named field to a stream");
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addNull(nullptr, "x"));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
-                      veltest::format("Bad container pointer (%p) in velClient_container_paramCheck", nullptr));
+    const auto null = VELCLIENT_SUBCODE_PARAM_NULL_PTR, range = VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE;
+    velClient_opaqueContainer_pt mh = m.h, sh = s.h;
+    veltest::expectRefusals({
+        {[mh] { return velClient_container_addInt32(mh, 1, nullptr); }, null, "Attempt to add unnamed field to a map"},
+        {[mh] { return velClient_container_addInt32(mh, 1, ""); }, null, "Attempt to add unnamed field to a map"},
+        {[sh] { return velClient_container_addInt32(sh, 1, ""); }, range, "Attempt to add named field to a stream"},
+        {[mh] { return velClient_container_addChar(mh, static_cast<char>(0x80), "c"); }, range,
+         "Non Ascii characters may not be sent in velClient_container_addChar"},
+        {[mh] { return velClient_container_addString(mh, nullptr, "s"); }, null,
+         "Null value pointer in velClient_container_addString"},
+        {[mh] { return velClient_container_addByteArray(mh, nullptr, 0, "b"); }, null,
+         "Null byte array pointer in velClient_container_addByteArray"},
+        {[mh] { return velClient_container_addVwf(mh, nullptr, 3, "v"); }, null, "Null VWF pointer in velClient_container_addVwf"},
+    });
     EXPECT_TRUE(m.fields().empty());
     EXPECT_TRUE(s.fields().empty());
-}
-
-TEST(FieldEncoding, CharAndNullPointerRefusals)
-{
-    Mem m;
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addChar(m.h, static_cast<char>(0x80), "c"));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
-                      "Non Ascii characters may not be sent in velClient_container_addChar");
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addString(m.h, nullptr, "s"));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null value pointer in velClient_container_addString");
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addByteArray(m.h, nullptr, 0, "b"));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null byte array pointer in velClient_container_addByteArray");
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addVwf(m.h, nullptr, 3, "v"));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null VWF pointer in velClient_container_addVwf");
     ASSERT_EQ(VELCLIENT_OK, velClient_container_addChar(m.h, 'z', "x"));
     EXPECT_EQ(cat(kNameX, {0x14, 0x04, 0x00, 0x7A}), m.fields());
 }
@@ -316,13 +276,10 @@ TEST(FieldEncoding, AddContainerCopiesAnOpenNeighbourThatGrowthMoves)
     ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt16(a, 0x0304, nullptr)); /* not seen by the copy */
     ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&b));
     ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&a));
-    void *p = nullptr;
-    velClient_uint32_t size = 0;
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_getContainerPtr(m, &p, &size));
     Bytes expected = {0x2B, 0, 0, 0, 45,
                       0x1C, 0x04, 'a', 0x00, 0x2F, 0, 0, 0, 13, 0x08, 0x04, 1, 2, 0x08, 0x04, 3, 4,
                       0x1C, 0x04, 'b', 0x00, 0x2F, 0, 0, 0, 14, 0x2F, 0, 0, 0, 9, 0x08, 0x04, 1, 2};
     expected[4] = static_cast<std::uint8_t>(expected.size());
-    EXPECT_EQ(expected, Bytes(static_cast<std::uint8_t *>(p), static_cast<std::uint8_t *>(p) + size));
+    EXPECT_EQ(expected, veltest::bytesOf(m));
     ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&m));
 }
