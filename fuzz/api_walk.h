@@ -38,6 +38,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <type_traits>
 #include <vector>
 
@@ -83,10 +84,8 @@ struct Reader {
     template <typename T>
     T value()
     {
-        std::uint8_t raw[sizeof(T)];
-        fill(raw, sizeof raw);
         T v;
-        std::memcpy(&v, raw, sizeof v);
+        fill(reinterpret_cast<std::uint8_t *>(&v), sizeof v);
         return v;
     }
     std::uint32_t size()
@@ -102,22 +101,11 @@ struct Reader {
     const char *text() { return texts[byte() % 8]; }
 };
 
-/* A name or text as the trace shows it. */
-inline std::string shown(const char *s)
-{
-    if (s == nullptr)
-        return "NULL";
-    /* Built by appending: "x" + std::string makes GCC 12 at -O3 report a memcpy overlap that cannot happen. */
-    std::size_t n = std::strlen(s);
-    std::string out(1, n > 20 ? '<' : '"');
-    return out.append(n > 20 ? std::to_string(n) + " chars>" : std::string(s) + '"');
-}
-
 struct Machine {
     Handle msgs[4] = {};
     Handle conts[8] = {};
-    bool inApp[8] = {};          /* the slot's container lives in memory of this program */
-    std::vector<Handle> heldMsgs; /* every message this program owns, once each */
+    bool inApp[8] = {};            /* the slot's container lives in memory of this program */
+    std::vector<Handle> heldMsgs;  /* every message this program owns, once each */
     std::vector<Handle> heldConts; /* every container reference it holds, once each */
     std::vector<std::unique_ptr<std::uint8_t[]>> arena; /* memory lent to the library */
     std::size_t arenaBytes = 0;
@@ -135,13 +123,21 @@ struct Machine {
         std::vfprintf(stderr, fmt, ap);
         va_end(ap);
     }
+    /* A name or text as the trace shows it. */
+    void sayText(const char *s)
+    {
+        if (s == nullptr)
+            say("NULL");
+        else if (std::strlen(s) > 20)
+            say("<%zu chars>", std::strlen(s));
+        else
+            say("\"%s\"", s);
+    }
     Rc done(Rc rc)
     {
         say(" -> %s", velClient_returnCodeToString(rc));
         return rc;
     }
-    unsigned slotM(Reader &r) { return r.byte() % 4; }
-    unsigned slotC(Reader &r) { return r.byte() % 8; }
     void putMsg(unsigned i, Handle h)
     {
         msgs[i] = h;
@@ -168,483 +164,430 @@ struct Machine {
         arena.emplace_back(new std::uint8_t[n + 1]());
         return arena.back().get();
     }
-    /* Part bytes read from the program (see the format above), with their size. */
-    std::uint8_t *partBytes(Reader &r, std::uint32_t &size)
+    static velClient_rxMsgCallback_returnCode_t onReceive(Handle, Handle msg, void *self)
     {
-        size = r.size();
-        std::uint8_t framing = r.byte() % 3;
-        std::uint8_t *p = lend(size);
-        for (std::uint32_t i = 0; i < std::min<std::uint32_t>(size, 64); ++i) {
-            std::uint8_t b = r.byte();
-            if (p != nullptr)
-                p[i] = b;
-        }
+        auto &m = *static_cast<Machine *>(self);
+        readEverything(msg);
+        if (m.takeInto < 0)
+            return VELCLIENT_CALLBACK_OK;
+        m.say(" [received, kept in m%d]", m.takeInto);
+        m.putMsg(static_cast<unsigned>(m.takeInto), msg);
+        m.takeInto = -1;
+        return VELCLIENT_CALLBACK_TAKE_MSG;
+    }
+    Handle sessionHandle()
+    {
+        static const char *const props[] = {"SESSION_GENERATE_SEQUENCE_NUMBER", "1", "SESSION_GENERATE_SENDER_ID",
+                                            "1", "SESSION_GENERATE_SEND_TIMESTAMPS", "1", nullptr};
+        if (session == nullptr && velClient_session_create(props, onReceive, this, &session) != VELCLIENT_OK)
+            ok = false;
+        return session;
+    }
+    void finish()
+    {
+        say("end of program: close every container reference held, free every message\n");
+        for (auto it = heldConts.rbegin(); it != heldConts.rend(); ++it)
+            velClient_container_closeMapStream(&*it);
+        for (Handle &h : heldMsgs)
+            velClient_msg_free(&h);
+        if (session != nullptr)
+            velClient_session_destroy(&session);
+    }
+};
+
+/* ---- Operands -------------------------------------------------------------------------------------------
+ * An operand reads itself from the program when it is made, shows itself in the trace (show), gives the
+ * call its arguments (args) and, when it is an output, takes what the call gave (after). */
+struct Operand {
+    void after(Machine &, Rc) {}
+};
+
+/* One value read by a Reader function: a size, a number, a name or a text. */
+template <typename T, T (Reader::*Get)()>
+struct Read : Operand {
+    T v;
+    Read(Machine &, Reader &r) : v((r.*Get)()) {}
+    void show(Machine &m) const
+    {
+        if constexpr (std::is_pointer_v<T>)
+            m.sayText(v);
+        else if constexpr (std::is_floating_point_v<T>)
+            m.say("%f", static_cast<double>(v));
+        else
+            m.say("%lld", static_cast<long long>(v));
+    }
+    auto args() const { return std::tuple(v); }
+};
+using Size = Read<std::uint32_t, &Reader::size>;
+using Name = Read<const char *, &Reader::name>;
+using Text = Read<const char *, &Reader::text>;
+template <typename T>
+using Value = Read<T, &Reader::value<T>>;
+
+/* A message (Msg) or container slot whose handle the call takes. */
+template <bool Msg>
+struct Slot : Operand {
+    unsigned i;
+    Handle h;
+    Slot(Machine &m, Reader &r) : i(r.byte() % (Msg ? 4u : 8u)), h(Msg ? m.msgs[i] : m.conts[i]) {}
+    void show(Machine &m) const { m.say(Msg ? "m%u" : "c%u", i); }
+    auto args() const { return std::tuple(h); }
+};
+using M = Slot<true>;
+using C = Slot<false>;
+
+/* A slot the call frees or closes: the call gets a copy, the slot keeps the stale handle. */
+template <bool Msg>
+struct Freed : Slot<Msg> {
+    Handle copy = this->h;
+    using Slot<Msg>::Slot;
+    void show(Machine &m) const { m.say(Msg ? "&m%u" : "&c%u", this->i); }
+    auto args() { return std::tuple(&copy); }
+    void after(Machine &m, Rc rc)
+    {
+        if (rc == VELCLIENT_OK)
+            Machine::drop(Msg ? m.heldMsgs : m.heldConts, this->h);
+    }
+};
+
+/* A slot that takes the message or container the call gives, when it succeeds (InApp: a container in the
+ * program's memory). */
+template <bool Msg, bool InApp = false>
+struct Out : Operand {
+    unsigned i;
+    Handle h = nullptr;
+    Out(Machine &, Reader &r) : i(r.byte() % (Msg ? 4u : 8u)) {}
+    void show(Machine &m) const { m.say(Msg ? "&m%u" : "&c%u", i); }
+    auto args() { return std::tuple(&h); }
+    void after(Machine &m, Rc rc)
+    {
+        if (rc != VELCLIENT_OK)
+            return;
+        if constexpr (Msg)
+            m.putMsg(i, h);
+        else
+            m.putCont(i, h, InApp);
+    }
+};
+using MOut = Out<true>;
+using COut = Out<false>;
+using AppCOut = Out<false, true>;
+
+/* A container, and the slot `to` for the sub-container the call opens on it (which lives where it does). */
+struct Sub : C {
+    unsigned to;
+    Handle out = nullptr;
+    Sub(Machine &m, Reader &r) : C(m, r), to(r.byte() % 8) {}
+    void show(Machine &m) const { m.say("c%u, &c%u", i, to); }
+    auto args() { return std::tuple(h, &out); }
+    void after(Machine &m, Rc rc)
+    {
+        if (rc == VELCLIENT_OK)
+            m.putCont(to, out, m.inApp[i]);
+    }
+};
+
+/* A container and a field read from it: a nested map or stream is an open handle, kept in slot `to`. */
+struct FieldOf : Sub {
+    velClient_field_t f{};
+    using Sub::Sub;
+    void show(Machine &m) const { m.say("c%u, &field, sizeof field", i); }
+    auto args() { return std::tuple(h, &f, sizeof f); }
+    void after(Machine &m, Rc rc)
+    {
+        if (rc != VELCLIENT_OK || (f.type != VELCLIENT_MAP && f.type != VELCLIENT_STREAM))
+            return;
+        m.say(" [%s kept in c%u]", f.type == VELCLIENT_MAP ? "map" : "stream", to);
+        out = f.value.map;
+        Sub::after(m, rc);
+    }
+};
+
+/* Operands read from nothing. */
+struct FieldName : Operand {
+    const char *n = nullptr;
+    FieldName(Machine &, Reader &) {}
+    void show(Machine &m) const { m.say("&name"); }
+    auto args() { return std::tuple(&n); }
+};
+
+struct Null : Operand {
+    Null(Machine &, Reader &) {}
+    void show(Machine &m) const { m.say("NULL"); }
+    auto args() const { return std::tuple(nullptr); }
+};
+
+struct Session : Operand {
+    Handle h;
+    Session(Machine &m, Reader &) : h(m.sessionHandle()) {}
+    void show(Machine &m) const { m.say("session"); }
+    auto args() const { return std::tuple(h); }
+};
+
+/* A destination d (see the format above). */
+struct Dest : Operand {
+    velClient_destination_t d;
+    Dest(Machine &, Reader &r) : d{static_cast<velClient_destinationType_t>(r.byte() % 5 - 1), r.text()} {}
+    void show(Machine &m) const
+    {
+        m.say("{%d, ", d.destType);
+        m.sayText(d.dest);
+        m.say("}");
+    }
+    auto args() const { return std::tuple(&d, sizeof d); }
+};
+
+/* Bytes of a part (see the format above) lent to the library, and their size (shown again when Sized). */
+template <bool Sized>
+struct Part : Operand {
+    std::uint32_t size;
+    std::uint8_t framing;
+    std::uint8_t *p;
+    Part(Machine &m, Reader &r) : size(r.size()), framing(r.byte() % 3), p(m.lend(size))
+    {
+        std::uint8_t unlent[64];
+        r.fill(p != nullptr ? p : unlent, std::min<std::uint32_t>(size, 64));
         if (p != nullptr && framing != 0 && size >= 5) {
             p[0] = framing == 1 ? 0x2B : 0x2F;
             for (int i = 0; i < 4; ++i)
                 p[1 + i] = static_cast<std::uint8_t>(size >> (8 * (3 - i)));
         }
-        say("<%u bytes%s>", size, framing == 1 ? " as map" : framing == 2 ? " as stream" : "");
-        return p;
     }
-    Handle sessionHandle();
-    void finish();
+    void show(Machine &m) const
+    {
+        m.say("<%u bytes%s>", size, framing == 1 ? " as map" : framing == 2 ? " as stream" : "");
+        if constexpr (Sized)
+            m.say(", %u", size);
+    }
+    auto args() const { return std::tuple(p, size); }
 };
 
-inline velClient_rxMsgCallback_returnCode_t onReceive(Handle, Handle msg, void *user_p)
-{
-    auto &m = *static_cast<Machine *>(user_p);
-    readEverything(msg);
-    if (m.takeInto < 0)
-        return VELCLIENT_CALLBACK_OK;
-    m.say(" [received, kept in m%d]", m.takeInto);
-    m.putMsg(static_cast<unsigned>(m.takeInto), msg);
-    m.takeInto = -1;
-    return VELCLIENT_CALLBACK_TAKE_MSG;
-}
+/* Memory of the program for a new container, and its size. */
+struct Lent : Operand {
+    std::uint32_t size;
+    char *mem;
+    Lent(Machine &m, Reader &r) : size(r.size()), mem(reinterpret_cast<char *>(m.lend(size))) {}
+    void show(Machine &m) const { m.say("<%u bytes of the program>, %u", size, size); }
+    auto args() const { return std::tuple(mem, size); }
+};
 
-inline Handle Machine::sessionHandle()
-{
-    static const char *const props[] = {"SESSION_GENERATE_SEQUENCE_NUMBER", "1", "SESSION_GENERATE_SENDER_ID", "1",
-                                        "SESSION_GENERATE_SEND_TIMESTAMPS", "1", nullptr};
-    if (session == nullptr && velClient_session_create(props, onReceive, this, &session) != VELCLIENT_OK)
-        ok = false;
-    return session;
-}
+/* len zero bytes, and len. */
+struct Zeros : Operand {
+    std::uint32_t len;
+    Zeros(Machine &, Reader &r) : len(r.size()) {}
+    void show(Machine &m) const { m.say("<%u zero bytes>, %u", len, len); }
+    auto args() const
+    {
+        static const std::vector<std::uint8_t> zeros(2100000);
+        return std::tuple(zeros.data(), len);
+    }
+};
 
-inline void Machine::finish()
-{
-    say("end of program: close every container reference held, free every message\n");
-    for (auto it = heldConts.rbegin(); it != heldConts.rend(); ++it)
-        velClient_container_closeMapStream(&*it);
-    for (Handle &h : heldMsgs)
-        velClient_msg_free(&h);
-    if (session != nullptr)
-        velClient_session_destroy(&session);
-}
+/* A text of s characters. */
+struct Chars : Operand {
+    std::string s;
+    Chars(Machine &, Reader &r) : s(r.size(), 's') {}
+    void show(Machine &m) const { m.say("<%zu chars>", s.size()); }
+    auto args() const { return std::tuple(s.c_str()); }
+};
+
+/* A field with a one-byte length of any wire type: its value bytes come from the program. */
+struct Unknown : Operand {
+    std::uint8_t field[66];
+    std::uint8_t len;
+    Unknown(Machine &, Reader &r) : field{static_cast<std::uint8_t>(r.byte() & 0xFC), 0}, len(r.byte() % 64)
+    {
+        field[1] = static_cast<std::uint8_t>(len + 2);
+        r.fill(field + 2, len);
+    }
+    void show(Machine &m) const { m.say("<type 0x%02X, %u bytes>, %u", field[0], len + 2u, len + 2u); }
+    auto args() const { return std::tuple(field, len + 2u); }
+};
+
+/* ---- Operations ---------------------------------------------------------------------------------------- */
 
 struct Op {
     const char *name;
     void (*run)(Machine &, Reader &, const char *name);
 };
 
-/* ---- Per-type bodies shared by table rows ---------------------------------------------------------- */
+/* A call of F: its operands read in order (a braced list is evaluated left to right), the call traced as
+ * op(operands) with its result, then each output taking what the call gave. A helper that returns nothing
+ * is traced as op operands. */
+template <auto F, typename... A>
+void call(Machine &m, Reader &r, const char *op)
+{
+    std::tuple<A...> operands{A(m, r)...};
+    std::apply(
+        [&](A &...o) {
+            auto run = [&] { return std::apply(F, std::tuple_cat(o.args()...)); };
+            constexpr bool returnsRc = !std::is_void_v<decltype(run())>;
+            const char *sep = "";
+            m.say(returnsRc ? "%s(" : "%s ", op);
+            ((m.say("%s", sep), o.show(m), sep = ", "), ...);
+            if constexpr (returnsRc) {
+                m.say(")");
+                Rc rc = m.done(run());
+                (o.after(m, rc), ...);
+            } else {
+                run();
+            }
+        },
+        operands);
+}
 
+inline void walkFromTop(Handle c) { walk(c, 0); }
+
+/* The value operand of a typed add, of the type the add takes (declared only, for decltype). */
 template <typename T>
-std::string shownValue(T v)
-{
-    if constexpr (std::is_floating_point_v<T>)
-        return std::to_string(static_cast<double>(v));
-    else
-        return std::to_string(static_cast<long long>(v));
-}
+Value<T> valueOf(Rc (*)(Handle, T, const char *));
 
-template <typename T, Rc (*F)(Handle, T, const char *)>
-void addValue(Machine &m, Reader &r, const char *op)
-{
-    unsigned c = m.slotC(r);
-    T v = r.value<T>();
-    const char *n = r.name();
-    m.say("%s(c%u, %s, %s)", op, c, shownValue(v).c_str(), shown(n).c_str());
-    m.done(F(m.conts[c], v, n));
-}
-
-template <Rc (*F)(Handle, const velClient_uint8_t *, velClient_uint32_t, const char *)>
-void addBytes(Machine &m, Reader &r, const char *op)
-{
-    static const std::vector<std::uint8_t> zeros(2100000);
-    unsigned c = m.slotC(r);
-    std::uint32_t len = r.size();
-    const char *n = r.name();
-    m.say("%s(c%u, <%u zero bytes>, %u, %s)", op, c, len, len, shown(n).c_str());
-    m.done(F(m.conts[c], zeros.data(), len, n));
-}
-
-template <Rc (*F)(Handle, const char *)>
-void msgText(Machine &m, Reader &r, const char *op)
-{
-    unsigned i = m.slotM(r);
-    const char *t = r.text();
-    m.say("%s(m%u, %s)", op, i, shown(t).c_str());
-    m.done(F(m.msgs[i], t));
-}
-
-template <typename T, Rc (*F)(Handle, T)>
-void msgNumber(Machine &m, Reader &r, const char *op)
-{
-    unsigned i = m.slotM(r);
-    T v = r.value<T>();
-    m.say("%s(m%u, %lld)", op, i, static_cast<long long>(v));
-    m.done(F(m.msgs[i], v));
-}
-
-template <Rc (*F)(Handle)>
-void msgOnly(Machine &m, Reader &r, const char *op)
-{
-    unsigned i = m.slotM(r);
-    m.say("%s(m%u)", op, i);
-    m.done(F(m.msgs[i]));
-}
-
-template <Rc (*F)(Handle, void *, velClient_uint32_t)>
-void msgBytes(Machine &m, Reader &r, const char *op)
-{
-    unsigned i = m.slotM(r);
-    m.say("%s(m%u, ", op, i);
-    std::uint32_t size = 0;
-    std::uint8_t *p = m.partBytes(r, size);
-    m.say(")");
-    m.done(F(m.msgs[i], p, size));
-}
-
-/* The copying setters take const bytes; one signature for the table. */
-template <Rc (*F)(Handle, const void *, velClient_uint32_t)>
-Rc copying(Handle msg, void *p, velClient_uint32_t size)
-{
-    return F(msg, p, size);
-}
-
-template <Rc (*F)(Handle, const velClient_destination_t *, std::size_t)>
-void msgDestination(Machine &m, Reader &r, const char *op)
-{
-    unsigned i = m.slotM(r);
-    velClient_destination_t d{static_cast<velClient_destinationType_t>(r.byte() % 5 - 1), r.text()};
-    m.say("%s(m%u, {%d, %s})", op, i, d.destType, shown(d.dest).c_str());
-    m.done(F(m.msgs[i], &d, sizeof d));
-}
-
-/* A call that gives a container: it goes to slot c when the call succeeds. */
-template <Rc (*F)(Handle, Handle *, velClient_uint32_t)>
-void msgCreate(Machine &m, Reader &r, const char *op)
-{
-    unsigned i = m.slotM(r), c = m.slotC(r);
-    std::uint32_t size = r.size();
-    Handle out = nullptr;
-    m.say("%s(m%u, &c%u, %u)", op, i, c, size);
-    if (m.done(F(m.msgs[i], &out, size)) == VELCLIENT_OK)
-        m.putCont(c, out, false);
-}
-
-template <Rc (*F)(Handle, Handle *)>
-void msgContainer(Machine &m, Reader &r, const char *op)
-{
-    unsigned i = m.slotM(r), c = m.slotC(r);
-    Handle out = nullptr;
-    m.say("%s(m%u, &c%u)", op, i, c);
-    if (m.done(F(m.msgs[i], &out)) == VELCLIENT_OK)
-        m.putCont(c, out, false);
-}
-
-template <Rc (*F)(Handle, Handle)>
-void msgTakesContainer(Machine &m, Reader &r, const char *op)
-{
-    unsigned i = m.slotM(r), c = m.slotC(r);
-    m.say("%s(m%u, c%u)", op, i, c);
-    m.done(F(m.msgs[i], m.conts[c]));
-}
-
-template <Rc (*F)(Handle *, char *, std::size_t)>
-void appCreate(Machine &m, Reader &r, const char *op)
-{
-    unsigned c = m.slotC(r);
-    std::uint32_t size = r.size();
-    char *mem = reinterpret_cast<char *>(m.lend(size));
-    Handle out = nullptr;
-    m.say("%s(&c%u, <%u bytes of the program>, %u)", op, c, size, size);
-    if (m.done(F(&out, mem, size)) == VELCLIENT_OK)
-        m.putCont(c, out, true);
-}
-
-template <Rc (*F)(Handle, Handle *, const char *)>
-void openSub(Machine &m, Reader &r, const char *op)
-{
-    unsigned c = m.slotC(r), to = m.slotC(r);
-    const char *n = r.name();
-    Handle out = nullptr;
-    m.say("%s(c%u, &c%u, %s)", op, c, to, shown(n).c_str());
-    if (m.done(F(m.conts[c], &out, n)) == VELCLIENT_OK)
-        m.putCont(to, out, m.inApp[c]);
-}
-
-/* A field read from slot c: a nested map or stream is an open handle, kept in slot `to`. */
-inline void keepField(Machine &m, unsigned c, unsigned to, Rc rc, const velClient_field_t &f)
-{
-    if (rc == VELCLIENT_OK && (f.type == VELCLIENT_MAP || f.type == VELCLIENT_STREAM)) {
-        m.say(" [%s kept in c%u]", f.type == VELCLIENT_MAP ? "map" : "stream", to);
-        m.putCont(to, f.value.map, m.inApp[c]);
-    }
-}
-
-/* ---- The operations -------------------------------------------------------------------------------- */
+/* A row: the function called and its operands in the order they are read. An opcode is its row's index:
+ * rows are only ever appended, so that the seeds keep their meaning. */
+#define VELFUZZ_CALL(f, ...) {#f, call<f, __VA_ARGS__>}
+/* velClient_container_add<T>(c, v, n) */
+#define VELFUZZ_ADD(T) VELFUZZ_CALL(velClient_container_add##T, C, decltype(valueOf(velClient_container_add##T)), Name)
 
 inline const Op ops[] = {
-    {"velClient_msg_alloc",
-     [](Machine &m, Reader &r, const char *op) {
-         unsigned i = m.slotM(r);
-         Handle out = nullptr;
-         m.say("%s(&m%u)", op, i);
-         if (m.done(velClient_msg_alloc(&out)) == VELCLIENT_OK)
-             m.putMsg(i, out);
-     }},
-    {"velClient_msg_free",
-     [](Machine &m, Reader &r, const char *op) {
-         unsigned i = m.slotM(r);
-         Handle h = m.msgs[i]; /* the slot keeps the stale handle */
-         m.say("%s(&m%u)", op, i);
-         if (m.done(velClient_msg_free(&h)) == VELCLIENT_OK)
-             Machine::drop(m.heldMsgs, m.msgs[i]);
-     }},
-    {"velClient_msg_dup",
-     [](Machine &m, Reader &r, const char *op) {
-         unsigned i = m.slotM(r), to = m.slotM(r);
-         Handle out = nullptr;
-         m.say("%s(m%u, &m%u)", op, i, to);
-         if (m.done(velClient_msg_dup(m.msgs[i], &out)) == VELCLIENT_OK)
-             m.putMsg(to, out);
-     }},
-    {"velClient_msg_reset", msgOnly<velClient_msg_reset>},
-    {"velClient_msg_setBinaryAttachment", msgBytes<copying<velClient_msg_setBinaryAttachment>>},
-    {"velClient_msg_setBinaryAttachmentPtr", msgBytes<velClient_msg_setBinaryAttachmentPtr>},
-    {"velClient_msg_setUserData", msgBytes<copying<velClient_msg_setUserData>>},
-    {"velClient_msg_setUserDataPtr", msgBytes<velClient_msg_setUserDataPtr>},
-    {"velClient_msg_setXml", msgBytes<copying<velClient_msg_setXml>>},
-    {"velClient_msg_setCorrelationTag", msgBytes<copying<velClient_msg_setCorrelationTag>>},
-    {"velClient_msg_setCorrelationTagPtr", msgBytes<velClient_msg_setCorrelationTagPtr>},
-    {"velClient_msg_setBinaryAttachmentString", msgText<velClient_msg_setBinaryAttachmentString>},
-    {"velClient_msg_setTopicPtr", msgText<velClient_msg_setTopicPtr>},
-    {"velClient_msg_setQueueNamePtr", msgText<velClient_msg_setQueueNamePtr>},
-    {"velClient_msg_setDestination", msgDestination<velClient_msg_setDestination>},
-    {"velClient_msg_setReplyTo", msgDestination<velClient_msg_setReplyTo>},
-    {"velClient_msg_deleteReplyTo", msgOnly<velClient_msg_deleteReplyTo>},
-    {"velClient_msg_setReplyToSuffix",
-     [](Machine &m, Reader &r, const char *op) {
-         unsigned i = m.slotM(r);
-         const char *t = r.text();
-         m.say("%s(m%u, session, %s)", op, i, shown(t).c_str());
-         m.done(velClient_msg_setReplyToSuffix(m.msgs[i], m.sessionHandle(), t));
-     }},
+    VELFUZZ_CALL(velClient_msg_alloc, MOut),
+    VELFUZZ_CALL(velClient_msg_free, Freed<true>),
+    VELFUZZ_CALL(velClient_msg_dup, M, MOut),
+    VELFUZZ_CALL(velClient_msg_reset, M),
+    VELFUZZ_CALL(velClient_msg_setBinaryAttachment, M, Part<false>),
+    VELFUZZ_CALL(velClient_msg_setBinaryAttachmentPtr, M, Part<false>),
+    VELFUZZ_CALL(velClient_msg_setUserData, M, Part<false>),
+    VELFUZZ_CALL(velClient_msg_setUserDataPtr, M, Part<false>),
+    VELFUZZ_CALL(velClient_msg_setXml, M, Part<false>),
+    VELFUZZ_CALL(velClient_msg_setCorrelationTag, M, Part<false>),
+    VELFUZZ_CALL(velClient_msg_setCorrelationTagPtr, M, Part<false>),
+    VELFUZZ_CALL(velClient_msg_setBinaryAttachmentString, M, Text),
+    VELFUZZ_CALL(velClient_msg_setTopicPtr, M, Text),
+    VELFUZZ_CALL(velClient_msg_setQueueNamePtr, M, Text),
+    VELFUZZ_CALL(velClient_msg_setDestination, M, Dest),
+    VELFUZZ_CALL(velClient_msg_setReplyTo, M, Dest),
+    VELFUZZ_CALL(velClient_msg_deleteReplyTo, M),
+    VELFUZZ_CALL(velClient_msg_setReplyToSuffix, M, Session, Text),
     {"velClient_msg_extractDatablock",
      [](Machine &m, Reader &r, const char *op) {
-         unsigned i = m.slotM(r), part = r.byte() % 13;
+         M msg(m, r);
+         unsigned part = r.byte() % 13;
          Handle block = nullptr;
          velClient_bufInfo_t info{};
-         m.say("%s(m%u, %u, &block, &info)", op, i, part);
-         if (m.done(velClient_msg_extractDatablock(m.msgs[i], static_cast<velClient_bufInfo_index_t>(part), &block,
+         m.say("%s(m%u, %u, &block, &info)", op, msg.i, part);
+         if (m.done(velClient_msg_extractDatablock(msg.h, static_cast<velClient_bufInfo_index_t>(part), &block,
                                                    &info)) == VELCLIENT_OK)
              velClient_datablock_free(&block);
      }},
-    {"velClient_msg_setSenderId", msgText<velClient_msg_setSenderId>},
-    {"velClient_msg_setApplicationMsgType", msgText<velClient_msg_setApplicationMsgType>},
-    {"velClient_msg_setApplicationMessageId", msgText<velClient_msg_setApplicationMessageId>},
-    {"velClient_msg_setCorrelationId", msgText<velClient_msg_setCorrelationId>},
-    {"velClient_msg_setHttpContentType", msgText<velClient_msg_setHttpContentType>},
-    {"velClient_msg_setHttpContentEncoding", msgText<velClient_msg_setHttpContentEncoding>},
-    {"velClient_msg_setSequenceNumber", msgNumber<velClient_uint64_t, velClient_msg_setSequenceNumber>},
-    {"velClient_msg_setSenderTimestamp", msgNumber<velClient_int64_t, velClient_msg_setSenderTimestamp>},
-    {"velClient_msg_setExpiration", msgNumber<velClient_int64_t, velClient_msg_setExpiration>},
-    {"velClient_msg_setTimeToLive", msgNumber<velClient_int64_t, velClient_msg_setTimeToLive>},
-    {"velClient_msg_deleteSenderId", msgOnly<velClient_msg_deleteSenderId>},
-    {"velClient_msg_deleteSequenceNumber", msgOnly<velClient_msg_deleteSequenceNumber>},
-    {"velClient_msg_deleteCorrelationId", msgOnly<velClient_msg_deleteCorrelationId>},
-    {"readEverything",
-     [](Machine &m, Reader &r, const char *op) {
-         unsigned i = m.slotM(r);
-         m.say("%s m%u", op, i);
-         readEverything(m.msgs[i]);
-     }},
-    {"velClient_msg_createBinaryAttachmentMap", msgCreate<velClient_msg_createBinaryAttachmentMap>},
-    {"velClient_msg_createBinaryAttachmentStream", msgCreate<velClient_msg_createBinaryAttachmentStream>},
-    {"velClient_msg_createUserPropertyMap", msgCreate<velClient_msg_createUserPropertyMap>},
-    {"velClient_msg_getBinaryAttachmentMap", msgContainer<velClient_msg_getBinaryAttachmentMap>},
-    {"velClient_msg_getBinaryAttachmentStream", msgContainer<velClient_msg_getBinaryAttachmentStream>},
-    {"velClient_msg_getUserPropertyMap", msgContainer<velClient_msg_getUserPropertyMap>},
-    {"velClient_msg_setBinaryAttachmentContainer", msgTakesContainer<velClient_msg_setBinaryAttachmentContainer>},
+    VELFUZZ_CALL(velClient_msg_setSenderId, M, Text),
+    VELFUZZ_CALL(velClient_msg_setApplicationMsgType, M, Text),
+    VELFUZZ_CALL(velClient_msg_setApplicationMessageId, M, Text),
+    VELFUZZ_CALL(velClient_msg_setCorrelationId, M, Text),
+    VELFUZZ_CALL(velClient_msg_setHttpContentType, M, Text),
+    VELFUZZ_CALL(velClient_msg_setHttpContentEncoding, M, Text),
+    VELFUZZ_CALL(velClient_msg_setSequenceNumber, M, Value<velClient_uint64_t>),
+    VELFUZZ_CALL(velClient_msg_setSenderTimestamp, M, Value<velClient_int64_t>),
+    VELFUZZ_CALL(velClient_msg_setExpiration, M, Value<velClient_int64_t>),
+    VELFUZZ_CALL(velClient_msg_setTimeToLive, M, Value<velClient_int64_t>),
+    VELFUZZ_CALL(velClient_msg_deleteSenderId, M),
+    VELFUZZ_CALL(velClient_msg_deleteSequenceNumber, M),
+    VELFUZZ_CALL(velClient_msg_deleteCorrelationId, M),
+    VELFUZZ_CALL(readEverything, M),
+    VELFUZZ_CALL(velClient_msg_createBinaryAttachmentMap, M, COut, Size),
+    VELFUZZ_CALL(velClient_msg_createBinaryAttachmentStream, M, COut, Size),
+    VELFUZZ_CALL(velClient_msg_createUserPropertyMap, M, COut, Size),
+    VELFUZZ_CALL(velClient_msg_getBinaryAttachmentMap, M, COut),
+    VELFUZZ_CALL(velClient_msg_getBinaryAttachmentStream, M, COut),
+    VELFUZZ_CALL(velClient_msg_getUserPropertyMap, M, COut),
+    VELFUZZ_CALL(velClient_msg_setBinaryAttachmentContainer, M, C),
     {"velClient_msg_setBinaryAttachmentContainerPtr",
      [](Machine &m, Reader &r, const char *op) {
-         /* Only over the program's own memory: a container in a message moves when it grows. */
-         unsigned i = m.slotM(r), c = m.slotC(r);
-         m.say("%s(m%u, c%u)", op, i, c);
-         if (m.inApp[c])
-             m.done(velClient_msg_setBinaryAttachmentContainerPtr(m.msgs[i], m.conts[c]));
+         /* Only over the program's own memory; the last operation of the table takes any container. */
+         M msg(m, r);
+         C c(m, r);
+         m.say("%s(m%u, c%u)", op, msg.i, c.i);
+         if (m.inApp[c.i])
+             m.done(velClient_msg_setBinaryAttachmentContainerPtr(msg.h, c.h));
          else
-             m.say(" [skipped: c%u is not in the program's memory]", c);
+             m.say(" [skipped: c%u is not in the program's memory]", c.i);
      }},
-    {"velClient_msg_setUserPropertyMap", msgTakesContainer<velClient_msg_setUserPropertyMap>},
-    {"velClient_container_createMap", appCreate<velClient_container_createMap>},
-    {"velClient_container_createStream", appCreate<velClient_container_createStream>},
-    {"velClient_container_openMapFromPtr",
-     [](Machine &m, Reader &r, const char *op) {
-         unsigned c = m.slotC(r);
-         m.say("%s(&c%u, ", op, c);
-         std::uint32_t size = 0;
-         std::uint8_t *p = m.partBytes(r, size);
-         Handle out = nullptr;
-         m.say(", %u)", size);
-         if (m.done(velClient_container_openMapFromPtr(&out, p, size)) == VELCLIENT_OK)
-             m.putCont(c, out, true);
-     }},
-    {"velClient_container_addNull",
-     [](Machine &m, Reader &r, const char *op) {
-         unsigned c = m.slotC(r);
-         const char *n = r.name();
-         m.say("%s(c%u, %s)", op, c, shown(n).c_str());
-         m.done(velClient_container_addNull(m.conts[c], n));
-     }},
-    {"velClient_container_addBoolean", addValue<velClient_bool_t, velClient_container_addBoolean>},
-    {"velClient_container_addUint8", addValue<velClient_uint8_t, velClient_container_addUint8>},
-    {"velClient_container_addInt8", addValue<velClient_int8_t, velClient_container_addInt8>},
-    {"velClient_container_addUint16", addValue<velClient_uint16_t, velClient_container_addUint16>},
-    {"velClient_container_addInt16", addValue<velClient_int16_t, velClient_container_addInt16>},
-    {"velClient_container_addUint32", addValue<velClient_uint32_t, velClient_container_addUint32>},
-    {"velClient_container_addInt32", addValue<velClient_int32_t, velClient_container_addInt32>},
-    {"velClient_container_addUint64", addValue<velClient_uint64_t, velClient_container_addUint64>},
-    {"velClient_container_addInt64", addValue<velClient_int64_t, velClient_container_addInt64>},
-    {"velClient_container_addChar", addValue<char, velClient_container_addChar>},
-    {"velClient_container_addWchar", addValue<velClient_wchar_t, velClient_container_addWchar>},
-    {"velClient_container_addFloat", addValue<float, velClient_container_addFloat>},
-    {"velClient_container_addDouble", addValue<double, velClient_container_addDouble>},
-    {"velClient_container_addString",
-     [](Machine &m, Reader &r, const char *op) {
-         unsigned c = m.slotC(r);
-         std::string value(r.size(), 's');
-         const char *n = r.name();
-         m.say("%s(c%u, <%zu chars>, %s)", op, c, value.size(), shown(n).c_str());
-         m.done(velClient_container_addString(m.conts[c], value.c_str(), n));
-     }},
-    {"velClient_container_addByteArray", addBytes<velClient_container_addByteArray>},
-    {"velClient_container_addVwf", addBytes<velClient_container_addVwf>},
-    {"velClient_container_addDestination",
-     [](Machine &m, Reader &r, const char *op) {
-         unsigned c = m.slotC(r);
-         velClient_destination_t d{static_cast<velClient_destinationType_t>(r.byte() % 5 - 1), r.text()};
-         const char *n = r.name();
-         m.say("%s(c%u, {%d, %s}, %s)", op, c, d.destType, shown(d.dest).c_str(), shown(n).c_str());
-         m.done(velClient_container_addDestination(m.conts[c], &d, sizeof d, n));
-     }},
-    {"velClient_container_addContainer",
-     [](Machine &m, Reader &r, const char *op) {
-         unsigned c = m.slotC(r), sub = m.slotC(r);
-         const char *n = r.name();
-         m.say("%s(c%u, c%u, %s)", op, c, sub, shown(n).c_str());
-         m.done(velClient_container_addContainer(m.conts[c], m.conts[sub], n));
-     }},
-    {"velClient_container_addUnknownField",
-     [](Machine &m, Reader &r, const char *op) {
-         /* A field with a one-byte length of any wire type: its value bytes come from the program. */
-         unsigned c = m.slotC(r);
-         std::uint8_t field[66] = {static_cast<std::uint8_t>(r.byte() & 0xFC), 0};
-         std::uint8_t len = r.byte() % 64;
-         field[1] = static_cast<std::uint8_t>(len + 2);
-         r.fill(field + 2, len);
-         const char *n = r.name();
-         m.say("%s(c%u, <type 0x%02X, %u bytes>, %u, %s)", op, c, field[0], len + 2u, len + 2u, shown(n).c_str());
-         m.done(velClient_container_addUnknownField(m.conts[c], field, len + 2u, n));
-     }},
-    {"velClient_container_openSubMap", openSub<velClient_container_openSubMap>},
-    {"velClient_container_openSubStream", openSub<velClient_container_openSubStream>},
-    {"velClient_container_deleteField",
-     [](Machine &m, Reader &r, const char *op) {
-         unsigned c = m.slotC(r);
-         const char *n = r.name();
-         m.say("%s(c%u, %s)", op, c, shown(n).c_str());
-         m.done(velClient_container_deleteField(m.conts[c], n));
-     }},
-    {"velClient_container_closeMapStream",
-     [](Machine &m, Reader &r, const char *op) {
-         unsigned c = m.slotC(r);
-         Handle h = m.conts[c]; /* the slot keeps the stale handle */
-         m.say("%s(&c%u)", op, c);
-         if (m.done(velClient_container_closeMapStream(&h)) == VELCLIENT_OK)
-             Machine::drop(m.heldConts, m.conts[c]);
-     }},
-    {"velClient_container_rewind",
-     [](Machine &m, Reader &r, const char *op) {
-         unsigned c = m.slotC(r);
-         m.say("%s(c%u)", op, c);
-         m.done(velClient_container_rewind(m.conts[c]));
-     }},
-    {"velClient_container_getNextField",
-     [](Machine &m, Reader &r, const char *op) {
-         unsigned c = m.slotC(r), to = m.slotC(r);
-         velClient_field_t f{};
-         const char *name = nullptr;
-         m.say("%s(c%u, &field, sizeof field, &name)", op, c);
-         keepField(m, c, to, m.done(velClient_container_getNextField(m.conts[c], &f, sizeof f, &name)), f);
-     }},
-    {"velClient_container_getField",
-     [](Machine &m, Reader &r, const char *op) {
-         unsigned c = m.slotC(r), to = m.slotC(r);
-         const char *n = r.name();
-         velClient_field_t f{};
-         m.say("%s(c%u, &field, sizeof field, %s)", op, c, shown(n).c_str());
-         keepField(m, c, to, m.done(velClient_container_getField(m.conts[c], &f, sizeof f, n)), f);
-     }},
-    {"velClient_container_getSubMap", openSub<velClient_container_getSubMap>},
-    {"velClient_container_getSubStream", openSub<velClient_container_getSubStream>},
-    {"typedGetters",
-     [](Machine &m, Reader &r, const char *op) {
-         unsigned c = m.slotC(r);
-         const char *n = r.name();
-         m.say("%s c%u, %s", op, c, shown(n).c_str());
-         typedGetters(m.conts[c], n);
-     }},
-    {"walk",
-     [](Machine &m, Reader &r, const char *op) {
-         unsigned c = m.slotC(r);
-         m.say("%s c%u", op, c);
-         walk(m.conts[c], 0);
-     }},
+    VELFUZZ_CALL(velClient_msg_setUserPropertyMap, M, C),
+    VELFUZZ_CALL(velClient_container_createMap, AppCOut, Lent),
+    VELFUZZ_CALL(velClient_container_createStream, AppCOut, Lent),
+    VELFUZZ_CALL(velClient_container_openMapFromPtr, AppCOut, Part<true>),
+    VELFUZZ_CALL(velClient_container_addNull, C, Name),
+    VELFUZZ_ADD(Boolean), VELFUZZ_ADD(Uint8), VELFUZZ_ADD(Int8), VELFUZZ_ADD(Uint16), VELFUZZ_ADD(Int16),
+    VELFUZZ_ADD(Uint32), VELFUZZ_ADD(Int32), VELFUZZ_ADD(Uint64), VELFUZZ_ADD(Int64), VELFUZZ_ADD(Char),
+    VELFUZZ_ADD(Wchar), VELFUZZ_ADD(Float), VELFUZZ_ADD(Double),
+    VELFUZZ_CALL(velClient_container_addString, C, Chars, Name),
+    VELFUZZ_CALL(velClient_container_addByteArray, C, Zeros, Name),
+    VELFUZZ_CALL(velClient_container_addVwf, C, Zeros, Name),
+    VELFUZZ_CALL(velClient_container_addDestination, C, Dest, Name),
+    VELFUZZ_CALL(velClient_container_addContainer, C, C, Name),
+    VELFUZZ_CALL(velClient_container_addUnknownField, C, Unknown, Name),
+    VELFUZZ_CALL(velClient_container_openSubMap, Sub, Name),
+    VELFUZZ_CALL(velClient_container_openSubStream, Sub, Name),
+    VELFUZZ_CALL(velClient_container_deleteField, C, Name),
+    VELFUZZ_CALL(velClient_container_closeMapStream, Freed<false>),
+    VELFUZZ_CALL(velClient_container_rewind, C),
+    VELFUZZ_CALL(velClient_container_getNextField, FieldOf, FieldName),
+    VELFUZZ_CALL(velClient_container_getField, FieldOf, Name),
+    VELFUZZ_CALL(velClient_container_getSubMap, Sub, Name),
+    VELFUZZ_CALL(velClient_container_getSubStream, Sub, Name),
+    VELFUZZ_CALL(typedGetters, C, Name),
+    {"walk", call<walkFromTop, C>},
     {"velClient_container_getContainerPtr+getSize",
      [](Machine &m, Reader &r, const char *op) {
-         unsigned c = m.slotC(r);
+         C c(m, r);
          void *bytes = nullptr;
          velClient_uint32_t size = 0;
          std::size_t size2 = 0;
-         m.say("%s(c%u)", op, c);
-         if (m.done(velClient_container_getContainerPtr(m.conts[c], &bytes, &size)) == VELCLIENT_OK &&
-             (velClient_container_getSize(m.conts[c], &size2) != VELCLIENT_OK || size2 != size))
+         m.say("%s(c%u)", op, c.i);
+         if (m.done(velClient_container_getContainerPtr(c.h, &bytes, &size)) == VELCLIENT_OK &&
+             (velClient_container_getSize(c.h, &size2) != VELCLIENT_OK || size2 != size))
              m.ok = false;
-         velClient_container_hasNextField(m.conts[c]);
+         velClient_container_hasNextField(c.h);
      }},
     {"velClient_msg_encodeToVWF+decodeFromVwf",
      [](Machine &m, Reader &r, const char *op) {
-         unsigned i = m.slotM(r), to = m.slotM(r);
+         M msg(m, r), to(m, r);
          velClient_bufInfo_t info{};
          Handle block = nullptr, out = nullptr;
-         m.say("%s(m%u, &info, &block) then decode into m%u", op, i, to);
-         if (m.done(velClient_msg_encodeToVWF(m.msgs[i], &info, &block)) != VELCLIENT_OK)
+         m.say("%s(m%u, &info, &block) then decode into m%u", op, msg.i, to.i);
+         if (m.done(velClient_msg_encodeToVWF(msg.h, &info, &block)) != VELCLIENT_OK)
              return;
          if (velClient_msg_decodeFromVwf(&info, &out) == VELCLIENT_OK)
-             m.putMsg(to, out);
+             m.putMsg(to.i, out);
          else
              m.ok = false; /* an encoding must decode */
          velClient_datablock_free(&block);
      }},
-    {"velClient_msg_encodeToVWF",
-     [](Machine &m, Reader &r, const char *op) {
-         unsigned i = m.slotM(r);
-         m.say("%s(m%u, NULL, NULL)", op, i);
-         m.done(velClient_msg_encodeToVWF(m.msgs[i], nullptr, nullptr));
-     }},
+    VELFUZZ_CALL(velClient_msg_encodeToVWF, M, Null, Null),
     {"velClient_session_sendMsg",
      [](Machine &m, Reader &r, const char *op) {
-         unsigned i = m.slotM(r), keep = r.byte() % 8;
+         M msg(m, r);
+         unsigned keep = r.byte() % 8;
          m.takeInto = keep < 4 ? static_cast<int>(keep) : -1;
-         m.say("%s(session, m%u)", op, i);
-         m.done(velClient_session_sendMsg(m.sessionHandle(), m.msgs[i]));
+         m.say("%s(session, m%u)", op, msg.i);
+         m.done(velClient_session_sendMsg(m.sessionHandle(), msg.h));
          m.takeInto = -1;
      }},
     {"velClient_msg_dumpExt",
      [](Machine &m, Reader &r, const char *op) {
-         unsigned i = m.slotM(r), flags = r.byte() % 2;
+         M msg(m, r);
+         unsigned flags = r.byte() % 2;
          std::size_t size = r.size() + 1u;
          std::vector<char> text(size, 'x');
-         m.say("%s(m%u, buffer, %zu, %u)", op, i, size, flags);
-         if (m.done(velClient_msg_dumpExt(m.msgs[i], text.data(), size, flags)) == VELCLIENT_OK &&
+         m.say("%s(m%u, buffer, %zu, %u)", op, msg.i, size, flags);
+         if (m.done(velClient_msg_dumpExt(msg.h, text.data(), size, flags)) == VELCLIENT_OK &&
              std::memchr(text.data(), 0, size) == nullptr)
              m.ok = false;
      }},
+    /* Any container by reference, also one in another message's data block: the setter copies that. */
+    VELFUZZ_CALL(velClient_msg_setBinaryAttachmentContainerPtr, M, C),
 };
+
+#undef VELFUZZ_ADD
+#undef VELFUZZ_CALL
 
 inline constexpr std::size_t opCount = sizeof ops / sizeof ops[0];
 
