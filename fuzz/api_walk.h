@@ -44,6 +44,7 @@
 
 #include "container_walk.h"
 #include "vwf_walk.h"
+#include "fuzz_setup.h"
 #include "velclient/velClient.h"
 
 namespace velfuzz {
@@ -58,13 +59,6 @@ inline const char *const texts[8] = {"a", "t/x", "#P2P/QUE/v:n/q", "#P2P/QTMP/v:
                                      text250.c_str(), "", "b"};
 inline const std::uint32_t bigSizes[16] = {250,  255,   256,   300,   1000,   2047,    2048,   4096,
                                            16383, 16384, 65535, 65536, 70000, 131072, 1048577, 2000000};
-
-/* Start-up properties under which every growth takes a new data block: five tiny size classes and a pool
- * that keeps nothing for reuse. */
-inline const char *const tinyClasses[] = {"GLOBAL_DBQUANTASIZE_0", "1", "GLOBAL_DBQUANTASIZE_1", "2",
-                                          "GLOBAL_DBQUANTASIZE_2", "3", "GLOBAL_DBQUANTASIZE_3", "4",
-                                          "GLOBAL_DBQUANTASIZE_4", "5", "GLOBAL_MAXPOOLMEM",     "0",
-                                          nullptr};
 
 struct Reader {
     const std::uint8_t *p;

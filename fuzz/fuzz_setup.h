@@ -13,14 +13,17 @@
 
 namespace velfuzz {
 
+/* Start-up properties under which every growth takes a new data block: five
+ * tiny size classes and a pool that keeps nothing for reuse. */
+inline const char *const tinyClasses[] = {"GLOBAL_DBQUANTASIZE_0", "1", "GLOBAL_DBQUANTASIZE_1", "2",
+                                          "GLOBAL_DBQUANTASIZE_2", "3", "GLOBAL_DBQUANTASIZE_3", "4",
+                                          "GLOBAL_DBQUANTASIZE_4", "5", "GLOBAL_MAXPOOLMEM",     "0",
+                                          nullptr};
+
 inline void startLibrary()
 {
-    static const char *const tiny[] = {"GLOBAL_DBQUANTASIZE_0", "1", "GLOBAL_DBQUANTASIZE_1", "2",
-                                       "GLOBAL_DBQUANTASIZE_2", "3", "GLOBAL_DBQUANTASIZE_3", "4",
-                                       "GLOBAL_DBQUANTASIZE_4", "5", "GLOBAL_MAXPOOLMEM",     "0",
-                                       nullptr};
     const bool defaults = std::getenv("VELFUZZ_DEFAULT_CLASSES") != nullptr;
-    velClient_initialize(VELCLIENT_LOG_EMERGENCY, defaults ? nullptr : tiny);
+    velClient_initialize(VELCLIENT_LOG_EMERGENCY, defaults ? nullptr : tinyClasses);
     velClient_log_setFilterLevel(VELCLIENT_LOG_CATEGORY_ALL, VELCLIENT_LOG_EMERGENCY);
 }
 

@@ -657,7 +657,8 @@ VELCLIENT_API velClient_returnCode_t velClient_container_getSubStream(velClient_
 /* By copy. */
 VELCLIENT_API velClient_returnCode_t velClient_msg_setBinaryAttachmentContainer(velClient_opaqueMsg_pt msg_p,
                                                                                 velClient_opaqueContainer_pt cont_p);
-/* By reference. */
+/* By reference, when cont_p lives in the application's own memory; a container inside a message's data block
+ * is copied, since that block moves when the container grows and goes with its message. */
 VELCLIENT_API velClient_returnCode_t velClient_msg_setBinaryAttachmentContainerPtr(velClient_opaqueMsg_pt msg_p,
                                                                                    velClient_opaqueContainer_pt cont_p);
 
