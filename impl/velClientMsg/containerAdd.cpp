@@ -9,6 +9,7 @@
 #include <cstring>
 #include <type_traits>
 
+#include "velClientMsg/fieldTypes.h"
 #include "velClientMsg/keptBytes.h"
 #include "velClientMsg/tlvCodec.h"
 #include "velClientMsg/velClientMsgPrivate.h"
@@ -273,28 +274,31 @@ std::int64_t encodedLength(const velClient_uint8_t *field, velClient_uint32_t le
 
 } // namespace
 
-/* Every scalar add: exported name, C type, type byte, value bytes, encoder, value check. */
-#define VEL_SCALAR_ADDS(X)                                                              \
-    X(Boolean, velClient_bool_t, TB_BOOL, 1, asBoolean, anyValue<velClient_bool_t>)     \
-    X(Uint8, velClient_uint8_t, TB_UINT, 1, asInteger, anyValue<velClient_uint8_t>)     \
-    X(Int8, velClient_int8_t, TB_INT, 1, asInteger, anyValue<velClient_int8_t>)         \
-    X(Uint16, velClient_uint16_t, TB_UINT, 2, asInteger, anyValue<velClient_uint16_t>)  \
-    X(Int16, velClient_int16_t, TB_INT, 2, asInteger, anyValue<velClient_int16_t>)      \
-    X(Uint32, velClient_uint32_t, TB_UINT, 4, asInteger, anyValue<velClient_uint32_t>)  \
-    X(Int32, velClient_int32_t, TB_INT, 4, asInteger, anyValue<velClient_int32_t>)      \
-    X(Uint64, velClient_uint64_t, TB_UINT, 8, asInteger, anyValue<velClient_uint64_t>)  \
-    X(Int64, velClient_int64_t, TB_INT, 8, asInteger, anyValue<velClient_int64_t>)      \
-    X(Char, char, TB_CHAR, 2, asChar, asciiOnly)                                        \
-    X(Wchar, velClient_wchar_t, TB_CHAR, 2, asWchar, anyValue<velClient_wchar_t>)       \
-    X(Float, float, TB_FLOAT, 4, asIeee, anyValue<float>)                               \
-    X(Double, double, TB_FLOAT, 8, asIeee, anyValue<double>)
+/* Every scalar add: exported name, C type, the field type it writes (whose
+ * type byte and value size come from the field-type table), encoder, value
+ * check. */
+#define VEL_SCALAR_ADDS(X)                                                                   \
+    X(Boolean, velClient_bool_t, VELCLIENT_BOOL, asBoolean, anyValue<velClient_bool_t>)       \
+    X(Uint8, velClient_uint8_t, VELCLIENT_UINT8, asInteger, anyValue<velClient_uint8_t>)      \
+    X(Int8, velClient_int8_t, VELCLIENT_INT8, asInteger, anyValue<velClient_int8_t>)          \
+    X(Uint16, velClient_uint16_t, VELCLIENT_UINT16, asInteger, anyValue<velClient_uint16_t>)  \
+    X(Int16, velClient_int16_t, VELCLIENT_INT16, asInteger, anyValue<velClient_int16_t>)      \
+    X(Uint32, velClient_uint32_t, VELCLIENT_UINT32, asInteger, anyValue<velClient_uint32_t>)  \
+    X(Int32, velClient_int32_t, VELCLIENT_INT32, asInteger, anyValue<velClient_int32_t>)      \
+    X(Uint64, velClient_uint64_t, VELCLIENT_UINT64, asInteger, anyValue<velClient_uint64_t>)  \
+    X(Int64, velClient_int64_t, VELCLIENT_INT64, asInteger, anyValue<velClient_int64_t>)      \
+    X(Char, char, VELCLIENT_WCHAR, asChar, asciiOnly)                                         \
+    X(Wchar, velClient_wchar_t, VELCLIENT_WCHAR, asWchar, anyValue<velClient_wchar_t>)        \
+    X(Float, float, VELCLIENT_FLOAT, asIeee, anyValue<float>)                                 \
+    X(Double, double, VELCLIENT_DOUBLE, asIeee, anyValue<double>)
 
-#define VEL_DEFINE_SCALAR_ADD(Name, CType, TypeByte, Bytes, Encode, Accept)                           \
-    extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_add##Name(                  \
-        velClient_opaqueContainer_pt opaqueCont_p, CType value, const char *name)                   \
-    {                                                                                                 \
-        return addScalar<TypeByte, Bytes, static_cast<std::uint64_t (*)(CType)>(Encode), Accept>(    \
-            opaqueCont_p, value, name);                                                               \
+#define VEL_DEFINE_SCALAR_ADD(Name, CType, code, Encode, Accept)                                          \
+    extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_add##Name(                      \
+        velClient_opaqueContainer_pt opaqueCont_p, CType value, const char *name)                       \
+    {                                                                                                     \
+        constexpr const vel::field::Traits &type = vel::field::traits(code);                             \
+        return addScalar<type.typeByte, type.size, static_cast<std::uint64_t (*)(CType)>(Encode), Accept>( \
+            opaqueCont_p, value, name);                                                                   \
     }
 VEL_SCALAR_ADDS(VEL_DEFINE_SCALAR_ADD)
 #undef VEL_DEFINE_SCALAR_ADD

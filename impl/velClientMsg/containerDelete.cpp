@@ -25,17 +25,7 @@ velClient_returnCode_t malformed(const char *text)
     return VEL_FAIL(VELCLIENT_SUBCODE_COMMUNICATION_ERROR, VELCLIENT_LOG_ERROR, "%s", text);
 }
 
-/* True when the field at p declares more bytes than lie before end (or has no
- * room for its own length field): it runs past the written bytes. */
-bool runsPast(const std::uint8_t *p, const std::uint8_t *end)
-{
-    unsigned width = (p[0] & 0x03) + 1u;
-    if (end - p < static_cast<std::ptrdiff_t>(1 + width))
-        return true;
-    return getBE(p + 1, width) > static_cast<std::uint64_t>(end - p);
-}
-
-/* One decoded entry of the map: its name field and its value field. */
+/* One decoded entry of the map: where it starts, its name and its size. */
 struct Entry {
     std::uint8_t *at = nullptr;
     std::uint32_t keyLen = 0;
@@ -44,28 +34,29 @@ struct Entry {
     std::uint8_t *value() const { return at + keyLen; }
 };
 
+/* A delete's text for what is wrong with the entry. */
+const char *deleteFaultText(Fault fault)
+{
+    switch (fault) {
+    case Fault::keyNotString: return "Invalid type in TLV string in structured data container";
+    case Fault::keyShort:
+    case Fault::keyNotText: return "Invalid length in TLV string in structured data container";
+    case Fault::valueBad: return "Invalid entry in structured data TLV";
+    default: return kPastEnd;
+    }
+}
+
 /* Decodes the entry at pos (pos < end); records the failure and returns false
  * when it is malformed. */
 bool readEntry(std::uint8_t *pos, const std::uint8_t *end, Entry &e)
 {
-    velClient_field_t key{}, value{};
-    if ((pos[0] & 0xFC) != TB_STRING)
-        return malformed("Invalid type in TLV string in structured data container"), false;
-    if (runsPast(pos, end))
-        return malformed(kPastEnd), false;
-    std::int64_t keyLen = _velClient_tlv_decodeField(pos, end, &key);
-    if (keyLen < 0)
-        return malformed("Invalid length in TLV string in structured data container"), false;
-    std::uint8_t *v = pos + keyLen;
-    if (v >= end || runsPast(v, end))
-        return malformed(kPastEnd), false;
-    std::int64_t valueLen = _velClient_tlv_decodeField(v, end, &value);
-    if (valueLen < 0)
-        return malformed("Invalid entry in structured data TLV"), false;
+    vel::tlv::Entry decoded;
+    if (Fault fault = decodeEntry(pos, end, decoded); fault != Fault::none)
+        return malformed(deleteFaultText(fault)), false;
     e.at = pos;
-    e.keyLen = static_cast<std::uint32_t>(keyLen);
-    e.size = static_cast<std::uint32_t>(keyLen + valueLen);
-    e.name = key.value.string;
+    e.keyLen = decoded.keyLength;
+    e.size = decoded.keyLength + decoded.valueLength;
+    e.name = decoded.name;
     return true;
 }
 
@@ -155,7 +146,8 @@ velClient_returnCode_t deleteByName(_velClient_container *c, const char *name_p)
     vel::KeptBytes kept;
     if (!kept.keep(c, {vel::Borrowed{name, std::strlen(name_p) + 1}}))
         return VEL_FAIL(VELCLIENT_SUBCODE_OUT_OF_MEMORY, VELCLIENT_LOG_ERROR,
-                        "Unable to allocate memory for the name in velClient_container_deleteField");
+                        "Unable to allocate memory for the name in "
+                        "velClient_container_deleteField");
     name_p = static_cast<const char *>(name);
     if (c->curRdPtr == nullptr) {
         /* Reading has not started: the cursor stands before the first field. */

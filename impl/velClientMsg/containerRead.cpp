@@ -6,7 +6,7 @@
  */
 #include <cstring>
 
-#include "velClientMsg/tlvDecode.h"
+#include "velClientMsg/tlvFastPath.h"
 #include "velClientMsg/velClientMsgPrivate.h"
 
 namespace {
@@ -21,64 +21,18 @@ velClient_returnCode_t malformed(const char *text)
 constexpr const char *kBadEntry = "Invalid entry in structured data map";
 constexpr const char *kBadTlv = "Invalid entry in structured data TLV";
 
-/* The map key at pos: its encoded length (0 after recording a failure), and
- * the name (nullptr for an empty key). */
-std::uint32_t readKey(const std::uint8_t *pos, const std::uint8_t *end, const char **name_p)
+/* A read's text for what is wrong with the entry. */
+const char *readFaultText(Fault fault, std::uint32_t valueLength)
 {
-    if ((pos[0] & 0xFC) != TB_STRING) {
-        malformed("Invalid type in TLV string in structured data container");
-        return 0;
+    switch (fault) {
+    case Fault::keyNotString: return "Invalid type in TLV string in structured data container";
+    case Fault::keyNotText: return "Invalid length in TLV string in structured data container";
+    case Fault::keyShort:
+    case Fault::valueCut:
+    case Fault::valueBad: return kBadTlv;
+    case Fault::valuePastEnd: return valueLength == 0xFFFFFFFFu ? kBadTlv : kBadEntry;
+    default: return kBadEntry;
     }
-    unsigned width = (pos[0] & 0x03) + 1u;
-    if (end - pos < static_cast<std::ptrdiff_t>(1 + width)) {
-        malformed(kBadEntry);
-        return 0;
-    }
-    std::uint64_t keyLength = getBE(pos + 1, width);
-    if (keyLength < 1 + width) {
-        malformed(kBadTlv);
-        return 0;
-    }
-    if (keyLength > static_cast<std::uint64_t>(end - pos)) {
-        malformed(kBadEntry);
-        return 0;
-    }
-    *name_p = nullptr;
-    std::uint64_t n = keyLength - 1 - width;
-    const char *text = reinterpret_cast<const char *>(pos + 1 + width);
-    if (keyLength != 2) {
-        if (!isCString(text, n)) {
-            malformed("Invalid length in TLV string in structured data container");
-            return 0;
-        }
-        *name_p = text;
-    }
-    return static_cast<std::uint32_t>(keyLength);
-}
-
-/* Decodes the value at p into field; 0 after recording a failure. A value
- * that runs past end adds its length to the cursor before failing. */
-std::uint32_t readValue(_velClient_container *c, const std::uint8_t *p, velClient_field_t *field_p)
-{
-    const std::uint8_t *end = c->curWrPtr;
-    if (end - p >= 2) {
-        unsigned width = (p[0] & 0x03) + 1u;
-        if (end - p >= static_cast<std::ptrdiff_t>(1 + width)) {
-            std::uint64_t len = getBE(p + 1, width);
-            if (len > static_cast<std::uint64_t>(end - p) && len < 0xFFFFFFFFu) {
-                c->curFieldLength += static_cast<std::uint32_t>(len);
-                malformed(kBadEntry);
-                return 0;
-            }
-        }
-    }
-    std::int64_t len = decodeField(p, end, field_p);
-    if (len < 0) {
-        malformed(kBadTlv);
-        return 0;
-    }
-    c->curFieldLength += static_cast<std::uint32_t>(len);
-    return static_cast<std::uint32_t>(len);
 }
 
 /* The length of the key at pos, in room bytes, when it has the usual form:
@@ -115,29 +69,25 @@ std::uint32_t readValue(_velClient_container *c, const std::uint8_t *p, velClien
     return true;
 }
 
-/* Reads the entry at pos in any form, recording what is malformed. */
+/* Reads the entry at pos in any form, recording what is malformed. A value
+ * that runs past the end still adds its declared length to the cursor. */
 [[gnu::noinline]] velClient_returnCode_t readAnyEntryAt(_velClient_container *c, std::uint8_t *pos,
                                                         velClient_field_t *field_p, const char **name_p)
 {
+    Entry e;
+    const bool map = c->type == VELCLIENT_CONTAINER_MAP;
+    const Fault fault = map ? decodeEntry(pos, c->curWrPtr, e) : decodeValue(pos, c->curWrPtr, e);
+    if (name_p != nullptr)
+        *name_p = e.name;
     c->curRdPtr = pos;
-    c->curKeyLength = 0;
-    c->curFieldLength = 0;
-    const char *name = nullptr;
-    std::uint8_t *value = pos;
-    if (c->type == VELCLIENT_CONTAINER_MAP) {
-        std::uint32_t keyLength = readKey(pos, c->curWrPtr, &name);
-        if (name_p != nullptr)
-            *name_p = name;
-        if (keyLength == 0)
-            return VELCLIENT_FAIL;
-        c->curKeyLength = keyLength;
-        c->curFieldLength = keyLength;
-        value = pos + keyLength;
-        if (value >= c->curWrPtr)
-            return malformed(kBadEntry);
-    }
-    if (readValue(c, value, field_p) == 0)
-        return VELCLIENT_FAIL;
+    c->curKeyLength = e.keyLength;
+    c->curFieldLength = e.keyLength;
+    if (fault == Fault::valuePastEnd && e.valueLength != 0xFFFFFFFFu)
+        c->curFieldLength += e.valueLength;
+    if (fault != Fault::none)
+        return malformed(readFaultText(fault, e.valueLength));
+    *field_p = e.value;
+    c->curFieldLength += e.valueLength;
     return VELCLIENT_OK;
 }
 
@@ -307,7 +257,8 @@ velClient_returnCode_t _velClient_container_getFieldAndTypeByName(_velClient_con
                         "No field union in _velClient_container_getFieldAndTypeByName ");
     if (name_p == nullptr || name_p[0] == '\0')
         return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null or Empty Name pointer in _velClient_container_getFieldAndTypeByName");
+                        "Null or Empty Name pointer in "
+                        "_velClient_container_getFieldAndTypeByName");
     const std::size_t nameSize = std::strlen(name_p) + 1;
     if (std::uint8_t *pos = findChecked(c, name_p, nameSize)) {
         const char *key = nullptr;
@@ -316,7 +267,8 @@ velClient_returnCode_t _velClient_container_getFieldAndTypeByName(_velClient_con
     return scanFor(c, name_p, nameSize, field_p);
 }
 
-/* ---- Exports --------------------------------------------------------------------- */
+/* ---- Exports
+ * --------------------------------------------------------------------- */
 
 extern "C" VELCLIENT_API velClient_bool_t velClient_container_hasNextField(velClient_opaqueContainer_pt opaqueCont_p)
 {
@@ -355,7 +307,8 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getField(vel
 {
     if (fieldSize != sizeof(velClient_field_t))
         return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Unsupported field structure size (received %d, expected %d) in velClient_container_getField",
+                        "Unsupported field structure size (received %d, expected "
+                        "%d) in velClient_container_getField",
                         static_cast<int>(fieldSize), static_cast<int>(sizeof(velClient_field_t)));
     _velClient_container *c = vel::containerOrFail(opaqueCont_p, "Bad Container (%p) in velClient_container_getField");
     if (c == nullptr)

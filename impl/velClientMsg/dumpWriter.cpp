@@ -5,6 +5,10 @@
  */
 #include "velClientMsg/dumpWriter.h"
 
+#include <type_traits>
+
+#include "velClientMsg/fieldTypes.h"
+
 #include <cctype>
 #include <cstdarg>
 #include <cstdio>
@@ -169,52 +173,35 @@ void _velClient_field_dump(const velClient_field_t *f, char *buffer_p, std::size
                            std::size_t *sizeLeft_p, unsigned indent, unsigned subIndent)
 {
     Out o{buffer_p, bufferSize, sizeLeft_p};
-    const auto &v = f->value;
-    switch (vel::enumValue(f->type)) {
-    case VELCLIENT_BOOL: _velClient_dump(VEL_OUT(o), indent, "(BOOL) %s", v.boolean ? "TRUE" : "FALSE"); return;
-    case VELCLIENT_UINT8: _velClient_dump(VEL_OUT(o), indent, "(UINT8) %u", v.uint8); return;
-    case VELCLIENT_INT8: _velClient_dump(VEL_OUT(o), indent, "(INT8) %d", v.int8); return;
-    case VELCLIENT_UINT16: _velClient_dump(VEL_OUT(o), indent, "(UINT16) %u", v.uint16); return;
-    case VELCLIENT_INT16: _velClient_dump(VEL_OUT(o), indent, "(INT16) %d", v.int16); return;
-    case VELCLIENT_UINT32: _velClient_dump(VEL_OUT(o), indent, "(UINT32) %u", v.uint32); return;
-    case VELCLIENT_INT32: _velClient_dump(VEL_OUT(o), indent, "(INT32) %d", v.int32); return;
-    case VELCLIENT_UINT64:
-        _velClient_dump(VEL_OUT(o), indent, "(UINT64) %llu", static_cast<unsigned long long>(v.uint64));
-        return;
-    case VELCLIENT_INT64:
-        _velClient_dump(VEL_OUT(o), indent, "(INT64) %lld", static_cast<long long>(v.int64));
-        return;
-    case VELCLIENT_WCHAR: _velClient_dump(VEL_OUT(o), indent, "(WCHAR) %lc", static_cast<wint_t>(v.wchar)); return;
-    case VELCLIENT_STRING: _velClient_dump(VEL_OUT(o), indent, "(STRING) %s", v.string); return;
-    case VELCLIENT_BYTEARRAY:
-        _velClient_dump(VEL_OUT(o), indent, "(BYTE ARRAY) ");
-        _velClient_hex_dump(v.bytearray, f->length, VEL_OUT(o), subIndent + 2, false);
-        return;
-    case VELCLIENT_FLOAT: _velClient_dump(VEL_OUT(o), indent, "(FLOAT) %f", static_cast<double>(v.float32)); return;
-    case VELCLIENT_DOUBLE: _velClient_dump(VEL_OUT(o), indent, "(DOUBLE) %f", v.float64); return;
-    case VELCLIENT_MAP:
-        _velClient_dump(VEL_OUT(o), indent, "(MAP)\n");
-        _velClient_container_dump(v.map, VEL_OUT(o), subIndent + 2);
-        return;
-    case VELCLIENT_STREAM:
-        _velClient_dump(VEL_OUT(o), indent, "(STREAM)\n");
-        _velClient_container_dump(v.stream, VEL_OUT(o), subIndent + 2);
-        return;
-    case VELCLIENT_NULL: _velClient_dump(VEL_OUT(o), indent, "(NULL)"); return;
-    case VELCLIENT_DESTINATION:
-        _velClient_dump(VEL_OUT(o), indent, "(DESTINATION) ");
-        _velClient_destination_dump(&v.dest, VEL_OUT(o));
-        return;
-    case VELCLIENT_VWF:
-        _velClient_dump(VEL_OUT(o), indent, "(VWF) ");
-        _velClient_hex_dump(v.vwf, f->length, VEL_OUT(o), indent + 2, false);
-        return;
-    case VELCLIENT_UNKNOWN:
-        _velClient_dump(VEL_OUT(o), indent, "(UNKNOWN) ");
-        _velClient_hex_dump(v.unknownField, f->length, VEL_OUT(o), subIndent + 2, false);
-        return;
-    }
-    _velClient_dump(VEL_OUT(o), indent, "(unknown type %d) len=%u", static_cast<int>(vel::enumValue(f->type)), f->length);
+    vel::field::visit(*f, [&](auto code, const auto &value) {
+        using T = std::decay_t<decltype(value)>;
+        const char *name = vel::field::traits(code).dumpName;
+        if constexpr (code == VELCLIENT_BOOL)
+            _velClient_dump(VEL_OUT(o), indent, "(%s) %s", name, value ? "TRUE" : "FALSE");
+        else if constexpr (code == VELCLIENT_WCHAR)
+            _velClient_dump(VEL_OUT(o), indent, "(%s) %lc", name, static_cast<wint_t>(value));
+        else if constexpr (code == VELCLIENT_STRING)
+            _velClient_dump(VEL_OUT(o), indent, "(%s) %s", name, value);
+        else if constexpr (code == VELCLIENT_NULL)
+            _velClient_dump(VEL_OUT(o), indent, "(%s)", name);
+        else if constexpr (std::is_floating_point_v<T>)
+            _velClient_dump(VEL_OUT(o), indent, "(%s) %f", name, static_cast<double>(value));
+        else if constexpr (std::is_integral_v<T> && std::is_signed_v<T>)
+            _velClient_dump(VEL_OUT(o), indent, "(%s) %lld", name, static_cast<long long>(value));
+        else if constexpr (std::is_integral_v<T>)
+            _velClient_dump(VEL_OUT(o), indent, "(%s) %llu", name, static_cast<unsigned long long>(value));
+        else if constexpr (code == VELCLIENT_MAP || code == VELCLIENT_STREAM) {
+            _velClient_dump(VEL_OUT(o), indent, "(%s)\n", name);
+            _velClient_container_dump(value, VEL_OUT(o), subIndent + 2);
+        } else if constexpr (code == VELCLIENT_DESTINATION) {
+            _velClient_dump(VEL_OUT(o), indent, "(%s) ", name);
+            _velClient_destination_dump(&value, VEL_OUT(o));
+        } else { /* byte array, VWF (indented from the line, not the column) and unknown */
+            _velClient_dump(VEL_OUT(o), indent, "(%s) ", name);
+            _velClient_hex_dump(value, f->length, VEL_OUT(o), (code == VELCLIENT_VWF ? indent : subIndent) + 2,
+                                false);
+        }
+    });
 }
 
 void _velClient_container_dump(velClient_opaqueContainer_pt opaqueCont_p, char *buffer_p, std::size_t bufferSize,

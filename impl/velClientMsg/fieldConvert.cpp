@@ -4,6 +4,7 @@
  * the 16- and 32-bit ones, for instance) are intended.
  */
 #include "velClientMsg/fieldConvert.h"
+#include "velClientMsg/fieldTypes.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -39,8 +40,8 @@ const char *singleChar(const velClient_field_t &f)
 
 } // namespace
 
-/*                 BOOL         UINT8          INT8           UINT16            INT16
- *                 UINT32                 INT32                  UINT64                 INT64 */
+/*                 BOOL         UINT8          INT8           UINT16 INT16
+ *                 UINT32                 INT32                  UINT64 INT64 */
 const IntRule kUint8{{any, any, r(1, 127), r(0, 255), r(1, 255), r(0, 255), r(1, 255), r(0, 255), r(1, 255)},
                      {false, false, r(0, 255)}};
 const IntRule kInt8{{any, r(0, 127), any, r(0, 127), r(-128, 127), r(0, 127), r(-128, 127), r(0, 127), r(-128, 127)},
@@ -60,18 +61,13 @@ const IntRule kInt64{{any, any, any, any, any, any, any, r(0, kMax64), any}, {tr
 
 bool storedInteger(const velClient_field_t &f, wide_t &v)
 {
-    switch (f.type) {
-    case VELCLIENT_BOOL: v = f.value.boolean; return true;
-    case VELCLIENT_UINT8: v = f.value.uint8; return true;
-    case VELCLIENT_INT8: v = f.value.int8; return true;
-    case VELCLIENT_UINT16: v = f.value.uint16; return true;
-    case VELCLIENT_INT16: v = f.value.int16; return true;
-    case VELCLIENT_UINT32: v = f.value.uint32; return true;
-    case VELCLIENT_INT32: v = f.value.int32; return true;
-    case VELCLIENT_UINT64: v = f.value.uint64; return true;
-    case VELCLIENT_INT64: v = f.value.int64; return true;
-    default: return false;
-    }
+    return vel::field::visit(f, [&v](auto code, const auto &value) {
+        if constexpr (vel::field::isInteger(code)) {
+            v = value;
+            return true;
+        }
+        return false;
+    });
 }
 
 bool parseInteger(const char *text, bool sixtyFour, wide_t &v)
@@ -198,27 +194,7 @@ bool toDouble(const velClient_field_t &f, double &out)
 
 const char *typeName(velClient_fieldType_t type)
 {
-    static const char *const kNames[] = {"BOOLEAN",
-                                         "Unsigned Int (8 bit)",
-                                         "Signed Int (8 bit)",
-                                         "Unsigned Int (16 bit)",
-                                         "Signed Int (16 bit)",
-                                         "Unsigned Int (32 bit)",
-                                         "Signed Int (32 bit)",
-                                         "Unsigned Int (64 bit)",
-                                         "Signed Int (64 bit)",
-                                         "Unicode Character",
-                                         "String",
-                                         "Byte Array",
-                                         "Float",
-                                         "Double",
-                                         "Map",
-                                         "Stream",
-                                         "Null",
-                                         "Destination"};
-    if (type >= 0 && static_cast<std::size_t>(type) < sizeof kNames / sizeof kNames[0])
-        return kNames[type];
-    return type == VELCLIENT_VWF ? "VWF" : "Unknown";
+    return vel::field::traits(type).conversionName;
 }
 
 } // namespace vel::convert

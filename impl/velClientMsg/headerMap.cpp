@@ -32,7 +32,8 @@ velClient_returnCode_t createEmptyHeaderMap(_velClient_msg *msg)
 
 } // namespace
 
-/* Opens a map already held in part 10. VELCLIENT_NOT_FOUND when it is not a map. */
+/* Opens a map already held in part 10. VELCLIENT_NOT_FOUND when it is not a
+ * map. */
 velClient_returnCode_t _velClient_msg_openHeaderMapPart(_velClient_msg *msg)
 {
     velClient_field_t field{};
@@ -69,7 +70,8 @@ velClient_returnCode_t _velClient_msg_getOrCreateHeaderMaps(_velClient_msg *msg,
     return msg->hdrMap_p != nullptr ? VELCLIENT_OK : VELCLIENT_NOT_FOUND;
 }
 
-/* ---- The steps every property shares --------------------------------------- */
+/* ---- The steps every property shares ---------------------------------------
+ */
 
 velClient_returnCode_t vel::hdr::lookup(_velClient_msg *msg, const char *key, velClient_field_t &field)
 {
@@ -121,7 +123,8 @@ velClient_returnCode_t vel::hdr::remove(_velClient_msg *msg, const char *key, st
     return velClient_container_deleteField(msg->hdrMap_p->opaqueContainer_p, key);
 }
 
-/* ---- Generic string properties ---------------------------------------------- */
+/* ---- Generic string properties ----------------------------------------------
+ */
 
 extern "C" velClient_returnCode_t _velClient_msgHeaderMap_getString(velClient_opaqueMsg_pt msg_p,
                                                                    const char **string_p, const char *mapKey)
@@ -174,7 +177,8 @@ extern "C" velClient_returnCode_t _velClient_msgHeaderMap_deleteString(velClient
     return vel::hdr::remove(msg, mapKey, addFlag);
 }
 
-/* ---- Sequence number in its fixed form ------------------------------------ */
+/* ---- Sequence number in its fixed form ------------------------------------
+ */
 
 velClient_returnCode_t _velClient_msg_beginSetSequenceNumber(_velClient_msg *msg, std::uint64_t **seqNumPtr,
                                                              std::uint64_t seqNum)
@@ -232,17 +236,13 @@ std::uint8_t *_velClient_msg_sequenceNumberSlot(_velClient_msg *msg)
     if (!headerMapEntries(msg, pos, end))
         return nullptr;
     while (pos < end) {
-        velClient_field_t key{}, value{};
-        const std::int64_t keyLen = _velClient_tlv_decodeField(pos, end, &key);
-        if (keyLen <= 0 || key.type != VELCLIENT_STRING || pos + keyLen >= end)
+        vel::tlv::Entry e;
+        if (vel::tlv::decodeEntry(pos, end, e) != vel::tlv::Fault::none)
             return nullptr;
-        const std::uint8_t *v = pos + keyLen;
-        const std::int64_t valueLen = _velClient_tlv_decodeField(v, end, &value);
-        if (valueLen <= 0)
-            return nullptr;
-        if (std::strcmp(key.value.string, "sn") == 0)
-            return v[0] == vel::tlv::TB_INT && valueLen == 10 ? const_cast<std::uint8_t *>(v) + 2 : nullptr;
-        pos = v + valueLen;
+        const std::uint8_t *v = pos + e.keyLength;
+        if (e.name != nullptr && std::strcmp(e.name, "sn") == 0)
+            return v[0] == vel::tlv::TB_INT && e.valueLength == 10 ? const_cast<std::uint8_t *>(v) + 2 : nullptr;
+        pos = v + e.valueLength;
     }
     return nullptr;
 }

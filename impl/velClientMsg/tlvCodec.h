@@ -18,7 +18,7 @@
  *
  * This header holds the constants, the big-endian helpers and the width rule
  * (inline, used by the writer and the reader alike) and the reader's
- * primitive that decodes one field.
+ * decoders of one field and of one entry (tlvCodec.cpp).
  */
 #pragma once
 
@@ -201,8 +201,6 @@ inline std::uint8_t *writeVarHeader(std::uint8_t *p, std::uint8_t typeBase, std:
     return p + 1 + width;
 }
 
-} // namespace vel::tlv
-
 /*
  * Decodes the field whose type byte is at p and which must end at or before
  * end. On success fills *field_p as the application sees it (pointers into
@@ -212,6 +210,35 @@ inline std::uint8_t *writeVarHeader(std::uint8_t *p, std::uint8_t typeBase, std:
  * end or is shorter than the field's own header, a fixed-size type with a
  * length it does not accept, a string or destination name breaking the NUL
  * rule, a map or stream shorter than 5 bytes, tlvLength 0xFFFFFFFF.
- * Records nothing: the caller reports "Invalid entry in structured data TLV".
+ * Records nothing: the caller says what is wrong.
  */
-std::int64_t _velClient_tlv_decodeField(const std::uint8_t *p, const std::uint8_t *end, velClient_field_t *field_p);
+std::int64_t decodeField(const std::uint8_t *p, const std::uint8_t *end, velClient_field_t *field_p);
+
+/* What is wrong with a map entry (key, then value) or a stream value. */
+enum class Fault : std::uint8_t {
+    none,
+    keyNotString, /* the key's type byte is not a string's */
+    keyCut,       /* the key's own header does not fit before the end */
+    keyShort,     /* the key's length is shorter than its own header */
+    keyPastEnd,   /* the key's length runs past the end */
+    keyNotText,   /* the key is not a text ending with its only NUL (or empty in the 1-byte form) */
+    valueMissing, /* the key ends where the bytes do */
+    valueCut,     /* the value's own header does not fit before the end */
+    valuePastEnd, /* the value's length runs past the end (Entry::valueLength holds it) */
+    valueBad,     /* decodeField refuses the value */
+};
+
+/* One decoded entry: in a map its key and value, in a stream its value. */
+struct Entry {
+    std::uint32_t keyLength = 0;   /* 0 in a stream */
+    std::uint32_t valueLength = 0; /* also the declared length of a value that runs past the end */
+    const char *name = nullptr;    /* nullptr for the empty key */
+    velClient_field_t value{};
+};
+
+/* The value at p (p < end), into e.value and e.valueLength. */
+Fault decodeValue(const std::uint8_t *p, const std::uint8_t *end, Entry &e);
+/* The map entry at pos (pos < end): key, then value. */
+Fault decodeEntry(const std::uint8_t *pos, const std::uint8_t *end, Entry &e);
+
+} // namespace vel::tlv

@@ -13,7 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "velClientMsg/tlvCodec.h"
-#include "velClientMsg/tlvDecode.h"
+#include "velClientMsg/tlvFastPath.h"
 
 namespace {
 
@@ -34,7 +34,7 @@ Decoded decode(const Bytes &bytes)
         std::memcpy(d.copy.get(), bytes.data(), bytes.size());
     d.at = d.copy.get();
     std::memset(&d.field, 0xA5, sizeof d.field);
-    d.size = _velClient_tlv_decodeField(d.at, d.at + bytes.size(), &d.field);
+    d.size = vel::tlv::decodeField(d.at, d.at + bytes.size(), &d.field);
     return d;
 }
 
