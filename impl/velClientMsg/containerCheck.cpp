@@ -1,8 +1,9 @@
 /*
- * containerCheck.cpp - the invariants of a tree of open containers, checked
- * as a whole: called only from assert, after every step that moves bytes
- * (growth, close, delete, opening a sub-container), so that a position left
- * stale by a move shows where it happens, not where it is used.
+ * containerCheck.cpp - the invariants of a message and of a tree of open
+ * containers, checked as a whole: called only from assert, after every step
+ * that moves bytes (growth, close, delete, opening a sub-container, setting a
+ * part), so that a position left stale by a move shows where it happens, not
+ * where it is used.
  */
 #include "velClientMsg/tlvCodec.h"
 #include "velClientMsg/velClientMsgPrivate.h"
@@ -66,15 +67,52 @@ bool rootInPart(const _velClient_container *root)
            (part >= block->dbData_p && root->maxWrPtr <= block->dbData_p + block->dbSize);
 }
 
+/* Every part held in a data block lies inside that block, which someone holds. */
+bool partsInBlocks(const _velClient_msg *msg)
+{
+    for (int i = 0; i < _VELCLIENT_BUFINFO_NUM_PARTS; ++i) {
+        const _velClient_datab *block = msg->bufDatab_p[i];
+        if (block == nullptr)
+            continue;
+        const auto *bytes = static_cast<const std::uint8_t *>(msg->bufInfo_a[i].buf_p);
+        const std::uint8_t *end = block->dbData_p + block->dbSize;
+        if (__atomic_load_n(&block->dbRefCount, __ATOMIC_ACQUIRE) < 1)
+            return false;
+        if (bytes != nullptr && (bytes < block->dbData_p || bytes > end || msg->bufInfo_a[i].bufSize > end - bytes))
+            return false;
+    }
+    return true;
+}
+
+const _velClient_container *rootOf(const _velClient_container *c)
+{
+    int depth = 0;
+    while (c->parent_p != nullptr && ++depth <= 1000)
+        c = c->parent_p;
+    return c->parent_p == nullptr ? c : nullptr;
+}
+
+bool rootTreeIsSound(const _velClient_container *root)
+{
+    return root != nullptr && rootInPart(root) && subtreeIsSound(root, 0);
+}
+
 } // namespace
 
 bool _velClient_container_treeIsSound(const _velClient_container *c)
 {
     if (c == nullptr)
         return true;
-    const _velClient_container *root = c;
-    for (int depth = 0; root->parent_p != nullptr; root = root->parent_p)
-        if (++depth > 1000)
+    const _velClient_container *root = rootOf(c);
+    return rootTreeIsSound(root) && (root->msg_b == nullptr || partsInBlocks(root->msg_b));
+}
+
+bool vel::msg::isSound(const _velClient_msg *msg)
+{
+    if (msg == nullptr || !partsInBlocks(msg))
+        return false;
+    for (const _velClient_container *c : {msg->userPropertyMap_p, msg->hdrMap_p, msg->binaryAttachContainer_p})
+        if (c != nullptr && !rootTreeIsSound(rootOf(c)))
             return false;
-    return rootInPart(root) && subtreeIsSound(root, 0);
+    return true;
 }

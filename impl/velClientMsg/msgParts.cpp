@@ -4,6 +4,7 @@
  * setters and getters of the unstructured parts (binary attachment, topic,
  * queue name, user data, XML, correlation tag, the wire image).
  */
+#include <cassert>
 #include <cstdint>
 #include <cstring>
 
@@ -160,7 +161,9 @@ velClient_returnCode_t setPartPtr(const PartAccess &a, velClient_opaqueMsg_pt ms
         return VELCLIENT_FAIL;
     if (a.closesAttachment)
         closeAttachmentContainer(msg);
-    return _velClient_msg_setBufinfoPtr(msg, a.part, buf_p, size);
+    const velClient_returnCode_t rc = _velClient_msg_setBufinfoPtr(msg, a.part, buf_p, size);
+    assert(vel::msg::isSound(msg));
+    return rc;
 }
 
 velClient_returnCode_t setPartCopy(const PartAccess &a, velClient_opaqueMsg_pt msg_p, const void *buf_p,
@@ -171,7 +174,9 @@ velClient_returnCode_t setPartCopy(const PartAccess &a, velClient_opaqueMsg_pt m
         return VELCLIENT_FAIL;
     if (a.closesAttachment)
         closeAttachmentContainer(msg);
-    return _velClient_msg_setBufinfo(msg, a.part, buf_p, size, 0);
+    const velClient_returnCode_t rc = _velClient_msg_setBufinfo(msg, a.part, buf_p, size, 0);
+    assert(vel::msg::isSound(msg));
+    return rc;
 }
 
 velClient_returnCode_t getPart(const PartAccess &a, velClient_opaqueMsg_pt msg_p, void **bufPtr_p,
@@ -251,6 +256,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setTopicPtr(velCli
                                  static_cast<std::uint32_t>(length));
     _velClient_msg_setBufinfoPtr(msg, VELCLIENT_BUFINFO_QUEUENAME_PART, nullptr, 0);
     _velClient_msg_setBufinfoPtr(msg, _VELCLIENT_BUFINFO_DEST_PREFIX_PART, nullptr, 0);
+    assert(vel::msg::isSound(msg));
     return VELCLIENT_OK;
 }
 
@@ -290,6 +296,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setQueueNamePtr(ve
                                  static_cast<std::uint32_t>(length));
     _velClient_msg_setBufinfoPtr(msg, VELCLIENT_BUFINFO_TOPIC_PART, nullptr, 0);
     setTemporary(msg, temporary);
+    assert(vel::msg::isSound(msg));
     return VELCLIENT_OK;
 }
 

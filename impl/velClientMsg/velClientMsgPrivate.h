@@ -265,6 +265,11 @@ velClient_returnCode_t _velClient_container_getSubContainer(_velClient_container
  * offset and clear of its siblings, an open child's header declaring its
  * reserved extent, the outermost container inside its part. For assert only. */
 bool _velClient_container_treeIsSound(const _velClient_container *c);
+namespace vel::msg {
+/* The invariants of a message: every part in a data block lies inside it,
+ * and the trees of its open containers hold (for assert). */
+bool isSound(const _velClient_msg *msg);
+} // namespace vel::msg
 
 /* ==================================================================== */
 /* Reading                                                               */
