@@ -341,6 +341,51 @@ namespace detail {
 template <class T> inline constexpr bool always_false = false;
 template <class T> inline constexpr bool is_int = std::is_integral_v<T> && !std::is_same_v<T, bool> &&
                                                   !std::is_same_v<T, char>;
+
+/* The fixed-size field types the C++ types map onto: C++ type, the suffix of
+ * the C add and get calls, the field type and the C field's union member. */
+#define VELCLIENT_HPP_SCALARS(X)                          \
+    X(std::uint8_t, Uint8, VELCLIENT_UINT8, uint8)        \
+    X(std::int8_t, Int8, VELCLIENT_INT8, int8)            \
+    X(std::uint16_t, Uint16, VELCLIENT_UINT16, uint16)    \
+    X(std::int16_t, Int16, VELCLIENT_INT16, int16)        \
+    X(std::uint32_t, Uint32, VELCLIENT_UINT32, uint32)    \
+    X(std::int32_t, Int32, VELCLIENT_INT32, int32)        \
+    X(std::uint64_t, Uint64, VELCLIENT_UINT64, uint64)    \
+    X(std::int64_t, Int64, VELCLIENT_INT64, int64)        \
+    X(float, Float, VELCLIENT_FLOAT, float32)              \
+    X(double, Double, VELCLIENT_DOUBLE, float64)
+
+template <class T> struct Scalar : std::false_type {};
+#define VELCLIENT_HPP_SCALAR(T, Name, code, member)                                                    \
+    template <> struct Scalar<T> : std::true_type {                                                    \
+        static ReturnCode add(velClient_opaqueContainer_pt h, T v, const char *n) noexcept             \
+        {                                                                                              \
+            return velClient_container_add##Name(h, v, n);                                             \
+        }                                                                                              \
+        static ReturnCode get(velClient_opaqueContainer_pt h, T *v, const char *n) noexcept            \
+        {                                                                                              \
+            return velClient_container_get##Name(h, v, n);                                             \
+        }                                                                                              \
+    };
+VELCLIENT_HPP_SCALARS(VELCLIENT_HPP_SCALAR)
+#undef VELCLIENT_HPP_SCALAR
+
+/* Any integer type is written and read as the fixed-width type of its size and signedness. */
+template <class T, bool = is_int<T>> struct canonical {
+    using type = T;
+};
+template <class T> struct canonical<T, true> {
+    using type = std::conditional_t<
+        std::is_signed_v<T>,
+        std::conditional_t<sizeof(T) == 1, std::int8_t,
+                           std::conditional_t<sizeof(T) == 2, std::int16_t,
+                                              std::conditional_t<sizeof(T) == 4, std::int32_t, std::int64_t>>>,
+        std::conditional_t<sizeof(T) == 1, std::uint8_t,
+                           std::conditional_t<sizeof(T) == 2, std::uint16_t,
+                                              std::conditional_t<sizeof(T) == 4, std::uint32_t, std::uint64_t>>>>;
+};
+template <class T> using scalar_of = Scalar<typename canonical<T>::type>;
 } // namespace detail
 
 template <class T> ReturnCode Container::try_add(const T &v, const char *name) noexcept
@@ -349,28 +394,9 @@ template <class T> ReturnCode Container::try_add(const T &v, const char *name) n
         return velClient_container_addBoolean(h_, v ? 1 : 0, name);
     } else if constexpr (std::is_same_v<T, char>) {
         return velClient_container_addChar(h_, v, name);
-    } else if constexpr (detail::is_int<T> && std::is_signed_v<T>) {
-        if constexpr (sizeof(T) == 1)
-            return velClient_container_addInt8(h_, v, name);
-        else if constexpr (sizeof(T) == 2)
-            return velClient_container_addInt16(h_, v, name);
-        else if constexpr (sizeof(T) == 4)
-            return velClient_container_addInt32(h_, v, name);
-        else
-            return velClient_container_addInt64(h_, v, name);
-    } else if constexpr (detail::is_int<T>) {
-        if constexpr (sizeof(T) == 1)
-            return velClient_container_addUint8(h_, v, name);
-        else if constexpr (sizeof(T) == 2)
-            return velClient_container_addUint16(h_, v, name);
-        else if constexpr (sizeof(T) == 4)
-            return velClient_container_addUint32(h_, v, name);
-        else
-            return velClient_container_addUint64(h_, v, name);
-    } else if constexpr (std::is_same_v<T, float>) {
-        return velClient_container_addFloat(h_, v, name);
-    } else if constexpr (std::is_same_v<T, double>) {
-        return velClient_container_addDouble(h_, v, name);
+    } else if constexpr (detail::scalar_of<T>::value) {
+        using C = typename detail::canonical<T>::type;
+        return detail::Scalar<C>::add(h_, static_cast<C>(v), name);
     } else if constexpr (std::is_same_v<T, Wchar>) {
         return velClient_container_addWchar(h_, v.value, name);
     } else if constexpr (std::is_same_v<T, Null>) {
@@ -414,27 +440,9 @@ template <class T> ReturnCode Container::try_read(T &out, const char *name) noex
         return rc;
     } else if constexpr (std::is_same_v<T, char>) {
         return velClient_container_getChar(h_, &out, name);
-    } else if constexpr (detail::is_int<T>) {
-        if constexpr (sizeof(T) == 1 && std::is_signed_v<T>)
-            return velClient_container_getInt8(h_, reinterpret_cast<velClient_int8_t *>(&out), name);
-        else if constexpr (sizeof(T) == 1)
-            return velClient_container_getUint8(h_, reinterpret_cast<velClient_uint8_t *>(&out), name);
-        else if constexpr (sizeof(T) == 2 && std::is_signed_v<T>)
-            return velClient_container_getInt16(h_, reinterpret_cast<velClient_int16_t *>(&out), name);
-        else if constexpr (sizeof(T) == 2)
-            return velClient_container_getUint16(h_, reinterpret_cast<velClient_uint16_t *>(&out), name);
-        else if constexpr (sizeof(T) == 4 && std::is_signed_v<T>)
-            return velClient_container_getInt32(h_, reinterpret_cast<velClient_int32_t *>(&out), name);
-        else if constexpr (sizeof(T) == 4)
-            return velClient_container_getUint32(h_, reinterpret_cast<velClient_uint32_t *>(&out), name);
-        else if constexpr (std::is_signed_v<T>)
-            return velClient_container_getInt64(h_, reinterpret_cast<velClient_int64_t *>(&out), name);
-        else
-            return velClient_container_getUint64(h_, reinterpret_cast<velClient_uint64_t *>(&out), name);
-    } else if constexpr (std::is_same_v<T, float>) {
-        return velClient_container_getFloat(h_, &out, name);
-    } else if constexpr (std::is_same_v<T, double>) {
-        return velClient_container_getDouble(h_, &out, name);
+    } else if constexpr (detail::scalar_of<T>::value) {
+        using C = typename detail::canonical<T>::type;
+        return detail::Scalar<C>::get(h_, reinterpret_cast<C *>(&out), name);
     } else if constexpr (std::is_same_v<T, Wchar>) {
         return velClient_container_getWchar(h_, &out.value, name);
     } else if constexpr (std::is_same_v<T, Null>) {
@@ -498,17 +506,11 @@ struct Field {
         const std::uint8_t *raw = nullptr;
         switch (f.type) {
         case VELCLIENT_BOOL: return f.value.boolean != 0;
-        case VELCLIENT_UINT8: return f.value.uint8;
-        case VELCLIENT_INT8: return f.value.int8;
-        case VELCLIENT_UINT16: return f.value.uint16;
-        case VELCLIENT_INT16: return f.value.int16;
-        case VELCLIENT_UINT32: return f.value.uint32;
-        case VELCLIENT_INT32: return f.value.int32;
-        case VELCLIENT_UINT64: return f.value.uint64;
-        case VELCLIENT_INT64: return f.value.int64;
+#define VELCLIENT_HPP_SCALAR_CASE(T, Name, code, member) \
+    case code: return f.value.member;
+            VELCLIENT_HPP_SCALARS(VELCLIENT_HPP_SCALAR_CASE)
+#undef VELCLIENT_HPP_SCALAR_CASE
         case VELCLIENT_WCHAR: return Wchar{f.value.wchar};
-        case VELCLIENT_FLOAT: return f.value.float32;
-        case VELCLIENT_DOUBLE: return f.value.float64;
         case VELCLIENT_STRING: return detail::view(f.value.string);
         case VELCLIENT_BYTEARRAY: return Bytes{f.value.bytearray, f.length};
         case VELCLIENT_MAP: return Map(f.value.map);
@@ -960,5 +962,7 @@ private:
 };
 
 } // namespace velclient
+
+#undef VELCLIENT_HPP_SCALARS
 
 #endif /* VELCLIENT_HPP */
