@@ -225,7 +225,7 @@ namespace {
 
 struct Mark {
     std::uint32_t bit;
-    bool strict;             /* accepts exactly 0 or 1 (low byte); else any non-zero sets */
+    bool strict;               /* accepts exactly 0 or 1 (low byte); else any non-zero sets */
     vel::HandleFormat badSet;
     vel::Format<int> badValue; /* strict marks only */
     vel::HandleFormat badIs;
@@ -260,7 +260,8 @@ velClient_returnCode_t setMark(const Mark &m, velClient_opaqueMsg_pt msg_p, velC
         return VELCLIENT_FAIL;
     auto low = static_cast<std::uint8_t>(value);
     if (m.strict && low > 1)
-        return VEL_FAIL_F(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING, m.badValue, static_cast<int>(low));
+        return VEL_FAIL_F(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING, m.badValue,
+                          static_cast<int>(low));
     if (low != 0)
         msg->msgInfo.flags |= m.bit;
     else
