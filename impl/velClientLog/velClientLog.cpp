@@ -58,6 +58,8 @@ bool admits(velClient_log_level_t level)
 }
 
 void storeAndLog(velClient_subCode_t subCode, velClient_log_level_t level, const char *file_p, int line,
+                 const char *format_p, va_list args) __attribute__((format(printf, 5, 0)));
+void storeAndLog(velClient_subCode_t subCode, velClient_log_level_t level, const char *file_p, int line,
                  const char *format_p, va_list args)
 {
     lastError_t.subCode = subCode;
@@ -65,6 +67,23 @@ void storeAndLog(velClient_subCode_t subCode, velClient_log_level_t level, const
     if (admits(level))
         emit(VELCLIENT_LOG_CATEGORY_SDK, level, file_p, line, lastError_t.errorStr);
 }
+
+void logLine(velClient_log_category_t category, velClient_log_level_t level, const char *file_p, int line,
+             const char *format_p, va_list args) __attribute__((format(printf, 5, 0)));
+void logLine(velClient_log_category_t category, velClient_log_level_t level, const char *file_p, int line,
+             const char *format_p, va_list args)
+{
+    char text[1024];
+    std::vsnprintf(text, sizeof text, format_p, args);
+    emit(category, level, file_p, line, text);
+}
+
+/* The entries for vel::Format texts reach the formatting cores through these
+ * pointers, which carry no format attribute: the compiler has no literal to
+ * check there, and the text was matched to its argument types when its
+ * Format was built. */
+constexpr auto *storeAndLogChecked = &storeAndLog;
+constexpr auto *logLineChecked = &logLine;
 
 } // namespace
 
@@ -83,12 +102,29 @@ extern "C" void _velClient_log_output_detail(velClient_log_category_t category, 
 {
     if (!admits(level))
         return;
-    char text[1024];
     va_list args;
     va_start(args, format_p);
-    std::vsnprintf(text, sizeof text, format_p, args);
+    logLine(category, level, file_p, line, format_p, args);
     va_end(args);
-    emit(category, level, file_p, line, text);
+}
+
+void vel::storeChecked(velClient_subCode_t subCode, velClient_log_level_t level, const char *file_p, int line,
+                       const char *checkedFormat_p, ...)
+{
+    va_list args;
+    va_start(args, checkedFormat_p);
+    storeAndLogChecked(subCode, level, file_p, line, checkedFormat_p, args);
+    va_end(args);
+}
+
+void vel::logChecked(velClient_log_level_t level, const char *file_p, int line, const char *checkedFormat_p, ...)
+{
+    if (!admits(level))
+        return;
+    va_list args;
+    va_start(args, checkedFormat_p);
+    logLineChecked(VELCLIENT_LOG_CATEGORY_SDK, level, file_p, line, checkedFormat_p, args);
+    va_end(args);
 }
 
 velClient_returnCode_t vel::failImpl(velClient_subCode_t subCode, velClient_log_level_t level, const char *file_p,

@@ -2,12 +2,15 @@
  * velClientLogPrivate.h - the logging module's internal contract: the SDK
  * filter level global, the store-and-log entry point that records a failure in
  * the calling thread's last-error record, the plain log entry point, and the
- * two macros every module uses to record a failure or write a guarded trace.
+ * macros every module uses to record a failure or write a guarded trace: with
+ * a literal text (checked by the compiler at the call) or with a vel::Format
+ * kept in a table (checked when the table is compiled).
  */
 #pragma once
 
 #include <cstdint>
 
+#include "velClientLog/velClientFormat.h"
 #include "velclient/velClient.h"
 
 extern "C" {
@@ -35,6 +38,36 @@ namespace vel {
 velClient_returnCode_t failImpl(velClient_subCode_t subCode, velClient_log_level_t level, const char *file_p,
                                 int line, const char *format_p, ...) __attribute__((format(printf, 5, 6)));
 
+/* The entries for vel::Format texts; the text has been matched to the
+ * arguments that follow it, so these carry no format attribute. */
+void storeChecked(velClient_subCode_t subCode, velClient_log_level_t level, const char *file_p, int line,
+                  const char *checkedFormat_p, ...);
+void logChecked(velClient_log_level_t level, const char *file_p, int line, const char *checkedFormat_p, ...);
+
+/* Records a failure with a table text: the arguments take the Format's types. */
+template <bool TrailingOptional, typename... Args>
+void storeFormatted(velClient_subCode_t subCode, velClient_log_level_t level, const char *file_p, int line,
+                    const BasicFormat<TrailingOptional, Args...> &format, std::type_identity_t<Args>... args)
+{
+    storeChecked(subCode, level, file_p, line, format.text(), args...);
+}
+
+template <bool TrailingOptional, typename... Args>
+velClient_returnCode_t failFormatted(velClient_subCode_t subCode, velClient_log_level_t level, const char *file_p,
+                                     int line, const BasicFormat<TrailingOptional, Args...> &format,
+                                     std::type_identity_t<Args>... args)
+{
+    storeChecked(subCode, level, file_p, line, format.text(), args...);
+    return VELCLIENT_FAIL;
+}
+
+template <bool TrailingOptional, typename... Args>
+void logFormatted(velClient_log_level_t level, const char *file_p, int line,
+                  const BasicFormat<TrailingOptional, Args...> &format, std::type_identity_t<Args>... args)
+{
+    logChecked(level, file_p, line, format.text(), args...);
+}
+
 /* True when a line at level would be written for the SDK category. */
 inline bool logAdmits(velClient_log_level_t level) noexcept
 {
@@ -50,6 +83,15 @@ inline bool logAdmits(velClient_log_level_t level) noexcept
  * For failures whose return value is not VELCLIENT_FAIL (NOT_FOUND and the like). */
 #define VEL_STORE(subCode, level, ...) \
     _velClient_logAndStoreSubCodeAndErrorString_impl((subCode), (level), __FILE__, __LINE__, __VA_ARGS__)
+
+/* VEL_FAIL, VEL_STORE and VEL_LOG for a vel::Format kept in a table. */
+#define VEL_FAIL_F(subCode, level, ...) ::vel::failFormatted((subCode), (level), __FILE__, __LINE__, __VA_ARGS__)
+#define VEL_STORE_F(subCode, level, ...) ::vel::storeFormatted((subCode), (level), __FILE__, __LINE__, __VA_ARGS__)
+#define VEL_LOG_F(level, ...)                                                       \
+    do {                                                                            \
+        if (::vel::logAdmits(level))                                                \
+            ::vel::logFormatted((level), __FILE__, __LINE__, __VA_ARGS__);          \
+    } while (0)
 
 /* A diagnostic line; its arguments are evaluated only when the filter admits it. */
 #define VEL_LOG(level, ...)                                                                                  \

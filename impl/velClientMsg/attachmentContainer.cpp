@@ -65,7 +65,7 @@ velClient_returnCode_t _velClient_msg_setPartFromContainer(_velClient_msg *msg, 
 namespace {
 
 velClient_returnCode_t setAttachmentContainer(velClient_opaqueMsg_pt msg_p, velClient_opaqueContainer_pt cont_p,
-                                              const char *badMsgText, bool byReference)
+                                              vel::HandleFormat badMsgText, bool byReference)
 {
     _velClient_msg *msg = vel::msgOrFail(msg_p, badMsgText);
     if (msg == nullptr)
@@ -84,7 +84,7 @@ velClient_returnCode_t setAttachmentContainer(velClient_opaqueMsg_pt msg_p, velC
 
 /* The attachment as an open container of kind; NOT_FOUND when it holds the other kind. */
 velClient_returnCode_t getAttachmentContainer(velClient_opaqueMsg_pt msg_p, velClient_opaqueContainer_pt *out_p,
-                                              velClient_fieldType_t kind, const char *badMsgText,
+                                              velClient_fieldType_t kind, vel::HandleFormat badMsgText,
                                               const char *nullOutText)
 {
     _velClient_msg *msg = vel::msgOrFail(msg_p, badMsgText);

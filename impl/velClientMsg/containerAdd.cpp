@@ -94,11 +94,6 @@ std::uint8_t *writeName(std::uint8_t *p, const char *name, std::uint64_t nameLen
     return v + len;
 }
 
-inline velClient_returnCode_t acceptAll()
-{
-    return VELCLIENT_OK;
-}
-
 /* The last steps of an add with room at p: the name field, write() for the
  * value field, and the advance of curWrPtr. */
 template <typename Write>
@@ -178,9 +173,10 @@ std::uint64_t asWchar(velClient_wchar_t value)
     return value & 0xFFFFu; /* the field keeps 16 bits */
 }
 
-/* Value checks, run after the name check. */
-template <typename T>
-velClient_returnCode_t anyValue(T)
+/* Value checks, run after the name check. anyValue refuses nothing; with no
+ * argument it is the check of an add whose value needs none. */
+template <typename... T>
+velClient_returnCode_t anyValue(T...)
 {
     return VELCLIENT_OK;
 }
@@ -390,7 +386,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_addContainer
     /* Both may live in one message part: growing c may move sub's bytes, so
      * its start is read only after the room is made. */
     auto len = static_cast<std::uint64_t>(sub->curWrPtr - sub->startPtr);
-    return addField(opaqueCont_p, name, len, acceptAll,
+    return addField(opaqueCont_p, name, len, anyValue<>,
                     [sub, len](std::uint8_t *p) { std::memmove(p, sub->startPtr, static_cast<std::size_t>(len)); });
 }
 

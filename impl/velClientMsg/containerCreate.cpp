@@ -268,7 +268,7 @@ namespace {
 
 velClient_returnCode_t createAttachment(velClient_opaqueMsg_pt msg_p, velClient_opaqueContainer_pt *out_p,
                                         velClient_uint32_t size, _velClient_containerType type,
-                                        const char *badMsgText, const char *nullOutText)
+                                        vel::HandleFormat badMsgText, const char *nullOutText)
 {
     _velClient_msg *msg = vel::msgOrFail(msg_p, badMsgText);
     if (msg == nullptr)

@@ -8,18 +8,15 @@
 #include "velClientMsg/fieldConvert.h"
 #include "velClientMsg/velClientMsgPrivate.h"
 
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-#pragma GCC diagnostic ignored "-Wformat-security"
-
 namespace {
 
 /* The texts of one getter. */
 struct GetterTexts {
-    const char *badHandle;   /* "Bad Container (%p) in ..." */
-    const char *nullValue;   /* "Null value pointer in ..." */
-    const char *noName;      /* "No name pointer in ..." */
-    const char *streamName;  /* "Stream with non-NULL name pointer in ..." */
-    const char *conversion;  /* "Field Type %s could not be ..." */
+    vel::HandleFormat badHandle;          /* "Bad Container (%p) in ..." */
+    vel::Format<> nullValue;              /* "Null value pointer in ..." */
+    vel::Format<> noName;                 /* "No name pointer in ..." */
+    vel::Format<> streamName;             /* "Stream with non-NULL name pointer in ..." */
+    vel::Format<const char *> conversion; /* "Field Type %s could not be ..." */
 };
 
 #define VEL_GETTER_TEXTS(Name, words)                                                                               \
@@ -36,23 +33,23 @@ velClient_returnCode_t readField(const GetterTexts &t, velClient_opaqueContainer
     if (c == nullptr)
         return VELCLIENT_FAIL;
     if (out == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, t.nullValue);
+        return VEL_FAIL_F(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, t.nullValue);
     if (cont_p != nullptr)
         *cont_p = c;
     if (c->type == VELCLIENT_CONTAINER_MAP) {
         if (name == nullptr)
-            return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, t.noName);
+            return VEL_FAIL_F(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, t.noName);
         return _velClient_container_getFieldAndTypeByName(c, name, &field);
     }
     if (name != nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_CONFLICT, VELCLIENT_LOG_WARNING, t.streamName);
+        return VEL_FAIL_F(VELCLIENT_SUBCODE_PARAM_CONFLICT, VELCLIENT_LOG_WARNING, t.streamName);
     return _velClient_container_readNextValue(c, &field);
 }
 
 velClient_returnCode_t conversionFailed(const GetterTexts &t, const velClient_field_t &field)
 {
-    return VEL_FAIL(VELCLIENT_SUBCODE_INVALID_DATA_CONVERSION, VELCLIENT_LOG_WARNING, t.conversion,
-                    vel::convert::typeName(field.type));
+    return VEL_FAIL_F(VELCLIENT_SUBCODE_INVALID_DATA_CONVERSION, VELCLIENT_LOG_WARNING, t.conversion,
+                      vel::convert::typeName(field.type));
 }
 
 /* A getter whose conversion is convert(field, *out) -> bool. */

@@ -43,23 +43,17 @@ inline void setTemporary(_velClient_msg *msg, bool temporary)
         msg->msgInfo.flags &= ~_VELCLIENT_RX_FLAG_TEMP_DEST;
 }
 
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-#pragma GCC diagnostic ignored "-Wformat-security"
-
 /* The checks made on an application's velClient_destination argument: not
  * null, and of this library's size; each with its caller's text. */
-inline velClient_returnCode_t checkArgument(const void *dest_p, size_t destSize, const char *nullText,
-                                            const char *sizeText)
+inline velClient_returnCode_t checkArgument(const void *dest_p, size_t destSize, Format<> nullText,
+                                            Format<int, int> sizeText)
 {
     if (dest_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, nullText);
+        return VEL_FAIL_F(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, nullText);
     if (destSize != sizeof(velClient_destination_t))
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING, sizeText,
-                        static_cast<int>(destSize), static_cast<int>(sizeof(velClient_destination_t)));
+        return VEL_FAIL_F(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING, sizeText,
+                          static_cast<int>(destSize), static_cast<int>(sizeof(velClient_destination_t)));
     return VELCLIENT_OK;
 }
-
-#pragma GCC diagnostic pop
 
 } // namespace vel::dest

@@ -8,8 +8,6 @@
 
 #include "velClientMsg/destinationText.h"
 
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-
 namespace {
 
 using namespace vel::dest;

@@ -5,9 +5,7 @@
  */
 #include "velClientMsg/velClientMsgPrivate.h"
 
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-
-void vel::recordBadHandle(const void *handle, const char *badHandleFormat)
+void vel::recordBadHandle(const void *handle, HandleFormat badHandleFormat)
 {
-    VEL_STORE(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, badHandleFormat, handle);
+    VEL_STORE_F(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, badHandleFormat, handle);
 }

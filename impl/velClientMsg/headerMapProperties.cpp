@@ -14,11 +14,11 @@ struct HeaderProperty {
     velClient_fieldType_t type;  /* VELCLIENT_STRING or VELCLIENT_INT64 */
     std::uint32_t ownBit;        /* set by the setter */
     std::uint32_t ownMask;       /* own and generated bits: any set means the key may be present */
-    const char *badGetHandle;
-    const char *nullOut;
-    const char *wrongType;
-    const char *badSetHandle;
-    const char *badDeleteHandle;
+    vel::HandleFormat badGetHandle;
+    vel::Format<> nullOut;
+    vel::Format<> wrongType;
+    vel::HandleFormat badSetHandle;
+    vel::HandleFormat badDeleteHandle;
 };
 
 constexpr HeaderProperty kSenderId{"si", VELCLIENT_STRING, _VELCLIENT_MSG_FLAG_SENDER_ID,
@@ -66,10 +66,6 @@ constexpr HeaderProperty kSenderTimestamp{
     "Bad msg_p pointer (%p) in velClient_msg_setSenderTimestamp",
     "Bad msg_p pointer (%p) in velClient_msg_deleteSenderTimestamp"};
 
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-#pragma GCC diagnostic ignored "-Wformat-security"
-
 /* Reads the property into field (checked to be of the row's type). */
 velClient_returnCode_t getProperty(const HeaderProperty &row, velClient_opaqueMsg_pt msg_p, const void *out_p,
                                    velClient_field_t &field)
@@ -78,12 +74,12 @@ velClient_returnCode_t getProperty(const HeaderProperty &row, velClient_opaqueMs
     if (msg == nullptr)
         return VELCLIENT_FAIL;
     if (out_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, row.nullOut);
+        return VEL_FAIL_F(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, row.nullOut);
     velClient_returnCode_t rc = vel::hdr::lookup(msg, row.key, field);
     if (rc != VELCLIENT_OK)
         return rc;
     if (field.type != row.type)
-        return VEL_FAIL(VELCLIENT_SUBCODE_COMMUNICATION_ERROR, VELCLIENT_LOG_WARNING, row.wrongType);
+        return VEL_FAIL_F(VELCLIENT_SUBCODE_COMMUNICATION_ERROR, VELCLIENT_LOG_WARNING, row.wrongType);
     return VELCLIENT_OK;
 }
 
@@ -137,8 +133,6 @@ velClient_returnCode_t deleteProperty(const HeaderProperty &row, velClient_opaqu
         return VELCLIENT_FAIL;
     return vel::hdr::remove(msg, row.key, row.ownMask);
 }
-
-#pragma GCC diagnostic pop
 
 } // namespace
 

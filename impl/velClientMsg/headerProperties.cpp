@@ -7,20 +7,17 @@
 #include "velClientInit/velClientInit.h"
 #include "velClientMsg/velClientMsgPrivate.h"
 
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-#pragma GCC diagnostic ignored "-Wformat-security"
-
 namespace {
 
 constexpr std::uint64_t kMaxTimeToLive = 315360000000ull; /* ten years in milliseconds */
 
 /* Resolves msg_p and checks an out-pointer; nullptr after recording the failure. */
 template <typename T>
-_velClient_msg *msgWithOut(velClient_opaqueMsg_pt msg_p, T *out, const char *badHandle, const char *nullOut)
+_velClient_msg *msgWithOut(velClient_opaqueMsg_pt msg_p, T *out, vel::HandleFormat badHandle, vel::Format<> nullOut)
 {
     _velClient_msg *msg = vel::msgOrFail(msg_p, badHandle);
     if (msg != nullptr && out == nullptr) {
-        VEL_STORE(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, nullOut);
+        VEL_STORE_F(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, nullOut);
         return nullptr;
     }
     return msg;
@@ -29,7 +26,7 @@ _velClient_msg *msgWithOut(velClient_opaqueMsg_pt msg_p, T *out, const char *bad
 /* A value present only when its flag bit is set; 0 is written either way. */
 template <typename T>
 velClient_returnCode_t flaggedValue(velClient_opaqueMsg_pt msg_p, T *out, std::uint32_t bit, std::uint64_t
-                                    _velClient_msg::*field, const char *badHandle, const char *nullOut)
+                                    _velClient_msg::*field, vel::HandleFormat badHandle, vel::Format<> nullOut)
 {
     _velClient_msg *msg = msgWithOut(msg_p, out, badHandle, nullOut);
     if (msg == nullptr)
@@ -47,10 +44,10 @@ namespace {
 struct FlagField {
     std::uint32_t mask;
     bool (*valid)(std::uint32_t value);
-    const char *badSetHandle;
-    const char *badValue; /* prints the value */
-    const char *badGetHandle;
-    const char *nullOut;
+    vel::HandleFormat badSetHandle;
+    vel::Format<int> badValue;
+    vel::HandleFormat badGetHandle;
+    vel::Format<> nullOut;
 };
 
 constexpr FlagField kClassOfService{
@@ -76,8 +73,8 @@ velClient_returnCode_t setFlagField(const FlagField &f, velClient_opaqueMsg_pt m
     if (msg == nullptr)
         return VELCLIENT_FAIL;
     if (!f.valid(value))
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING, f.badValue,
-                        static_cast<int>(value));
+        return VEL_FAIL_F(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING, f.badValue,
+                          static_cast<int>(value));
     msg->msgInfo.flags = (msg->msgInfo.flags & ~f.mask) | value;
     return VELCLIENT_OK;
 }
@@ -228,10 +225,10 @@ namespace {
 
 struct Mark {
     std::uint32_t bit;
-    bool strict;             /* accepts exactly 0 or 1 (low byte); else any non-zero sets */
-    const char *badSet;
-    const char *badValue;    /* strict marks only */
-    const char *badIs;
+    bool strict;               /* accepts exactly 0 or 1 (low byte); else any non-zero sets */
+    vel::HandleFormat badSet;
+    vel::Format<int> badValue; /* strict marks only */
+    vel::HandleFormat badIs;
     velClient_bool_t badIsResult;
 };
 
@@ -263,7 +260,8 @@ velClient_returnCode_t setMark(const Mark &m, velClient_opaqueMsg_pt msg_p, velC
         return VELCLIENT_FAIL;
     auto low = static_cast<std::uint8_t>(value);
     if (m.strict && low > 1)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING, m.badValue, static_cast<int>(low));
+        return VEL_FAIL_F(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING, m.badValue,
+                          static_cast<int>(low));
     if (low != 0)
         msg->msgInfo.flags |= m.bit;
     else

@@ -11,9 +11,6 @@
 #include "velClientMsg/destinationText.h"
 #include "velClientMsg/tlvCodec.h"
 
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-#pragma GCC diagnostic ignored "-Wformat-security"
-
 namespace {
 
 using namespace vel::dest;
@@ -149,7 +146,7 @@ namespace {
 /* What one exported part accessor does, so each export is one line. */
 struct PartAccess {
     int part;
-    const char *badHandle;
+    vel::HandleFormat badHandle;
     bool closesAttachment;
 };
 

@@ -60,17 +60,15 @@ void drainAll(More more)
  * that were counted but not found. Returns true when some were still live. */
 template <typename Rec, typename BytesOf>
 bool drainAndReport(_velClient_lifoHead &list, std::atomic<std::uint32_t> &numFree, std::uint64_t live,
-                    const char *liveText, BytesOf bytesOf)
+                    vel::Format<int> liveText, BytesOf bytesOf)
 {
     if (live != 0)
-        VEL_LOG(VELCLIENT_LOG_INFO, liveText, static_cast<int>(live));
+        VEL_LOG_F(VELCLIENT_LOG_INFO, liveText, static_cast<int>(live));
     drain<Rec>(list, numFree, bytesOf, [] { return true; });
     return live != 0;
 }
 
 } // namespace
-
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
 
 void _velClient_msgPool_configure(const std::uint32_t quanta[_VELCLIENT_NUM_QUANTA], std::uint64_t maxPoolMem)
 {
@@ -172,12 +170,12 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setMaxPoolMem(velC
     spillMyCaches(); /* other threads' caches stay with them: at most a few records each */
     if (maxPoolMem < tot.load())
         drainAll([&] { return tot.load(std::memory_order_relaxed) > maxPoolMem && budget-- > 0; });
-    const char *text = budget == static_cast<std::uint64_t>(-1)
-                           ? "velClient_msg_setMaxPoolMem exited after looping too many times; after freeing "
-                             "memory, new max size = %llu, new current memory = %llu"
-                           : "velClient_msg_setMaxPoolMem after freeing memory, new max size = %llu, new current "
-                             "memory = %llu";
-    VEL_LOG(budget == static_cast<std::uint64_t>(-1) ? VELCLIENT_LOG_ERROR : VELCLIENT_LOG_INFO, text,
+    const bool gaveUp = budget == static_cast<std::uint64_t>(-1);
+    VEL_LOG(gaveUp ? VELCLIENT_LOG_ERROR : VELCLIENT_LOG_INFO,
+            gaveUp ? "velClient_msg_setMaxPoolMem exited after looping too many times; after freeing "
+                     "memory, new max size = %llu, new current memory = %llu"
+                   : "velClient_msg_setMaxPoolMem after freeing memory, new max size = %llu, new current "
+                     "memory = %llu",
             static_cast<unsigned long long>(maxPoolMem), static_cast<unsigned long long>(tot.load()));
     return VELCLIENT_OK;
 }

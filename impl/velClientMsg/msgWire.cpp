@@ -10,8 +10,6 @@
 #include "velClientSession/velClientSessionPrivate.h"
 #include "velClientVwf/velClientVwf.h"
 
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-
 namespace {
 
 constexpr int kVwfPart = _VELCLIENT_BUFINFO_VWF_PART;

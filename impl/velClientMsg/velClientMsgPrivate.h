@@ -320,12 +320,12 @@ inline _velClient_container *containerOf(velClient_opaqueContainer_pt handle) no
     return resolve<_velClient_container>(handle, _CONTAINER_PTR_TYPE);
 }
 
-/* Records badHandleFormat (a literal whose optional %p receives the handle)
- * as PARAM_NULL_PTR, warning: the failure of a handle that did not resolve. */
-[[gnu::cold]] void recordBadHandle(const void *handle, const char *badHandleFormat);
+/* Records badHandleFormat (whose optional %p receives the handle) as
+ * PARAM_NULL_PTR, warning: the failure of a handle that did not resolve. */
+[[gnu::cold]] void recordBadHandle(const void *handle, HandleFormat badHandleFormat);
 
 /* The record behind handle, or nullptr after recording badHandleFormat. */
-inline _velClient_msg *msgOrFail(velClient_opaqueMsg_pt handle, const char *badHandleFormat)
+inline _velClient_msg *msgOrFail(velClient_opaqueMsg_pt handle, HandleFormat badHandleFormat)
 {
     _velClient_msg *msg = msgOf(handle);
     if (__builtin_expect(msg == nullptr, 0))
@@ -333,7 +333,7 @@ inline _velClient_msg *msgOrFail(velClient_opaqueMsg_pt handle, const char *badH
     return msg;
 }
 
-inline _velClient_container *containerOrFail(velClient_opaqueContainer_pt handle, const char *badHandleFormat)
+inline _velClient_container *containerOrFail(velClient_opaqueContainer_pt handle, HandleFormat badHandleFormat)
 {
     _velClient_container *cont = containerOf(handle);
     if (__builtin_expect(cont == nullptr, 0))

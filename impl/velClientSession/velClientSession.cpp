@@ -15,12 +15,6 @@
 #include "velClientLog/velClientLogPrivate.h"
 #include "velClientSession/velClientSessionPrivate.h"
 
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-#if !defined(__clang__)
-/* The default inbox topic base is cut at 250 characters. */
-#pragma GCC diagnostic ignored "-Wformat-truncation"
-#endif
-
 namespace {
 
 void destroySession(_velClient_session *s)
@@ -107,8 +101,12 @@ velClient_returnCode_t configure(_velClient_session &s, const char *const *props
     for (std::size_t i = 0; props != nullptr && props[i] != nullptr; i += 2)
         if (applyProperty(s, props[i], props[i + 1], topicBaseGiven) != VELCLIENT_OK)
             return VELCLIENT_FAIL;
-    if (!topicBaseGiven)
-        std::snprintf(s.p2pTopicBase, sizeof s.p2pTopicBase, "#P2P/v:loopback/%s", s.clientName);
+    if (!topicBaseGiven) {
+        /* The default inbox topic base is cut at 250 characters: the client
+         * name keeps what fits after the prefix. */
+        constexpr int kNameRoom = static_cast<int>(VEL_SESSION_MAX_TOPIC - (sizeof "#P2P/v:loopback/" - 1));
+        std::snprintf(s.p2pTopicBase, sizeof s.p2pTopicBase, "#P2P/v:loopback/%.*s", kNameRoom, s.clientName);
+    }
     s.autoGenForSendEnabled = s.genSendTimestamps || s.genSenderId || s.genSequenceNumber;
     s.sendSeqNum = 1;
     return VELCLIENT_OK;
@@ -116,11 +114,11 @@ velClient_returnCode_t configure(_velClient_session &s, const char *const *props
 
 } // namespace
 
-_velClient_session *vel::sessionOrFail(velClient_opaqueSession_pt handle, const char *badHandleFormat)
+_velClient_session *vel::sessionOrFail(velClient_opaqueSession_pt handle, HandleFormat badHandleFormat)
 {
     auto *s = resolve<_velClient_session>(handle, _SESSION_PTR_TYPE);
     if (s == nullptr)
-        VEL_STORE(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, badHandleFormat, handle);
+        VEL_STORE_F(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, badHandleFormat, handle);
     return s;
 }
 

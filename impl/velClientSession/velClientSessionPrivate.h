@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <mutex>
 
+#include "velClientLog/velClientFormat.h"
 #include "velclient/velClient.h"
 
 inline constexpr std::size_t VEL_SESSION_MAX_TOPIC = 250;
@@ -39,9 +40,9 @@ struct _velClient_session {
 
 namespace vel {
 
-/* The session behind handle, or nullptr after recording badHandleFormat (a
- * literal whose optional %p receives the handle) as PARAM_NULL_PTR, warning. */
-_velClient_session *sessionOrFail(velClient_opaqueSession_pt handle, const char *badHandleFormat);
+/* The session behind handle, or nullptr after recording badHandleFormat
+ * (whose optional %p receives the handle) as PARAM_NULL_PTR, warning. */
+_velClient_session *sessionOrFail(velClient_opaqueSession_pt handle, HandleFormat badHandleFormat);
 
 } // namespace vel
 

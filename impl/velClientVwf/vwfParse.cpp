@@ -41,8 +41,11 @@ velClient_returnCode_t malformed(const char *what, std::uint32_t offset)
                     "Invalid VWF frame (%s at byte %u) in _velClient_vwfParse", what, offset);
 }
 
-/* Fills msg from one item; false (with the failure recorded) when it is
- * malformed. A part points into block; holdBlock counts the references. */
+/* Fills msg from one item (tag, length bytes at value, at bytes into the
+ * received data); VELCLIENT_FAIL (with the failure recorded) when it is
+ * malformed. A part is left pointing into block without a reference of its
+ * own: the caller takes them all at once with holdBlock(). seen collects the
+ * tags met so far in the frame, so that a repeated item is refused. */
 velClient_returnCode_t applyItem(_velClient_msg *msg, _velClient_datab *block, std::uint8_t tag, std::uint8_t *value,
                                  std::uint32_t length, std::uint32_t at, std::uint32_t &seen)
 {
@@ -99,7 +102,7 @@ void holdBlock(_velClient_msg *msg, _velClient_datab *block)
         _velClient_datablock_incRef(block, parts);
 }
 
-/* Fills msg from the items of the frame at p; false at the first malformed one. */
+/* Fills msg from the items of the frame at p; VELCLIENT_FAIL at the first malformed one. */
 velClient_returnCode_t readItems(_velClient_vwfParsing *parse, _velClient_msg *msg, std::uint8_t *p,
                                  std::uint32_t frameLength)
 {

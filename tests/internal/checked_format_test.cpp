@@ -1,0 +1,116 @@
+/*
+ * checked_format_test.cpp - printf texts kept in tables: which texts
+ * vel::Format accepts for which argument types (checked when this file
+ * compiles), and the record, fail and log entries that print them.
+ */
+#include <cstddef>
+#include <cstdio>
+#include <functional>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "support/velTestSupport.h"
+#include "velClientLog/velClientLogPrivate.h"
+
+namespace {
+
+using vel::formatMatches;
+
+/* Accepted: each directive the library uses, with the type it reads. */
+static_assert(formatMatches<>("Null buf_p pointer in velClient_msg_getSenderId"));
+static_assert(formatMatches<>("100%% of %%p is text"));
+static_assert(formatMatches<const void *>("Bad msg_p pointer (%p) in velClient_msg_getSenderId"));
+static_assert(formatMatches<const char *>("Field Type %s could not be converted to Map"));
+static_assert(formatMatches<int, int>("Unsupported structure size (received %d, expected %d)"));
+static_assert(formatMatches<int, unsigned, unsigned>("%i %u %x"));
+static_assert(formatMatches<long, unsigned long, long long, unsigned long long, std::size_t>("%ld %lu %lld %llu %zu"));
+static_assert(formatMatches<unsigned, int, const char *, long long>("%05u/%-8d/%.10s/%+lld"));
+
+/* Refused: a type that does not fit, a count that does not match, or a
+ * directive outside the supported set. */
+static_assert(!formatMatches<int>("%p"));
+static_assert(!formatMatches<const char *>("%p"));
+static_assert(!formatMatches<const void *>("%s"));
+static_assert(!formatMatches<unsigned>("%d"));
+static_assert(!formatMatches<int>("%u"));
+static_assert(!formatMatches<long>("%d"));
+static_assert(!formatMatches<unsigned>("%zu"));
+static_assert(!formatMatches<long long>("%ld"));
+static_assert(!formatMatches<int>("Invalid setting with no directive"));
+static_assert(!formatMatches<>("Invalid setting (%d)"));
+static_assert(!formatMatches<int, int>("received %d"));
+static_assert(!formatMatches<>("50% off"));
+static_assert(!formatMatches<>("ends in %"));
+static_assert(!formatMatches<double>("%f"));
+static_assert(!formatMatches<int>("%*d"));
+static_assert(!formatMatches<short>("%hd"));
+static_assert(!formatMatches<>(nullptr));
+
+/* A handle's text may leave the handle out; any other text must read all. */
+static_assert(vel::format::matches<const void *>("Bad msg_p pointer in velClient_msg_setDestination", true));
+static_assert(!vel::format::matches<const void *>("Bad msg_p pointer in velClient_msg_setDestination", false));
+static_assert(!vel::format::matches<const void *>("Bad handle (%d)", true));
+
+constexpr vel::Format<const char *, unsigned, std::size_t, long long> kMixed{"%s %05u %zu %lld 100%%"};
+constexpr vel::HandleFormat kWithHandle{"Bad msg_p pointer (%p) in f"};
+constexpr vel::HandleFormat kWithoutHandle{"Bad msg_p pointer in f"};
+
+} // namespace
+
+TEST(CheckedFormat, RecordsAndLogsTheTextAsPrintfWritesIt)
+{
+    int object = 0;
+    const void *handle = &object;
+    char withHandle[64];
+    std::snprintf(withHandle, sizeof withHandle, "Bad msg_p pointer (%p) in f", handle);
+
+    struct Row {
+        std::function<velClient_returnCode_t()> call;
+        velClient_returnCode_t rc;
+        velClient_subCode_t subCode;
+        velClient_log_level_t level;
+        std::string text;
+    };
+    const Row rows[] = {
+        {[] { return VEL_FAIL_F(VELCLIENT_SUBCODE_PARAM_CONFLICT, VELCLIENT_LOG_WARNING, kMixed, "ab", 7u,
+                                std::size_t{42}, -5LL); },
+         VELCLIENT_FAIL, VELCLIENT_SUBCODE_PARAM_CONFLICT, VELCLIENT_LOG_WARNING, "ab 00007 42 -5 100%"},
+        {[&] {
+             VEL_STORE_F(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_ERROR, kWithHandle, handle);
+             return VELCLIENT_NOT_FOUND;
+         },
+         VELCLIENT_NOT_FOUND, VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_ERROR, withHandle},
+        {[&] {
+             VEL_STORE_F(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, kWithoutHandle, handle);
+             return VELCLIENT_NOT_FOUND;
+         },
+         VELCLIENT_NOT_FOUND, VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, "Bad msg_p pointer in f"},
+    };
+    for (const Row &r : rows) {
+        veltest::LogCapture log(VELCLIENT_LOG_DEBUG);
+        velClient_resetLastErrorInfo();
+        EXPECT_EQ(r.rc, r.call()) << r.text;
+        EXPECT_EQ(r.subCode, veltest::lastSubCode());
+        EXPECT_EQ(r.text, veltest::lastErrorText());
+        ASSERT_EQ(1u, log.lines.size()) << r.text;
+        EXPECT_EQ(r.level, log.lines[0].level);
+        EXPECT_EQ(VELCLIENT_LOG_CATEGORY_SDK, log.lines[0].category);
+        EXPECT_EQ(r.text, log.lines[0].text);
+    }
+}
+
+TEST(CheckedFormat, LogLineIsFilteredAndStoresNothing)
+{
+    velClient_resetLastErrorInfo();
+    {
+        veltest::LogCapture log(VELCLIENT_LOG_INFO);
+        VEL_LOG_F(VELCLIENT_LOG_DEBUG, kMixed, "below the filter", 1u, std::size_t{2}, 3LL);
+        VEL_LOG_F(VELCLIENT_LOG_INFO, kMixed, "kept", 1u, std::size_t{2}, 3LL);
+        ASSERT_EQ(1u, log.lines.size());
+        EXPECT_EQ(VELCLIENT_LOG_INFO, log.lines[0].level);
+        EXPECT_EQ("kept 00001 2 3 100%", log.lines[0].text);
+    }
+    EXPECT_EQ(VELCLIENT_SUBCODE_OK, veltest::lastSubCode());
+    EXPECT_EQ("", veltest::lastErrorText());
+}
