@@ -63,6 +63,20 @@ TEST(Reading, TheCursorAfterHitsAndMisses)
     EXPECT_EQ(kABA.size(), size);
 }
 
+TEST(Reading, AnEmptyKeyWithoutItsNulIsAnEntry)
+{
+    /* The key field is only its type and length (2 bytes); a lookup that misses walks
+     * to a value ending exactly at the end of the map. */
+    Exact e(container(0x2B, {0x1C, 0x02, 0x0C, 0x03, 7}));
+    ASSERT_EQ(VELCLIENT_OK, e.rc);
+    velClient_field_t f;
+    EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_container_getField(e.h, &f, sizeof f, "zz"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_rewind(e.h));
+    const char *name = "untouched";
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_getNextField(e.h, &f, sizeof f, &name));
+    EXPECT_EQ(7, f.value.uint8);
+}
+
 TEST(Reading, AStreamRefusesANameWithoutMovingItsCursor)
 {
     Exact e(container(0x2F, {0x0C, 0x03, 7, 0x0C, 0x03, 8}));

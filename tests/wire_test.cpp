@@ -1,5 +1,7 @@
 /* Encoding messages to wire frames and back, and sending them on loopback
  * and null sessions. */
+#include <unistd.h>
+
 #include <string>
 #include <vector>
 
@@ -237,6 +239,27 @@ TEST(SessionSend, LoopbackGeneratesSenderIdAndSequenceNumbers)
     velClient_int64_t received = 0;
     EXPECT_EQ(VELCLIENT_OK, velClient_msg_getRcvTimestamp(kept.h, &received));
     EXPECT_GT(received, 0);
+}
+
+TEST(SessionSend, TheDefaultClientNameCountsSessions)
+{
+    /* host/pid/nnnnn, the count one higher for each session made */
+    const char *props[] = {"SESSION_GENERATE_SENDER_ID", "1", nullptr};
+    Inbox first, second;
+    Session a(props, &first), b(props, &second);
+    Msg m;
+    ASSERT_EQ(VELCLIENT_OK, velClient_session_sendMsg(a.h, m.h));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_deleteSenderId(m.h));
+    ASSERT_EQ(VELCLIENT_OK, velClient_session_sendMsg(b.h, m.h));
+    ASSERT_EQ(1u, first.senders.size());
+    ASSERT_EQ(1u, second.senders.size());
+    const std::string pid = "/" + std::to_string(getpid()) + "/";
+    const std::string &x = first.senders[0], &y = second.senders[0];
+    ASSERT_NE(std::string::npos, x.find(pid)) << x;
+    const std::string nx = x.substr(x.find(pid) + pid.size()), ny = y.substr(y.find(pid) + pid.size());
+    EXPECT_GE(nx.size(), 5u) << x; /* at least five digits, zero-padded */
+    EXPECT_EQ(std::stoul(nx) + 1, std::stoul(ny)) << x << " " << y;
+    Msg keptA(first.kept), keptB(second.kept);
 }
 
 TEST(SessionSend, ACallbackMaySendAgainOnTheSameSession)
