@@ -49,6 +49,14 @@ TEST(AttachmentContainer, ByCopyAndByReference)
     velClient_container_closeMapStream(&got);
     /* A map is not a stream. */
     EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getBinaryAttachmentStream(copied.h, &got));
+    /* Fetched again while open: the same container, one more reference. */
+    velClient_opaqueContainer_pt open = nullptr, again = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createBinaryAttachmentMap(copied.h, &open, 16));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getBinaryAttachmentMap(copied.h, &again));
+    EXPECT_EQ(open, again);
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&again));
+    EXPECT_EQ(VELCLIENT_OK, velClient_container_addInt8(open, 5, "z")); /* still open */
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&open));
 }
 
 TEST(AttachmentContainer, FromAContainerInsideTheAttachmentBeingReplaced)

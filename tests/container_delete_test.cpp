@@ -80,18 +80,14 @@ TEST(DeleteField, ANameReadFromTheSameMapRemovesEveryEntryOfIt)
 
 TEST(DeleteField, RefusalsAndTheirTexts)
 {
-    Map m;
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_deleteField(m.h, nullptr));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null or Empty Name pointer in velClient_container_deleteField");
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_deleteField(m.h, ""));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null or Empty Name pointer in velClient_container_deleteField");
-    std::vector<char> mem(64);
-    velClient_opaqueContainer_pt s = nullptr;
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_createStream(&s, mem.data(), mem.size()));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addNull(s, nullptr));
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_deleteField(s, "x"));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, "velClient_container_deleteField called on a Stream");
-    velClient_container_closeMapStream(&s);
+    Map m, s(false);
+    const char *nameText = "Null or Empty Name pointer in velClient_container_deleteField";
+    veltest::expectRefusals({
+        {[&m] { return velClient_container_deleteField(m.h, nullptr); }, VELCLIENT_SUBCODE_PARAM_NULL_PTR, nameText},
+        {[&m] { return velClient_container_deleteField(m.h, ""); }, VELCLIENT_SUBCODE_PARAM_NULL_PTR, nameText},
+        {[&s] { return velClient_container_deleteField(s.h, "x"); }, VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
+         "velClient_container_deleteField called on a Stream"},
+    });
 }
 
 TEST(DeleteField, MalformedEntriesEndTheWalkWithTheirTexts)

@@ -63,6 +63,20 @@ TEST(Reading, TheCursorAfterHitsAndMisses)
     EXPECT_EQ(kABA.size(), size);
 }
 
+TEST(Reading, AnEmptyKeyWithoutItsNulIsAnEntry)
+{
+    /* The key field is only its type and length (2 bytes); a lookup that misses walks
+     * to a value ending exactly at the end of the map. */
+    Exact e(container(0x2B, {0x1C, 0x02, 0x0C, 0x03, 7}));
+    ASSERT_EQ(VELCLIENT_OK, e.rc);
+    velClient_field_t f;
+    EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_container_getField(e.h, &f, sizeof f, "zz"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_rewind(e.h));
+    const char *name = "untouched";
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_getNextField(e.h, &f, sizeof f, &name));
+    EXPECT_EQ(7, f.value.uint8);
+}
+
 TEST(Reading, AStreamRefusesANameWithoutMovingItsCursor)
 {
     Exact e(container(0x2F, {0x0C, 0x03, 7, 0x0C, 0x03, 8}));
@@ -122,37 +136,18 @@ TEST(Reading, MalformedBytesAreRefusedExactly)
     }
 }
 
-TEST(Reading, UnknownTypeBytesPassAsUnknownFields)
-{
-    /* 0x05: a boolean with a 2-byte length; 0x28: a map with a 1-byte length. */
-    Exact e(container(0x2F, {0x05, 0x00, 0x04, 0x01, 0x28, 0x02}));
-    ASSERT_EQ(VELCLIENT_OK, e.rc);
-    velClient_field_t f;
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_getNextField(e.h, &f, sizeof f, nullptr));
-    EXPECT_EQ(VELCLIENT_UNKNOWN, f.type);
-    EXPECT_EQ(4u, f.length);
-    EXPECT_EQ(0x05, f.value.unknownField[0]);
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_getNextField(e.h, &f, sizeof f, nullptr));
-    EXPECT_EQ(VELCLIENT_UNKNOWN, f.type);
-    EXPECT_EQ(2u, f.length);
-}
-
-TEST(ContainerReading, RefusalsOfTheUntypedReaders)
+TEST(Reading, RefusalsOfTheUntypedReaders)
 {
     char mapMem[32], streamMem[32];
     velClient_opaqueContainer_pt map = nullptr, stream = nullptr;
     ASSERT_EQ(VELCLIENT_OK, velClient_container_createMap(&map, mapMem, sizeof mapMem));
     ASSERT_EQ(VELCLIENT_OK, velClient_container_createStream(&stream, streamMem, sizeof streamMem));
-    void *bad = reinterpret_cast<void *>(0x8181);
     velClient_field_t f{};
     const char *name = nullptr;
-    size_t size = 0;
     void *ptr = nullptr;
     velClient_uint32_t len = 0;
     const int expected = static_cast<int>(sizeof f);
     veltest::expectRefusals({
-        {[&] { return velClient_container_getNextField(bad, &f, sizeof f, &name); }, VELCLIENT_SUBCODE_PARAM_NULL_PTR,
-         veltest::format("Bad cont_p pointer (%p) in velClient_container_getNextField", bad)},
         {[&] { return velClient_container_getNextField(map, nullptr, sizeof f, &name); }, VELCLIENT_SUBCODE_PARAM_NULL_PTR,
          "Null field_p in velClient_container_getNextField"},
         {[&] { return velClient_container_getNextField(map, &f, sizeof f + 4, &name); }, VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
@@ -161,8 +156,6 @@ TEST(ContainerReading, RefusalsOfTheUntypedReaders)
                          expected + 4, expected)},
         {[&] { return velClient_container_getNextField(map, &f, sizeof f, nullptr); }, VELCLIENT_SUBCODE_PARAM_NULL_PTR,
          "Null name_p in velClient_container_getNextField"},
-        {[&] { return velClient_container_getField(bad, &f, sizeof f, "k"); }, VELCLIENT_SUBCODE_PARAM_NULL_PTR,
-         veltest::format("Bad Container (%p) in velClient_container_getField", bad)},
         {[&] { return velClient_container_getField(map, &f, sizeof f - 4, "k"); }, VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
          veltest::format("Unsupported field structure size (received %d, expected %d) in "
                          "velClient_container_getField",
@@ -173,12 +166,8 @@ TEST(ContainerReading, RefusalsOfTheUntypedReaders)
          "No name pointer in velClient_container_getField"},
         {[&] { return velClient_container_getField(stream, &f, sizeof f, "k"); }, VELCLIENT_SUBCODE_PARAM_CONFLICT,
          "Stream with non-NULL name pointer in velClient_container_getField"},
-        {[&] { return velClient_container_getSize(bad, &size); }, VELCLIENT_SUBCODE_PARAM_NULL_PTR,
-         veltest::format("Bad Container (%p) in velClient_container_getSize", bad)},
         {[&] { return velClient_container_getSize(map, nullptr); }, VELCLIENT_SUBCODE_PARAM_NULL_PTR,
          "Null size pointer in velClient_container_getSize"},
-        {[&] { return velClient_container_getContainerPtr(bad, &ptr, &len); }, VELCLIENT_SUBCODE_PARAM_NULL_PTR,
-         veltest::format("Bad Container (%p) in velClient_container_getContainerPtr", bad)},
         {[&] { return velClient_container_getContainerPtr(map, &ptr, nullptr); }, VELCLIENT_SUBCODE_PARAM_NULL_PTR,
          "Null size pointer in velClient_container_getContainerPtr"},
         {[&] { return velClient_container_getContainerPtr(map, nullptr, &len); }, VELCLIENT_SUBCODE_PARAM_NULL_PTR,

@@ -151,27 +151,18 @@ TEST(CppLayer, EveryFieldTypeReadsBackAsAddedInAMapAndAStream)
     live.expectBalanced(); /* every nested map and stream read back was closed by its owner */
 }
 
-TEST(CppLayer, TypedAddsReadBackThroughConversionRules)
+TEST(CppLayer, ConversionsAndTheirFailuresAsExceptionsAndCodes)
 {
-    char mem[512];
+    char mem[128];
     vc::Map map = vc::Map::create_in(mem, sizeof mem);
     map.add(std::int8_t{-5}, "i8");
-    map.add(std::uint16_t{65535}, "u16");
     map.add(std::int64_t{1} << 40, "big");
-    map.add(2.5, "d");
-    map.add(std::string_view("view, not NUL-terminated", 4), "sv");
     map.add("42", "numtext");
-    map.add(vc::Destination::queue("orders"), "dest");
-
-    EXPECT_EQ(-5, map.get<std::int64_t>("i8"));  /* widening is allowed */
-    EXPECT_EQ(65535, map.get<std::int32_t>("u16"));
-    EXPECT_EQ("view", map.get<std::string>("sv"));
+    EXPECT_EQ(-5, map.get<std::int64_t>("i8")); /* widening is allowed */
     EXPECT_EQ(42, map.get<std::int32_t>("numtext")); /* strings parse to integers */
-    EXPECT_EQ(vc::Destination::queue("orders"), map.get<vc::Destination>("dest"));
     EXPECT_EQ(std::nullopt, map.get<std::int32_t>("absent"));
     EXPECT_FALSE(map.contains("absent"));
-    EXPECT_TRUE(map.contains("d"));
-
+    EXPECT_TRUE(map.contains("big"));
     try {
         map.get<std::int8_t>("big");
         ADD_FAILURE() << "a value out of range converted";
@@ -182,48 +173,6 @@ TEST(CppLayer, TypedAddsReadBackThroughConversionRules)
     }
     std::int8_t small = 0;
     EXPECT_EQ(VELCLIENT_FAIL, map.try_get("big", small));
-}
-
-TEST(CppLayer, IterationGivesEachStoredTypeAsItsVariantAlternative)
-{
-    Live live;
-    {
-        char mem[512];
-        vc::Map map = vc::Map::create_in(mem, sizeof mem);
-        map.add(true, "b");
-        map.add(std::uint32_t{7}, "u32");
-        map.add('x', "c"); /* a char is stored as a wide character */
-        map.add(vc::Wchar{0x263A}, "w");
-        map.add_null("n");
-        const std::uint8_t raw[] = {1, 2, 3};
-        map.add_bytes(raw, sizeof raw, "bytes");
-        {
-            vc::Stream s = map.open_stream("s");
-            s.add(std::int16_t{-1});
-            s.add(std::string("two"));
-        }
-        map.get<bool>("u32"); /* moves the cursor: iteration still starts at the first field */
-
-        std::vector<std::string> names;
-        for (vc::Field &f : map)
-            names.emplace_back(f.name);
-        EXPECT_EQ((std::vector<std::string>{"b", "u32", "c", "w", "n", "bytes", "s"}), names);
-
-        auto it = map.begin();
-        EXPECT_TRUE(std::get<bool>(it->value));
-        EXPECT_EQ(7u, std::get<std::uint32_t>((++it)->value));
-        EXPECT_EQ(static_cast<velClient_wchar_t>('x'), std::get<vc::Wchar>((++it)->value).value);
-        EXPECT_EQ(0x263Au, std::get<vc::Wchar>((++it)->value).value);
-        EXPECT_TRUE(std::holds_alternative<vc::Null>((++it)->value));
-        vc::Bytes b = std::get<vc::Bytes>((++it)->value);
-        EXPECT_EQ((std::vector<std::uint8_t>{1, 2, 3}), b.to_vector());
-        vc::Stream &s = std::get<vc::Stream>((++it)->value);
-        EXPECT_EQ(-1, s.next<std::int32_t>());
-        EXPECT_EQ("two", s.next<std::string_view>());
-        EXPECT_EQ(std::nullopt, s.next<std::int32_t>()); /* end of the stream */
-        EXPECT_EQ(map.end(), ++it);
-    }
-    live.expectBalanced(); /* the nested stream's handle was closed by its owner */
 }
 
 TEST(CppLayer, SameWireBytesAsTheCApi)

@@ -45,48 +45,38 @@ int cycleOneEntry(Make make, Kill kill, Probe probe)
 
 } // namespace
 
-TEST(HandleReuse, AFreedMessageHandleNeverReachesTheNextMessage)
-{
-    int same = cycleOneEntry(
-        [] {
-            velClient_opaqueMsg_pt m = nullptr;
-            velClient_msg_alloc(&m);
-            return m;
-        },
-        [](void *m) { velClient_msg_free(&m); },
-        [](void *m) { return velClient_msg_setDeliveryMode(m, VELCLIENT_DELIVERY_MODE_PERSISTENT); });
-    EXPECT_EQ(kCycles, same); /* the same entry each time: the table reuses what was just freed */
-}
-
-TEST(HandleReuse, AFreedContainerHandleNeverReachesTheNextContainer)
+TEST(HandleReuse, AFreedHandleNeverReachesTheNextObjectOfItsEntry)
 {
     static char mem[64];
-    int same = cycleOneEntry(
-        [] {
-            velClient_opaqueContainer_pt c = nullptr;
-            velClient_container_createMap(&c, mem, sizeof mem);
-            return c;
-        },
-        [](void *c) { velClient_container_closeMapStream(&c); },
-        [](void *c) { return velClient_container_rewind(c); });
-    EXPECT_EQ(kCycles, same);
-}
-
-TEST(HandleReuse, AFreedSessionHandleNeverReachesTheNextSession)
-{
-    int same = cycleOneEntry(
-        [] {
-            velClient_opaqueSession_pt s = nullptr;
-            velClient_session_create(nullptr, nullptr, nullptr, &s);
-            return s;
-        },
-        [](void *s) { velClient_session_destroy(&s); },
-        [](void *s) {
-            velClient_opaqueMsg_pt m = nullptr;
-            velClient_msg_alloc(&m);
-            velClient_returnCode_t rc = velClient_session_sendMsg(s, m);
-            velClient_msg_free(&m);
-            return rc;
-        });
-    EXPECT_EQ(kCycles, same);
+    /* the same entry each time: the table reuses what was just freed */
+    EXPECT_EQ(kCycles, cycleOneEntry(
+                           [] {
+                               velClient_opaqueMsg_pt m = nullptr;
+                               velClient_msg_alloc(&m);
+                               return m;
+                           },
+                           [](void *m) { velClient_msg_free(&m); },
+                           [](void *m) { return velClient_msg_setDeliveryMode(m, VELCLIENT_DELIVERY_MODE_PERSISTENT); }));
+    EXPECT_EQ(kCycles, cycleOneEntry(
+                           [] {
+                               velClient_opaqueContainer_pt c = nullptr;
+                               velClient_container_createMap(&c, mem, sizeof mem);
+                               return c;
+                           },
+                           [](void *c) { velClient_container_closeMapStream(&c); },
+                           [](void *c) { return velClient_container_rewind(c); }));
+    EXPECT_EQ(kCycles, cycleOneEntry(
+                           [] {
+                               velClient_opaqueSession_pt s = nullptr;
+                               velClient_session_create(nullptr, nullptr, nullptr, &s);
+                               return s;
+                           },
+                           [](void *s) { velClient_session_destroy(&s); },
+                           [](void *s) {
+                               velClient_opaqueMsg_pt m = nullptr;
+                               velClient_msg_alloc(&m);
+                               velClient_returnCode_t rc = velClient_session_sendMsg(s, m);
+                               velClient_msg_free(&m);
+                               return rc;
+                           }));
 }

@@ -85,28 +85,13 @@ TEST(LogControl, CodeNames)
         {VELCLIENT_FAIL, "FAIL"},       {9, "Unknown"},                         {-2, "Unknown"}};
     for (auto [code, name] : returns)
         EXPECT_STREQ(name, velClient_returnCodeToString(static_cast<velClient_returnCode_t>(code))) << code;
-    const std::pair<int, const char *> subs[] = {{0, "OK"},
-                                                 {1, "PARAM_OUT_OF_RANGE"},
-                                                 {2, "PARAM_NULL_PTR"},
-                                                 {3, "PARAM_CONFLICT"},
-                                                 {4, "INSUFFICIENT_SPACE"},
-                                                 {5, "OUT_OF_RESOURCES"},
-                                                 {6, "INTERNAL_ERROR"},
-                                                 {7, "OUT_OF_MEMORY"},
-                                                 {8, "PROTOCOL_ERROR"},
-                                                 {9, "INIT_NOT_CALLED"},
-                                                 {10, "TIMEOUT"},
-                                                 {11, "KEEP_ALIVE_FAILURE"},
-                                                 {12, "SESSION_NOT_ESTABLISHED"},
-                                                 {13, "OS_ERROR"},
-                                                 {14, "COMMUNICATION_ERROR"},
-                                                 {15, "Unknown"},
-                                                 {40, "DBLOCK_ALREADY_EXISTS"},
-                                                 {41, "NO_STRUCTURED_DATA"},
-                                                 {42, "CONTAINER_BUSY"},
-                                                 {43, "INVALID_DATA_CONVERSION"},
-                                                 {84, "INVALID_VWF_MESSAGE"},
-                                                 {85, "Unknown"}};
+    const std::pair<int, const char *> subs[] = {
+        {0, "OK"},           {1, "PARAM_OUT_OF_RANGE"}, {2, "PARAM_NULL_PTR"},      {3, "PARAM_CONFLICT"},
+        {4, "INSUFFICIENT_SPACE"}, {5, "OUT_OF_RESOURCES"}, {6, "INTERNAL_ERROR"}, {7, "OUT_OF_MEMORY"},
+        {8, "PROTOCOL_ERROR"}, {9, "INIT_NOT_CALLED"},   {10, "TIMEOUT"},          {11, "KEEP_ALIVE_FAILURE"},
+        {12, "SESSION_NOT_ESTABLISHED"}, {13, "OS_ERROR"}, {14, "COMMUNICATION_ERROR"}, {15, "Unknown"},
+        {40, "DBLOCK_ALREADY_EXISTS"}, {41, "NO_STRUCTURED_DATA"}, {42, "CONTAINER_BUSY"},
+        {43, "INVALID_DATA_CONVERSION"}, {84, "INVALID_VWF_MESSAGE"}, {85, "Unknown"}};
     for (auto [code, name] : subs)
         EXPECT_STREQ(name, velClient_subCodeToString(static_cast<velClient_subCode_t>(code))) << code;
 }

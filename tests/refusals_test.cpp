@@ -16,11 +16,12 @@ velClient_destination_t topicDest{VELCLIENT_TOPIC_DESTINATION, "t"};
 constexpr std::size_t kDest = sizeof(velClient_destination_t);
 constexpr std::size_t kField = sizeof(velClient_field_t);
 
-/* A forged handle, a freed message's handle and a live container's handle. */
+/* Forged handles (an entry never issued, a page never allocated), a freed
+ * message's handle and a live container's handle. */
 struct BadHandles {
     std::vector<char> mem = std::vector<char>(16);
     velClient_opaqueContainer_pt container = nullptr;
-    std::vector<void *> all{reinterpret_cast<void *>(0x5151)};
+    std::vector<void *> all{reinterpret_cast<void *>(0x5151), reinterpret_cast<void *>(0x3fff000)};
     BadHandles()
     {
         velClient_opaqueMsg_pt m = nullptr;
@@ -370,7 +371,7 @@ TEST(Refusals, EveryContainerExportRefusesABadHandle)
     ASSERT_EQ(VELCLIENT_OK, velClient_container_createMap(&closed, closedMem, sizeof closedMem));
     void *stale = closed;
     velClient_container_closeMapStream(&closed);
-    for (void *h : {bad.all[0], bad.all[1], stale}) {
+    for (void *h : {bad.all[0], bad.all[1], bad.all[2], stale}) {
         SCOPED_TRACE(testing::Message() << "handle " << h);
         veltest::expectRefusals(veltest::badHandleRows("Bad Container (%p) in %s", h, badContainer));
         /* Every add names the check they share. */

@@ -1,5 +1,6 @@
 /* The bytes every add writes, the name rules, and the refusals of the adds. */
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -15,59 +16,41 @@ const Bytes kNameX = {0x1C, 0x04, 'x', 0x00};
 
 } // namespace
 
-TEST(FieldEncoding, ScalarsInAStream)
-{
-    Mem s(false);
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addNull(s.h, nullptr));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addBoolean(s.h, 5, nullptr));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addBoolean(s.h, 0, nullptr));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(s.h, -2, nullptr));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addUint16(s.h, 0x1234, nullptr));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addFloat(s.h, 1.0f, nullptr));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addChar(s.h, 'A', nullptr));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addWchar(s.h, 0x10041, nullptr));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addString(s.h, "ab", nullptr));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt8(s.h, -1, nullptr));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addUint64(s.h, 0x0102030405060708ull, nullptr));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addDouble(s.h, -2.0, nullptr));
-    Bytes expected = {0x00, 0x02,                                     /* null */
-                      0x04, 0x03, 0x01,                               /* true from 5 */
-                      0x04, 0x03, 0x00,                               /* false */
-                      0x08, 0x06, 0xFF, 0xFF, 0xFF, 0xFE,             /* int32 -2 */
-                      0x0C, 0x04, 0x12, 0x34,                         /* uint16 */
-                      0x10, 0x06, 0x3F, 0x80, 0x00, 0x00,             /* float 1.0 */
-                      0x14, 0x04, 0x00, 0x41,                         /* char 'A' */
-                      0x14, 0x04, 0x00, 0x41,                         /* wchar keeps 16 bits */
-                      0x1C, 0x05, 'a',  'b',  0x00,                   /* "ab" */
-                      0x08, 0x03, 0xFF,                               /* int8 -1 */
-                      0x0C, 0x0A, 1, 2, 3, 4, 5, 6, 7, 8,             /* uint64 */
-                      0x10, 0x0A, 0xC0, 0, 0, 0, 0, 0, 0, 0};         /* double -2.0 */
-    EXPECT_EQ(expected, s.fields());
-}
+/* One add in a stream and the bytes it writes. */
+#define ADDS(call, ...) {[](velClient_opaqueContainer_pt h) { return velClient_container_##call; }, Bytes{__VA_ARGS__}}
 
-TEST(FieldEncoding, IntegerExtremesKeepTheirBitsBigEndian)
+TEST(FieldEncoding, EveryScalarWritesItsTypeLengthAndBigEndianBits)
 {
+    const std::pair<std::function<velClient_returnCode_t(velClient_opaqueContainer_pt)>, Bytes> rows[] = {
+        ADDS(addNull(h, nullptr), 0x00, 0x02),
+        ADDS(addBoolean(h, 5, nullptr), 0x04, 0x03, 0x01), /* true from 5 */
+        ADDS(addBoolean(h, 0, nullptr), 0x04, 0x03, 0x00),
+        ADDS(addInt32(h, -2, nullptr), 0x08, 0x06, 0xFF, 0xFF, 0xFF, 0xFE),
+        ADDS(addUint16(h, 0x1234, nullptr), 0x0C, 0x04, 0x12, 0x34),
+        ADDS(addFloat(h, 1.0f, nullptr), 0x10, 0x06, 0x3F, 0x80, 0x00, 0x00),
+        ADDS(addChar(h, 'A', nullptr), 0x14, 0x04, 0x00, 0x41),
+        ADDS(addWchar(h, 0x10041, nullptr), 0x14, 0x04, 0x00, 0x41), /* a wide character keeps 16 bits */
+        ADDS(addString(h, "ab", nullptr), 0x1C, 0x05, 'a', 'b', 0x00),
+        ADDS(addInt8(h, -1, nullptr), 0x08, 0x03, 0xFF),
+        ADDS(addUint64(h, 0x0102030405060708ull, nullptr), 0x0C, 0x0A, 1, 2, 3, 4, 5, 6, 7, 8),
+        ADDS(addDouble(h, -2.0, nullptr), 0x10, 0x0A, 0xC0, 0, 0, 0, 0, 0, 0, 0),
+        ADDS(addInt8(h, INT8_MIN, nullptr), 0x08, 0x03, 0x80),
+        ADDS(addUint8(h, UINT8_MAX, nullptr), 0x0C, 0x03, 0xFF),
+        ADDS(addInt16(h, INT16_MIN, nullptr), 0x08, 0x04, 0x80, 0x00),
+        ADDS(addUint16(h, UINT16_MAX, nullptr), 0x0C, 0x04, 0xFF, 0xFF),
+        ADDS(addInt32(h, INT32_MIN, nullptr), 0x08, 0x06, 0x80, 0x00, 0x00, 0x00),
+        ADDS(addUint32(h, UINT32_MAX, nullptr), 0x0C, 0x06, 0xFF, 0xFF, 0xFF, 0xFF),
+        ADDS(addInt64(h, INT64_MIN, nullptr), 0x08, 0x0A, 0x80, 0, 0, 0, 0, 0, 0, 0),
+        ADDS(addUint64(h, UINT64_MAX, nullptr), 0x0C, 0x0A, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF),
+        ADDS(addWchar(h, 0xFFFFFFFFu, nullptr), 0x14, 0x04, 0xFF, 0xFF),
+        ADDS(addChar(h, 0x7F, nullptr), 0x14, 0x04, 0x00, 0x7F),
+    };
     Mem s(false);
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt8(s.h, INT8_MIN, nullptr));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addUint8(s.h, UINT8_MAX, nullptr));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt16(s.h, INT16_MIN, nullptr));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addUint16(s.h, UINT16_MAX, nullptr));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(s.h, INT32_MIN, nullptr));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addUint32(s.h, UINT32_MAX, nullptr));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt64(s.h, INT64_MIN, nullptr));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addUint64(s.h, UINT64_MAX, nullptr));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addWchar(s.h, 0xFFFFFFFFu, nullptr));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addChar(s.h, 0x7F, nullptr));
-    Bytes expected = {0x08, 0x03, 0x80,
-                      0x0C, 0x03, 0xFF,
-                      0x08, 0x04, 0x80, 0x00,
-                      0x0C, 0x04, 0xFF, 0xFF,
-                      0x08, 0x06, 0x80, 0x00, 0x00, 0x00,
-                      0x0C, 0x06, 0xFF, 0xFF, 0xFF, 0xFF,
-                      0x08, 0x0A, 0x80, 0, 0, 0, 0, 0, 0, 0,
-                      0x0C, 0x0A, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF,
-                      0x14, 0x04, 0xFF, 0xFF,
-                      0x14, 0x04, 0x00, 0x7F};
+    Bytes expected;
+    for (const auto &[add, bytes] : rows) {
+        ASSERT_EQ(VELCLIENT_OK, add(s.h));
+        expected = cat(expected, bytes);
+    }
     EXPECT_EQ(expected, s.fields());
 }
 
