@@ -3,8 +3,8 @@
  * as a stream and walked field by field with every getter and nested
  * sub-containers, changed, and dumped inside a message.
  */
-#include "container_walk.h"
-#include "fuzz_setup.h"
+#include "containerWalk.h"
+#include "fuzzSetup.h"
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {

@@ -5,8 +5,8 @@
  */
 #include <cstdlib>
 
-#include "metadata_walk.h"
-#include "fuzz_setup.h"
+#include "metadataWalk.h"
+#include "fuzzSetup.h"
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {

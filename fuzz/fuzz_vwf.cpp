@@ -5,8 +5,8 @@
  */
 #include <cstdlib>
 
-#include "vwf_walk.h"
-#include "fuzz_setup.h"
+#include "vwfWalk.h"
+#include "fuzzSetup.h"
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {

@@ -1,5 +1,5 @@
 /*
- * vwf_walk.h - what the wire fuzz target does with one input, shared with the
+ * vwfWalk.h - what the wire fuzz target does with one input, shared with the
  * test that replays the seed corpus: decode it; when it is accepted, read
  * every part, header property and map, dump it, then encode it again and
  * check that the encoding decodes. Returns false when an accepted message

@@ -2,9 +2,9 @@
  * the target's own walk, so every build exercises it without a fuzzer. */
 #include <vector>
 
-#include "corpus_files.h"
+#include "corpusFiles.h"
 #include "support/velTestSupport.h"
-#include "vwf_walk.h"
+#include "vwfWalk.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 /*
- * checked_format_test.cpp - printf texts kept in tables: which texts
+ * checkedFormatTest.cpp - printf texts kept in tables: which texts
  * vel::Format accepts for which argument types (checked when this file
  * compiles), and the record, fail and log entries that print them.
  */

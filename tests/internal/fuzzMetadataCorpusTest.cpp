@@ -6,8 +6,8 @@
 
 #include <gtest/gtest.h>
 
-#include "corpus_files.h"
-#include "metadata_walk.h"
+#include "corpusFiles.h"
+#include "metadataWalk.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 /*
- * container_walk.h - what the structured-data fuzz target does with one
+ * containerWalk.h - what the structured-data fuzz target does with one
  * input, shared with the test that replays the seed corpus: open the bytes as
  * a map and as a stream (in a private copy of exactly their size), walk them
  * with getNextField, every typed getter and nested sub-containers, delete a

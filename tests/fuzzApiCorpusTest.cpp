@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "api_walk.h"
-#include "corpus_files.h"
+#include "apiWalk.h"
+#include "corpusFiles.h"
 #include "support/velTestSupport.h"
 
 namespace {

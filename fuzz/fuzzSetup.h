@@ -1,5 +1,5 @@
 /*
- * fuzz_setup.h - how every fuzz target starts the library: quiet, with data
+ * fuzzSetup.h - how every fuzz target starts the library: quiet, with data
  * block classes of 1 to 5 bytes and no pooling, so that every growth takes a
  * fresh block and any later use of the old bytes is a use after free. With
  * VELFUZZ_DEFAULT_CLASSES set in the environment the defaults are used

@@ -1,5 +1,5 @@
 /*
- * metadata_walk.h - what the metadata fuzz target does with one input, shared
+ * metadataWalk.h - what the metadata fuzz target does with one input, shared
  * with the test that replays its seed corpus: a message whose binary metadata
  * part holds the input, as a received message would; every header-map and
  * user-property getter reads it, a header property and a user property are
@@ -13,7 +13,7 @@
 
 #include "velClientHandle/velClientHandle.h"
 #include "velClientMsg/velClientMsgPrivate.h"
-#include "vwf_walk.h"
+#include "vwfWalk.h"
 
 namespace velfuzz {
 

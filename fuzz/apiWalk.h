@@ -1,5 +1,5 @@
 /*
- * api_walk.h - what the API-program fuzz target does with one input, shared
+ * apiWalk.h - what the API-program fuzz target does with one input, shared
  * with the test that replays its seed corpus: the input is a program of calls
  * to the public API, run against a few slots of messages and container
  * handles, so that trees of containers grow, close and are deleted from with
@@ -42,9 +42,9 @@
 #include <type_traits>
 #include <vector>
 
-#include "container_walk.h"
-#include "vwf_walk.h"
-#include "fuzz_setup.h"
+#include "containerWalk.h"
+#include "vwfWalk.h"
+#include "fuzzSetup.h"
 #include "velclient/velClient.h"
 
 namespace velfuzz {

@@ -1,5 +1,5 @@
 /*
- * corpus_files.h - the seed corpus of a fuzz target as byte strings, for the
+ * corpusFiles.h - the seed corpus of a fuzz target as byte strings, for the
  * tests that replay it in every build (name: the folder under fuzz/corpus/).
  */
 #pragma once

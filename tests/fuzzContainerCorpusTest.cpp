@@ -3,8 +3,8 @@
  * build exercises it (under the sanitizers in the asan preset). */
 #include <vector>
 
-#include "corpus_files.h"
-#include "container_walk.h"
+#include "corpusFiles.h"
+#include "containerWalk.h"
 #include "support/velTestSupport.h"
 
 TEST(ContainerFuzzCorpus, SeedsAndTheirMutationsWalkWithoutLeaks)
