@@ -19,21 +19,26 @@
 
 namespace velfuzz {
 
+/* Calls each one-value getter on the field called name. */
+template <typename... T>
+void oneValueGetters(velClient_opaqueContainer_pt c, const char *name,
+                     velClient_returnCode_t (*...get)(velClient_opaqueContainer_pt, T *, const char *))
+{
+    (
+        [&] {
+            T value{};
+            get(c, &value, name);
+        }(),
+        ...);
+}
+
 inline void typedGetters(velClient_opaqueContainer_pt c, const char *name)
 {
-    velClient_bool_t b;
-    velClient_uint8_t u8;
-    velClient_int8_t i8;
-    velClient_uint16_t u16;
-    velClient_int16_t i16;
-    velClient_uint32_t u32;
-    velClient_int32_t i32;
-    velClient_uint64_t u64;
-    velClient_int64_t i64;
-    char ch;
-    velClient_wchar_t wc;
-    float f;
-    double d;
+    oneValueGetters(c, name, velClient_container_getBoolean, velClient_container_getUint8,
+                    velClient_container_getInt8, velClient_container_getUint16, velClient_container_getInt16,
+                    velClient_container_getUint32, velClient_container_getInt32, velClient_container_getUint64,
+                    velClient_container_getInt64, velClient_container_getChar, velClient_container_getWchar,
+                    velClient_container_getFloat, velClient_container_getDouble);
     const velClient_uint8_t *p;
     velClient_uint32_t len = 8;
     std::uint8_t buf[8];
@@ -41,19 +46,6 @@ inline void typedGetters(velClient_opaqueContainer_pt c, const char *name)
     char text[8];
     velClient_destination_t dest;
     velClient_opaqueContainer_pt sub = nullptr;
-    velClient_container_getBoolean(c, &b, name);
-    velClient_container_getUint8(c, &u8, name);
-    velClient_container_getInt8(c, &i8, name);
-    velClient_container_getUint16(c, &u16, name);
-    velClient_container_getInt16(c, &i16, name);
-    velClient_container_getUint32(c, &u32, name);
-    velClient_container_getInt32(c, &i32, name);
-    velClient_container_getUint64(c, &u64, name);
-    velClient_container_getInt64(c, &i64, name);
-    velClient_container_getChar(c, &ch, name);
-    velClient_container_getWchar(c, &wc, name);
-    velClient_container_getFloat(c, &f, name);
-    velClient_container_getDouble(c, &d, name);
     velClient_container_getByteArrayPtr(c, &p, &len, name);
     len = sizeof buf;
     velClient_container_getByteArray(c, buf, &len, name);
