@@ -19,17 +19,20 @@
 
 namespace velfuzz {
 
+template <typename T>
+void getOne(velClient_opaqueContainer_pt c, const char *name,
+            velClient_returnCode_t (*get)(velClient_opaqueContainer_pt, T *, const char *))
+{
+    T value{};
+    get(c, &value, name);
+}
+
 /* Calls each one-value getter on the field called name. */
 template <typename... T>
 void oneValueGetters(velClient_opaqueContainer_pt c, const char *name,
-                     velClient_returnCode_t (*...get)(velClient_opaqueContainer_pt, T *, const char *))
+                     velClient_returnCode_t (*... get)(velClient_opaqueContainer_pt, T *, const char *))
 {
-    (
-        [&] {
-            T value{};
-            get(c, &value, name);
-        }(),
-        ...);
+    (getOne(c, name, get), ...);
 }
 
 inline void typedGetters(velClient_opaqueContainer_pt c, const char *name)
