@@ -5,6 +5,7 @@
  * path patches in place.
  */
 #include "velClientMsg/headerMaps.h"
+#include "velClientMsg/recordApi.h"
 #include "velClientMsg/tlvCodec.h"
 
 namespace {
@@ -107,7 +108,7 @@ bool vel::hdr::keepLent(_velClient_msg *msg, const char *&text, KeptBytes &kept)
 void vel::hdr::deleteUnlessNew(_velClient_msg *msg, const char *key, std::uint32_t ownMask)
 {
     if ((msg->internalFlags & (ownMask | _VELCLIENT_MSG_FLAG_NEW_HDR_MAP)) != _VELCLIENT_MSG_FLAG_NEW_HDR_MAP)
-        velClient_container_deleteField(msg->hdrMap_p->opaqueContainer_p, key);
+        vel::container::deleteField(msg->hdrMap_p, key);
 }
 
 velClient_returnCode_t vel::hdr::remove(_velClient_msg *msg, const char *key, std::uint32_t clearBits)
@@ -118,7 +119,7 @@ velClient_returnCode_t vel::hdr::remove(_velClient_msg *msg, const char *key, st
             return rc == VELCLIENT_NOT_FOUND ? VELCLIENT_OK : VELCLIENT_FAIL;
     }
     msg->internalFlags &= ~clearBits;
-    return velClient_container_deleteField(msg->hdrMap_p->opaqueContainer_p, key);
+    return vel::container::deleteField(msg->hdrMap_p, key);
 }
 
 /* ---- Generic string properties ---------------------------------------------- */
@@ -135,14 +136,19 @@ extern "C" velClient_returnCode_t _velClient_msgHeaderMap_getString(velClient_op
     if (mapKey == nullptr)
         return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
                         "Null key pointer in _velClient_msgHeaderMap_getString");
+    return vel::msg::headerMapString(msg, mapKey, string_p);
+}
+
+velClient_returnCode_t vel::msg::headerMapString(_velClient_msg *msg, const char *key, const char **value_p)
+{
     velClient_field_t field{};
-    velClient_returnCode_t rc = vel::hdr::lookup(msg, mapKey, field);
+    velClient_returnCode_t rc = vel::hdr::lookup(msg, key, field);
     if (rc != VELCLIENT_OK)
         return rc;
     if (field.type != VELCLIENT_STRING)
         return VEL_FAIL(VELCLIENT_SUBCODE_COMMUNICATION_ERROR, VELCLIENT_LOG_WARNING,
-                        "Invalid string field '%s' in kestrel header map", mapKey);
-    *string_p = field.value.string;
+                        "Invalid string field '%s' in kestrel header map", key);
+    *value_p = field.value.string;
     return VELCLIENT_OK;
 }
 
@@ -161,7 +167,7 @@ extern "C" velClient_returnCode_t _velClient_msgHeaderMap_setString(velClient_op
                         "Null string pointer in _velClient_msgHeaderMap_setString");
     return vel::hdr::set(
         msg, mapKey, addFlag, addFlag,
-        [&](velClient_opaqueContainer_pt map) { return velClient_container_addString(map, string, mapKey); },
+        [&](_velClient_container *map) { return vel::container::addString(map, string, mapKey); },
         &string);
 }
 

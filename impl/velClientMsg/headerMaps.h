@@ -80,7 +80,8 @@ namespace vel::hdr {
 /* The header map field key (read mode); NOT_FOUND / FAIL as the lookup says. */
 velClient_returnCode_t lookup(_velClient_msg *msg, const char *key, velClient_field_t &field);
 /* Adds a value under key, deleting an earlier one unless the map is new and
- * none of ownMask's bits is set; sets setBits on success. add writes the value.
+ * none of ownMask's bits is set; sets setBits on success. add(map) writes the
+ * value into the open header map's record.
  * *lent, when given, is the text add reads: one read from the header map
  * itself is kept before the delete moves it. */
 template <typename Add>
@@ -108,7 +109,7 @@ velClient_returnCode_t set(_velClient_msg *msg, const char *key, std::uint32_t o
     if (lent != nullptr && !keepLent(msg, *lent, kept))
         return VELCLIENT_FAIL;
     deleteUnlessNew(msg, key, ownMask);
-    velClient_returnCode_t rc = add(msg->hdrMap_p->opaqueContainer_p);
+    velClient_returnCode_t rc = add(msg->hdrMap_p);
     if (rc == VELCLIENT_OK)
         msg->internalFlags |= setBits;
     return rc;
