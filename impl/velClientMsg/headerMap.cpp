@@ -31,10 +31,9 @@ velClient_returnCode_t createEmptyHeaderMap(_velClient_msg *msg)
                                           VELCLIENT_CONTAINER_MAP);
 }
 
-} // namespace
-
-/* Opens a map already held in part 10. VELCLIENT_NOT_FOUND when it is not a map. */
-velClient_returnCode_t _velClient_msg_openHeaderMapPart(_velClient_msg *msg)
+/* Opens the map held in part 10 as msg->hdrMap_p. VELCLIENT_NOT_FOUND (a
+ * stream is refused and closed) when part 10 holds no map. */
+velClient_returnCode_t openHeaderMapPart(_velClient_msg *msg)
 {
     velClient_field_t field{};
     velClient_returnCode_t rc = _velClient_msg_getField(msg, _VELCLIENT_BUFINFO_HDR_MAP_PART, &field, sizeof field);
@@ -52,14 +51,16 @@ velClient_returnCode_t _velClient_msg_openHeaderMapPart(_velClient_msg *msg)
     return VELCLIENT_NOT_FOUND;
 }
 
+} // namespace
+
 velClient_returnCode_t _velClient_msg_getOrCreateHeaderMaps(_velClient_msg *msg, int create)
 {
     if (msg->hdrMap_p == nullptr && partHasBytes(msg, _VELCLIENT_BUFINFO_HDR_MAP_PART)) {
-        velClient_returnCode_t rc = _velClient_msg_openHeaderMapPart(msg);
+        velClient_returnCode_t rc = openHeaderMapPart(msg);
         if (rc != VELCLIENT_NOT_FOUND)
             return rc;
     }
-    velClient_returnCode_t meta = _velClient_msg_readBinaryMeta(msg);
+    velClient_returnCode_t meta = vel::meta::read(msg, openHeaderMapPart);
     if (meta == VELCLIENT_FAIL)
         return VELCLIENT_FAIL;
     bool noHeader = meta == VELCLIENT_NOT_FOUND;

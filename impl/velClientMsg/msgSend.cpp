@@ -58,7 +58,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_session_sendMsg(velCli
         msg->expirationTime = s->calcMessageExpiration ? static_cast<std::uint64_t>(nowMs()) + msg->timeToLive : 0;
     else if (msg->expirationTime != 0 && _velClient_msg_setMessageExpiration(msg) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
-    if (_velClient_msg_needsBinaryMeta(msg) && _velClient_msg_buildBinaryMeta(msg) != VELCLIENT_OK)
+    if (vel::meta::prepareForWire(msg, false) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     /* The expiration and the metadata build may have moved the header map's
      * bytes since the placeholder was reserved: its address is taken only
