@@ -181,12 +181,12 @@ velClient_returnCode_t vel::msg::setHeaderInt64(_velClient_msg *msg, HeaderPrope
     extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_get##Name(velClient_opaqueMsg_pt msg_p,         \
                                                                            const char **value_p)                  \
     {                                                                                                               \
-        return getChecked(row, msg_p, value_p, getString);                                                                      \
+        return getChecked(row, msg_p, value_p, getString);                                                          \
     }                                                                                                               \
     extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_set##Name(velClient_opaqueMsg_pt msg_p,         \
                                                                            const char *value)                     \
     {                                                                                                               \
-        return setChecked(row, msg_p, value, setString);                                                                        \
+        return setChecked(row, msg_p, value, setString);                                                            \
     }                                                                                                               \
     extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_delete##Name(velClient_opaqueMsg_pt msg_p)      \
     {                                                                                                               \

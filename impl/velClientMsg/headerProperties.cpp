@@ -81,8 +81,9 @@ velClient_returnCode_t setFlagField(const FlagField &f, velClient_opaqueMsg_pt m
 
 /* The getter of a record value behind the shared handle and out-pointer checks. */
 template <typename T>
-velClient_returnCode_t getValue(velClient_opaqueMsg_pt msg_p, T *out, velClient_returnCode_t (*get)(_velClient_msg *, T *),
-                                const char *badHandle, const char *nullOut)
+velClient_returnCode_t getValue(velClient_opaqueMsg_pt msg_p, T *out,
+                                velClient_returnCode_t (*get)(_velClient_msg *, T *), const char *badHandle,
+                                const char *nullOut)
 {
     _velClient_msg *msg = msgWithOut(msg_p, out, badHandle, nullOut);
     return msg == nullptr ? VELCLIENT_FAIL : get(msg, out);
