@@ -14,8 +14,8 @@ status=0
 for obj in "$@"; do
     # Relocation sections of code and data only; debug and unwind tables
     # name every function without calling it.
-    readelf -rW "$obj" | awk '
-        /^Relocation section/ { s = $3; gsub(/\x27/, "", s); keep = (s !~ /^\.rela?\.(debug|eh_frame)/); next }
+    readelf -rW "$obj" | awk -v q="'" '
+        /^Relocation section/ { s = $3; gsub(q, "", s); keep = (s !~ /^\.rela?\.(debug|eh_frame)/); next }
         keep && NF >= 5 { sub(/[+-].*$/, "", $5); print $5 }' | sort -u >"$tmp/refs"
     comm -12 "$tmp/refs" "$tmp/declared" >"$tmp/hits"
     if [ -s "$tmp/hits" ]; then
