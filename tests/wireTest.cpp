@@ -341,3 +341,39 @@ TEST(SessionSend, BadPropertiesAreRefusedByName)
                           (std::string(c.name) == "SESSION_COLOUR" ? unknown : known).substr(0, 255));
     }
 }
+
+/* Sending finalises the attachment and user property map in place, so their
+ * handles stay the application's; encoding closes them. A guaranteed message
+ * encoded outside any session carries message id 1. */
+TEST(WireFormat, SendingKeepsOpenContainersWhereEncodingClosesThem)
+{
+    Inbox inbox;
+    Session s(nullptr, &inbox);
+    Msg m;
+    velClient_opaqueContainer_pt props = nullptr, body = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setTopicPtr(m.h, "t"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setDeliveryMode(m.h, VELCLIENT_DELIVERY_MODE_PERSISTENT));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createUserPropertyMap(m.h, &props, 64));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createBinaryAttachmentMap(m.h, &body, 64));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(props, 1, "p"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_session_sendMsg(s.h, m.h));
+    Msg kept(inbox.kept);
+    EXPECT_EQ(VELCLIENT_OK, velClient_container_addInt32(props, 2, "q"));
+    EXPECT_EQ(VELCLIENT_OK, velClient_container_addInt32(body, 3, "b"));
+
+    Msg r(nullptr);
+    ASSERT_EQ(VELCLIENT_OK, decode(encode(m.h), &r.h));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addInt32(props, 4, "r"));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addInt32(body, 5, "c"));
+    velClient_msgId_t id = 0;
+    EXPECT_EQ(VELCLIENT_OK, velClient_msg_getMsgId(r.h, &id));
+    EXPECT_EQ(1u, id);
+    velClient_opaqueContainer_pt map = nullptr;
+    velClient_int32_t value = 0;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getUserPropertyMap(r.h, &map));
+    EXPECT_EQ(VELCLIENT_OK, velClient_container_getInt32(map, &value, "q"));
+    EXPECT_EQ(2, value);
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getBinaryAttachmentMap(r.h, &map));
+    EXPECT_EQ(VELCLIENT_OK, velClient_container_getInt32(map, &value, "b"));
+    EXPECT_EQ(3, value);
+}

@@ -96,7 +96,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_initialize(velClient_l
     config.maxPoolMem = VEL_DEFAULT_MAX_POOL_MEM;
     if (readProperties(config, props) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
-    if (velClient_log_setFilterLevel(VELCLIENT_LOG_CATEGORY_ALL, initialLogLevel) != VELCLIENT_OK)
+    if (vel::log::setFilterLevel(VELCLIENT_LOG_CATEGORY_ALL, initialLogLevel) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     _velClient_msgPool_configure(config.quanta, config.maxPoolMem);
     velClient_returnCode_t rc = _velClient_msgInit();

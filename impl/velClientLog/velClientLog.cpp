@@ -149,8 +149,7 @@ extern "C" VELCLIENT_API void velClient_resetLastErrorInfo(void)
     lastError_t.errorStr[0] = '\0';
 }
 
-extern "C" VELCLIENT_API velClient_returnCode_t velClient_log_setFilterLevel(velClient_log_category_t category,
-                                                                            velClient_log_level_t level)
+velClient_returnCode_t vel::log::setFilterLevel(velClient_log_category_t category, velClient_log_level_t level)
 {
     if (static_cast<std::uint32_t>(level) > VELCLIENT_LOG_DEBUG)
         return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
@@ -162,6 +161,12 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_log_setFilterLevel(vel
     if (category != VELCLIENT_LOG_CATEGORY_APP)
         _velClient_log_sdkFilterLevel_g = static_cast<std::uint32_t>(level);
     return VELCLIENT_OK;
+}
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_log_setFilterLevel(velClient_log_category_t category,
+                                                                            velClient_log_level_t level)
+{
+    return vel::log::setFilterLevel(category, level);
 }
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_log_setCallback(velClient_log_callbackFunc_t callback_p,

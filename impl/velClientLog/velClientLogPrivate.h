@@ -76,6 +76,12 @@ inline bool logAdmits(velClient_log_level_t level) noexcept
 
 } // namespace vel
 
+namespace vel::log {
+/* Sets the library's filter level (category SDK or ALL; APP is accepted and
+ * changes nothing); an unknown level or category is refused and recorded. */
+velClient_returnCode_t setFilterLevel(velClient_log_category_t category, velClient_log_level_t level);
+} // namespace vel::log
+
 /* Record sub-code and text, log at level, evaluate to VELCLIENT_FAIL. */
 #define VEL_FAIL(subCode, level, ...) ::vel::failImpl((subCode), (level), __FILE__, __LINE__, __VA_ARGS__)
 

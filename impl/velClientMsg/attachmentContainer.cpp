@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "velClientMsg/headerMaps.h"
+#include "velClientMsg/recordApi.h"
 
 namespace {
 
@@ -92,12 +93,24 @@ velClient_returnCode_t getAttachmentContainer(velClient_opaqueMsg_pt msg_p, velC
         return VELCLIENT_FAIL;
     if (out_p == nullptr)
         return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, "%s", nullOutText);
+    _velClient_container *cont = nullptr;
+    velClient_returnCode_t rc = vel::msg::attachmentContainer(msg, kind, &cont);
+    if (rc == VELCLIENT_OK)
+        *out_p = cont->opaqueContainer_p;
+    return rc;
+}
+
+} // namespace
+
+velClient_returnCode_t vel::msg::attachmentContainer(_velClient_msg *msg, velClient_fieldType_t kind,
+                                                     _velClient_container **out_p)
+{
     auto wanted = kind == VELCLIENT_MAP ? VELCLIENT_CONTAINER_MAP : VELCLIENT_CONTAINER_STREAM;
     if (_velClient_container *open = msg->binaryAttachContainer_p; open != nullptr) {
         if (open->type != wanted)
             return VELCLIENT_NOT_FOUND;
         ++open->refCount;
-        *out_p = open->opaqueContainer_p;
+        *out_p = open;
         return VELCLIENT_OK;
     }
     velClient_field_t field{};
@@ -113,11 +126,9 @@ velClient_returnCode_t getAttachmentContainer(velClient_opaqueMsg_pt msg_p, velC
         return VELCLIENT_NOT_FOUND;
     }
     msg->binaryAttachContainer_p = cont;
-    *out_p = cont->opaqueContainer_p;
+    *out_p = cont;
     return VELCLIENT_OK;
 }
-
-} // namespace
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setBinaryAttachmentContainer(
     velClient_opaqueMsg_pt msg_p, velClient_opaqueContainer_pt cont_p)
@@ -158,7 +169,11 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getBinaryAttachmen
         return VELCLIENT_FAIL;
     if (msg->binaryAttachContainer_p == nullptr)
         return VELCLIENT_NOT_FOUND;
-    return velClient_container_getSize(msg->binaryAttachContainer_p->opaqueContainer_p, size_p);
+    if (size_p == nullptr)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
+                        "Null size pointer in velClient_container_getSize");
+    *size_p = vel::container::size(msg->binaryAttachContainer_p);
+    return VELCLIENT_OK;
 }
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getBinaryAttachmentField(velClient_opaqueMsg_pt msg_p,

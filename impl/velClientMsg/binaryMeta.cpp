@@ -3,6 +3,9 @@
  * message is encoded or sent, and taking a received one apart into the header
  * map (part 10) and the user property map (part 7).
  *
+ * Nothing here opens the header map: the reader hands each header map entry to
+ * the caller's opener, so the header map depends on this file and not back.
+ *
  * The header as written (19 bytes, big-endian lengths; L = size of parts 10 + 7):
  *
  *     01 | 00 L+14(3 B) | 2F L+14(4 B) | 18 04 type flags | 2B L+5(4 B) | entries
@@ -93,20 +96,27 @@ velClient_returnCode_t patchReceivedHeader(_velClient_msg *msg)
     return VELCLIENT_OK;
 }
 
-} // namespace
-
-velClient_returnCode_t _velClient_msg_buildBinaryMeta(_velClient_msg *msg)
+/* An attachment type, the reply mark, a header map or user properties. */
+bool needsMeta(const _velClient_msg *msg)
 {
-    if (msg->binaryAttachContainer_p != nullptr)
-        _velClient_container_closeMapStream(&msg->binaryAttachContainer_p, false, false, false);
-    if (msg->hdrMap_p != nullptr)
-        _velClient_container_closeMapStream(&msg->hdrMap_p, true, true, false);
-    if (msg->userPropertyMap_p != nullptr)
-        _velClient_container_closeMapStream(&msg->userPropertyMap_p, false, false, false);
+    return msg->binAttachmentType != 0 || isReply(msg) || partHasBytes(msg, _VELCLIENT_BUFINFO_HDR_MAP_PART) ||
+           partHasBytes(msg, VELCLIENT_BUFINFO_USER_PROPERTY_PART);
+}
+
+/* The header map is closed; the attachment and the user property map are
+ * closed with closeAll, else only finalised (their handles stay valid). */
+void finishContainers(_velClient_msg *msg, bool closeAll)
+{
+    _velClient_container_closeMapStream(&msg->binaryAttachContainer_p, closeAll, closeAll, false);
+    _velClient_container_closeMapStream(&msg->hdrMap_p, true, true, false);
+    _velClient_container_closeMapStream(&msg->userPropertyMap_p, closeAll, closeAll, false);
+}
+
+/* Writes (or patches) the header into part 8 and the entry keys into parts 10 and 7. */
+velClient_returnCode_t buildHeader(_velClient_msg *msg)
+{
     bool hasHdr = partHasBytes(msg, _VELCLIENT_BUFINFO_HDR_MAP_PART);
     bool hasProps = partHasBytes(msg, VELCLIENT_BUFINFO_USER_PROPERTY_PART);
-    if (msg->binAttachmentType == 0 && !isReply(msg) && !hasHdr && !hasProps)
-        return VELCLIENT_OK;
     if (!hasHdr && !hasProps && msg->bufInfo_a[_VELCLIENT_BUFINFO_BINARY_META_PART].buf_p != nullptr &&
         msg->bufInfo_a[_VELCLIENT_BUFINFO_BINARY_META_PART].bufSize >= kPatchableSize)
         return patchReceivedHeader(msg);
@@ -128,10 +138,14 @@ velClient_returnCode_t _velClient_msg_buildBinaryMeta(_velClient_msg *msg)
     return VELCLIENT_OK;
 }
 
-extern "C" velClient_returnCode_t _velClient_createBinaryMeta(velClient_opaqueMsg_pt msg_p)
+} // namespace
+
+velClient_returnCode_t vel::meta::prepareForWire(_velClient_msg *msg, bool closeAll)
 {
-    _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer (%p) in _velClient_createBinaryMeta");
-    return msg == nullptr ? VELCLIENT_FAIL : _velClient_msg_buildBinaryMeta(msg);
+    const bool needed = needsMeta(msg);
+    if (needed || closeAll)
+        finishContainers(msg, closeAll);
+    return needed ? buildHeader(msg) : VELCLIENT_OK;
 }
 
 /* ---- Reading -------------------------------------------------------------- */
@@ -181,7 +195,7 @@ std::uint32_t entrySize(const std::uint8_t *p, const std::uint8_t *end)
 
 } // namespace
 
-velClient_returnCode_t _velClient_msg_readBinaryMeta(_velClient_msg *msg)
+velClient_returnCode_t vel::meta::read(_velClient_msg *msg, velClient_returnCode_t (*openHeaderMap)(_velClient_msg *))
 {
     std::uint8_t *meta = partBytes(msg, _VELCLIENT_BUFINFO_BINARY_META_PART);
     if (meta == nullptr)
@@ -212,7 +226,7 @@ velClient_returnCode_t _velClient_msg_readBinaryMeta(_velClient_msg *msg)
         } else if (p[2] == 'h') {
             if (msg->hdrMap_p == nullptr) {
                 takeEntry(msg, _VELCLIENT_BUFINFO_HDR_MAP_PART, p, entry, _VELCLIENT_MSG_FLAG_HDR_MAP_READONLY);
-                if (velClient_returnCode_t rc = _velClient_msg_openHeaderMapPart(msg); rc == VELCLIENT_FAIL)
+                if (velClient_returnCode_t rc = openHeaderMap(msg); rc == VELCLIENT_FAIL)
                     return rc;
             }
         } else {

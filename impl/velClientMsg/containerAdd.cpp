@@ -11,6 +11,7 @@
 
 #include "velClientMsg/fieldTypes.h"
 #include "velClientMsg/keptBytes.h"
+#include "velClientMsg/recordApi.h"
 #include "velClientMsg/tlvCodec.h"
 #include "velClientMsg/velClientMsgPrivate.h"
 
@@ -22,32 +23,41 @@ using vel::KeptBytes;
 
 constexpr const char *kNoRoom = "Unable to add more structured data to container memory";
 
-/* The shared parameter check of every add: the container behind the handle,
- * and the name rule (a map needs a non-empty name, a stream takes none, not
- * even ""). nameLen receives the name's length with its NUL (0 in a stream).
- * Returns nullptr after recording the failure. */
-_velClient_container *_velClient_container_paramCheck(velClient_opaqueContainer_pt handle, const char *name,
-                                                      std::uint64_t &nameLen)
+/* The container behind an add's handle; nullptr after recording the failure. */
+_velClient_container *addTarget(velClient_opaqueContainer_pt handle)
 {
-    _velClient_container *c =
-        vel::containerOrFail(handle, "Bad container pointer (%p) in velClient_container_paramCheck");
-    if (c == nullptr)
-        return nullptr;
+    return vel::containerOrFail(handle, "Bad container pointer (%p) in velClient_container_paramCheck");
+}
+
+/* The name rule of every add: a map needs a non-empty name, a stream takes
+ * none, not even "". nameLen receives the name's length with its NUL (0 in a
+ * stream). False after recording the failure. */
+bool nameAccepted(const _velClient_container *c, const char *name, std::uint64_t &nameLen)
+{
     if (c->type == VELCLIENT_CONTAINER_MAP) {
         if (name == nullptr || name[0] == '\0') {
             VEL_STORE(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, "Attempt to add unnamed field to a map");
-            return nullptr;
+            return false;
         }
         nameLen = std::strlen(name) + 1;
     } else {
         if (name != nullptr) {
             VEL_STORE(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
                       "Attempt to add named field to a stream");
-            return nullptr;
+            return false;
         }
         nameLen = 0;
     }
-    return c;
+    return true;
+}
+
+/* The shared parameter check of every add: the container behind the handle
+ * and the name rule. Returns nullptr after recording the failure. */
+_velClient_container *_velClient_container_paramCheck(velClient_opaqueContainer_pt handle, const char *name,
+                                                      std::uint64_t &nameLen)
+{
+    _velClient_container *c = addTarget(handle);
+    return c != nullptr && nameAccepted(c, name, nameLen) ? c : nullptr;
 }
 
 std::uint64_t nameFieldSize(std::uint64_t nameLen)
@@ -125,18 +135,17 @@ template <typename Write>
     return finishAdd(c, p, static_cast<const char *>(nameBytes), nameLen, needed, write);
 }
 
-/* The common frame of every add: the parameter check, then the add's own
+/* The common frame of every add: the name rule, then the add's own
  * check (which records its failure), room for the name field and valueSize
  * bytes, the name field, write() for the value field, and the advance of
  * curWrPtr. A failure at any step leaves the container as it was. *value
  * (valueLen bytes), when given, is the caller's variable that write() reads. */
 template <typename Check, typename Write>
-velClient_returnCode_t addField(velClient_opaqueContainer_pt handle, const char *name, std::uint64_t valueSize,
-                                Check check, Write write, const void **value = nullptr, std::size_t valueLen = 0)
+velClient_returnCode_t addField(_velClient_container *c, const char *name, std::uint64_t valueSize, Check check,
+                                Write write, const void **value = nullptr, std::size_t valueLen = 0)
 {
     std::uint64_t nameLen = 0;
-    _velClient_container *c = _velClient_container_paramCheck(handle, name, nameLen);
-    if (c == nullptr || check() != VELCLIENT_OK)
+    if (!nameAccepted(c, name, nameLen) || check() != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     std::uint64_t needed = nameFieldSize(nameLen) + valueSize;
     std::int64_t excess = shortOf(c, needed);
@@ -190,10 +199,10 @@ velClient_returnCode_t asciiOnly(char value)
 
 /* A fixed-size field: type byte, length byte (2 + Bytes), Bytes value bytes. */
 template <std::uint8_t TypeByte, unsigned Bytes, auto Encode, auto Accept, typename T>
-velClient_returnCode_t addScalar(velClient_opaqueContainer_pt handle, T value, const char *name)
+velClient_returnCode_t addScalar(_velClient_container *c, T value, const char *name)
 {
     return addField(
-        handle, name, 2 + Bytes, [value] { return Accept(value); },
+        c, name, 2 + Bytes, [value] { return Accept(value); },
         [value](std::uint8_t *p) {
             p[0] = TypeByte;
             p[1] = 2 + Bytes;
@@ -205,7 +214,7 @@ velClient_returnCode_t addScalar(velClient_opaqueContainer_pt handle, T value, c
 
 /* A variable-size field of valueLength bytes from value_p; a null value_p is
  * refused with nullText after the parameter check. */
-velClient_returnCode_t addVariable(velClient_opaqueContainer_pt handle, const char *name, std::uint8_t typeBase,
+velClient_returnCode_t addVariable(_velClient_container *c, const char *name, std::uint8_t typeBase,
                                    const void *value_p, std::uint64_t valueLength, const char *nullText)
 {
     auto check = [&] {
@@ -217,7 +226,7 @@ velClient_returnCode_t addVariable(velClient_opaqueContainer_pt handle, const ch
     };
     auto len = static_cast<std::uint32_t>(valueLength);
     return addField(
-        handle, name, varFieldSize(valueLength), check,
+        c, name, varFieldSize(valueLength), check,
         [&](std::uint8_t *p) {
             std::uint8_t *v = writeVarHeader(p, typeBase, len);
             if (len != 0)
@@ -288,13 +297,15 @@ std::int64_t encodedLength(const velClient_uint8_t *field, velClient_uint32_t le
     X(Float, float, VELCLIENT_FLOAT, asIeee, anyValue<float>)                                 \
     X(Double, double, VELCLIENT_DOUBLE, asIeee, anyValue<double>)
 
-#define VEL_DEFINE_SCALAR_ADD(Name, CType, code, Encode, Accept)                                          \
-    extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_add##Name(                      \
-        velClient_opaqueContainer_pt opaqueCont_p, CType value, const char *name)                       \
-    {                                                                                                     \
-        constexpr const vel::field::Traits &type = vel::field::traits(code);                             \
-        return addScalar<type.typeByte, type.size, static_cast<std::uint64_t (*)(CType)>(Encode), Accept>( \
-            opaqueCont_p, value, name);                                                                   \
+#define VEL_DEFINE_SCALAR_ADD(Name, CType, code, Encode, Accept)                                        \
+    extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_add##Name(                    \
+        velClient_opaqueContainer_pt opaqueCont_p, CType value, const char *name)                     \
+    {                                                                                                   \
+        constexpr const vel::field::Traits &type = vel::field::traits(code);                           \
+        _velClient_container *c = addTarget(opaqueCont_p);                                              \
+        return c == nullptr ? VELCLIENT_FAIL                                                            \
+                            : addScalar<type.typeByte, type.size,                                       \
+                                        static_cast<std::uint64_t (*)(CType)>(Encode), Accept>(c, value, name); \
     }
 VEL_SCALAR_ADDS(VEL_DEFINE_SCALAR_ADD)
 #undef VEL_DEFINE_SCALAR_ADD
@@ -303,36 +314,52 @@ VEL_SCALAR_ADDS(VEL_DEFINE_SCALAR_ADD)
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_addNull(velClient_opaqueContainer_pt opaqueCont_p,
                                                                            const char *name)
 {
-    return addScalar<TB_NULL, 0, asInteger<int>, anyValue<int>>(opaqueCont_p, 0, name);
+    _velClient_container *c = addTarget(opaqueCont_p);
+    return c == nullptr ? VELCLIENT_FAIL : addScalar<TB_NULL, 0, asInteger<int>, anyValue<int>>(c, 0, name);
+}
+
+velClient_returnCode_t vel::container::addInt64(_velClient_container *c, velClient_int64_t value, const char *name)
+{
+    return addScalar<TB_INT, 8, asInteger<velClient_int64_t>, anyValue<velClient_int64_t>>(c, value, name);
+}
+
+velClient_returnCode_t vel::container::addString(_velClient_container *c, const char *value, const char *name)
+{
+    return addVariable(c, name, TB_STRING, value, value != nullptr ? std::strlen(value) + 1 : 0,
+                       "Null value pointer in velClient_container_addString");
 }
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_addString(velClient_opaqueContainer_pt opaqueCont_p,
                                                                              const char *value, const char *name)
 {
-    return addVariable(opaqueCont_p, name, TB_STRING, value, value != nullptr ? std::strlen(value) + 1 : 0,
-                       "Null value pointer in velClient_container_addString");
+    _velClient_container *c = addTarget(opaqueCont_p);
+    return c == nullptr ? VELCLIENT_FAIL : vel::container::addString(c, value, name);
 }
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_addByteArray(
     velClient_opaqueContainer_pt opaqueCont_p, const velClient_uint8_t *arr_p, velClient_uint32_t length,
     const char *name)
 {
-    return addVariable(opaqueCont_p, name, TB_BYTEARRAY, arr_p, length,
-                       "Null byte array pointer in velClient_container_addByteArray");
+    _velClient_container *c = addTarget(opaqueCont_p);
+    return c == nullptr ? VELCLIENT_FAIL
+                        : addVariable(c, name, TB_BYTEARRAY, arr_p, length,
+                                      "Null byte array pointer in velClient_container_addByteArray");
 }
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_addVwf(velClient_opaqueContainer_pt opaqueCont_p,
                                                                           const velClient_uint8_t *vwf_p,
                                                                           velClient_uint32_t length, const char *name)
 {
-    return addVariable(opaqueCont_p, name, TB_VWF, vwf_p, length, "Null VWF pointer in velClient_container_addVwf");
+    _velClient_container *c = addTarget(opaqueCont_p);
+    return c == nullptr ? VELCLIENT_FAIL
+                        : addVariable(c, name, TB_VWF, vwf_p, length, "Null VWF pointer in velClient_container_addVwf");
 }
 
-/* Checks in order: the destination record, its size, its type, its name
- * pointer, the parameter check, the name's length; then 20 len kind name\0. */
-extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_addDestination(
-    velClient_opaqueContainer_pt opaqueCont_p, const velClient_destination_t *value, size_t destSize,
-    const char *name)
+/* ---- Destinations ---------------------------------------------------------------- */
+namespace {
+
+/* The destination record, its size, its type and its name pointer. */
+velClient_returnCode_t checkDestination(const velClient_destination_t *value, size_t destSize)
 {
     if (value == nullptr)
         return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
@@ -349,6 +376,14 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_addDestinati
     if (value->dest == nullptr)
         return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
                         "Null dest pointer in velClient_container_addDestination");
+    return VELCLIENT_OK;
+}
+
+/* A checked destination: the name rule, the name's length; then 20 len kind name\0. */
+velClient_returnCode_t addCheckedDestination(_velClient_container *c, const velClient_destination_t *value,
+                                             const char *name)
+{
+    std::int64_t type = vel::enumValue(value->destType);
     std::size_t destLen = std::strlen(value->dest) + 1;
     auto check = [destLen] {
         if (destLen > MAX_DEST_NAME_WITH_NUL)
@@ -361,7 +396,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_addDestinati
                             : DEST_KIND_TOPIC;
     const void *dest = value->dest;
     return addField(
-        opaqueCont_p, name, destLen + 3, check,
+        c, name, destLen + 3, check,
         [&](std::uint8_t *p) {
             p[0] = TB_DESTINATION;
             p[1] = static_cast<std::uint8_t>(destLen + 3);
@@ -369,6 +404,27 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_addDestinati
             std::memcpy(p + 3, dest, destLen);
         },
         &dest, destLen);
+}
+
+} // namespace
+
+velClient_returnCode_t vel::container::addDestination(_velClient_container *c, const velClient_destination_t *value,
+                                                      size_t destSize, const char *name)
+{
+    return checkDestination(value, destSize) == VELCLIENT_OK ? addCheckedDestination(c, value, name)
+                                                              : VELCLIENT_FAIL;
+}
+
+/* Checks in order: the destination record, its size, its type, its name
+ * pointer, the handle, the name rule, the name's length. */
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_addDestination(
+    velClient_opaqueContainer_pt opaqueCont_p, const velClient_destination_t *value, size_t destSize,
+    const char *name)
+{
+    if (checkDestination(value, destSize) != VELCLIENT_OK)
+        return VELCLIENT_FAIL;
+    _velClient_container *c = addTarget(opaqueCont_p);
+    return c == nullptr ? VELCLIENT_FAIL : addCheckedDestination(c, value, name);
 }
 
 /* Copies the finalised bytes of another container (header included) as one
@@ -386,7 +442,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_addContainer
     /* Both may live in one message part: growing c may move sub's bytes, so
      * its start is read only after the room is made. */
     auto len = static_cast<std::uint64_t>(sub->curWrPtr - sub->startPtr);
-    return addField(opaqueCont_p, name, len, anyValue<>,
+    return addField(c, name, len, anyValue<>,
                     [sub, len](std::uint8_t *p) { std::memmove(p, sub->startPtr, static_cast<std::size_t>(len)); });
 }
 
@@ -409,8 +465,11 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_addUnknownFi
         return VELCLIENT_OK;
     };
     const void *bytes = field;
+    _velClient_container *c = addTarget(opaqueCont_p);
+    if (c == nullptr)
+        return VELCLIENT_FAIL;
     return addField(
-        opaqueCont_p, name, length, check, [&](std::uint8_t *p) { std::memcpy(p, bytes, length); },
+        c, name, length, check, [&](std::uint8_t *p) { std::memcpy(p, bytes, length); },
         &bytes, length);
 }
 

@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "velClientMsg/keptBytes.h"
+#include "velClientMsg/recordApi.h"
 #include "velClientMsg/tlvCodec.h"
 #include "velClientMsg/velClientMsgPrivate.h"
 
@@ -180,8 +181,11 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_deleteField(
                                                                               const char *name_p)
 {
     _velClient_container *c = vel::containerOrFail(opaqueCont_p, "Bad Container (%p) in velClient_container_deleteField");
-    if (c == nullptr)
-        return VELCLIENT_FAIL;
+    return c == nullptr ? VELCLIENT_FAIL : vel::container::deleteField(c, name_p);
+}
+
+velClient_returnCode_t vel::container::deleteField(_velClient_container *c, const char *name_p)
+{
     if (name_p == nullptr || name_p[0] == '\0')
         return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
                         "Null or Empty Name pointer in velClient_container_deleteField");

@@ -4,9 +4,10 @@
  * getter. Integer getters come from one template over the conversion rows.
  */
 #include <cstring>
+#include <type_traits>
 
 #include "velClientMsg/fieldConvert.h"
-#include "velClientMsg/velClientMsgPrivate.h"
+#include "velClientMsg/recordApi.h"
 
 namespace {
 
@@ -24,14 +25,11 @@ struct GetterTexts {
                 "No name pointer in velClient_container_" #Name,                                                      \
                 "Stream with non-NULL name pointer in velClient_container_" #Name, "Field Type %s could not be " words}
 
-/* Steps shared by every getter: resolve, check the output and the name, read
- * the field (by key in a map, the next one in a stream). */
-velClient_returnCode_t readField(const GetterTexts &t, velClient_opaqueContainer_pt handle, const void *out,
-                                 const char *name, velClient_field_t &field, _velClient_container **cont_p = nullptr)
+/* Steps shared by every getter once the container is known: check the output
+ * and the name, read the field (by key in a map, the next one in a stream). */
+velClient_returnCode_t readFieldOf(const GetterTexts &t, _velClient_container *c, const void *out, const char *name,
+                                   velClient_field_t &field, _velClient_container **cont_p = nullptr)
 {
-    _velClient_container *c = vel::containerOrFail(handle, t.badHandle);
-    if (c == nullptr)
-        return VELCLIENT_FAIL;
     if (out == nullptr)
         return VEL_FAIL_F(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, t.nullValue);
     if (cont_p != nullptr)
@@ -46,29 +44,41 @@ velClient_returnCode_t readField(const GetterTexts &t, velClient_opaqueContainer
     return _velClient_container_readNextValue(c, &field);
 }
 
+/* readFieldOf after resolving the handle. */
+velClient_returnCode_t readField(const GetterTexts &t, velClient_opaqueContainer_pt handle, const void *out,
+                                 const char *name, velClient_field_t &field, _velClient_container **cont_p = nullptr)
+{
+    _velClient_container *c = vel::containerOrFail(handle, t.badHandle);
+    return c == nullptr ? VELCLIENT_FAIL : readFieldOf(t, c, out, name, field, cont_p);
+}
+
 velClient_returnCode_t conversionFailed(const GetterTexts &t, const velClient_field_t &field)
 {
     return VEL_FAIL_F(VELCLIENT_SUBCODE_INVALID_DATA_CONVERSION, VELCLIENT_LOG_WARNING, t.conversion,
                       vel::convert::typeName(field.type));
 }
 
-/* A getter whose conversion is convert(field, *out) -> bool. */
-template <typename Out, typename Convert>
-velClient_returnCode_t typedGet(const GetterTexts &t, velClient_opaqueContainer_pt handle, Out *out, const char *name,
-                                Convert convert)
+/* A getter whose conversion is convert(field, *out) -> bool, on a container
+ * (Target: the record) or behind its handle. */
+template <typename Target, typename Out, typename Convert>
+velClient_returnCode_t typedGet(const GetterTexts &t, Target target, Out *out, const char *name, Convert convert)
 {
     velClient_field_t field{};
-    velClient_returnCode_t rc = readField(t, handle, out, name, field);
+    velClient_returnCode_t rc = VELCLIENT_OK;
+    if constexpr (std::is_same_v<Target, _velClient_container *>)
+        rc = readFieldOf(t, target, out, name, field);
+    else
+        rc = readField(t, target, out, name, field);
     if (rc != VELCLIENT_OK)
         return rc;
     return convert(field, *out) ? VELCLIENT_OK : conversionFailed(t, field);
 }
 
-template <typename T>
-velClient_returnCode_t integerGet(const GetterTexts &t, const vel::convert::IntRule &rule,
-                                  velClient_opaqueContainer_pt handle, T *out, const char *name)
+template <typename Target, typename T>
+velClient_returnCode_t integerGet(const GetterTexts &t, const vel::convert::IntRule &rule, Target target, T *out,
+                                  const char *name)
 {
-    return typedGet(t, handle, out, name, [&rule](const velClient_field_t &f, T &o) {
+    return typedGet(t, target, out, name, [&rule](const velClient_field_t &f, T &o) {
         vel::convert::wide_t v = 0;
         if (!vel::convert::toInteger(f, rule, v))
             return false;
@@ -97,6 +107,12 @@ velClient_returnCode_t integerGet(const GetterTexts &t, const vel::convert::IntR
         return integerGet(texts, vel::convert::rule, opaqueCont_p, value, name);                               \
     }
 VEL_INTEGER_GETTERS(VEL_DEFINE_INTEGER_GETTER)
+
+velClient_returnCode_t vel::container::getUint64(_velClient_container *c, velClient_uint64_t *value, const char *name)
+{
+    static const GetterTexts texts = VEL_GETTER_TEXTS(getUint64, "converted to 64 bit unsigned integer");
+    return integerGet(texts, vel::convert::kUint64, c, value, name);
+}
 
 #define VEL_DEFINE_SIMPLE_GETTER(Name, CType, convertFn, words)                                                \
     extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_get##Name(                           \
@@ -237,6 +253,10 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getString(ve
     });
 }
 
+namespace {
+const GetterTexts kDestinationTexts = VEL_GETTER_TEXTS(getDestination, "converted to Destination");
+} // namespace
+
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getDestination(
     velClient_opaqueContainer_pt opaqueCont_p, velClient_destination_t *value, size_t destSize, const char *name)
 {
@@ -245,8 +265,14 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getDestinati
                         "Unsupported destination structure size (received %d, expected %d) in "
                         "velClient_container_getDestination",
                         static_cast<int>(destSize), static_cast<int>(sizeof(velClient_destination_t)));
-    static const GetterTexts texts = VEL_GETTER_TEXTS(getDestination, "converted to Destination");
-    return typedGet(texts, opaqueCont_p, value, name, [](const velClient_field_t &f, velClient_destination_t &out) {
+    _velClient_container *c = vel::containerOrFail(opaqueCont_p, kDestinationTexts.badHandle);
+    return c == nullptr ? VELCLIENT_FAIL : vel::container::getDestination(c, value, name);
+}
+
+velClient_returnCode_t vel::container::getDestination(_velClient_container *c, velClient_destination_t *value,
+                                                      const char *name)
+{
+    return typedGet(kDestinationTexts, c, value, name, [](const velClient_field_t &f, velClient_destination_t &out) {
         if (f.type != VELCLIENT_DESTINATION)
             return false;
         out = f.value.dest;

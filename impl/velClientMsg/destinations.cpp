@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "velClientMsg/destinationText.h"
+#include "velClientMsg/recordApi.h"
 
 namespace {
 
@@ -141,6 +142,11 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getDestination(vel
                       "Unsupported destination structure size (received %d, expected %d) in "
                       "velClient_msg_getDestination") != VELCLIENT_OK)
         return VELCLIENT_FAIL;
+    return vel::msg::destination(msg, dest_p);
+}
+
+velClient_returnCode_t vel::msg::destination(_velClient_msg *msg, velClient_destination_t *dest_p)
+{
     if (const char *topic = partText(msg, VELCLIENT_BUFINFO_TOPIC_PART)) {
         if (startsWith(topic, TEMP_TOPIC_PREFIX))
             *dest_p = {VELCLIENT_TOPIC_TEMP_DESTINATION, topic};

@@ -4,6 +4,7 @@
  * consumer ids, fields and whole containers.
  */
 #include "velClientMsg/dumpWriter.h"
+#include "velClientMsg/recordApi.h"
 
 #include <type_traits>
 
@@ -151,7 +152,7 @@ void _velClient_destination_dump(const velClient_destination_t *dest_p, char *bu
     _velClient_dump(VEL_OUT(o), 0, "Unknown type (%d) '%s'", static_cast<int>(type), name);
 }
 
-void _velClient_consumerId_dump(velClient_opaqueMsg_pt msg_p, std::uint32_t count, char *buffer_p,
+void _velClient_consumerId_dump(const velClient_bufInfo_t *parts, std::uint32_t count, char *buffer_p,
                                 std::size_t bufferSize, std::size_t *sizeLeft_p)
 {
     Out o{buffer_p, bufferSize, sizeLeft_p};
@@ -162,7 +163,7 @@ void _velClient_consumerId_dump(velClient_opaqueMsg_pt msg_p, std::uint32_t coun
         _velClient_dump(VEL_OUT(o), 2, "%s", "");
         for (std::uint32_t i = group; i < count; ++i) {
             velClient_consumerId_t id = 0;
-            if (velClient_msg_getConsumerId(msg_p, i, &id) != VELCLIENT_OK)
+            if (vel::msg::consumerId(parts, i, &id) != VELCLIENT_OK)
                 break;
             _velClient_dump(VEL_OUT(o), 2, "%08x,", id);
         }
@@ -215,7 +216,7 @@ void _velClient_container_dump(velClient_opaqueContainer_pt opaqueCont_p, char *
     cont->curRdPtr = nullptr;
     velClient_field_t field;
     const char *name = nullptr;
-    while (velClient_container_getNextField(opaqueCont_p, &field, sizeof field, &name) == VELCLIENT_OK) {
+    while (_velClient_container_readNextField(cont, &field, &name) == VELCLIENT_OK) {
         if (name != nullptr) {
             _velClient_dump(VEL_OUT(o), indent, "Key '%s' ", name);
             _velClient_field_dump(&field, VEL_OUT(o), 0, indent);
@@ -223,8 +224,10 @@ void _velClient_container_dump(velClient_opaqueContainer_pt opaqueCont_p, char *
             _velClient_field_dump(&field, VEL_OUT(o), indent, indent);
         }
         _velClient_dump(VEL_OUT(o), 0, "\n");
-        if (field.type == VELCLIENT_MAP || field.type == VELCLIENT_STREAM)
-            velClient_container_closeMapStream(&field.value.map);
+        if (field.type == VELCLIENT_MAP || field.type == VELCLIENT_STREAM) {
+            _velClient_container *sub = vel::containerOf(field.value.map);
+            _velClient_container_closeMapStream(&sub, true, false, false);
+        }
         name = nullptr;
     }
     cont->curRdPtr = savedRd;

@@ -27,8 +27,8 @@ void _velClient_char_dump(const std::uint8_t *data_p, std::uint32_t dataLen, cha
 void _velClient_destination_dump(const velClient_destination_t *dest_p, char *buffer_p, std::size_t bufferSize,
                                  std::size_t *sizeLeft_p);
 
-/* The consumer-id lines of a message whose count is above 0. */
-void _velClient_consumerId_dump(velClient_opaqueMsg_pt msg_p, std::uint32_t count, char *buffer_p,
+/* The consumer-id lines of a message (its parts) whose count is above 0. */
+void _velClient_consumerId_dump(const velClient_bufInfo_t *parts, std::uint32_t count, char *buffer_p,
                                 std::size_t bufferSize, std::size_t *sizeLeft_p);
 
 /* One field: its type tag at indent, nested content at subIndent + 2. */

@@ -5,6 +5,7 @@
  * path patches in place.
  */
 #include "velClientMsg/headerMaps.h"
+#include "velClientMsg/recordApi.h"
 #include "velClientMsg/tlvCodec.h"
 
 namespace {
@@ -30,11 +31,9 @@ velClient_returnCode_t createEmptyHeaderMap(_velClient_msg *msg)
                                           VELCLIENT_CONTAINER_MAP);
 }
 
-} // namespace
-
-/* Opens a map already held in part 10. VELCLIENT_NOT_FOUND when it is not a
- * map. */
-velClient_returnCode_t _velClient_msg_openHeaderMapPart(_velClient_msg *msg)
+/* Opens the map held in part 10 as msg->hdrMap_p. VELCLIENT_NOT_FOUND (a
+ * stream is refused and closed) when part 10 holds no map. */
+velClient_returnCode_t openHeaderMapPart(_velClient_msg *msg)
 {
     velClient_field_t field{};
     velClient_returnCode_t rc = _velClient_msg_getField(msg, _VELCLIENT_BUFINFO_HDR_MAP_PART, &field, sizeof field);
@@ -52,14 +51,16 @@ velClient_returnCode_t _velClient_msg_openHeaderMapPart(_velClient_msg *msg)
     return VELCLIENT_NOT_FOUND;
 }
 
+} // namespace
+
 velClient_returnCode_t _velClient_msg_getOrCreateHeaderMaps(_velClient_msg *msg, int create)
 {
     if (msg->hdrMap_p == nullptr && partHasBytes(msg, _VELCLIENT_BUFINFO_HDR_MAP_PART)) {
-        velClient_returnCode_t rc = _velClient_msg_openHeaderMapPart(msg);
+        velClient_returnCode_t rc = openHeaderMapPart(msg);
         if (rc != VELCLIENT_NOT_FOUND)
             return rc;
     }
-    velClient_returnCode_t meta = _velClient_msg_readBinaryMeta(msg);
+    velClient_returnCode_t meta = vel::meta::read(msg, openHeaderMapPart);
     if (meta == VELCLIENT_FAIL)
         return VELCLIENT_FAIL;
     bool noHeader = meta == VELCLIENT_NOT_FOUND;
@@ -109,7 +110,7 @@ bool vel::hdr::keepLent(_velClient_msg *msg, const char *&text, KeptBytes &kept)
 void vel::hdr::deleteUnlessNew(_velClient_msg *msg, const char *key, std::uint32_t ownMask)
 {
     if ((msg->internalFlags & (ownMask | _VELCLIENT_MSG_FLAG_NEW_HDR_MAP)) != _VELCLIENT_MSG_FLAG_NEW_HDR_MAP)
-        velClient_container_deleteField(msg->hdrMap_p->opaqueContainer_p, key);
+        vel::container::deleteField(msg->hdrMap_p, key);
 }
 
 velClient_returnCode_t vel::hdr::remove(_velClient_msg *msg, const char *key, std::uint32_t clearBits)
@@ -120,7 +121,7 @@ velClient_returnCode_t vel::hdr::remove(_velClient_msg *msg, const char *key, st
             return rc == VELCLIENT_NOT_FOUND ? VELCLIENT_OK : VELCLIENT_FAIL;
     }
     msg->internalFlags &= ~clearBits;
-    return velClient_container_deleteField(msg->hdrMap_p->opaqueContainer_p, key);
+    return vel::container::deleteField(msg->hdrMap_p, key);
 }
 
 /* ---- Generic string properties ----------------------------------------------
@@ -138,14 +139,19 @@ extern "C" velClient_returnCode_t _velClient_msgHeaderMap_getString(velClient_op
     if (mapKey == nullptr)
         return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
                         "Null key pointer in _velClient_msgHeaderMap_getString");
+    return vel::msg::headerMapString(msg, mapKey, string_p);
+}
+
+velClient_returnCode_t vel::msg::headerMapString(_velClient_msg *msg, const char *key, const char **value_p)
+{
     velClient_field_t field{};
-    velClient_returnCode_t rc = vel::hdr::lookup(msg, mapKey, field);
+    velClient_returnCode_t rc = vel::hdr::lookup(msg, key, field);
     if (rc != VELCLIENT_OK)
         return rc;
     if (field.type != VELCLIENT_STRING)
         return VEL_FAIL(VELCLIENT_SUBCODE_COMMUNICATION_ERROR, VELCLIENT_LOG_WARNING,
-                        "Invalid string field '%s' in kestrel header map", mapKey);
-    *string_p = field.value.string;
+                        "Invalid string field '%s' in kestrel header map", key);
+    *value_p = field.value.string;
     return VELCLIENT_OK;
 }
 
@@ -164,7 +170,7 @@ extern "C" velClient_returnCode_t _velClient_msgHeaderMap_setString(velClient_op
                         "Null string pointer in _velClient_msgHeaderMap_setString");
     return vel::hdr::set(
         msg, mapKey, addFlag, addFlag,
-        [&](velClient_opaqueContainer_pt map) { return velClient_container_addString(map, string, mapKey); },
+        [&](_velClient_container *map) { return vel::container::addString(map, string, mapKey); },
         &string);
 }
 

@@ -6,6 +6,7 @@
  * One table row per property drives its getter, setter and deleter.
  */
 #include "velClientMsg/headerMaps.h"
+#include "velClientMsg/recordApi.h"
 
 namespace {
 
@@ -67,14 +68,8 @@ constexpr HeaderProperty kSenderTimestamp{
     "Bad msg_p pointer (%p) in velClient_msg_deleteSenderTimestamp"};
 
 /* Reads the property into field (checked to be of the row's type). */
-velClient_returnCode_t getProperty(const HeaderProperty &row, velClient_opaqueMsg_pt msg_p, const void *out_p,
-                                   velClient_field_t &field)
+velClient_returnCode_t getProperty(const HeaderProperty &row, _velClient_msg *msg, velClient_field_t &field)
 {
-    _velClient_msg *msg = vel::msgOrFail(msg_p, row.badGetHandle);
-    if (msg == nullptr)
-        return VELCLIENT_FAIL;
-    if (out_p == nullptr)
-        return VEL_FAIL_F(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, row.nullOut);
     velClient_returnCode_t rc = vel::hdr::lookup(msg, row.key, field);
     if (rc != VELCLIENT_OK)
         return rc;
@@ -83,47 +78,58 @@ velClient_returnCode_t getProperty(const HeaderProperty &row, velClient_opaqueMs
     return VELCLIENT_OK;
 }
 
-velClient_returnCode_t getString(const HeaderProperty &row, velClient_opaqueMsg_pt msg_p, const char **out_p)
+velClient_returnCode_t getString(const HeaderProperty &row, _velClient_msg *msg, const char **out_p)
 {
     velClient_field_t field{};
-    velClient_returnCode_t rc = getProperty(row, msg_p, out_p, field);
+    velClient_returnCode_t rc = getProperty(row, msg, field);
     if (rc == VELCLIENT_OK)
         *out_p = field.value.string;
     return rc;
 }
 
-velClient_returnCode_t getInt64(const HeaderProperty &row, velClient_opaqueMsg_pt msg_p, velClient_int64_t *out_p)
+velClient_returnCode_t getInt64(const HeaderProperty &row, _velClient_msg *msg, velClient_int64_t *out_p)
 {
     velClient_field_t field{};
-    velClient_returnCode_t rc = getProperty(row, msg_p, out_p, field);
+    velClient_returnCode_t rc = getProperty(row, msg, field);
     if (rc == VELCLIENT_OK)
         *out_p = field.value.int64;
     return rc;
 }
 
-template <typename Add>
-velClient_returnCode_t setProperty(const HeaderProperty &row, velClient_opaqueMsg_pt msg_p, Add add,
-                                   const char **lent = nullptr)
+/* The getter behind the handle and out-pointer checks. */
+template <typename T>
+velClient_returnCode_t getChecked(const HeaderProperty &row, velClient_opaqueMsg_pt msg_p, T *out_p,
+                                  velClient_returnCode_t (*get)(const HeaderProperty &, _velClient_msg *, T *))
 {
-    _velClient_msg *msg = vel::msgOrFail(msg_p, row.badSetHandle);
+    _velClient_msg *msg = vel::msgOrFail(msg_p, row.badGetHandle);
     if (msg == nullptr)
         return VELCLIENT_FAIL;
-    return vel::hdr::set(msg, row.key, row.ownMask, row.ownBit, add, lent);
+    if (out_p == nullptr)
+        return VEL_FAIL_F(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, row.nullOut);
+    return get(row, msg, out_p);
 }
 
-velClient_returnCode_t setString(const HeaderProperty &row, velClient_opaqueMsg_pt msg_p, const char *value)
+velClient_returnCode_t setString(const HeaderProperty &row, _velClient_msg *msg, const char *value)
 {
-    return setProperty(
-        row, msg_p,
-        [&](velClient_opaqueContainer_pt map) { return velClient_container_addString(map, value, row.key); },
-        &value);
+    return vel::hdr::set(
+        msg, row.key, row.ownMask, row.ownBit,
+        [&](_velClient_container *map) { return vel::container::addString(map, value, row.key); }, &value);
 }
 
-velClient_returnCode_t setInt64(const HeaderProperty &row, velClient_opaqueMsg_pt msg_p, velClient_int64_t value)
+velClient_returnCode_t setInt64(const HeaderProperty &row, _velClient_msg *msg, velClient_int64_t value)
 {
-    return setProperty(row, msg_p, [&](velClient_opaqueContainer_pt map) {
-        return velClient_container_addInt64(map, value, row.key);
+    return vel::hdr::set(msg, row.key, row.ownMask, row.ownBit, [&](_velClient_container *map) {
+        return vel::container::addInt64(map, value, row.key);
     });
+}
+
+/* The setter behind the handle check. */
+template <typename T>
+velClient_returnCode_t setChecked(const HeaderProperty &row, velClient_opaqueMsg_pt msg_p, T value,
+                                  velClient_returnCode_t (*set)(const HeaderProperty &, _velClient_msg *, T))
+{
+    _velClient_msg *msg = vel::msgOrFail(msg_p, row.badSetHandle);
+    return msg == nullptr ? VELCLIENT_FAIL : set(row, msg, value);
 }
 
 velClient_returnCode_t deleteProperty(const HeaderProperty &row, velClient_opaqueMsg_pt msg_p)
@@ -134,18 +140,47 @@ velClient_returnCode_t deleteProperty(const HeaderProperty &row, velClient_opaqu
     return vel::hdr::remove(msg, row.key, row.ownMask);
 }
 
+/* The rows in the order of vel::msg::HeaderProperty. */
+constexpr const HeaderProperty *kRows[] = {&kSenderId,       &kAppMsgType,     &kAppMsgId,
+                                           &kCorrelationId,  &kSequenceNumber, &kSenderTimestamp};
+
+const HeaderProperty &rowOf(vel::msg::HeaderProperty property)
+{
+    return *kRows[static_cast<int>(property)];
+}
+
 } // namespace
+
+velClient_returnCode_t vel::msg::headerString(_velClient_msg *msg, HeaderProperty property, const char **value_p)
+{
+    return getString(rowOf(property), msg, value_p);
+}
+
+velClient_returnCode_t vel::msg::headerInt64(_velClient_msg *msg, HeaderProperty property, velClient_int64_t *value_p)
+{
+    return getInt64(rowOf(property), msg, value_p);
+}
+
+velClient_returnCode_t vel::msg::setHeaderString(_velClient_msg *msg, HeaderProperty property, const char *value)
+{
+    return setString(rowOf(property), msg, value);
+}
+
+velClient_returnCode_t vel::msg::setHeaderInt64(_velClient_msg *msg, HeaderProperty property, velClient_int64_t value)
+{
+    return setInt64(rowOf(property), msg, value);
+}
 
 #define VEL_HEADER_STRING_PROPERTY(Name, row)                                                                       \
     extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_get##Name(velClient_opaqueMsg_pt msg_p,         \
                                                                            const char **value_p)                  \
     {                                                                                                               \
-        return getString(row, msg_p, value_p);                                                                      \
+        return getChecked(row, msg_p, value_p, getString);                                                          \
     }                                                                                                               \
     extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_set##Name(velClient_opaqueMsg_pt msg_p,         \
                                                                            const char *value)                     \
     {                                                                                                               \
-        return setString(row, msg_p, value);                                                                        \
+        return setChecked(row, msg_p, value, setString);                                                            \
     }                                                                                                               \
     extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_delete##Name(velClient_opaqueMsg_pt msg_p)      \
     {                                                                                                               \
@@ -160,14 +195,14 @@ VEL_HEADER_STRING_PROPERTY(CorrelationId, kCorrelationId)
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getSequenceNumber(velClient_opaqueMsg_pt msg_p,
                                                                                velClient_int64_t *seqNum_p)
 {
-    return getInt64(kSequenceNumber, msg_p, seqNum_p);
+    return getChecked(kSequenceNumber, msg_p, seqNum_p, getInt64);
 }
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setSequenceNumber(velClient_opaqueMsg_pt msg_p,
                                                                                velClient_uint64_t seqNum)
 {
     VEL_LOG(VELCLIENT_LOG_DEBUG, "velClient_msg_setSequenceNumber(%p,%lld)", msg_p, static_cast<long long>(seqNum));
-    return setInt64(kSequenceNumber, msg_p, static_cast<velClient_int64_t>(seqNum));
+    return setChecked(kSequenceNumber, msg_p, static_cast<velClient_int64_t>(seqNum), setInt64);
 }
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_deleteSequenceNumber(velClient_opaqueMsg_pt msg_p)
@@ -178,13 +213,13 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_deleteSequenceNumb
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getSenderTimestamp(velClient_opaqueMsg_pt msg_p,
                                                                                 velClient_int64_t *timestamp_p)
 {
-    return getInt64(kSenderTimestamp, msg_p, timestamp_p);
+    return getChecked(kSenderTimestamp, msg_p, timestamp_p, getInt64);
 }
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setSenderTimestamp(velClient_opaqueMsg_pt msg_p,
                                                                                 velClient_int64_t timestamp)
 {
-    return setInt64(kSenderTimestamp, msg_p, timestamp);
+    return setChecked(kSenderTimestamp, msg_p, timestamp, setInt64);
 }
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_deleteSenderTimestamp(velClient_opaqueMsg_pt msg_p)
@@ -239,11 +274,16 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getExpiration(velC
     if (timestamp_p == nullptr)
         return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
                         "Null timestamp_p pointer in velClient_msg_getMessageExpiration");
+    return vel::msg::expiration(msg, timestamp_p);
+}
+
+velClient_returnCode_t vel::msg::expiration(_velClient_msg *msg, velClient_int64_t *timestamp_p)
+{
     velClient_returnCode_t rc = VELCLIENT_OK;
     if (msg->expirationTime == 0) {
         rc = msg->hdrMap_p != nullptr ? VELCLIENT_OK : _velClient_msg_getOrCreateHeaderMaps(msg, 0);
         if (rc == VELCLIENT_OK)
-            rc = velClient_container_getUint64(msg->hdrMap_p->opaqueContainer_p, &msg->expirationTime, "ex");
+            rc = vel::container::getUint64(msg->hdrMap_p, &msg->expirationTime, "ex");
     }
     *timestamp_p = static_cast<velClient_int64_t>(msg->expirationTime);
     return rc == VELCLIENT_FAIL ? VELCLIENT_FAIL : VELCLIENT_OK;
@@ -252,8 +292,8 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getExpiration(velC
 velClient_returnCode_t _velClient_msg_setMessageExpiration(_velClient_msg *msg)
 {
     return vel::hdr::set(msg, "ex", _VELCLIENT_MSG_FLAG_EXPIRATION, _VELCLIENT_MSG_FLAG_EXPIRATION,
-                         [&](velClient_opaqueContainer_pt map) {
-                             return velClient_container_addInt64(map, static_cast<velClient_int64_t>(msg->expirationTime),
-                                                                 "ex");
+                         [&](_velClient_container *map) {
+                             return vel::container::addInt64(map, static_cast<velClient_int64_t>(msg->expirationTime),
+                                                             "ex");
                          });
 }

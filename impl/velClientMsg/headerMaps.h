@@ -27,20 +27,25 @@ inline constexpr std::uint8_t VEL_ATTACHMENT_STREAM = 11;
  * VELCLIENT_NOT_FOUND when there is none and create is 0. */
 velClient_returnCode_t _velClient_msg_getOrCreateHeaderMaps(_velClient_msg *msg, int create);
 
-/* Opens the map held in part 10 as msg->hdrMap_p. VELCLIENT_NOT_FOUND (a
- * stream is refused and closed) when part 10 holds no map. */
-velClient_returnCode_t _velClient_msg_openHeaderMapPart(_velClient_msg *msg);
+namespace vel::meta {
 
-/* Takes the metadata header of part 8 apart into parts 10 and 7 (opening the
- * header map). VELCLIENT_OK when a header was read, VELCLIENT_NOT_FOUND when
- * part 8 holds none (an unrecognised one is logged and dropped), VELCLIENT_FAIL
- * for a malformed entry. */
-velClient_returnCode_t _velClient_msg_readBinaryMeta(_velClient_msg *msg);
+/* Takes the metadata header of part 8 apart into parts 10 and 7; each header
+ * map entry taken (while no header map is open) goes to openHeaderMap, whose
+ * VELCLIENT_FAIL stops the read. VELCLIENT_OK when a header was read,
+ * VELCLIENT_NOT_FOUND when part 8 holds none (an unrecognised one is logged
+ * and dropped), VELCLIENT_FAIL for a malformed entry. */
+velClient_returnCode_t read(_velClient_msg *msg, velClient_returnCode_t (*openHeaderMap)(_velClient_msg *));
 
-/* Writes (or patches) the metadata header into part 8 and the entry keys into
- * parts 10 and 7, after finalising the message's containers. */
-velClient_returnCode_t _velClient_msg_buildBinaryMeta(_velClient_msg *msg);
-extern "C" velClient_returnCode_t _velClient_createBinaryMeta(velClient_opaqueMsg_pt msg_p);
+/* Readies the metadata for the wire. When the message needs a header (an
+ * attachment type, the reply mark, a header map or user properties) its open
+ * containers are finished - the header map closed, the attachment and the
+ * user property map closed with closeAll, else only finalised - and the
+ * header is written (or a received one patched) into part 8 with the entry
+ * keys in parts 10 and 7. Without a header, containers are closed only with
+ * closeAll. */
+velClient_returnCode_t prepareForWire(_velClient_msg *msg, bool closeAll);
+
+} // namespace vel::meta
 
 /* Writes "sn" with value into the header map in its fixed 15-byte form and
  * points *seqNumPtr at the 8 big-endian value bytes, for patching at send. */
@@ -80,7 +85,8 @@ namespace vel::hdr {
 /* The header map field key (read mode); NOT_FOUND / FAIL as the lookup says. */
 velClient_returnCode_t lookup(_velClient_msg *msg, const char *key, velClient_field_t &field);
 /* Adds a value under key, deleting an earlier one unless the map is new and
- * none of ownMask's bits is set; sets setBits on success. add writes the value.
+ * none of ownMask's bits is set; sets setBits on success. add(map) writes the
+ * value into the open header map's record.
  * *lent, when given, is the text add reads: one read from the header map
  * itself is kept before the delete moves it. */
 template <typename Add>
@@ -108,7 +114,7 @@ velClient_returnCode_t set(_velClient_msg *msg, const char *key, std::uint32_t o
     if (lent != nullptr && !keepLent(msg, *lent, kept))
         return VELCLIENT_FAIL;
     deleteUnlessNew(msg, key, ownMask);
-    velClient_returnCode_t rc = add(msg->hdrMap_p->opaqueContainer_p);
+    velClient_returnCode_t rc = add(msg->hdrMap_p);
     if (rc == VELCLIENT_OK)
         msg->internalFlags |= setBits;
     return rc;

@@ -5,7 +5,7 @@
  * in the receive-flags word. The marks come from one table.
  */
 #include "velClientInit/velClientInit.h"
-#include "velClientMsg/velClientMsgPrivate.h"
+#include "velClientMsg/recordApi.h"
 
 namespace {
 
@@ -25,12 +25,9 @@ _velClient_msg *msgWithOut(velClient_opaqueMsg_pt msg_p, T *out, vel::HandleForm
 
 /* A value present only when its flag bit is set; 0 is written either way. */
 template <typename T>
-velClient_returnCode_t flaggedValue(velClient_opaqueMsg_pt msg_p, T *out, std::uint32_t bit, std::uint64_t
-                                    _velClient_msg::*field, vel::HandleFormat badHandle, vel::Format<> nullOut)
+velClient_returnCode_t flaggedValue(const _velClient_msg *msg, T *out, std::uint32_t bit,
+                                    std::uint64_t _velClient_msg::*field)
 {
-    _velClient_msg *msg = msgWithOut(msg_p, out, badHandle, nullOut);
-    if (msg == nullptr)
-        return VELCLIENT_FAIL;
     bool present = (msg->msgInfo.flags & bit) != 0;
     *out = present ? static_cast<T>(msg->*field) : 0;
     return present ? VELCLIENT_OK : VELCLIENT_NOT_FOUND;
@@ -79,16 +76,29 @@ velClient_returnCode_t setFlagField(const FlagField &f, velClient_opaqueMsg_pt m
     return VELCLIENT_OK;
 }
 
-velClient_returnCode_t getFlagField(const FlagField &f, velClient_opaqueMsg_pt msg_p, velClient_uint32_t *out_p)
+/* The getter of a record value behind the shared handle and out-pointer checks. */
+template <typename T>
+velClient_returnCode_t getValue(velClient_opaqueMsg_pt msg_p, T *out,
+                                velClient_returnCode_t (*get)(_velClient_msg *, T *), vel::HandleFormat badHandle,
+                                vel::Format<> nullOut)
 {
-    _velClient_msg *msg = msgWithOut(msg_p, out_p, f.badGetHandle, f.nullOut);
-    if (msg == nullptr)
-        return VELCLIENT_FAIL;
-    *out_p = msg->msgInfo.flags & f.mask;
-    return VELCLIENT_OK;
+    _velClient_msg *msg = msgWithOut(msg_p, out, badHandle, nullOut);
+    return msg == nullptr ? VELCLIENT_FAIL : get(msg, out);
 }
 
 } // namespace
+
+velClient_returnCode_t vel::msg::classOfService(_velClient_msg *msg, velClient_uint32_t *cos_p)
+{
+    *cos_p = msg->msgInfo.flags & kClassOfService.mask;
+    return VELCLIENT_OK;
+}
+
+velClient_returnCode_t vel::msg::deliveryMode(_velClient_msg *msg, velClient_uint32_t *mode_p)
+{
+    *mode_p = msg->msgInfo.flags & kDeliveryMode.mask;
+    return VELCLIENT_OK;
+}
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setClassOfService(velClient_opaqueMsg_pt msg_p,
                                                                                velClient_uint32_t cos)
@@ -99,7 +109,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setClassOfService(
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getClassOfService(velClient_opaqueMsg_pt msg_p,
                                                                                velClient_uint32_t *cos_p)
 {
-    return getFlagField(kClassOfService, msg_p, cos_p);
+    return getValue(msg_p, cos_p, vel::msg::classOfService, kClassOfService.badGetHandle, kClassOfService.nullOut);
 }
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setDeliveryMode(velClient_opaqueMsg_pt msg_p,
@@ -111,7 +121,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setDeliveryMode(ve
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getDeliveryMode(velClient_opaqueMsg_pt msg_p,
                                                                              velClient_uint32_t *mode_p)
 {
-    return getFlagField(kDeliveryMode, msg_p, mode_p);
+    return getValue(msg_p, mode_p, vel::msg::deliveryMode, kDeliveryMode.badGetHandle, kDeliveryMode.nullOut);
 }
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setTimeToLive(velClient_opaqueMsg_pt msg_p,
@@ -127,15 +137,17 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setTimeToLive(velC
     return VELCLIENT_OK;
 }
 
+velClient_returnCode_t vel::msg::timeToLive(_velClient_msg *msg, velClient_int64_t *ttl_p)
+{
+    *ttl_p = static_cast<velClient_int64_t>(msg->timeToLive);
+    return VELCLIENT_OK;
+}
+
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getTimeToLive(velClient_opaqueMsg_pt msg_p,
                                                                            velClient_int64_t *ttl_p)
 {
-    _velClient_msg *msg = msgWithOut(msg_p, ttl_p, "Bad msg_p pointer (%p) in velClient_msg_getTimeToLive",
-                                     "Null timestamp_p pointer in velClient_msg_getTimeToLive");
-    if (msg == nullptr)
-        return VELCLIENT_FAIL;
-    *ttl_p = static_cast<velClient_int64_t>(msg->timeToLive);
-    return VELCLIENT_OK;
+    return getValue(msg_p, ttl_p, vel::msg::timeToLive, "Bad msg_p pointer (%p) in velClient_msg_getTimeToLive",
+                    "Null timestamp_p pointer in velClient_msg_getTimeToLive");
 }
 
 velClient_returnCode_t _velClient_msg_setMsgId(velClient_opaqueMsg_pt msg_p, velClient_msgId_t msgId)
@@ -151,10 +163,12 @@ velClient_returnCode_t _velClient_msg_setMsgId(velClient_opaqueMsg_pt msg_p, vel
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getMsgId(velClient_opaqueMsg_pt msg_p,
                                                                       velClient_msgId_t *msgId_p)
 {
-    _velClient_msg *msg = msgWithOut(msg_p, msgId_p, "Bad msg_p pointer (%p) in velClient_msg_getMsgId",
-                                     "Null msgId_p pointer in velClient_msg_getMsgId");
-    if (msg == nullptr)
-        return VELCLIENT_FAIL;
+    return getValue(msg_p, msgId_p, vel::msg::msgId, "Bad msg_p pointer (%p) in velClient_msg_getMsgId",
+                    "Null msgId_p pointer in velClient_msg_getMsgId");
+}
+
+velClient_returnCode_t vel::msg::msgId(_velClient_msg *msg, velClient_msgId_t *msgId_p)
+{
     bool present = (msg->msgInfo.flags & _VELCLIENT_RX_FLAG_MSG_ID) != 0;
     *msgId_p = present ? msg->msgInfo.msgId : 0;
     return present ? VELCLIENT_OK : VELCLIENT_NOT_FOUND;
@@ -175,38 +189,66 @@ velClient_returnCode_t _velClient_msg_setTopicSequenceNumber(velClient_opaqueMsg
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getTopicSequenceNumber(velClient_opaqueMsg_pt msg_p,
                                                                                     velClient_int64_t *seqNum_p)
 {
-    return flaggedValue(msg_p, seqNum_p, _VELCLIENT_RX_FLAG_TOPIC_SEQ_NUM, &_velClient_msg::topicSeqNo,
-                        "Bad msg_p pointer (%p) in velClient_msg_getTopicSequenceNumber",
-                        "Null seqNum_p pointer in velClient_msg_getTopicSequenceNumber");
+    return getValue(msg_p, seqNum_p, vel::msg::topicSequenceNumber,
+                    "Bad msg_p pointer (%p) in velClient_msg_getTopicSequenceNumber",
+                    "Null seqNum_p pointer in velClient_msg_getTopicSequenceNumber");
+}
+
+velClient_returnCode_t vel::msg::topicSequenceNumber(_velClient_msg *msg, velClient_int64_t *seqNum_p)
+{
+    return flaggedValue(msg, seqNum_p, _VELCLIENT_RX_FLAG_TOPIC_SEQ_NUM, &_velClient_msg::topicSeqNo);
 }
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getCacheRequestId(velClient_opaqueMsg_pt msg_p,
                                                                                velClient_uint64_t *cacheRequestId_p)
 {
-    return flaggedValue(msg_p, cacheRequestId_p, _VELCLIENT_RX_FLAG_CACHE_MSG, &_velClient_msg::cacheRequestId,
-                        "Bad msg_p pointer (%p) in velClient_msg_getCacheRequestId",
-                        "Null cacheRequestId_p pointer in velClient_msg_getCacheRequestId");
+    return getValue(msg_p, cacheRequestId_p, vel::msg::cacheRequestId,
+                    "Bad msg_p pointer (%p) in velClient_msg_getCacheRequestId",
+                    "Null cacheRequestId_p pointer in velClient_msg_getCacheRequestId");
+}
+
+velClient_returnCode_t vel::msg::cacheRequestId(_velClient_msg *msg, velClient_uint64_t *cacheRequestId_p)
+{
+    return flaggedValue(msg, cacheRequestId_p, _VELCLIENT_RX_FLAG_CACHE_MSG, &_velClient_msg::cacheRequestId);
 }
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getRcvTimestamp(velClient_opaqueMsg_pt msg_p,
                                                                              velClient_int64_t *timestamp_p)
 {
-    _velClient_msg *msg = msgWithOut(msg_p, timestamp_p, "Bad msg_p pointer (%p) in velClient_msg_getRcvTimestamp",
-                                     "Null timestamp_p pointer in velClient_msg_getRcvTimestamp");
-    if (msg == nullptr)
-        return VELCLIENT_FAIL;
+    return getValue(msg_p, timestamp_p, vel::msg::rcvTimestamp,
+                    "Bad msg_p pointer (%p) in velClient_msg_getRcvTimestamp",
+                    "Null timestamp_p pointer in velClient_msg_getRcvTimestamp");
+}
+
+velClient_returnCode_t vel::msg::rcvTimestamp(_velClient_msg *msg, velClient_int64_t *timestamp_p)
+{
     *timestamp_p = static_cast<velClient_int64_t>(msg->msgInfo.rcvTimestamp);
     return msg->msgInfo.rcvTimestamp != 0 ? VELCLIENT_OK : VELCLIENT_NOT_FOUND;
 }
 
+namespace {
+
+bool initialisedForCacheStatus()
+{
+    if (_velClient_isInitialised())
+        return true;
+    VEL_LOG(VELCLIENT_LOG_WARNING, "velClient_initialize not called before velClient_msg_isCacheMsg");
+    return false;
+}
+
+} // namespace
+
 extern "C" VELCLIENT_API velClient_cacheStatus_t velClient_msg_isCacheMsg(velClient_opaqueMsg_pt msg_p)
 {
-    if (!_velClient_isInitialised()) {
-        VEL_LOG(VELCLIENT_LOG_WARNING, "velClient_initialize not called before velClient_msg_isCacheMsg");
+    if (!initialisedForCacheStatus())
         return VELCLIENT_CACHE_INVALID_MESSAGE;
-    }
     _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer (%p) in velClient_msg_isRedelivered");
-    if (msg == nullptr)
+    return msg == nullptr ? VELCLIENT_CACHE_INVALID_MESSAGE : vel::msg::cacheStatus(msg);
+}
+
+velClient_cacheStatus_t vel::msg::cacheStatus(const _velClient_msg *msg)
+{
+    if (!initialisedForCacheStatus())
         return VELCLIENT_CACHE_INVALID_MESSAGE;
     if ((msg->msgInfo.flags & _VELCLIENT_RX_FLAG_CACHE_MSG) == 0)
         return VELCLIENT_CACHE_LIVE_MESSAGE;
@@ -217,7 +259,12 @@ extern "C" VELCLIENT_API velClient_cacheStatus_t velClient_msg_isCacheMsg(velCli
 extern "C" VELCLIENT_API velClient_bool_t velClient_msg_isRedelivered(velClient_opaqueMsg_pt msg_p)
 {
     _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer (%p) in velClient_msg_isRedelivered");
-    return msg != nullptr && (msg->msgInfo.flags & _VELCLIENT_RX_FLAG_REDELIVERED_MASK) != 0 ? 1 : 0;
+    return msg != nullptr && vel::msg::isRedelivered(msg) ? 1 : 0;
+}
+
+bool vel::msg::isRedelivered(const _velClient_msg *msg)
+{
+    return (msg->msgInfo.flags & _VELCLIENT_RX_FLAG_REDELIVERED_MASK) != 0;
 }
 
 /* ---- Yes/no marks ------------------------------------------------------------------ */
@@ -277,7 +324,16 @@ velClient_bool_t isMark(const Mark &m, velClient_opaqueMsg_pt msg_p)
     return (msg->msgInfo.flags & m.bit) != 0 ? 1 : 0;
 }
 
+/* The rows in the order of vel::msg::Mark. */
+constexpr const Mark *kMarks[] = {&kDeliverToOne,    &kDmqEligible,    &kDiscardIndication,
+                                  &kElidingEligible, &kAckImmediately, &kReplyMsg};
+
 } // namespace
+
+bool vel::msg::isMarked(const _velClient_msg *msg, Mark mark)
+{
+    return (msg->msgInfo.flags & kMarks[static_cast<int>(mark)]->bit) != 0;
+}
 
 #define VEL_MARK(SetName, IsName, mark)                                                                              \
     extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_##SetName(velClient_opaqueMsg_pt msg_p,          \

@@ -2,18 +2,23 @@
  * msgDump.cpp - a whole message as text: one labelled line per present
  * header field, in a fixed order given by a table, then the user property
  * map, consumer ids, correlation tag, user data, binary attachment and XML.
- * The dump reads the message only through the public getters.
+ * The dump reads the message through the getters' internal functions, so it
+ * leaves behind what the public getters would.
  */
 #include <cstring>
 #include <type_traits>
 
 #include "velClientMsg/dumpWriter.h"
+#include "velClientMsg/recordApi.h"
 #include "velClientTime/velClientTime.h"
 
 namespace {
 
+using vel::msg::HeaderProperty;
+using vel::msg::Mark;
+
 struct Ctx {
-    velClient_opaqueMsg_pt msg;
+    _velClient_msg *msg;
     char *buf;
     std::size_t size;
     std::size_t left;
@@ -31,7 +36,7 @@ void timeLine(Ctx &c, const char *label, long long ms)
     _velClient_dump(VEL_CTX(c), 0, "%-40s%lld %s\n", label, ms, text);
 }
 
-template <velClient_returnCode_t (*Get)(velClient_opaqueMsg_pt, const char **)>
+template <velClient_returnCode_t (*Get)(_velClient_msg *, const char **)>
 void stringLine(Ctx &c, const char *label)
 {
     const char *value = nullptr;
@@ -41,7 +46,7 @@ void stringLine(Ctx &c, const char *label)
 
 enum class Show { present, positive, time };
 
-template <typename T, velClient_returnCode_t (*Get)(velClient_opaqueMsg_pt, T *), Show show = Show::present>
+template <typename T, velClient_returnCode_t (*Get)(_velClient_msg *, T *), Show show = Show::present>
 void numberLine(Ctx &c, const char *label)
 {
     T value{};
@@ -55,18 +60,18 @@ void numberLine(Ctx &c, const char *label)
         _velClient_dump(VEL_CTX(c), 0, "%-40s%llu\n", label, static_cast<unsigned long long>(value));
 }
 
-template <velClient_bool_t (*Is)(velClient_opaqueMsg_pt)>
+template <bool (*Is)(const _velClient_msg *)>
 void markLine(Ctx &c, const char *label)
 {
-    if (Is(c.msg) == 1)
+    if (Is(c.msg))
         _velClient_dump(VEL_CTX(c), 0, "%-40s\n", label);
 }
 
-template <velClient_returnCode_t (*Get)(velClient_opaqueMsg_pt, velClient_destination_t *, size_t)>
+template <velClient_returnCode_t (*Get)(_velClient_msg *, velClient_destination_t *)>
 void destinationLine(Ctx &c, const char *label)
 {
     velClient_destination_t dest{};
-    if (Get(c.msg, &dest, sizeof dest) != VELCLIENT_OK)
+    if (Get(c.msg, &dest) != VELCLIENT_OK)
         return;
     _velClient_dump(VEL_CTX(c), 0, "%-40s", label);
     _velClient_destination_dump(&dest, VEL_CTX(c));
@@ -74,7 +79,7 @@ void destinationLine(Ctx &c, const char *label)
 }
 
 /* Picks one of several texts by value, "Unknown (%u)\n" otherwise. */
-template <velClient_returnCode_t (*Get)(velClient_opaqueMsg_pt, velClient_uint32_t *), std::uint32_t step>
+template <velClient_returnCode_t (*Get)(_velClient_msg *, velClient_uint32_t *), std::uint32_t step>
 void choiceLine(Ctx &c, const char *label, const char *const (&names)[3])
 {
     velClient_uint32_t value = 0;
@@ -90,58 +95,56 @@ void choiceLine(Ctx &c, const char *label, const char *const (&names)[3])
 void classOfServiceLine(Ctx &c, const char *label)
 {
     static const char *const names[3] = {"COS_1\n", "COS_2\n", "COS_3\n"};
-    choiceLine<velClient_msg_getClassOfService, 1>(c, label, names);
+    choiceLine<vel::msg::classOfService, 1>(c, label, names);
 }
 
 void deliveryModeLine(Ctx &c, const char *label)
 {
     static const char *const names[3] = {"DIRECT\n", "PERSISTENT\n", "NON-PERSISTENT\n"};
-    choiceLine<velClient_msg_getDeliveryMode, 0x10>(c, label, names);
+    choiceLine<vel::msg::deliveryMode, 0x10>(c, label, names);
 }
 
 void cacheLine(Ctx &c, const char *label)
 {
-    velClient_cacheStatus_t status = velClient_msg_isCacheMsg(c.msg);
+    velClient_cacheStatus_t status = vel::msg::cacheStatus(c.msg);
     if (status == VELCLIENT_CACHE_MESSAGE || status == VELCLIENT_CACHE_SUSPECT_MESSAGE)
         _velClient_dump(VEL_CTX(c), 0, "%-40s\n", label);
 }
 
-/* A map or stream: its fields (full) or its encoded size; the handle is closed after. */
-void containerLines(Ctx &c, const char *label, velClient_opaqueContainer_pt cont)
+/* A map or stream: its fields (full) or its encoded size; the reference the
+ * getter gave is dropped after. */
+void containerLines(Ctx &c, const char *label, _velClient_container *cont)
 {
     if (c.fullContent) {
         _velClient_dump(VEL_CTX(c), 0, "%-40s\n", label);
-        _velClient_container_dump(cont, VEL_CTX(c), 2);
+        _velClient_container_dump(cont->opaqueContainer_p, VEL_CTX(c), 2);
     } else {
-        size_t size = 0;
-        velClient_container_getSize(cont, &size);
-        _velClient_dump(VEL_CTX(c), 0, "%-40slen=%u\n", label, static_cast<unsigned>(size));
+        _velClient_dump(VEL_CTX(c), 0, "%-40slen=%u\n", label, static_cast<unsigned>(vel::container::size(cont)));
     }
-    velClient_container_closeMapStream(&cont);
+    _velClient_container_closeMapStream(&cont, true, false, false);
 }
 
 void userPropertyLines(Ctx &c, const char *label)
 {
-    velClient_opaqueContainer_pt map = nullptr;
-    if (velClient_msg_getUserPropertyMap(c.msg, &map) == VELCLIENT_OK)
+    _velClient_container *map = nullptr;
+    if (vel::msg::userPropertyMap(c.msg, &map) == VELCLIENT_OK)
         containerLines(c, label, map);
 }
 
 void consumerIdLines(Ctx &c, const char *)
 {
     velClient_uint32_t count = 0;
-    if (velClient_msg_getConsumerIdCount(c.msg, &count) == VELCLIENT_OK && count > 0)
-        _velClient_consumerId_dump(c.msg, count, VEL_CTX(c));
+    if (vel::msg::consumerIdCount(c.msg->bufInfo_a, &count) == VELCLIENT_OK && count > 0)
+        _velClient_consumerId_dump(c.msg->bufInfo_a, count, VEL_CTX(c));
 }
 
 /* A byte part: a hex dump (both modes when always, else only in full mode). */
-template <velClient_returnCode_t (*Get)(velClient_opaqueMsg_pt, velClient_opaquePointer_pt, velClient_uint32_t *),
-          bool always>
+template <int part, bool always>
 bool bytesLines(Ctx &c, const char *label)
 {
     void *p = nullptr;
     velClient_uint32_t len = 0;
-    if (Get(c.msg, &p, &len) != VELCLIENT_OK)
+    if (_velClient_msg_getBufinfoPtr(c.msg, part, &p, &len) != VELCLIENT_OK)
         return false;
     if (always || c.fullContent) {
         _velClient_dump(VEL_CTX(c), 0, "%-40s", label);
@@ -152,21 +155,21 @@ bool bytesLines(Ctx &c, const char *label)
     return true;
 }
 
-template <velClient_returnCode_t (*Get)(velClient_opaqueMsg_pt, velClient_opaquePointer_pt, velClient_uint32_t *)>
+template <int part>
 void partLines(Ctx &c, const char *label)
 {
-    bytesLines<Get, true>(c, label);
+    bytesLines<part, true>(c, label);
 }
 
 void attachmentLines(Ctx &c, const char *)
 {
-    velClient_opaqueContainer_pt cont = nullptr;
-    if (velClient_msg_getBinaryAttachmentStream(c.msg, &cont) == VELCLIENT_OK)
+    _velClient_container *cont = nullptr;
+    if (vel::msg::attachmentContainer(c.msg, VELCLIENT_STREAM, &cont) == VELCLIENT_OK)
         return containerLines(c, "Binary Attachment Stream:", cont);
-    if (velClient_msg_getBinaryAttachmentMap(c.msg, &cont) == VELCLIENT_OK)
+    if (vel::msg::attachmentContainer(c.msg, VELCLIENT_MAP, &cont) == VELCLIENT_OK)
         return containerLines(c, "Binary Attachment Map:", cont);
     const char *text = nullptr;
-    if (velClient_msg_getBinaryAttachmentString(c.msg, &text) == VELCLIENT_OK && text != nullptr) {
+    if (vel::msg::attachmentString(c.msg, &text) == VELCLIENT_OK && text != nullptr) {
         auto len = static_cast<std::uint32_t>(std::strlen(text));
         if (c.fullContent) {
             _velClient_dump(VEL_CTX(c), 0, "%-40s", "Binary Attachment String:");
@@ -176,14 +179,14 @@ void attachmentLines(Ctx &c, const char *)
         }
         return;
     }
-    bytesLines<velClient_msg_getBinaryAttachmentPtr, false>(c, "Binary Attachment:");
+    bytesLines<VELCLIENT_BUFINFO_BINARY_ATTACHMENT_PART, false>(c, "Binary Attachment:");
 }
 
 void xmlLines(Ctx &c, const char *label)
 {
     void *p = nullptr;
     velClient_uint32_t len = 0;
-    if (velClient_msg_getXmlPtr(c.msg, &p, &len) != VELCLIENT_OK)
+    if (_velClient_msg_getBufinfoPtr(c.msg, VELCLIENT_BUFINFO_XML_PART, &p, &len) != VELCLIENT_OK)
         return;
     if (!c.fullContent) {
         _velClient_dump(VEL_CTX(c), 0, "%-40slen=%u\n", label, len);
@@ -199,47 +202,57 @@ struct DumpLine {
 };
 
 /* The lines of a dump, in order; each shows only when its item is present. */
+/* The generic header map strings by key. */
+template <const char *key>
+velClient_returnCode_t headerMapString(_velClient_msg *msg, const char **value_p)
+{
+    return vel::msg::headerMapString(msg, key, value_p);
+}
+constexpr char kHttpContentType[] = "ct";
+constexpr char kHttpContentEncoding[] = "ce";
+
 const DumpLine kDumpLines[] = {
-    {"Destination:", destinationLine<velClient_msg_getDestination>},
-    {"SenderId:", stringLine<velClient_msg_getSenderId>},
-    {"ApplicationMsgType:", stringLine<velClient_msg_getApplicationMsgType>},
-    {"ApplicationMessageId:", stringLine<velClient_msg_getApplicationMessageId>},
-    {"SequenceNumber:", numberLine<velClient_int64_t, velClient_msg_getSequenceNumber>},
-    {"TopicSequenceNumber:", numberLine<velClient_int64_t, velClient_msg_getTopicSequenceNumber>},
-    {"CorrelationId:", stringLine<velClient_msg_getCorrelationId>},
-    {"HTTP Content Type:", stringLine<velClient_msg_getHttpContentType>},
-    {"HTTP Content Encoding:", stringLine<velClient_msg_getHttpContentEncoding>},
-    {"SenderTimestamp:", numberLine<velClient_int64_t, velClient_msg_getSenderTimestamp, Show::time>},
-    {"RcvTimestamp:", numberLine<velClient_int64_t, velClient_msg_getRcvTimestamp, Show::time>},
+    {"Destination:", destinationLine<vel::msg::destination>},
+    {"SenderId:", stringLine<vel::msg::headerString<HeaderProperty::senderId>>},
+    {"ApplicationMsgType:", stringLine<vel::msg::headerString<HeaderProperty::appMsgType>>},
+    {"ApplicationMessageId:", stringLine<vel::msg::headerString<HeaderProperty::appMsgId>>},
+    {"SequenceNumber:", numberLine<velClient_int64_t, vel::msg::headerInt64<HeaderProperty::sequenceNumber>>},
+    {"TopicSequenceNumber:", numberLine<velClient_int64_t, vel::msg::topicSequenceNumber>},
+    {"CorrelationId:", stringLine<vel::msg::headerString<HeaderProperty::correlationId>>},
+    {"HTTP Content Type:", stringLine<headerMapString<kHttpContentType>>},
+    {"HTTP Content Encoding:", stringLine<headerMapString<kHttpContentEncoding>>},
+    {"SenderTimestamp:",
+     numberLine<velClient_int64_t, vel::msg::headerInt64<HeaderProperty::senderTimestamp>, Show::time>},
+    {"RcvTimestamp:", numberLine<velClient_int64_t, vel::msg::rcvTimestamp, Show::time>},
     {"Class Of Service:", classOfServiceLine},
     {"DeliveryMode: ", deliveryModeLine},
-    {"Message Id:", numberLine<velClient_msgId_t, velClient_msg_getMsgId>},
-    {"TimeToLive:", numberLine<velClient_int64_t, velClient_msg_getTimeToLive, Show::positive>},
-    {"Expiration:", numberLine<velClient_int64_t, velClient_msg_getExpiration, Show::time>},
-    {"DMQ Eligible", markLine<velClient_msg_isDMQEligible>},
-    {"Message Re-delivered", markLine<velClient_msg_isRedelivered>},
-    {"Discard Indication", markLine<velClient_msg_isDiscardIndication>},
-    {"ACK Immediately", markLine<velClient_msg_isAckImmediately>},
-    {"Eliding Eligible", markLine<velClient_msg_isElidingEligible>},
-    {"Reply Message", markLine<velClient_msg_isReplyMsg>},
-    {"Reply To:", destinationLine<velClient_msg_getReplyTo>},
-    {"Deliver To One", markLine<velClient_msg_isDeliverToOne>},
+    {"Message Id:", numberLine<velClient_msgId_t, vel::msg::msgId>},
+    {"TimeToLive:", numberLine<velClient_int64_t, vel::msg::timeToLive, Show::positive>},
+    {"Expiration:", numberLine<velClient_int64_t, vel::msg::expiration, Show::time>},
+    {"DMQ Eligible", markLine<vel::msg::marked<Mark::dmqEligible>>},
+    {"Message Re-delivered", markLine<vel::msg::isRedelivered>},
+    {"Discard Indication", markLine<vel::msg::marked<Mark::discardIndication>>},
+    {"ACK Immediately", markLine<vel::msg::marked<Mark::ackImmediately>>},
+    {"Eliding Eligible", markLine<vel::msg::marked<Mark::elidingEligible>>},
+    {"Reply Message", markLine<vel::msg::marked<Mark::replyMsg>>},
+    {"Reply To:", destinationLine<vel::msg::replyTo>},
+    {"Deliver To One", markLine<vel::msg::marked<Mark::deliverToOne>>},
     {"Message from cache", cacheLine},
-    {"Cache Request Id:", numberLine<velClient_uint64_t, velClient_msg_getCacheRequestId>},
+    {"Cache Request Id:", numberLine<velClient_uint64_t, vel::msg::cacheRequestId>},
     {"User Property Map:", userPropertyLines},
     {"Consumer IDs", consumerIdLines},
-    {"Correlation Tag Pointer:", partLines<velClient_msg_getCorrelationTagPtr>},
-    {"User Data:", partLines<velClient_msg_getUserDataPtr>},
+    {"Correlation Tag Pointer:", partLines<VELCLIENT_BUFINFO_CORRELATION_TAG_PART>},
+    {"User Data:", partLines<VELCLIENT_BUFINFO_USER_DATA_PART>},
     {"Binary Attachment", attachmentLines},
     {"XML:", xmlLines},
 };
 
-} // namespace
-
-extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_dumpExt(velClient_opaqueMsg_pt msg_p, char *buffer_p,
-                                                                     size_t bufferSize, velClient_uint32_t flags)
+/* Both dump exports: the message is named velClient_msg_dump in failures. */
+velClient_returnCode_t dumpMessage(velClient_opaqueMsg_pt msg_p, char *buffer_p, size_t bufferSize,
+                                   velClient_uint32_t flags)
 {
-    if (vel::msgOrFail(msg_p, "Bad msg_p pointer (%p) in velClient_msg_dump") == nullptr)
+    _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer (%p) in velClient_msg_dump");
+    if (msg == nullptr)
         return VELCLIENT_FAIL;
     if (buffer_p != nullptr && bufferSize == 0)
         return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_CONFLICT, VELCLIENT_LOG_WARNING,
@@ -247,7 +260,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_dumpExt(velClient_
     if (buffer_p == nullptr && bufferSize != 0)
         return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_CONFLICT, VELCLIENT_LOG_WARNING,
                         "Non-zero buffer size with NULL buffer in velClient_msg_dump");
-    Ctx c{msg_p, buffer_p, bufferSize, buffer_p != nullptr ? bufferSize - 1 : SIZE_MAX, (flags & 1) != 0};
+    Ctx c{msg, buffer_p, bufferSize, buffer_p != nullptr ? bufferSize - 1 : SIZE_MAX, (flags & 1) != 0};
     for (const DumpLine &line : kDumpLines)
         line.render(c, line.label);
     if (buffer_p != nullptr)
@@ -255,8 +268,16 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_dumpExt(velClient_
     return VELCLIENT_OK;
 }
 
+} // namespace
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_dumpExt(velClient_opaqueMsg_pt msg_p, char *buffer_p,
+                                                                     size_t bufferSize, velClient_uint32_t flags)
+{
+    return dumpMessage(msg_p, buffer_p, bufferSize, flags);
+}
+
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_dump(velClient_opaqueMsg_pt msg_p, char *buffer_p,
                                                                   size_t bufferSize)
 {
-    return velClient_msg_dumpExt(msg_p, buffer_p, bufferSize, VELCLIENT_MSGDUMP_FULL);
+    return dumpMessage(msg_p, buffer_p, bufferSize, VELCLIENT_MSGDUMP_FULL);
 }

@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "velClientMsg/destinationText.h"
+#include "velClientMsg/recordApi.h"
 #include "velClientMsg/tlvCodec.h"
 
 namespace {
@@ -332,6 +333,11 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getBinaryAttachmen
     if (bufPtr_p == nullptr)
         return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
                         "Null buf pointer in velClient_msg_getBinaryAttachmentString");
+    return vel::msg::attachmentString(msg, bufPtr_p);
+}
+
+velClient_returnCode_t vel::msg::attachmentString(_velClient_msg *msg, const char **bufPtr_p)
+{
     const velClient_bufInfo_t &part = msg->bufInfo_a[VELCLIENT_BUFINFO_BINARY_ATTACHMENT_PART];
     const auto *p = static_cast<const std::uint8_t *>(part.buf_p);
     if (p == nullptr || part.bufSize == 0 || (p[0] & 0xFC) != vel::tlv::TB_STRING)

@@ -141,22 +141,6 @@ void _velClient_msg_cleanup()
                 static_cast<long long>(st.totMemory.load()));
 }
 
-velClient_returnCode_t _velClient_msg_resetAllStats()
-{
-    stats().totMemory.store(0, std::memory_order_relaxed);
-    clearCounters([](_velClient_msgPoolStats &st) {
-        st.allocMemory.store(0, std::memory_order_relaxed);
-        for (auto *c32 : {&st.msgAllocs, &st.msgFrees, &st.msgDups, &st.msgReallocs, &st.numFreeMsg,
-                          &st.numAllocMsg, &st.numFreeContainer, &st.numAllocContainer})
-            c32->store(0, std::memory_order_relaxed);
-        for (auto &c : st.numFreeDataB)
-            c.store(0, std::memory_order_relaxed);
-        for (auto &c : st.numAllocDataB)
-            c.store(0, std::memory_order_relaxed);
-    });
-    return VELCLIENT_OK;
-}
-
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setMaxPoolMem(velClient_uint64_t maxPoolMem)
 {
     std::atomic<std::uint64_t> &tot = stats().totMemory;

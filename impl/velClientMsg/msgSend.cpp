@@ -6,6 +6,7 @@
  */
 #include "velClientMsg/headerMaps.h"
 #include "velClientMsg/msgWire.h"
+#include "velClientMsg/recordApi.h"
 #include "velClientSession/velClientSessionPrivate.h"
 #include "velClientTime/velClientTime.h"
 
@@ -18,17 +19,16 @@ std::int64_t nowMs()
 
 /* Adds what the session generates and the application did not set itself;
  * *reserved tells whether a sequence number placeholder was added. */
-velClient_returnCode_t addGenerated(_velClient_session *s, _velClient_msg *msg, velClient_opaqueMsg_pt msg_p,
-                                    bool *reserved)
+velClient_returnCode_t addGenerated(_velClient_session *s, _velClient_msg *msg, bool *reserved)
 {
     if (s->genSendTimestamps && !(msg->internalFlags & _VELCLIENT_MSG_FLAG_SENDER_TIMESTAMP)) {
-        if (velClient_msg_setSenderTimestamp(msg_p, nowMs()) != VELCLIENT_OK)
+        if (vel::msg::setHeaderInt64(msg, vel::msg::HeaderProperty::senderTimestamp, nowMs()) != VELCLIENT_OK)
             return VELCLIENT_FAIL;
         msg->internalFlags = (msg->internalFlags & ~_VELCLIENT_MSG_FLAG_SENDER_TIMESTAMP) |
                              _VELCLIENT_MSG_FLAG_SENDER_TIMESTAMP_AUTO;
     }
     if (s->genSenderId && !(msg->internalFlags & _VELCLIENT_MSG_FLAG_SENDER_ID)) {
-        if (velClient_msg_setSenderId(msg_p, s->clientName) != VELCLIENT_OK)
+        if (vel::msg::setHeaderString(msg, vel::msg::HeaderProperty::senderId, s->clientName) != VELCLIENT_OK)
             return VELCLIENT_FAIL;
         msg->internalFlags = (msg->internalFlags & ~_VELCLIENT_MSG_FLAG_SENDER_ID) | _VELCLIENT_MSG_FLAG_SENDER_ID_AUTO;
     }
@@ -52,13 +52,13 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_session_sendMsg(velCli
     if (msg == nullptr)
         return VELCLIENT_FAIL;
     bool reserved = false;
-    if (s->autoGenForSendEnabled && addGenerated(s, msg, msg_p, &reserved) != VELCLIENT_OK)
+    if (s->autoGenForSendEnabled && addGenerated(s, msg, &reserved) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     if (msg->timeToLive != 0)
         msg->expirationTime = s->calcMessageExpiration ? static_cast<std::uint64_t>(nowMs()) + msg->timeToLive : 0;
     else if (msg->expirationTime != 0 && _velClient_msg_setMessageExpiration(msg) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
-    if (_velClient_msg_needsBinaryMeta(msg) && _velClient_msg_buildBinaryMeta(msg) != VELCLIENT_OK)
+    if (vel::meta::prepareForWire(msg, false) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     /* The expiration and the metadata build may have moved the header map's
      * bytes since the placeholder was reserved: its address is taken only

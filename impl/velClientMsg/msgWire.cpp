@@ -13,11 +13,8 @@
 namespace {
 
 constexpr int kVwfPart = _VELCLIENT_BUFINFO_VWF_PART;
-
-bool partHasBytes(const _velClient_msg *msg, int part)
-{
-    return msg->bufInfo_a[part].buf_p != nullptr && msg->bufInfo_a[part].bufSize != 0;
-}
+/* The message id a guaranteed message encoded outside any session carries. */
+constexpr std::uint64_t kEncodedMsgId = 1;
 
 void emptyVwfPart(_velClient_msg *msg)
 {
@@ -48,8 +45,9 @@ velClient_returnCode_t serialise(_velClient_msg *msg, const _velClient_vwfChunk 
     for (std::uint32_t i = 0; i < numChunks; ++i) {
         if (chunks[i].len > total - offset) {
             VEL_STORE(VELCLIENT_SUBCODE_INTERNAL_ERROR, VELCLIENT_LOG_ERROR,
-                      "_velClient_msg_serialization found byte count mismatch; remaining count %u,  for session '%s'",
-                      chunks[i].len - (total - offset), _velClient_parserSession()->clientName);
+                      "_velClient_msg_serialization found byte count mismatch; remaining count %u,  for session "
+                      "'parserSession'",
+                      chunks[i].len - (total - offset));
             emptyVwfPart(msg);
             return VELCLIENT_FAIL;
         }
@@ -62,12 +60,6 @@ velClient_returnCode_t serialise(_velClient_msg *msg, const _velClient_vwfChunk 
 
 } // namespace
 
-bool _velClient_msg_needsBinaryMeta(const _velClient_msg *msg)
-{
-    return msg->binAttachmentType != 0 || (msg->msgInfo.flags & _VELCLIENT_RX_FLAG_REPLY_MSG) != 0 ||
-           partHasBytes(msg, _VELCLIENT_BUFINFO_HDR_MAP_PART) || partHasBytes(msg, VELCLIENT_BUFINFO_USER_PROPERTY_PART);
-}
-
 velClient_returnCode_t _velClient_msg_encodeToVWF(_velClient_msg *msg, velClient_bufInfo_pt bufinfo_p,
                                                   velClient_opaqueDatablock_pt *datab_p)
 {
@@ -75,21 +67,17 @@ velClient_returnCode_t _velClient_msg_encodeToVWF(_velClient_msg *msg, velClient
         giveImage(msg, bufinfo_p, datab_p);
         return VELCLIENT_OK;
     }
-    for (_velClient_container **slot : {&msg->binaryAttachContainer_p, &msg->hdrMap_p, &msg->userPropertyMap_p})
-        if (*slot != nullptr)
-            _velClient_container_closeMapStream(slot, true, true, false);
     emptyVwfPart(msg);
-    if (_velClient_msg_needsBinaryMeta(msg) && _velClient_msg_buildBinaryMeta(msg) != VELCLIENT_OK)
+    if (vel::meta::prepareForWire(msg, true) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
-    _velClient_session *parser = _velClient_parserSession();
     _velClient_vwfChunk chunks[vel::vwf::MAX_CHUNKS];
     _velClient_vwfScratch scratch;
     std::uint8_t *scratch_p = scratch.bytes;
     std::uint32_t numChunks = 0;
     std::uint32_t total = 0;
     velClient_returnCode_t rc =
-        _velClient_createMsgForPublish(parser, msg->bufInfo_a, _VELCLIENT_BUFINFO_NUM_PARTS, msg->msgInfo.flags,
-                                       parser->lastMsgIdSent + 1, msg, chunks, &numChunks, &scratch_p, &total);
+        _velClient_createMsgForPublish(msg->bufInfo_a, _VELCLIENT_BUFINFO_NUM_PARTS, msg->msgInfo.flags, kEncodedMsgId,
+                                       msg, chunks, &numChunks, &scratch_p, &total);
     if (rc != VELCLIENT_OK || total == 0)
         return rc;
     if (serialise(msg, chunks, numChunks, total) != VELCLIENT_OK)

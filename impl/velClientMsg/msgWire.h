@@ -5,8 +5,6 @@
 
 #include "velClientMsg/velClientMsgPrivate.h"
 
-/* True when the message needs a binary metadata header on the wire. */
-bool _velClient_msg_needsBinaryMeta(const _velClient_msg *msg);
 /* Builds (or reuses) the wire image in part 9; with outputs, hands out the
  * image and one reference to its block. */
 velClient_returnCode_t _velClient_msg_encodeToVWF(_velClient_msg *msg, velClient_bufInfo_pt bufinfo_p,

@@ -9,31 +9,35 @@
 
 #include "velClientMsg/destinationText.h"
 #include "velClientMsg/headerMaps.h"
+#include "velClientMsg/recordApi.h"
 #include "velClientSession/velClientSessionPrivate.h"
-
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-#if !defined(__clang__)
-/* The reply-to topic is cut silently at 250 characters by design. */
-#pragma GCC diagnostic ignored "-Wformat-truncation"
-#endif
 
 namespace {
 
+/* The reply-to topic "base/suffix" ("base/#" for the empty suffix), cut
+ * silently at its 250 characters. */
+void replyTopic(char (&topic)[VEL_SESSION_MAX_TOPIC + 1], const char *base, const char *suffix)
+{
+    std::size_t n = 0;
+    for (const char *part : {base, "/", *suffix != '\0' ? suffix : "#"})
+        for (; *part != '\0' && n < VEL_SESSION_MAX_TOPIC; ++part)
+            topic[n++] = *part;
+    topic[n] = '\0';
+}
+
 constexpr const char *kReplyToKey = "rt";
 
-/* The text of a well-sized destination is lent to the header map setter, so
- * that one read back from this message's header map is kept before the old
- * entry goes; anything else reaches the add as it came, to be refused there. */
-velClient_returnCode_t setReplyTo(_velClient_msg *msg, const velClient_destination_t *dest_p, size_t destSize)
+/* The destination's text is lent to the header map setter, so that one read
+ * back from this message's header map is kept before the old entry goes. */
+velClient_returnCode_t setReplyTo(_velClient_msg *msg, const velClient_destination_t &given)
 {
-    const bool wellSized = dest_p != nullptr && destSize == sizeof(velClient_destination_t);
-    velClient_destination_t dest = wellSized ? *dest_p : velClient_destination_t{};
+    velClient_destination_t dest = given;
     const char *text = dest.dest;
     return vel::hdr::set(
         msg, kReplyToKey, _VELCLIENT_MSG_FLAG_REPLY_TO, _VELCLIENT_MSG_FLAG_REPLY_TO,
-        [&](velClient_opaqueContainer_pt map) {
+        [&](_velClient_container *map) {
             dest.dest = text;
-            return velClient_container_addDestination(map, wellSized ? &dest : dest_p, destSize, kReplyToKey);
+            return vel::container::addDestination(map, &dest, sizeof dest, kReplyToKey);
         },
         &text);
 }
@@ -51,7 +55,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setReplyTo(velClie
                          "Unsupported destination structure size (received %d, expected %d) in "
                          "velClient_msg_setReplyTo") != VELCLIENT_OK)
         return VELCLIENT_FAIL;
-    return setReplyTo(msg, dest_p, destSize);
+    return setReplyTo(msg, *dest_p);
 }
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getReplyTo(velClient_opaqueMsg_pt msg_p,
@@ -65,6 +69,11 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getReplyTo(velClie
                          "Unsupported destination structure size (received %d, expected %d) in "
                          "velClient_msg_getReplyTo") != VELCLIENT_OK)
         return VELCLIENT_FAIL;
+    return vel::msg::replyTo(msg, dest_p);
+}
+
+velClient_returnCode_t vel::msg::replyTo(_velClient_msg *msg, velClient_destination_t *dest_p)
+{
     if (msg->hdrMap_p == nullptr) {
         velClient_returnCode_t rc = _velClient_msg_getOrCreateHeaderMaps(msg, 0);
         if (rc != VELCLIENT_OK)
@@ -72,7 +81,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getReplyTo(velClie
         if (msg->hdrMap_p == nullptr)
             return VELCLIENT_NOT_FOUND;
     }
-    return velClient_container_getDestination(msg->hdrMap_p->opaqueContainer_p, dest_p, destSize, kReplyToKey);
+    return vel::container::getDestination(msg->hdrMap_p, dest_p, kReplyToKey);
 }
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_deleteReplyTo(velClient_opaqueMsg_pt msg_p)
@@ -100,12 +109,9 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setReplyToSuffix(v
     if (vel::hdr::openForWrite(msg) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     char topic[VEL_SESSION_MAX_TOPIC + 1];
-    if (*suffix_p != '\0')
-        std::snprintf(topic, sizeof topic, "%s/%s", session->p2pTopicBase, suffix_p);
-    else
-        std::snprintf(topic, sizeof topic, "%s/#", session->p2pTopicBase);
+    replyTopic(topic, session->p2pTopicBase, suffix_p);
     velClient_destination_t dest{VELCLIENT_TOPIC_DESTINATION, topic};
-    return setReplyTo(msg, &dest, sizeof dest);
+    return setReplyTo(msg, dest);
 }
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getDestinationTopicSuffix(
@@ -118,8 +124,12 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getDestinationTopi
         vel::sessionOrFail(session_p, "Bad session pointer (%p) in velClient_msg_getDestinationTopicSuffix");
     if (session == nullptr)
         return VELCLIENT_FAIL;
+    /* The message is checked as the destination getter checks it. */
+    _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer (%p) in velClient_msg_getDestination");
+    if (msg == nullptr)
+        return VELCLIENT_FAIL;
     velClient_destination_t dest{};
-    velClient_returnCode_t rc = velClient_msg_getDestination(msg_p, &dest, sizeof dest);
+    velClient_returnCode_t rc = vel::msg::destination(msg, &dest);
     if (rc != VELCLIENT_OK)
         return rc;
     if (dest.destType != VELCLIENT_TOPIC_DESTINATION)

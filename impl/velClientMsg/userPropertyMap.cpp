@@ -4,6 +4,7 @@
  * (from part 7, or from a received message's metadata header).
  */
 #include "velClientMsg/headerMaps.h"
+#include "velClientMsg/recordApi.h"
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_createUserPropertyMap(velClient_opaqueMsg_pt msg_p,
                                                                                    velClient_opaqueContainer_pt *map_p,
@@ -78,6 +79,15 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getUserPropertyMap
     _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer (%p) in velClient_msg_getUserPropertyMap");
     if (msg == nullptr)
         return VELCLIENT_FAIL;
+    _velClient_container *map = nullptr;
+    velClient_returnCode_t rc = vel::msg::userPropertyMap(msg, &map);
+    if (rc == VELCLIENT_OK)
+        *map_p = map->opaqueContainer_p;
+    return rc;
+}
+
+velClient_returnCode_t vel::msg::userPropertyMap(_velClient_msg *msg, _velClient_container **map_p)
+{
     if (msg->userPropertyMap_p == nullptr) {
         if (partEmpty(msg)) {
             if (msg->hdrMap_p != nullptr)
@@ -92,6 +102,6 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getUserPropertyMap
     } else {
         ++msg->userPropertyMap_p->refCount;
     }
-    *map_p = msg->userPropertyMap_p->opaqueContainer_p;
+    *map_p = msg->userPropertyMap_p;
     return VELCLIENT_OK;
 }

@@ -190,7 +190,6 @@ velClient_returnCode_t _velClient_msgInit();
 void _velClient_msg_cleanup();
 /* Sets the five ascending class capacities and the memory limit (library initialisation). */
 void _velClient_msgPool_configure(const std::uint32_t quanta[_VELCLIENT_NUM_QUANTA], std::uint64_t maxPoolMem);
-velClient_returnCode_t _velClient_msg_resetAllStats();
 
 /* A block of capacity >= size with reference count 1; records the failure. */
 velClient_returnCode_t _velClient_datablock_alloc(_velClient_datab **result, std::uint32_t size);

@@ -60,8 +60,8 @@ velClient_returnCode_t _velClient_session_fastSend(_velClient_session *s, const 
     std::uint8_t *scratch_p = scratch.bytes;
     std::uint32_t numChunks = 0;
     std::uint32_t total = 0;
-    velClient_returnCode_t rc = _velClient_createMsgForPublish(s, parts, numParts, flags, msgId, msg, chunks,
-                                                               &numChunks, &scratch_p, &total);
+    velClient_returnCode_t rc =
+        _velClient_createMsgForPublish(parts, numParts, flags, msgId, msg, chunks, &numChunks, &scratch_p, &total);
     if (rc != VELCLIENT_OK || s->transport == _velClient_transport::DROP)
         return rc;
     return loopBack(s, chunks, numChunks, total);

@@ -66,11 +66,11 @@ struct _velClient_vwfScratch {
  * receive-flags word, msgId the message id a guaranteed message carries.
  * *scratch_pp advances past the bytes used. Fails (INVALID_VWF_MESSAGE) when
  * the frame would exceed 4 GiB. */
-velClient_returnCode_t _velClient_createMsgForPublish(_velClient_session *session, const velClient_bufInfo_t *parts,
-                                                      std::uint32_t numParts, std::uint32_t flags,
-                                                      std::uint64_t msgId, const _velClient_msg *msg,
-                                                      _velClient_vwfChunk *chunks, std::uint32_t *numChunks,
-                                                      std::uint8_t **scratch_pp, std::uint32_t *totalLength);
+velClient_returnCode_t _velClient_createMsgForPublish(const velClient_bufInfo_t *parts, std::uint32_t numParts,
+                                                      std::uint32_t flags, std::uint64_t msgId,
+                                                      const _velClient_msg *msg, _velClient_vwfChunk *chunks,
+                                                      std::uint32_t *numChunks, std::uint8_t **scratch_pp,
+                                                      std::uint32_t *totalLength);
 
 struct _velClient_vwfParsing;
 /* Called once per parsed frame; it may take the message (appOwnsMessage). */

@@ -101,11 +101,11 @@ void writeMeta(FrameWriter &w, const velClient_bufInfo_t *parts)
 
 } // namespace
 
-velClient_returnCode_t _velClient_createMsgForPublish(_velClient_session *, const velClient_bufInfo_t *parts,
-                                                      std::uint32_t numParts, std::uint32_t flags,
-                                                      std::uint64_t msgId, const _velClient_msg *msg,
-                                                      _velClient_vwfChunk *chunks, std::uint32_t *numChunks,
-                                                      std::uint8_t **scratch_pp, std::uint32_t *totalLength)
+velClient_returnCode_t _velClient_createMsgForPublish(const velClient_bufInfo_t *parts, std::uint32_t numParts,
+                                                      std::uint32_t flags, std::uint64_t msgId,
+                                                      const _velClient_msg *msg, _velClient_vwfChunk *chunks,
+                                                      std::uint32_t *numChunks, std::uint8_t **scratch_pp,
+                                                      std::uint32_t *totalLength)
 {
     if (numParts != _VELCLIENT_BUFINFO_NUM_PARTS)
         return VEL_FAIL(VELCLIENT_SUBCODE_INTERNAL_ERROR, VELCLIENT_LOG_ERROR,

@@ -1,0 +1,94 @@
+/*
+ * recordApi.h - the message module's internal functions on records: what an
+ * exported getter or setter does once its handle has resolved. The exports
+ * resolve their handles (recording a bad one) and call these; the library
+ * itself calls only these, never an export. Output pointers are the caller's
+ * and not null; each function leaves the same results (return code, last
+ * error, log lines) as the export it serves.
+ */
+#pragma once
+
+#include "velClientMsg/velClientMsgPrivate.h"
+
+namespace vel::msg {
+
+/* ---- Delivery properties kept in the record -------------------------------- */
+velClient_returnCode_t classOfService(_velClient_msg *msg, velClient_uint32_t *cos_p);
+velClient_returnCode_t deliveryMode(_velClient_msg *msg, velClient_uint32_t *mode_p);
+velClient_returnCode_t timeToLive(_velClient_msg *msg, velClient_int64_t *ttl_p);
+/* NOT_FOUND (value 0) when the message carries none. */
+velClient_returnCode_t msgId(_velClient_msg *msg, velClient_msgId_t *msgId_p);
+velClient_returnCode_t topicSequenceNumber(_velClient_msg *msg, velClient_int64_t *seqNum_p);
+velClient_returnCode_t cacheRequestId(_velClient_msg *msg, velClient_uint64_t *cacheRequestId_p);
+velClient_returnCode_t rcvTimestamp(_velClient_msg *msg, velClient_int64_t *timestamp_p);
+/* Before initialisation this logs a warning and answers INVALID_MESSAGE. */
+velClient_cacheStatus_t cacheStatus(const _velClient_msg *msg);
+bool isRedelivered(const _velClient_msg *msg);
+
+/* The yes/no marks of the receive-flags word. */
+enum class Mark { deliverToOne, dmqEligible, discardIndication, elidingEligible, ackImmediately, replyMsg };
+bool isMarked(const _velClient_msg *msg, Mark mark);
+template <Mark mark>
+bool marked(const _velClient_msg *msg)
+{
+    return isMarked(msg, mark);
+}
+
+/* ---- Properties kept in the header map ------------------------------------- */
+enum class HeaderProperty { senderId, appMsgType, appMsgId, correlationId, sequenceNumber, senderTimestamp };
+/* The string (senderId .. correlationId) or number (the others) property. */
+velClient_returnCode_t headerString(_velClient_msg *msg, HeaderProperty property, const char **value_p);
+velClient_returnCode_t headerInt64(_velClient_msg *msg, HeaderProperty property, velClient_int64_t *value_p);
+velClient_returnCode_t setHeaderString(_velClient_msg *msg, HeaderProperty property, const char *value);
+velClient_returnCode_t setHeaderInt64(_velClient_msg *msg, HeaderProperty property, velClient_int64_t value);
+template <HeaderProperty property>
+velClient_returnCode_t headerString(_velClient_msg *msg, const char **value_p)
+{
+    return headerString(msg, property, value_p);
+}
+template <HeaderProperty property>
+velClient_returnCode_t headerInt64(_velClient_msg *msg, velClient_int64_t *value_p)
+{
+    return headerInt64(msg, property, value_p);
+}
+/* A generic string property of the header map (the HTTP content fields). */
+velClient_returnCode_t headerMapString(_velClient_msg *msg, const char *key, const char **value_p);
+velClient_returnCode_t expiration(_velClient_msg *msg, velClient_int64_t *timestamp_p);
+
+/* ---- Destinations ---------------------------------------------------------- */
+/* dest_p is a well-sized destination record. */
+velClient_returnCode_t destination(_velClient_msg *msg, velClient_destination_t *dest_p);
+velClient_returnCode_t replyTo(_velClient_msg *msg, velClient_destination_t *dest_p);
+
+/* ---- Parts and containers -------------------------------------------------- */
+/* The consumer ids held in part 2 of parts (a null parts is refused). */
+velClient_returnCode_t consumerIdCount(const velClient_bufInfo_t *parts, velClient_uint32_t *count_p);
+velClient_returnCode_t consumerId(const velClient_bufInfo_t *parts, velClient_uint32_t index,
+                                  velClient_consumerId_t *id_p);
+/* The open user property map (reference count raised), opened when needed. */
+velClient_returnCode_t userPropertyMap(_velClient_msg *msg, _velClient_container **map_p);
+/* The attachment as an open container of kind (MAP or STREAM); NOT_FOUND
+ * when it holds the other kind or none. */
+velClient_returnCode_t attachmentContainer(_velClient_msg *msg, velClient_fieldType_t kind,
+                                           _velClient_container **cont_p);
+/* The attachment as text: *text_p is nullptr when the string lacks its NUL. */
+velClient_returnCode_t attachmentString(_velClient_msg *msg, const char **text_p);
+
+} // namespace vel::msg
+
+namespace vel::container {
+
+/* The encoded size of the container's written bytes. */
+inline std::size_t size(const _velClient_container *c) noexcept
+{
+    return static_cast<std::size_t>(c->curWrPtr - c->startPtr);
+}
+velClient_returnCode_t deleteField(_velClient_container *c, const char *name);
+velClient_returnCode_t addString(_velClient_container *c, const char *value, const char *name);
+velClient_returnCode_t addInt64(_velClient_container *c, velClient_int64_t value, const char *name);
+velClient_returnCode_t addDestination(_velClient_container *c, const velClient_destination_t *value, size_t destSize,
+                                      const char *name);
+velClient_returnCode_t getDestination(_velClient_container *c, velClient_destination_t *value, const char *name);
+velClient_returnCode_t getUint64(_velClient_container *c, velClient_uint64_t *value, const char *name);
+
+} // namespace vel::container
