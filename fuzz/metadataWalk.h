@@ -11,7 +11,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "velClientHandle/velClientHandle.h"
+#include "velClientHandle/handleTable.h"
 #include "velClientMsg/velClientMsgPrivate.h"
 #include "vwfWalk.h"
 

@@ -24,7 +24,7 @@ import shutil
 import sys
 from pathlib import Path
 
-GLOBS = ["impl/velClientMsg/*.cpp", "impl/velClientMsg/*.h", "impl/velClientVwf/*.cpp",
+GLOBS = ["impl/velClientMsg/**/*.cpp", "impl/velClientMsg/**/*.h", "impl/velClientVwf/*.cpp",
          "impl/velClientSession/*.cpp", "impl/velClientHandle/*.cpp", "impl/velClientLog/*.cpp"]
 SKIP_WORDS = re.compile(r"\b(assert|static_assert|VEL_LOG|VEL_STORE)\b")
 FLIP = {"<": "<=", "<=": "<", ">": ">=", ">=": ">", "==": "!=", "!=": "=="}

@@ -12,9 +12,9 @@
 #include <cstring>
 #include <type_traits>
 
-#include "velClientHandle/velClientHandle.h"
-#include "velClientLifo/velClientLifo.h"
-#include "velClientLog/velClientLogPrivate.h"
+#include "velClientHandle/handleTable.h"
+#include "velClientLifo/lockFreeStack.h"
+#include "velClientLog/logPrivate.h"
 #include "velclient/velClientMsg.h"
 
 /* ---- Internal buffer parts (after the eight public ones) ---------------- */

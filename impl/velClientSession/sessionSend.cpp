@@ -7,9 +7,9 @@
  */
 #include <cstring>
 
-#include "velClientMsg/tlvCodec.h"
-#include "velClientSession/velClientSessionPrivate.h"
-#include "velClientVwf/velClientVwf.h"
+#include "velClientMsg/container/tlvCodec.h"
+#include "velClientSession/sessionPrivate.h"
+#include "velClientVwf/vwf.h"
 
 namespace {
 

@@ -3,9 +3,9 @@
  * fields into a frame, as a chunk list whose generated headers sit in the
  * caller's scratch area and whose part bytes are referred to in place.
  */
-#include "velClientVwf/velClientVwf.h"
+#include "velClientVwf/vwf.h"
 
-#include "velClientMsg/tlvCodec.h"
+#include "velClientMsg/container/tlvCodec.h"
 
 namespace {
 

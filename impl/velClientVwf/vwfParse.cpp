@@ -5,9 +5,9 @@
  */
 #include <cstring>
 
-#include "velClientMsg/tlvCodec.h"
-#include "velClientTime/velClientTime.h"
-#include "velClientVwf/velClientVwf.h"
+#include "velClientMsg/container/tlvCodec.h"
+#include "velClientTime/clock.h"
+#include "velClientVwf/vwf.h"
 
 namespace {
 

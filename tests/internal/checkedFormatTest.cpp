@@ -11,7 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "support/velTestSupport.h"
-#include "velClientLog/velClientLogPrivate.h"
+#include "velClientLog/logPrivate.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "velClientHandle/velClientHandle.h"
+#include "velClientHandle/handleTable.h"
 #include "velClientMsg/velClientMsgPrivate.h"
 
 extern "C" void _velClient_allocFail_arm(std::uint64_t nth);

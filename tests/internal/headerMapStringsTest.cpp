@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "velClientMsg/headerMaps.h"
+#include "velClientMsg/header/headerMaps.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "velClientSession/velClientSessionPrivate.h"
+#include "velClientSession/sessionPrivate.h"
 
 TEST(SessionTopicBase, DefaultIsPrefixAndClientNameCutAt250Characters)
 {

@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "velClientTime/velClientTime.h"
+#include "velClientTime/clock.h"
 
 TEST(TimeFormat, ReadableUtcAndCutToTheBuffer)
 {

@@ -12,8 +12,8 @@
 
 #include <gtest/gtest.h>
 
-#include "velClientMsg/tlvCodec.h"
-#include "velClientMsg/tlvFastPath.h"
+#include "velClientMsg/container/tlvCodec.h"
+#include "velClientMsg/container/tlvFastPath.h"
 
 namespace {
 

@@ -1,0 +1,118 @@
+/*
+ * handleTable.cpp - issuing and invalidating handles. Free entries are
+ * kept on a lock-free stack of their own, with a small per-thread cache in
+ * front of it; pages of 4096 entries are added on demand (under a mutex, off
+ * the hot path) and never released.
+ *
+ * A live entry's `u` holds the handle issued for it. A free entry keeps the
+ * last handle with bit 63 set, so no issued value matches it, and the next
+ * issue of the entry advances the generation in bits 26..62. The generation
+ * never is 0, so no handle value is 0.
+ */
+#include "velClientHandle/handleTable.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+
+#include "velClientAlloc/systemMemory.h"
+#include "velClientLifo/threadLocalStack.h"
+
+_velClient_globalInfo _velClient_globalInfo_g{};
+
+namespace {
+
+constexpr std::uint64_t FREE_BIT = std::uint64_t{1} << 63;
+constexpr std::uint64_t LOCATION_MASK = VEL_SAFEPTR_PAGE_MASK | VEL_SAFEPTR_ENTRY_MASK;
+constexpr std::uint64_t GEN_ONE = std::uint64_t{1} << VEL_SAFEPTR_GEN_SHIFT;
+constexpr std::uint64_t GEN_MASK = ~(FREE_BIT | LOCATION_MASK);
+
+_velClient_lifoHead freeEntries_s{};
+std::mutex growMutex_s;
+std::uint32_t pagesUsed_s = 0; /* guarded by growMutex_s */
+
+/* Adds one page of entries to the free list; false when the table is full or
+ * memory runs out. */
+bool addPage()
+{
+    std::lock_guard<std::mutex> lock(growMutex_s);
+    if (__atomic_load_n(&freeEntries_s.s.head, __ATOMIC_ACQUIRE) != 0)
+        return true; /* another thread added a page meanwhile: retry the pop */
+    if (pagesUsed_s >= VEL_SAFEPTR_NUM_PAGES)
+        return false;
+    constexpr std::size_t bytes = VEL_SAFEPTR_PAGE_ENTRIES * sizeof(_velClient_pointerInfo);
+    auto *page = static_cast<_velClient_pointerInfo *>(vel::sysAlignedAlloc(alignof(_velClient_pointerInfo), bytes));
+    if (page == nullptr)
+        return false;
+    std::memset(static_cast<void *>(page), 0, bytes);
+    std::uint32_t pageIndex = pagesUsed_s++;
+    for (std::uint32_t i = 0; i < VEL_SAFEPTR_PAGE_ENTRIES; ++i)
+        page[i].u.ptrInfo = FREE_BIT | (std::uint64_t{pageIndex} << 12) | i;
+    _velClient_globalInfo_g.safePtrs[pageIndex].store(page, std::memory_order_release);
+    for (std::uint32_t i = VEL_SAFEPTR_PAGE_ENTRIES; i-- > 0;)
+        _velClient_lifoPush(&freeEntries_s, &page[i].entry);
+    return true;
+}
+
+constexpr std::uint32_t kCacheCap = 64;
+thread_local constinit vel::LocalStack myEntries_s{};
+
+/* Gives the thread's cached entries back to the shared stack when it ends. */
+struct EntryCacheReturn {
+    ~EntryCacheReturn() { myEntries_s.close(freeEntries_s); }
+};
+thread_local EntryCacheReturn entryCacheReturn_s;
+
+_velClient_lifoEntry *popEntry()
+{
+    if (_velClient_lifoEntry *cached = myEntries_s.pop())
+        return cached;
+    return _velClient_lifoPop(&freeEntries_s);
+}
+
+void pushEntry(_velClient_lifoEntry *entry)
+{
+    if (myEntries_s.count == 0)
+        (void)&entryCacheReturn_s; /* registers the thread-exit hook */
+    if (!myEntries_s.push(entry, kCacheCap))
+        _velClient_lifoPush(&freeEntries_s, entry);
+}
+
+} // namespace
+
+extern "C" void *_velClient_safePtr_alloc(void *object, _velClient_ptrType_t type)
+{
+    _velClient_lifoEntry *popped = nullptr;
+    while ((popped = popEntry()) == nullptr) {
+        if (!addPage())
+            return nullptr;
+    }
+    auto *entry = reinterpret_cast<_velClient_pointerInfo *>(popped);
+    std::uint64_t old = entry->u.ptrInfo;
+    std::uint64_t gen = ((old & GEN_MASK) + GEN_ONE) & GEN_MASK;
+    if (gen == 0)
+        gen = GEN_ONE;
+    std::uint64_t handle = gen | (old & LOCATION_MASK);
+    __atomic_store_n(&entry->actualPtr, object, __ATOMIC_RELAXED);
+    __atomic_store_n(&entry->ptrType, type, __ATOMIC_RELAXED);
+    __atomic_store_n(&entry->u.ptrInfo, handle, __ATOMIC_RELEASE);
+    return reinterpret_cast<void *>(handle);
+}
+
+extern "C" void _velClient_safePtr_free(void *handle)
+{
+    auto h = reinterpret_cast<std::uint64_t>(handle);
+    _velClient_pointerInfo *page =
+        _velClient_globalInfo_g.safePtrs[(h & VEL_SAFEPTR_PAGE_MASK) >> 12].load(std::memory_order_acquire);
+    if (h == 0 || page == nullptr)
+        return;
+    _velClient_pointerInfo &entry = page[h & VEL_SAFEPTR_ENTRY_MASK];
+    std::uint64_t expected = h;
+    /* Only the holder of the live value may free it: a stale or repeated free
+     * finds a different value and changes nothing. */
+    if (!__atomic_compare_exchange_n(&entry.u.ptrInfo, &expected, h | FREE_BIT, false, __ATOMIC_ACQ_REL,
+                                     __ATOMIC_RELAXED))
+        return;
+    __atomic_store_n(&entry.ptrType, _UNUSED_PTR_TYPE, __ATOMIC_RELAXED);
+    pushEntry(&entry.entry);
+}

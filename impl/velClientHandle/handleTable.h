@@ -1,0 +1,91 @@
+/*
+ * handleTable.h - the handle table that turns opaque handles into records.
+ *
+ * A handle value h names page (h & 0x3fff000) >> 12 and entry h & 0xfff of the
+ * table; the bits from bit 26 up carry a generation counter that changes each
+ * time an entry is reused, so a stale handle no longer matches its entry. The
+ * table never issues 0 and never releases a page while the library is loaded.
+ * Resolution is inline and lock-free; issuing and invalidating live in
+ * handleTable.cpp.
+ */
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "velClientLifo/lockFreeStack.h"
+
+enum _velClient_ptrType_t : std::uint32_t {
+    _UNUSED_PTR_TYPE = 0,
+    _CONTEXT_PTR_TYPE = 1,
+    _SESSION_PTR_TYPE = 2,
+    _FLOW_PTR_TYPE = 3,
+    _TIMER_PTR_TYPE = 4,
+    _MSG_PTR_TYPE = 5,
+    _DATAB_PTR_TYPE = 6,
+    _CONTAINER_PTR_TYPE = 7,
+    _CACHE_PTR_TYPE = 8,
+    _TRANSACTION_PTR_TYPE = 9
+};
+
+union _velClient_ptrInfo {
+    void *opaquePtr;
+    std::uint64_t ptrInfo;
+};
+
+struct alignas(64) _velClient_pointerInfo { /* a line each: threads reuse their own entries */
+    _velClient_lifoEntry entry; /* the table's own free list of entries */
+    _velClient_ptrInfo u;       /* handle value currently issued, 0 when free */
+    _velClient_ptrType_t ptrType;
+    void *actualPtr;
+};
+
+inline constexpr std::uint32_t VEL_SAFEPTR_NUM_PAGES = 16384;
+inline constexpr std::uint32_t VEL_SAFEPTR_PAGE_ENTRIES = 4096;
+inline constexpr std::uint64_t VEL_SAFEPTR_PAGE_MASK = 0x3fff000;
+inline constexpr std::uint64_t VEL_SAFEPTR_ENTRY_MASK = 0xfff;
+inline constexpr unsigned VEL_SAFEPTR_GEN_SHIFT = 26;
+
+struct _velClient_globalInfo {
+    /* Pages are allocated on demand and kept for the life of the process. A
+     * forged handle may name a page that was never allocated; resolution
+     * refuses it instead of dereferencing NULL. */
+    std::atomic<_velClient_pointerInfo *> safePtrs[VEL_SAFEPTR_NUM_PAGES];
+};
+
+extern "C" {
+extern _velClient_globalInfo _velClient_globalInfo_g;
+
+/* A new handle bound to object with type, or NULL when the table is full or a
+ * page cannot be allocated. Thread-safe, lock-free except for page creation. */
+void *_velClient_safePtr_alloc(void *object, _velClient_ptrType_t type);
+
+/* Invalidates handle: later resolution of the same value fails. */
+void _velClient_safePtr_free(void *handle);
+}
+
+namespace vel {
+
+/* The record behind handle when it is live and of type, else nullptr. */
+inline void *resolveHandle(const void *handle, _velClient_ptrType_t type) noexcept
+{
+    auto h = reinterpret_cast<std::uint64_t>(handle);
+    _velClient_pointerInfo *page =
+        _velClient_globalInfo_g.safePtrs[(h & VEL_SAFEPTR_PAGE_MASK) >> 12].load(std::memory_order_acquire);
+    if (__builtin_expect(page == nullptr, 0))
+        return nullptr;
+    _velClient_pointerInfo &entry = page[h & VEL_SAFEPTR_ENTRY_MASK];
+    if (__atomic_load_n(&entry.u.ptrInfo, __ATOMIC_ACQUIRE) != h || h == 0)
+        return nullptr;
+    if (__atomic_load_n(&entry.ptrType, __ATOMIC_RELAXED) != type)
+        return nullptr;
+    return __atomic_load_n(&entry.actualPtr, __ATOMIC_RELAXED);
+}
+
+template <typename T>
+inline T *resolve(const void *handle, _velClient_ptrType_t type) noexcept
+{
+    return static_cast<T *>(resolveHandle(handle, type));
+}
+
+} // namespace vel

@@ -1,0 +1,309 @@
+/*
+ * containerCreate.cpp - making containers: empty maps and streams in
+ * application memory or in a message part, containers over bytes that are
+ * already encoded (application memory, a message part, a nested map or
+ * stream), sub-containers opened for writing, the structured binary
+ * attachment, and rewinding.
+ */
+#include <cstring>
+
+#include "velClientMsg/container/tlvCodec.h"
+#include "velClientMsg/velClientMsgPrivate.h"
+
+namespace {
+
+using vel::tlv::CONTAINER_HEADER_SIZE;
+
+constexpr std::uint8_t typeByte(_velClient_containerType t)
+{
+    return t == VELCLIENT_CONTAINER_MAP ? vel::tlv::TB_MAP : vel::tlv::TB_STREAM;
+}
+
+/* Points c at the container whose type byte is at start and whose bytes may
+ * run to maxWr; the write position is at wr. */
+void place(_velClient_container *c, _velClient_containerType type, std::uint8_t *start, std::uint8_t *wr,
+           std::uint8_t *maxWr)
+{
+    c->type = type;
+    c->startPtr = start;
+    c->firstFieldPtr = start + CONTAINER_HEADER_SIZE;
+    c->curRdPtr = nullptr;
+    c->curFieldLength = 0;
+    c->curKeyLength = 0;
+    c->curWrPtr = wr;
+    c->maxWrPtr = maxWr;
+    forgetCheckedEntries(c);
+}
+
+/* Writes an empty header at p: type byte and a zero length. */
+void writeEmptyHeader(std::uint8_t *p, _velClient_containerType type)
+{
+    p[0] = typeByte(type);
+    vel::tlv::putBE(p + 1, 0, 4);
+}
+
+velClient_returnCode_t createInMemory(velClient_opaqueContainer_pt *cont_p, char *mem_p, size_t size,
+                                      _velClient_containerType type)
+{
+    if (cont_p == nullptr)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
+                        "Null container pointer in velClient_container_createContainer");
+    *cont_p = nullptr;
+    if (mem_p == nullptr)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
+                        "Null memory pointer in velClient_container_createContainer");
+    if (size < CONTAINER_HEADER_SIZE)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
+                        "Memory size of %zu is below the 5-byte container header in "
+                        "velClient_container_createContainer",
+                        size);
+    _velClient_container *c = nullptr;
+    if (_velClient_container_alloc(&c) != VELCLIENT_OK)
+        return VEL_FAIL(VELCLIENT_SUBCODE_OUT_OF_MEMORY, VELCLIENT_LOG_WARNING,
+                        "Unable to allocate container for map in velClient_msg_createContainer");
+    /* A container's length must fit its 4-byte header. */
+    size_t usable = size < 0xFFFFFFF0u ? size : 0xFFFFFFF0u;
+    auto *p = reinterpret_cast<std::uint8_t *>(mem_p);
+    writeEmptyHeader(p, type);
+    place(c, type, p, p + CONTAINER_HEADER_SIZE, p + usable);
+    *cont_p = c->opaqueContainer_p;
+    return VELCLIENT_OK;
+}
+
+velClient_returnCode_t openFromPtr(velClient_opaqueContainer_pt *cont_p, void *buf_p, velClient_uint32_t size,
+                                   const char *nullContText, const char *nullBufText, const char *noDataText)
+{
+    if (cont_p == nullptr)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, "%s", nullContText);
+    if (buf_p == nullptr)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, "%s", nullBufText);
+    auto *p = static_cast<std::uint8_t *>(buf_p);
+    if (size == 0)
+        return VELCLIENT_NOT_FOUND;
+    if (p[0] != vel::tlv::TB_MAP && p[0] != vel::tlv::TB_STREAM) {
+        VEL_STORE(VELCLIENT_SUBCODE_NO_STRUCTURED_DATA, VELCLIENT_LOG_INFO, "%s", noDataText);
+        return VELCLIENT_NOT_FOUND;
+    }
+    if (size < CONTAINER_HEADER_SIZE || vel::tlv::getBE(p + 1, 4) != size)
+        return VELCLIENT_NOT_FOUND;
+    _velClient_container *c = nullptr;
+    if (_velClient_container_alloc(&c) != VELCLIENT_OK)
+        return VEL_FAIL(VELCLIENT_SUBCODE_OUT_OF_MEMORY, VELCLIENT_LOG_WARNING,
+                        "Unable to allocate container for map in velClient_msg_createContainer");
+    auto type = p[0] == vel::tlv::TB_MAP ? VELCLIENT_CONTAINER_MAP : VELCLIENT_CONTAINER_STREAM;
+    place(c, type, p, p + size, p + size);
+    *cont_p = c->opaqueContainer_p;
+    return VELCLIENT_OK;
+}
+
+/* Read-only mark of a structured part, or 0 for a part that holds none. */
+std::uint32_t readOnlyMark(int part)
+{
+    switch (part) {
+    case VELCLIENT_BUFINFO_BINARY_ATTACHMENT_PART: return _VELCLIENT_MSG_FLAG_ATTACHMENT_READONLY;
+    case VELCLIENT_BUFINFO_USER_PROPERTY_PART: return _VELCLIENT_MSG_FLAG_USER_PROPS_READONLY;
+    case _VELCLIENT_BUFINFO_HDR_MAP_PART: return _VELCLIENT_MSG_FLAG_HDR_MAP_READONLY;
+    default: return 0;
+    }
+}
+
+/* Where a part's structured bytes start: parts 7 and 10 keep 4 bytes for their entry key. */
+std::uint32_t partOffset(int part)
+{
+    return part == VELCLIENT_BUFINFO_BINARY_ATTACHMENT_PART ? 0 : 4;
+}
+
+} // namespace
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_createMap(velClient_opaqueContainer_pt *map_p,
+                                                                             char *mem_p, size_t size)
+{
+    return createInMemory(map_p, mem_p, size, VELCLIENT_CONTAINER_MAP);
+}
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_createStream(
+    velClient_opaqueContainer_pt *stream_p, char *mem_p, size_t size)
+{
+    return createInMemory(stream_p, mem_p, size, VELCLIENT_CONTAINER_STREAM);
+}
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_openMapFromPtr(velClient_opaqueContainer_pt *map_p,
+                                                                                  void *buf_p, velClient_uint32_t size)
+{
+    return openFromPtr(map_p, buf_p, size, "Null map_p pointer in velClient_container_openMapFromPtr",
+                       "Null buf_p pointer in velClient_container_openMapFromPtr",
+                       "No structured data in velClient_container_openMapFromPtr");
+}
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_openStreamFromPtr(
+    velClient_opaqueContainer_pt *stream_p, void *buf_p, velClient_uint32_t size)
+{
+    return openFromPtr(stream_p, buf_p, size, "Null stream_p pointer in velClient_container_openStreamFromPtr",
+                       "Null buf_p pointer in velClient_container_openStreamFromPtr",
+                       "No structured data in velClient_container_openStreamFromPtr");
+}
+
+velClient_returnCode_t _velClient_msg_createContainer(_velClient_msg *msg, int part, _velClient_container **container_p,
+                                                      std::uint32_t size, _velClient_containerType cType)
+{
+    if (part != VELCLIENT_BUFINFO_BINARY_ATTACHMENT_PART && part != VELCLIENT_BUFINFO_USER_PROPERTY_PART &&
+        part != _VELCLIENT_BUFINFO_HDR_MAP_PART)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
+                        "Bad bufInfoIndex = %d in velClient_msg_createContainer", part);
+    if (part != VELCLIENT_BUFINFO_BINARY_ATTACHMENT_PART && cType == VELCLIENT_CONTAINER_STREAM)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
+                        "attempt to create a STREAM in USER_PROPERTY data in velClient_msg_createContainer");
+    std::uint32_t offset = partOffset(part);
+    std::uint64_t need = std::uint64_t{offset} + (size < CONTAINER_HEADER_SIZE ? CONTAINER_HEADER_SIZE : size);
+    if (need > 0xFFFFFFF0u)
+        need = 0xFFFFFFF0u;
+    _velClient_datab *db = msg->bufDatab_p[part];
+    bool reuse = db != nullptr && __atomic_load_n(&db->dbRefCount, __ATOMIC_ACQUIRE) == 1 && db->dbSize > need;
+    if (!reuse) {
+        /* A part held elsewhere (shared, or the application's memory) is never written into. */
+        _velClient_msg_setBufinfoPtr(msg, part, nullptr, 0);
+        if (_velClient_msg_dbAlloc(msg, part, static_cast<std::uint32_t>(need)) != VELCLIENT_OK)
+            return VELCLIENT_FAIL;
+        db = msg->bufDatab_p[part];
+    }
+    _velClient_container *c = nullptr;
+    if (_velClient_container_alloc(&c) != VELCLIENT_OK)
+        return VEL_FAIL(VELCLIENT_SUBCODE_OUT_OF_MEMORY, VELCLIENT_LOG_WARNING,
+                        "Unable to allocate container for map in velClient_msg_createContainer");
+    std::uint8_t *start = db->dbData_p + offset;
+    std::memset(db->dbData_p, 0, offset);
+    writeEmptyHeader(start, cType);
+    place(c, cType, start, start + CONTAINER_HEADER_SIZE, db->dbData_p + db->dbSize);
+    c->offset = offset;
+    c->msg_b = msg;
+    c->bufInfoIndex = static_cast<velClient_bufInfo_index_t>(part);
+    msg->bufInfo_a[part] = velClient_bufInfo_t{db->dbData_p, offset + CONTAINER_HEADER_SIZE};
+    msg->internalFlags |= _VELCLIENT_MSG_FLAG_MODIFIED;
+    *container_p = c;
+    return VELCLIENT_OK;
+}
+
+velClient_returnCode_t _velClient_msg_getField(_velClient_msg *msg, int part, velClient_field_t *field_p,
+                                               std::size_t fieldSize)
+{
+    if (fieldSize != sizeof(velClient_field_t))
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
+                        "Unsupported field structure size (received %d, expected %d) in _velClient_msg_getField",
+                        static_cast<int>(fieldSize), static_cast<int>(sizeof(velClient_field_t)));
+    std::uint32_t mark = readOnlyMark(part);
+    if (mark == 0)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
+                        "Bad bufInfoIndex = %d in velClient_msg_getStructuredDataAndType", part);
+    VEL_LOG(VELCLIENT_LOG_DEBUG, "_velClient_msg_getField(%p,%d,%p,%d) - readonly part(%d)", static_cast<void *>(msg),
+            part, static_cast<void *>(field_p), static_cast<int>(sizeof(velClient_field_t)),
+            static_cast<int>(msg->internalFlags & mark));
+    std::uint32_t offset = partOffset(part);
+    const velClient_bufInfo_t &info = msg->bufInfo_a[part];
+    auto *start = static_cast<std::uint8_t *>(info.buf_p) + (info.buf_p != nullptr ? offset : 0);
+    if (info.buf_p == nullptr || info.bufSize <= offset ||
+        (start[0] != vel::tlv::TB_MAP && start[0] != vel::tlv::TB_STREAM)) {
+        VEL_STORE(VELCLIENT_SUBCODE_NO_STRUCTURED_DATA, VELCLIENT_LOG_INFO,
+                  "No structured data at bufInfoIndex = %d in velClient_msg_getStructuredDataAndType", part);
+        return VELCLIENT_NOT_FOUND;
+    }
+    if (info.bufSize < offset + CONTAINER_HEADER_SIZE || vel::tlv::getBE(start + 1, 4) + offset != info.bufSize)
+        return VELCLIENT_NOT_FOUND;
+    _velClient_container *c = nullptr;
+    if (_velClient_container_alloc(&c) != VELCLIENT_OK)
+        return VEL_FAIL(VELCLIENT_SUBCODE_OUT_OF_MEMORY, VELCLIENT_LOG_WARNING,
+                        "Unable to allocate container for map in velClient_msg_getStructuredDataAndType");
+    auto type = start[0] == vel::tlv::TB_MAP ? VELCLIENT_CONTAINER_MAP : VELCLIENT_CONTAINER_STREAM;
+    std::uint8_t *end = static_cast<std::uint8_t *>(info.buf_p) + info.bufSize;
+    place(c, type, start, end, end);
+    c->offset = offset;
+    c->msg_b = msg;
+    c->bufInfoIndex = static_cast<velClient_bufInfo_index_t>(part);
+    /* Bytes shared with another message, or the application's own memory
+     * that the part refers to, are copied before they are first changed. */
+    c->copyOnModify = (msg->internalFlags & mark) != 0 || msg->bufDatab_p[part] == nullptr;
+    field_p->type = type == VELCLIENT_CONTAINER_MAP ? VELCLIENT_MAP : VELCLIENT_STREAM;
+    field_p->value.map = c->opaqueContainer_p;
+    return VELCLIENT_OK;
+}
+
+velClient_returnCode_t _velClient_container_getSubContainer(_velClient_container *parent, std::uint8_t *start_p,
+                                                            _velClient_container **child_p)
+{
+    for (_velClient_container *k = parent->child_p; k != nullptr; k = k->sib_p) {
+        if (k->startPtr == start_p) {
+            ++k->refCount;
+            *child_p = k;
+            return VELCLIENT_OK;
+        }
+    }
+    _velClient_container *c = nullptr;
+    if (_velClient_container_alloc(&c) != VELCLIENT_OK)
+        return VEL_FAIL(VELCLIENT_SUBCODE_OUT_OF_MEMORY, VELCLIENT_LOG_WARNING,
+                        "Unable to allocate container for map in _velClient_container_openSubContainer");
+    auto type = start_p[0] == vel::tlv::TB_MAP ? VELCLIENT_CONTAINER_MAP : VELCLIENT_CONTAINER_STREAM;
+    std::uint8_t *end = start_p + vel::tlv::getBE(start_p + 1, 4);
+    place(c, type, start_p, end, end);
+    c->offset = static_cast<std::uint32_t>(start_p - parent->startPtr);
+    c->msg_b = parent->msg_b;
+    c->bufInfoIndex = parent->bufInfoIndex;
+    c->parent_p = parent;
+    c->copyOnModify = parent->copyOnModify;
+    c->sib_p = parent->child_p;
+    parent->child_p = c;
+    *child_p = c;
+    return VELCLIENT_OK;
+}
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_rewind(velClient_opaqueContainer_pt opaqueCont_p)
+{
+    _velClient_container *c = vel::containerOrFail(opaqueCont_p, "Bad container pointer (%p) in velClient_container_rewind");
+    if (c == nullptr)
+        return VELCLIENT_FAIL;
+    c->curRdPtr = nullptr;
+    return VELCLIENT_OK;
+}
+
+/* ---- The binary attachment as a new map or stream ---------------------------- */
+namespace {
+
+velClient_returnCode_t createAttachment(velClient_opaqueMsg_pt msg_p, velClient_opaqueContainer_pt *out_p,
+                                        velClient_uint32_t size, _velClient_containerType type,
+                                        vel::HandleFormat badMsgText, const char *nullOutText)
+{
+    _velClient_msg *msg = vel::msgOrFail(msg_p, badMsgText);
+    if (msg == nullptr)
+        return VELCLIENT_FAIL;
+    if (out_p == nullptr)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, "%s", nullOutText);
+    if (msg->binaryAttachContainer_p != nullptr)
+        _velClient_container_closeMapStream(&msg->binaryAttachContainer_p, true, true, false);
+    _velClient_container *c = nullptr;
+    if (_velClient_msg_createContainer(msg, VELCLIENT_BUFINFO_BINARY_ATTACHMENT_PART, &c, size, type) !=
+        VELCLIENT_OK) {
+        *out_p = nullptr;
+        return VELCLIENT_FAIL;
+    }
+    c->copyOnModify = (msg->internalFlags & _VELCLIENT_MSG_FLAG_ATTACHMENT_READONLY) != 0;
+    msg->binaryAttachContainer_p = c;
+    msg->binAttachmentType = type == VELCLIENT_CONTAINER_MAP ? 10 : 11;
+    *out_p = c->opaqueContainer_p;
+    return VELCLIENT_OK;
+}
+
+} // namespace
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_createBinaryAttachmentMap(
+    velClient_opaqueMsg_pt msg_p, velClient_opaqueContainer_pt *map_p, velClient_uint32_t size)
+{
+    return createAttachment(msg_p, map_p, size, VELCLIENT_CONTAINER_MAP,
+                            "Bad msg_p pointer (%p) in velClient_msg_createBinaryAttachmentMap",
+                            "Null map_p pointer in velClient_msg_createBinaryAttachmentMap");
+}
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_createBinaryAttachmentStream(
+    velClient_opaqueMsg_pt msg_p, velClient_opaqueContainer_pt *stream_p, velClient_uint32_t size)
+{
+    return createAttachment(msg_p, stream_p, size, VELCLIENT_CONTAINER_STREAM,
+                            "Bad msg_p pointer (%p) in velClient_msg_createBinaryAttachmentStream",
+                            "Null stream_p pointer in velClient_msg_createBinaryAttachmentStream");
+}

@@ -1,0 +1,145 @@
+/*
+ * poolAccounting.h - the few steps every pooled record shares: counting bytes
+ * obtained from the system, taking a record off a free list, and handing a
+ * released record back to its list or to the system depending on the memory
+ * limit. Messages, containers and data blocks all go through these.
+ */
+#pragma once
+
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+
+#include "velClientAlloc/systemMemory.h"
+#include "velClientMsg/memory/poolThreadState.h"
+#include "velClientMsg/velClientMsgPrivate.h"
+
+namespace vel::pool {
+
+/* Bytes of a data block obtained from the system besides its capacity. */
+inline constexpr std::uint32_t kDatabHeaderSize = sizeof(_velClient_datab);
+
+inline _velClient_msgPoolStats &stats() noexcept
+{
+    return _velClient_msgPool_s.msgPoolStats;
+}
+
+/* A counter several threads change: one atomic read-modify-write. */
+template <typename T>
+inline void add(std::atomic<T> &counter, T amount = 1) noexcept
+{
+    counter.fetch_add(amount, std::memory_order_relaxed);
+}
+
+template <typename T>
+inline void sub(std::atomic<T> &counter, T amount = 1) noexcept
+{
+    counter.fetch_sub(amount, std::memory_order_relaxed);
+}
+
+/* Zeroes N bytes in 32-byte pieces. A record is a few hundred bytes: a
+ * string instruction's start-up would cost more than the stores, so the
+ * pieces are kept apart (the empty asm stops them merging into one memset). */
+template <std::size_t N>
+inline void zeroBytes(unsigned char *p) noexcept
+{
+    std::size_t i = 0;
+    for (; i + 32 <= N; i += 32) {
+        std::memset(p + i, 0, 32);
+        __asm__ volatile("" : : "r"(p) : "memory");
+    }
+    std::memset(p + i, 0, N - i);
+}
+
+/* Zeroes a record taken from a free list, up to its first Used bytes (what
+ * lies beyond is not read before it is written). Its list link is cleared
+ * with an atomic store: a thread that read the list head just before this
+ * record was taken may still read the link (its compare-and-swap then fails). */
+template <typename T, std::size_t Used = sizeof(T)>
+inline void clearRecord(T *rec) noexcept
+{
+    static_assert(offsetof(T, entry) == 0, "the list link comes first");
+    constexpr std::size_t link = sizeof(rec->entry);
+    zeroBytes<Used - link>(reinterpret_cast<unsigned char *>(rec) + link);
+    __atomic_store_n(&rec->entry.next_p, nullptr, __ATOMIC_RELAXED);
+}
+
+/* Copies src over dst except dst's list link (cleared as above). */
+template <typename T>
+inline void copyRecord(T *dst, const T *src) noexcept
+{
+    constexpr std::size_t link = sizeof(dst->entry);
+    std::memcpy(reinterpret_cast<unsigned char *>(dst) + link, reinterpret_cast<const unsigned char *>(src) + link,
+                sizeof(T) - link);
+    __atomic_store_n(&dst->entry.next_p, nullptr, __ATOMIC_RELAXED);
+}
+
+/* The limit test: a plain, approximate read under concurrency. */
+inline bool underLimit() noexcept
+{
+    return stats().totMemory.load(std::memory_order_relaxed) <
+           _velClient_msgPool_s.maxPoolMemSize.load(std::memory_order_relaxed);
+}
+
+/* A pooled record from the shared list (its shared free count lowered), or
+ * nullptr. For draining; allocation goes through take(). */
+template <typename T>
+inline T *takeShared(_velClient_lifoHead &list, std::atomic<std::uint32_t> &numFree) noexcept
+{
+    _velClient_lifoEntry *entry = _velClient_lifoPop(&list);
+    if (entry == nullptr)
+        return nullptr;
+    sub(numFree);
+    return reinterpret_cast<T *>(entry);
+}
+
+/* A pooled record from the thread's cache, else from the shared list, or
+ * nullptr; the thread's free count is lowered. */
+template <typename T>
+inline T *take(LocalStack &cache, _velClient_lifoHead &list, std::atomic<std::uint32_t> &myNumFree) noexcept
+{
+    _velClient_lifoEntry *entry = cache.pop();
+    if (entry == nullptr && (entry = _velClient_lifoPop(&list)) == nullptr)
+        return nullptr;
+    drop(myNumFree);
+    return reinterpret_cast<T *>(entry);
+}
+
+/* bytes from the system, counted in totMemory; nullptr when there are none.
+ * Records start on a cache line of their own and fill whole lines, so two
+ * threads working on records obtained one after the other never write to
+ * the same line. */
+template <typename T>
+inline T *obtain(std::size_t bytes) noexcept
+{
+    constexpr std::size_t kLine = 64;
+    void *mem = vel::sysAlignedAlloc(kLine, (bytes + kLine - 1) / kLine * kLine);
+    if (mem != nullptr)
+        add(stats().totMemory, static_cast<std::uint64_t>(bytes));
+    return static_cast<T *>(mem);
+}
+
+/* Returns bytes obtained for record to the system, once no pop can still
+ * read its list link. */
+inline void giveToSystem(void *record, std::size_t bytes) noexcept
+{
+    _velClient_lifoQuiesce();
+    sub(stats().totMemory, static_cast<std::uint64_t>(bytes));
+    vel::sysFree(record);
+}
+
+/* Pools record (in the thread's cache while it has room, else on the shared
+ * list) while under the limit, otherwise gives it back to the system. */
+inline void release(LocalStack &cache, std::uint32_t cap, _velClient_lifoHead &list, _velClient_lifoEntry *record,
+                    std::atomic<std::uint32_t> &myNumFree, std::size_t bytes) noexcept
+{
+    if (underLimit()) {
+        bump(myNumFree);
+        if (!cache.push(record, cap))
+            _velClient_lifoPush(&list, record);
+        return;
+    }
+    giveToSystem(record, bytes);
+}
+
+} // namespace vel::pool

@@ -1,0 +1,167 @@
+/*
+ * destinations.cpp - a message's destination: stored as text in the topic
+ * part, or in the queue-name part with its network prefix in the
+ * destination-prefix part, each copied with its NUL into the message's own
+ * block; and read back into the application's velClient_destination.
+ */
+#include <cstring>
+
+#include "velClientMsg/message/destinationText.h"
+#include "velClientMsg/message/recordApi.h"
+
+namespace {
+
+using namespace vel::dest;
+
+/* Copies text (length bytes and a NUL) into part; its size excludes the NUL. */
+velClient_returnCode_t copyText(_velClient_msg *msg, int part, const char *text, std::size_t length)
+{
+    if (_velClient_msg_setBufinfo(msg, part, text, static_cast<std::uint32_t>(length + 1), 0) != VELCLIENT_OK)
+        return VELCLIENT_FAIL;
+    auto *p = static_cast<char *>(msg->bufInfo_a[part].buf_p);
+    p[length] = '\0';
+    msg->bufInfo_a[part].bufSize = static_cast<std::uint32_t>(length);
+    return VELCLIENT_OK;
+}
+
+velClient_returnCode_t tooLong(std::size_t length, std::size_t limit, int type)
+{
+    return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
+                    "Destination string length of %d exceeds maximum of %d for destination type %d in "
+                    "velClient_msg_setDestination",
+                    static_cast<int>(length), static_cast<int>(limit), type);
+}
+
+velClient_returnCode_t setTopic(_velClient_msg *msg, const char *text, int type)
+{
+    std::size_t length = std::strlen(text);
+    if (length > MAX_TOPIC)
+        return tooLong(length, MAX_TOPIC, type);
+    if (copyText(msg, VELCLIENT_BUFINFO_TOPIC_PART, text, length) != VELCLIENT_OK)
+        return VELCLIENT_FAIL;
+    _velClient_msg_setBufinfoPtr(msg, VELCLIENT_BUFINFO_QUEUENAME_PART, nullptr, 0);
+    _velClient_msg_setBufinfoPtr(msg, _VELCLIENT_BUFINFO_DEST_PREFIX_PART, nullptr, 0);
+    setTemporary(msg, type == VELCLIENT_TOPIC_TEMP_DESTINATION);
+    return VELCLIENT_OK;
+}
+
+velClient_returnCode_t setTempQueue(_velClient_msg *msg, const char *text)
+{
+    _velClient_msg_setBufinfoPtr(msg, _VELCLIENT_BUFINFO_DEST_PREFIX_PART, nullptr, 0);
+    std::size_t length = std::strlen(text);
+    if (length > MAX_TOPIC)
+        return tooLong(length, MAX_TOPIC, VELCLIENT_QUEUE_TEMP_DESTINATION);
+    if (copyText(msg, VELCLIENT_BUFINFO_QUEUENAME_PART, text, length) != VELCLIENT_OK)
+        return VELCLIENT_FAIL;
+    _velClient_msg_setBufinfoPtr(msg, VELCLIENT_BUFINFO_TOPIC_PART, nullptr, 0);
+    setTemporary(msg, true);
+    return VELCLIENT_OK;
+}
+
+velClient_returnCode_t setQueue(_velClient_msg *msg, const char *text)
+{
+    const char *name = text;
+    if (startsWith(text, QUEUE_PREFIX)) {
+        name = queueNameAfterPrefix(text);
+        if (name == nullptr)
+            return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
+                            "Invalid string dest pointer (%s) in velClient_msg_setDestination", text);
+        copyText(msg, _VELCLIENT_BUFINFO_DEST_PREFIX_PART, text, static_cast<std::size_t>(name - text));
+    } else {
+        _velClient_msg_setBufinfo(msg, _VELCLIENT_BUFINFO_DEST_PREFIX_PART, nullptr, 0, 0);
+    }
+    std::size_t length = std::strlen(name);
+    if (length > MAX_QUEUE)
+        return tooLong(length, MAX_QUEUE, VELCLIENT_QUEUE_DESTINATION);
+    if (copyText(msg, VELCLIENT_BUFINFO_QUEUENAME_PART, name, length) != VELCLIENT_OK)
+        return VELCLIENT_FAIL;
+    _velClient_msg_setBufinfoPtr(msg, VELCLIENT_BUFINFO_TOPIC_PART, nullptr, 0);
+    setTemporary(msg, false);
+    return VELCLIENT_OK;
+}
+
+const char *partText(const _velClient_msg *msg, int part)
+{
+    const velClient_bufInfo_t &p = msg->bufInfo_a[part];
+    return p.buf_p != nullptr && p.bufSize != 0 ? static_cast<const char *>(p.buf_p) : nullptr;
+}
+
+} // namespace
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setDestination(velClient_opaqueMsg_pt msg_p,
+                                                                            const velClient_destination_t *dest_p,
+                                                                            size_t destSize)
+{
+    _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer in velClient_msg_setDestination");
+    if (msg == nullptr)
+        return VELCLIENT_FAIL;
+    if (checkArgument(dest_p, destSize, "Null velClient_destination_t pointer in velClient_msg_setDestination",
+                      "Unsupported destination structure size (received %d, expected %d) in "
+                      "velClient_msg_setDestination") != VELCLIENT_OK)
+        return VELCLIENT_FAIL;
+    std::int64_t type = vel::enumValue(dest_p->destType);
+    if (type == VELCLIENT_NULL_DESTINATION) {
+        if (dest_p->dest != nullptr)
+            return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
+                            "Non-null dest pointer with VELCLIENT_NULL_DESTINATION type in velClient_msg_setDestination");
+        for (int part : {int{VELCLIENT_BUFINFO_TOPIC_PART}, int{VELCLIENT_BUFINFO_QUEUENAME_PART}, _VELCLIENT_BUFINFO_DEST_PREFIX_PART})
+            _velClient_msg_setBufinfoPtr(msg, part, nullptr, 0);
+        return VELCLIENT_OK;
+    }
+    const char *text = dest_p->dest;
+    if (text == nullptr)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
+                        "Null dest pointer in velClient_msg_setDestination");
+    if (text[0] == '\0')
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
+                        "Empty string dest pointer in velClient_msg_setDestination");
+    if (startsWith(text, TEMP_QUEUE_PREFIX)) {
+        /* A temporary-queue name overrides the type the caller gave (and tells the caller). */
+        const_cast<velClient_destination_t *>(dest_p)->destType = VELCLIENT_QUEUE_TEMP_DESTINATION;
+        return setTempQueue(msg, text);
+    }
+    switch (type) {
+    case VELCLIENT_TOPIC_DESTINATION:
+    case VELCLIENT_TOPIC_TEMP_DESTINATION: return setTopic(msg, text, static_cast<int>(type));
+    case VELCLIENT_QUEUE_TEMP_DESTINATION: return setTempQueue(msg, text);
+    case VELCLIENT_QUEUE_DESTINATION: return setQueue(msg, text);
+    default:
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
+                        "Unsupported destination type of %d in velClient_msg_setDestination", static_cast<int>(type));
+    }
+}
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getDestination(velClient_opaqueMsg_pt msg_p,
+                                                                            velClient_destination_t *dest_p,
+                                                                            size_t destSize)
+{
+    _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer (%p) in velClient_msg_getDestination");
+    if (msg == nullptr)
+        return VELCLIENT_FAIL;
+    if (checkArgument(dest_p, destSize, "Null dest_p pointer in velClient_msg_getDestination",
+                      "Unsupported destination structure size (received %d, expected %d) in "
+                      "velClient_msg_getDestination") != VELCLIENT_OK)
+        return VELCLIENT_FAIL;
+    return vel::msg::destination(msg, dest_p);
+}
+
+velClient_returnCode_t vel::msg::destination(_velClient_msg *msg, velClient_destination_t *dest_p)
+{
+    if (const char *topic = partText(msg, VELCLIENT_BUFINFO_TOPIC_PART)) {
+        if (startsWith(topic, TEMP_TOPIC_PREFIX))
+            *dest_p = {VELCLIENT_TOPIC_TEMP_DESTINATION, topic};
+        else if (startsWith(topic, QUEUE_PREFIX))
+            *dest_p = {VELCLIENT_QUEUE_DESTINATION, topic + QUEUE_PREFIX_LENGTH};
+        else if (startsWith(topic, TEMP_QUEUE_PREFIX))
+            *dest_p = {VELCLIENT_QUEUE_TEMP_DESTINATION, topic};
+        else
+            *dest_p = {VELCLIENT_TOPIC_DESTINATION, topic};
+        return VELCLIENT_OK;
+    }
+    if (const char *queue = partText(msg, VELCLIENT_BUFINFO_QUEUENAME_PART)) {
+        *dest_p = {startsWith(queue, TEMP_QUEUE_PREFIX) ? VELCLIENT_QUEUE_TEMP_DESTINATION : VELCLIENT_QUEUE_DESTINATION,
+                   queue};
+        return VELCLIENT_OK;
+    }
+    return VELCLIENT_NOT_FOUND;
+}

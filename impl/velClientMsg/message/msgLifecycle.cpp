@@ -1,0 +1,236 @@
+/*
+ * msgLifecycle.cpp - the life of a message record: allocation with its
+ * handle, release, reset to the fresh state, duplication that shares data
+ * blocks, and duplication that copies parts held in application memory.
+ */
+#include <cstring>
+
+#include "velClientMsg/memory/poolAccounting.h"
+
+namespace {
+
+using namespace vel::pool;
+
+/* Read-only mark of each part that a container may be opened on; 0 for the others. */
+constexpr std::uint32_t readOnlyFlagOf(int part) noexcept
+{
+    switch (part) {
+    case VELCLIENT_BUFINFO_BINARY_ATTACHMENT_PART: return _VELCLIENT_MSG_FLAG_ATTACHMENT_READONLY;
+    case VELCLIENT_BUFINFO_USER_PROPERTY_PART: return _VELCLIENT_MSG_FLAG_USER_PROPS_READONLY;
+    case _VELCLIENT_BUFINFO_BINARY_META_PART: return _VELCLIENT_MSG_FLAG_META_READONLY;
+    case _VELCLIENT_BUFINFO_HDR_MAP_PART: return _VELCLIENT_MSG_FLAG_HDR_MAP_READONLY;
+    default: return 0;
+    }
+}
+
+/* Closes (and forgets) the message's open containers: header map, user
+ * property map, binary attachment. */
+void closeAllContainers(_velClient_msg *msg)
+{
+    for (_velClient_container **slot : {&msg->hdrMap_p, &msg->userPropertyMap_p, &msg->binaryAttachContainer_p})
+        if (*slot != nullptr)
+            _velClient_container_closeMapStream(slot, true, true, false);
+}
+
+/* Drops every part's block reference and empties the slots. Parts that share
+ * a block (a received message's) give their references back in one step. */
+void dropAllBlocks(_velClient_msg *msg)
+{
+    _velClient_datab **slots = msg->bufDatab_p;
+    for (int part = 0; part < _VELCLIENT_BUFINFO_NUM_PARTS; ++part) {
+        _velClient_datab *db = slots[part];
+        if (db == nullptr)
+            continue;
+        std::int32_t refs = 1;
+        for (int later = part + 1; later < _VELCLIENT_BUFINFO_NUM_PARTS; ++later) {
+            if (slots[later] == db) {
+                ++refs;
+                slots[later] = nullptr;
+            }
+        }
+        slots[part] = nullptr;
+        _velClient_datablock_decRefBy(db, refs, __FILE__, __LINE__);
+    }
+}
+
+/* Copies msg over copy, without list link or open containers. */
+void cloneInto(const _velClient_msg *msg, _velClient_msg *copy)
+{
+    vel::pool::copyRecord(copy, msg);
+    copy->userPropertyMap_p = nullptr;
+    copy->hdrMap_p = nullptr;
+    copy->binaryAttachContainer_p = nullptr;
+}
+
+/* A handle for a new record, or the out-of-memory failure of msg_alloc. */
+velClient_opaqueMsg_pt issueHandle(_velClient_msg *msg)
+{
+    void *handle = _velClient_safePtr_alloc(msg, _MSG_PTR_TYPE);
+    if (handle == nullptr)
+        VEL_STORE(VELCLIENT_SUBCODE_OUT_OF_MEMORY, VELCLIENT_LOG_CRITICAL,
+                  "Could not allocate pointer for new velClient_msg in velClient_msg_alloc");
+    return handle;
+}
+
+} // namespace
+
+velClient_returnCode_t _velClient_msg_alloc(_velClient_msg **msg_p)
+{
+    ThreadState &me = local();
+    _velClient_msg *msg = take<_velClient_msg>(me.msgs, _velClient_msgPool_s.freeMsgList, me.counters.numFreeMsg);
+    if (msg == nullptr && (msg = obtain<_velClient_msg>(sizeof(_velClient_msg))) == nullptr) {
+        *msg_p = nullptr;
+        return VEL_FAIL(VELCLIENT_SUBCODE_OUT_OF_MEMORY, VELCLIENT_LOG_ERROR,
+                        "velClient_msg_alloc, unable to allocate memory for velClient_msg");
+    }
+    bump(me.counters.msgAllocs);
+    bump(me.counters.numAllocMsg);
+    clearRecord(msg);
+    *msg_p = msg;
+    return VELCLIENT_OK;
+}
+
+velClient_returnCode_t _velClient_msg_free(_velClient_msg *msg)
+{
+    closeAllContainers(msg);
+    dropAllBlocks(msg);
+    ThreadState &me = local();
+    release(me.msgs, kRecordCacheCap, _velClient_msgPool_s.freeMsgList, &msg->entry, me.counters.numFreeMsg,
+            sizeof(_velClient_msg));
+    bump(me.counters.msgFrees);
+    drop(me.counters.numAllocMsg);
+    return VELCLIENT_OK;
+}
+
+velClient_returnCode_t _velClient_msg_dup(_velClient_msg *msg, _velClient_msg **newMsg_p)
+{
+    if (_velClient_msg_alloc(newMsg_p) != VELCLIENT_OK)
+        return VELCLIENT_FAIL;
+    for (_velClient_container **slot : {&msg->binaryAttachContainer_p, &msg->hdrMap_p, &msg->userPropertyMap_p})
+        if (*slot != nullptr)
+            _velClient_container_closeMapStream(slot, false, false, true);
+    _velClient_msg *copy = *newMsg_p;
+    cloneInto(msg, copy);
+    for (int part = 0; part < _VELCLIENT_BUFINFO_NUM_PARTS; ++part) {
+        if (msg->bufDatab_p[part] == nullptr)
+            continue;
+        _velClient_datablock_incRef(msg->bufDatab_p[part]);
+        if (std::uint32_t mark = readOnlyFlagOf(part); mark != 0) {
+            msg->internalFlags |= mark;
+            copy->internalFlags |= mark;
+            VEL_LOG(VELCLIENT_LOG_DEBUG, "velClient_msg_dup(%p, %p), readonly(%d)", static_cast<void *>(msg),
+                    static_cast<void *>(copy), part);
+        }
+    }
+    bump(myCounters().msgDups);
+    return VELCLIENT_OK;
+}
+
+velClient_returnCode_t _velClient_msg_dupMsgWithCopy(_velClient_msg *msg, _velClient_msg **newMsg_p)
+{
+    if (_velClient_msg_alloc(newMsg_p) != VELCLIENT_OK)
+        return VELCLIENT_FAIL;
+    _velClient_msg *copy = *newMsg_p;
+    cloneInto(msg, copy);
+    /* Take every shared reference first, so that releasing the copy on a
+     * failed byte copy below stays balanced. */
+    for (int part = 0; part < _VELCLIENT_BUFINFO_NUM_PARTS; ++part) {
+        if (copy->bufDatab_p[part] == nullptr)
+            continue;
+        _velClient_datablock_incRef(copy->bufDatab_p[part]);
+        if (part != VELCLIENT_BUFINFO_BINARY_ATTACHMENT_PART)
+            msg->internalFlags |= readOnlyFlagOf(part);
+    }
+    for (int part = 0; part < _VELCLIENT_BUFINFO_NUM_PARTS; ++part) {
+        const velClient_bufInfo_t info = copy->bufInfo_a[part];
+        if (copy->bufDatab_p[part] != nullptr || info.buf_p == nullptr || info.bufSize == 0)
+            continue;
+        copy->bufInfo_a[part] = velClient_bufInfo_t{nullptr, 0};
+        if (_velClient_msg_setBufinfo(copy, part, info.buf_p, info.bufSize, 0) != VELCLIENT_OK) {
+            _velClient_msg_free(copy);
+            *newMsg_p = nullptr;
+            return VELCLIENT_FAIL;
+        }
+    }
+    bump(myCounters().msgDups);
+    return VELCLIENT_OK;
+}
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_alloc(velClient_opaqueMsg_pt *msg_p)
+{
+    if (msg_p == nullptr)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
+                        "Null reference to msg_p pointer in velClient_msg_alloc");
+    _velClient_msg *msg = nullptr;
+    if (_velClient_msg_alloc(&msg) != VELCLIENT_OK) {
+        *msg_p = nullptr;
+        return VELCLIENT_FAIL;
+    }
+    velClient_opaqueMsg_pt handle = issueHandle(msg);
+    if (handle == nullptr) {
+        drop(myCounters().numAllocMsg);
+        giveToSystem(msg, sizeof(_velClient_msg));
+        *msg_p = nullptr;
+        return VELCLIENT_FAIL;
+    }
+    msg->opaqueMsg_p = handle;
+    *msg_p = handle;
+    return VELCLIENT_OK;
+}
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_free(velClient_opaqueMsg_pt *msg_p)
+{
+    if (msg_p == nullptr)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
+                        "Null reference to msg_p pointer in velClient_msg_free");
+    _velClient_msg *msg = vel::msgOrFail(*msg_p, "Bad msg_p pointer (%p) in velClient_msg_free");
+    if (msg == nullptr)
+        return VELCLIENT_FAIL;
+    _velClient_safePtr_free(*msg_p);
+    *msg_p = nullptr;
+    return _velClient_msg_free(msg);
+}
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_reset(velClient_opaqueMsg_pt msg_p)
+{
+    _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer (%p) in velClient_msg_reset");
+    if (msg == nullptr)
+        return VELCLIENT_FAIL;
+    closeAllContainers(msg);
+    dropAllBlocks(msg);
+    for (velClient_bufInfo_t &info : msg->bufInfo_a)
+        info = velClient_bufInfo_t{nullptr, 0};
+    msg->binAttachmentType = 0;
+    msg->internalFlags = _VELCLIENT_MSG_FLAG_MODIFIED;
+    msg->cacheRequestId = 0;
+    msg->timeToLive = 0;
+    msg->expirationTime = 0;
+    msg->msgInfo = velClient_session_rxCallbackInfo{};
+    /* topicSeqNo is kept: a reset leaves the topic sequence number alone. */
+    return VELCLIENT_OK;
+}
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_dup(velClient_opaqueMsg_pt msg_p,
+                                                                 velClient_opaqueMsg_pt *newMsg_p)
+{
+    _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer (%p) in velClient_msg_dup");
+    if (msg == nullptr)
+        return VELCLIENT_FAIL;
+    if (newMsg_p == nullptr)
+        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
+                        "Null reference to newMsg_p pointer in velClient_msg_dup");
+    _velClient_msg *copy = nullptr;
+    if (_velClient_msg_dup(msg, &copy) != VELCLIENT_OK) {
+        *newMsg_p = nullptr;
+        return VELCLIENT_FAIL;
+    }
+    /* The duplicate's record keeps its source's opaqueMsg_p; only the caller gets the new handle. */
+    velClient_opaqueMsg_pt handle = issueHandle(copy);
+    if (handle == nullptr) {
+        _velClient_msg_free(copy);
+        *newMsg_p = nullptr;
+        return VELCLIENT_FAIL;
+    }
+    *newMsg_p = handle;
+    return VELCLIENT_OK;
+}
