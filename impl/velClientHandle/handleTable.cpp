@@ -22,10 +22,10 @@ _velClient_globalInfo _velClient_globalInfo_g{};
 
 namespace {
 
-constexpr std::uint64_t FREE_BIT = std::uint64_t{1} << 63;
-constexpr std::uint64_t LOCATION_MASK = VEL_SAFEPTR_PAGE_MASK | VEL_SAFEPTR_ENTRY_MASK;
-constexpr std::uint64_t GEN_ONE = std::uint64_t{1} << VEL_SAFEPTR_GEN_SHIFT;
-constexpr std::uint64_t GEN_MASK = ~(FREE_BIT | LOCATION_MASK);
+constexpr std::uint64_t kFreeBit = std::uint64_t{1} << 63;
+constexpr std::uint64_t kLocationMask = kSafePtrPageMask | kSafePtrEntryMask;
+constexpr std::uint64_t kGenOne = std::uint64_t{1} << kSafePtrGenShift;
+constexpr std::uint64_t kGenMask = ~(kFreeBit | kLocationMask);
 
 _velClient_lifoHead freeEntries_s{};
 std::mutex growMutex_s;
@@ -38,18 +38,18 @@ bool addPage()
     std::lock_guard<std::mutex> lock(growMutex_s);
     if (__atomic_load_n(&freeEntries_s.s.head, __ATOMIC_ACQUIRE) != 0)
         return true; /* another thread added a page meanwhile: retry the pop */
-    if (pagesUsed_s >= VEL_SAFEPTR_NUM_PAGES)
+    if (pagesUsed_s >= kSafePtrNumPages)
         return false;
-    constexpr std::size_t bytes = VEL_SAFEPTR_PAGE_ENTRIES * sizeof(_velClient_pointerInfo);
+    constexpr std::size_t bytes = kSafePtrPageEntries * sizeof(_velClient_pointerInfo);
     auto *page = static_cast<_velClient_pointerInfo *>(vel::sysAlignedAlloc(alignof(_velClient_pointerInfo), bytes));
     if (page == nullptr)
         return false;
     std::memset(static_cast<void *>(page), 0, bytes);
     std::uint32_t pageIndex = pagesUsed_s++;
-    for (std::uint32_t i = 0; i < VEL_SAFEPTR_PAGE_ENTRIES; ++i)
-        page[i].u.ptrInfo = FREE_BIT | (std::uint64_t{pageIndex} << 12) | i;
+    for (std::uint32_t i = 0; i < kSafePtrPageEntries; ++i)
+        page[i].u.ptrInfo = kFreeBit | (std::uint64_t{pageIndex} << 12) | i;
     _velClient_globalInfo_g.safePtrs[pageIndex].store(page, std::memory_order_release);
-    for (std::uint32_t i = VEL_SAFEPTR_PAGE_ENTRIES; i-- > 0;)
+    for (std::uint32_t i = kSafePtrPageEntries; i-- > 0;)
         _velClient_lifoPush(&freeEntries_s, &page[i].entry);
     return true;
 }
@@ -89,10 +89,10 @@ extern "C" void *_velClient_safePtr_alloc(void *object, _velClient_ptrType_t typ
     }
     auto *entry = reinterpret_cast<_velClient_pointerInfo *>(popped);
     std::uint64_t old = entry->u.ptrInfo;
-    std::uint64_t gen = ((old & GEN_MASK) + GEN_ONE) & GEN_MASK;
+    std::uint64_t gen = ((old & kGenMask) + kGenOne) & kGenMask;
     if (gen == 0)
-        gen = GEN_ONE;
-    std::uint64_t handle = gen | (old & LOCATION_MASK);
+        gen = kGenOne;
+    std::uint64_t handle = gen | (old & kLocationMask);
     __atomic_store_n(&entry->actualPtr, object, __ATOMIC_RELAXED);
     __atomic_store_n(&entry->ptrType, type, __ATOMIC_RELAXED);
     __atomic_store_n(&entry->u.ptrInfo, handle, __ATOMIC_RELEASE);
@@ -103,14 +103,14 @@ extern "C" void _velClient_safePtr_free(void *handle)
 {
     auto h = reinterpret_cast<std::uint64_t>(handle);
     _velClient_pointerInfo *page =
-        _velClient_globalInfo_g.safePtrs[(h & VEL_SAFEPTR_PAGE_MASK) >> 12].load(std::memory_order_acquire);
+        _velClient_globalInfo_g.safePtrs[(h & kSafePtrPageMask) >> 12].load(std::memory_order_acquire);
     if (h == 0 || page == nullptr)
         return;
-    _velClient_pointerInfo &entry = page[h & VEL_SAFEPTR_ENTRY_MASK];
+    _velClient_pointerInfo &entry = page[h & kSafePtrEntryMask];
     std::uint64_t expected = h;
     /* Only the holder of the live value may free it: a stale or repeated free
      * finds a different value and changes nothing. */
-    if (!__atomic_compare_exchange_n(&entry.u.ptrInfo, &expected, h | FREE_BIT, false, __ATOMIC_ACQ_REL,
+    if (!__atomic_compare_exchange_n(&entry.u.ptrInfo, &expected, h | kFreeBit, false, __ATOMIC_ACQ_REL,
                                      __ATOMIC_RELAXED))
         return;
     __atomic_store_n(&entry.ptrType, _UNUSED_PTR_TYPE, __ATOMIC_RELAXED);

@@ -40,17 +40,17 @@ struct alignas(64) _velClient_pointerInfo { /* a line each: threads reuse their 
     void *actualPtr;
 };
 
-inline constexpr std::uint32_t VEL_SAFEPTR_NUM_PAGES = 16384;
-inline constexpr std::uint32_t VEL_SAFEPTR_PAGE_ENTRIES = 4096;
-inline constexpr std::uint64_t VEL_SAFEPTR_PAGE_MASK = 0x3fff000;
-inline constexpr std::uint64_t VEL_SAFEPTR_ENTRY_MASK = 0xfff;
-inline constexpr unsigned VEL_SAFEPTR_GEN_SHIFT = 26;
+inline constexpr std::uint32_t kSafePtrNumPages = 16384;
+inline constexpr std::uint32_t kSafePtrPageEntries = 4096;
+inline constexpr std::uint64_t kSafePtrPageMask = 0x3fff000;
+inline constexpr std::uint64_t kSafePtrEntryMask = 0xfff;
+inline constexpr unsigned kSafePtrGenShift = 26;
 
 struct _velClient_globalInfo {
     /* Pages are allocated on demand and kept for the life of the process. A
      * forged handle may name a page that was never allocated; resolution
      * refuses it instead of dereferencing NULL. */
-    std::atomic<_velClient_pointerInfo *> safePtrs[VEL_SAFEPTR_NUM_PAGES];
+    std::atomic<_velClient_pointerInfo *> safePtrs[kSafePtrNumPages];
 };
 
 extern "C" {
@@ -71,10 +71,10 @@ inline void *resolveHandle(const void *handle, _velClient_ptrType_t type) noexce
 {
     auto h = reinterpret_cast<std::uint64_t>(handle);
     _velClient_pointerInfo *page =
-        _velClient_globalInfo_g.safePtrs[(h & VEL_SAFEPTR_PAGE_MASK) >> 12].load(std::memory_order_acquire);
+        _velClient_globalInfo_g.safePtrs[(h & kSafePtrPageMask) >> 12].load(std::memory_order_acquire);
     if (__builtin_expect(page == nullptr, 0))
         return nullptr;
-    _velClient_pointerInfo &entry = page[h & VEL_SAFEPTR_ENTRY_MASK];
+    _velClient_pointerInfo &entry = page[h & kSafePtrEntryMask];
     if (__atomic_load_n(&entry.u.ptrInfo, __ATOMIC_ACQUIRE) != h || h == 0)
         return nullptr;
     if (__atomic_load_n(&entry.ptrType, __ATOMIC_RELAXED) != type)

@@ -93,7 +93,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_initialize(velClient_l
     StartConfig config{};
     for (std::uint32_t q = 0; q < _VELCLIENT_NUM_QUANTA; ++q)
         config.quanta[q] = VEL_DEFAULT_QUANTA[q];
-    config.maxPoolMem = VEL_DEFAULT_MAX_POOL_MEM;
+    config.maxPoolMem = kDefaultMaxPoolMem;
     if (readProperties(config, props) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     if (vel::log::setFilterLevel(VELCLIENT_LOG_CATEGORY_ALL, initialLogLevel) != VELCLIENT_OK)

@@ -14,7 +14,7 @@ namespace vel {
 
 namespace format {
 
-enum class Length { None, Long, LongLong, Size };
+enum class Length { none, longInt, longLong, size };
 
 /* One directive of a text: its length modifier and its conversion letter;
  * the letter is '\0' at the end of the text and '?' for a directive outside
@@ -38,12 +38,12 @@ constexpr Length lengthAt(const char *&p)
 {
     if (p[0] == 'l' && p[1] == 'l') {
         p += 2;
-        return Length::LongLong;
+        return Length::longLong;
     }
     if (*p == 'l' || *p == 'z') {
-        return *p++ == 'l' ? Length::Long : Length::Size;
+        return *p++ == 'l' ? Length::longInt : Length::size;
     }
-    return Length::None;
+    return Length::none;
 }
 
 /* The next directive at or after p; p moves past it. */
@@ -69,7 +69,7 @@ constexpr Directive next(const char *&p)
         bool known = c == 'p' || c == 's' || c == 'd' || c == 'i' || c == 'u' || c == 'x';
         return {length, known ? c : '?'};
     }
-    return {Length::None, '\0'};
+    return {Length::none, '\0'};
 }
 
 template <typename T, typename U>
@@ -82,18 +82,18 @@ constexpr bool takes(Directive d)
     using V = std::remove_cv_t<T>;
     switch (d.conversion) {
     case 'p':
-        return d.length == Length::None && std::is_pointer_v<V> && std::is_void_v<std::remove_pointer_t<V>>;
+        return d.length == Length::none && std::is_pointer_v<V> && std::is_void_v<std::remove_pointer_t<V>>;
     case 's':
-        return d.length == Length::None && (is<V, const char *> || is<V, char *>);
+        return d.length == Length::none && (is<V, const char *> || is<V, char *>);
     case 'd':
     case 'i':
-        return (d.length == Length::None && is<V, int>) || (d.length == Length::Long && is<V, long>) ||
-               (d.length == Length::LongLong && is<V, long long>);
+        return (d.length == Length::none && is<V, int>) || (d.length == Length::longInt && is<V, long>) ||
+               (d.length == Length::longLong && is<V, long long>);
     case 'u':
     case 'x':
-        return (d.length == Length::None && is<V, unsigned>) || (d.length == Length::Long && is<V, unsigned long>) ||
-               (d.length == Length::LongLong && is<V, unsigned long long>) ||
-               (d.length == Length::Size && is<V, std::size_t>);
+        return (d.length == Length::none && is<V, unsigned>) || (d.length == Length::longInt && is<V, unsigned long>) ||
+               (d.length == Length::longLong && is<V, unsigned long long>) ||
+               (d.length == Length::size && is<V, std::size_t>);
     default:
         return false;
     }

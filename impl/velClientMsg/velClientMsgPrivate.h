@@ -111,7 +111,7 @@ enum _velClient_containerType : std::uint32_t {
 };
 
 /* Map entries a container remembers as well formed (see checkedAt). */
-inline constexpr std::uint32_t VEL_CHECKED_ENTRIES = 16;
+inline constexpr std::uint32_t kCheckedEntries = 16;
 
 struct _velClient_container {
     _velClient_lifoEntry entry;
@@ -139,7 +139,7 @@ struct _velClient_container {
      * yet checked begins. Forgotten whenever bytes move inside the container. */
     std::uint32_t checkedCount;
     std::uint32_t checkedEnd;
-    std::uint32_t checkedAt[VEL_CHECKED_ENTRIES];
+    std::uint32_t checkedAt[kCheckedEntries];
 };
 
 inline void forgetCheckedEntries(_velClient_container *c) noexcept
@@ -178,7 +178,7 @@ extern _velClient_msgPool _velClient_msgPool_s;
 
 /* Defaults that hold before the first velClient_initialize. */
 inline constexpr std::uint32_t VEL_DEFAULT_QUANTA[_VELCLIENT_NUM_QUANTA] = {256, 2048, 16384, 131072, 1048576};
-inline constexpr std::uint64_t VEL_DEFAULT_MAX_POOL_MEM = 64ull * 1024 * 1024;
+inline constexpr std::uint64_t kDefaultMaxPoolMem = 64ull * 1024 * 1024;
 
 /* ==================================================================== */
 /* Pool, messages and data blocks                                        */

@@ -12,17 +12,17 @@
 #include "velClientLog/checkedFormat.h"
 #include "velclient/velClient.h"
 
-inline constexpr std::size_t VEL_SESSION_MAX_TOPIC = 250;
+inline constexpr std::size_t kSessionMaxTopic = 250;
 
 enum class _velClient_transport : std::uint8_t {
-    LOOPBACK, /* sent bytes are parsed back and delivered to this session's callback */
-    DROP      /* sent bytes are built and dropped */
+    loopback, /* sent bytes are parsed back and delivered to this session's callback */
+    drop      /* sent bytes are built and dropped */
 };
 
 struct _velClient_session {
     velClient_opaqueSession_pt opaqueSession_p;
-    char clientName[VEL_SESSION_MAX_TOPIC + 1];
-    char p2pTopicBase[VEL_SESSION_MAX_TOPIC + 1];
+    char clientName[kSessionMaxTopic + 1];
+    char p2pTopicBase[kSessionMaxTopic + 1];
     bool genSendTimestamps;
     bool genSenderId;
     bool genSequenceNumber;

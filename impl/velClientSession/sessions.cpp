@@ -25,7 +25,7 @@ void destroySession(_velClient_session *s)
 
 std::atomic<std::uint32_t> sessionCounter_s{0};
 
-void defaultClientName(char (&name)[VEL_SESSION_MAX_TOPIC + 1])
+void defaultClientName(char (&name)[kSessionMaxTopic + 1])
 {
     char host[64] = "localhost";
     gethostname(host, sizeof host - 1);
@@ -52,9 +52,9 @@ velClient_returnCode_t readBool(const char *name_p, const char *value_p, bool &f
 }
 
 /* A text of at most 250 characters into out. */
-velClient_returnCode_t readText(const char *name_p, const char *value_p, char (&out)[VEL_SESSION_MAX_TOPIC + 1])
+velClient_returnCode_t readText(const char *name_p, const char *value_p, char (&out)[kSessionMaxTopic + 1])
 {
-    if (value_p == nullptr || std::strlen(value_p) > VEL_SESSION_MAX_TOPIC)
+    if (value_p == nullptr || std::strlen(value_p) > kSessionMaxTopic)
         return badValue(name_p, value_p);
     std::strcpy(out, value_p);
     return VELCLIENT_OK;
@@ -83,9 +83,9 @@ velClient_returnCode_t applyProperty(_velClient_session &s, const char *name_p, 
     }
     if (std::strcmp(name_p, "SESSION_TRANSPORT") == 0) {
         if (value_p != nullptr && std::strcmp(value_p, "loopback") == 0)
-            s.transport = _velClient_transport::LOOPBACK;
+            s.transport = _velClient_transport::loopback;
         else if (value_p != nullptr && std::strcmp(value_p, "null") == 0)
-            s.transport = _velClient_transport::DROP;
+            s.transport = _velClient_transport::drop;
         else
             return badValue(name_p, value_p);
         return VELCLIENT_OK;
@@ -104,7 +104,7 @@ velClient_returnCode_t configure(_velClient_session &s, const char *const *props
     if (!topicBaseGiven) {
         /* The default inbox topic base is cut at 250 characters: the client
          * name keeps what fits after the prefix. */
-        constexpr int kNameRoom = static_cast<int>(VEL_SESSION_MAX_TOPIC - (sizeof "#P2P/v:loopback/" - 1));
+        constexpr int kNameRoom = static_cast<int>(kSessionMaxTopic - (sizeof "#P2P/v:loopback/" - 1));
         std::snprintf(s.p2pTopicBase, sizeof s.p2pTopicBase, "#P2P/v:loopback/%.*s", kNameRoom, s.clientName);
     }
     s.autoGenForSendEnabled = s.genSendTimestamps || s.genSenderId || s.genSequenceNumber;

@@ -23,32 +23,32 @@ struct _velClient_session;
 
 namespace vel::vwf {
 
-inline constexpr std::uint8_t VERSION = 1;
-inline constexpr std::uint32_t FRAME_HEADER_SIZE = 12;
-inline constexpr std::uint32_t ITEM_HEADER_SIZE = 5;
-inline constexpr std::uint8_t PROTOCOL_DIRECT = 13;
-inline constexpr std::uint8_t PROTOCOL_GUARANTEED = 16;
+inline constexpr std::uint8_t kVersion = 1;
+inline constexpr std::uint32_t kFrameHeaderSize = 12;
+inline constexpr std::uint32_t kItemHeaderSize = 5;
+inline constexpr std::uint8_t kProtocolDirect = 13;
+inline constexpr std::uint8_t kProtocolGuaranteed = 16;
 /* Flag bit of a frame that carries no application message. */
-inline constexpr std::uint32_t FLAG_CONTROL_FRAME = 0x4;
+inline constexpr std::uint32_t kFlagControlFrame = 0x4;
 
 enum Tag : std::uint8_t {
-    TAG_TIME_TO_LIVE = 0x01,
-    TAG_TOPIC_SEQ_NUM = 0x02,
-    TAG_MESSAGE_ID = 0x03,
-    TAG_BINARY_ATTACHMENT = 0x10,
-    TAG_TOPIC = 0x11,
-    TAG_CONSUMER_IDS = 0x12,
-    TAG_USER_DATA = 0x13,
-    TAG_XML = 0x14,
-    TAG_CORRELATION_TAG = 0x15,
-    TAG_QUEUE_NAME = 0x16,
-    TAG_BINARY_META = 0x18,
-    TAG_DEST_PREFIX = 0x1B
+    kTagTimeToLive = 0x01,
+    kTagTopicSeqNum = 0x02,
+    kTagMessageId = 0x03,
+    kTagBinaryAttachment = 0x10,
+    kTagTopic = 0x11,
+    kTagConsumerIds = 0x12,
+    kTagUserData = 0x13,
+    kTagXml = 0x14,
+    kTagCorrelationTag = 0x15,
+    kTagQueueName = 0x16,
+    kTagBinaryMeta = 0x18,
+    kTagDestPrefix = 0x1B
 };
 
 /* Most chunks and scratch bytes one frame needs. */
-inline constexpr std::uint32_t MAX_CHUNKS = 32;
-inline constexpr std::uint32_t SCRATCH_SIZE = 192;
+inline constexpr std::uint32_t kMaxChunks = 32;
+inline constexpr std::uint32_t kScratchSize = 192;
 
 } // namespace vel::vwf
 
@@ -59,7 +59,7 @@ struct _velClient_vwfChunk {
 
 /* Scratch area for the generated headers of one frame (on the caller's stack). */
 struct _velClient_vwfScratch {
-    std::uint8_t bytes[vel::vwf::SCRATCH_SIZE];
+    std::uint8_t bytes[vel::vwf::kScratchSize];
 };
 
 /* Builds the frame of msg from its 12 parts as a chunk list. flags is the

@@ -37,7 +37,7 @@ class FrameWriter {
 
     void item(Tag tag, std::uint32_t length)
     {
-        std::uint8_t *h = reserve(ITEM_HEADER_SIZE);
+        std::uint8_t *h = reserve(kItemHeaderSize);
         h[0] = tag;
         vel::tlv::putBE(h + 1, length, 4);
     }
@@ -67,14 +67,14 @@ struct PartItem {
 };
 
 constexpr PartItem kPartItems[] = {
-    {VELCLIENT_BUFINFO_TOPIC_PART, TAG_TOPIC, true},
-    {VELCLIENT_BUFINFO_QUEUENAME_PART, TAG_QUEUE_NAME, true},
-    {_VELCLIENT_BUFINFO_DEST_PREFIX_PART, TAG_DEST_PREFIX, true},
-    {VELCLIENT_BUFINFO_CONSUMER_ID_PART, TAG_CONSUMER_IDS, false},
-    {VELCLIENT_BUFINFO_USER_DATA_PART, TAG_USER_DATA, false},
-    {VELCLIENT_BUFINFO_XML_PART, TAG_XML, false},
-    {VELCLIENT_BUFINFO_CORRELATION_TAG_PART, TAG_CORRELATION_TAG, false},
-    {VELCLIENT_BUFINFO_BINARY_ATTACHMENT_PART, TAG_BINARY_ATTACHMENT, false},
+    {VELCLIENT_BUFINFO_TOPIC_PART, kTagTopic, true},
+    {VELCLIENT_BUFINFO_QUEUENAME_PART, kTagQueueName, true},
+    {_VELCLIENT_BUFINFO_DEST_PREFIX_PART, kTagDestPrefix, true},
+    {VELCLIENT_BUFINFO_CONSUMER_ID_PART, kTagConsumerIds, false},
+    {VELCLIENT_BUFINFO_USER_DATA_PART, kTagUserData, false},
+    {VELCLIENT_BUFINFO_XML_PART, kTagXml, false},
+    {VELCLIENT_BUFINFO_CORRELATION_TAG_PART, kTagCorrelationTag, false},
+    {VELCLIENT_BUFINFO_BINARY_ATTACHMENT_PART, kTagBinaryAttachment, false},
 };
 
 bool present(const velClient_bufInfo_t &part)
@@ -93,7 +93,7 @@ void writeMeta(FrameWriter &w, const velClient_bufInfo_t *parts)
         length += present(parts[part]) ? parts[part].bufSize : 0;
     if (!present(parts[_VELCLIENT_BUFINFO_BINARY_META_PART]))
         return;
-    w.item(TAG_BINARY_META, static_cast<std::uint32_t>(length));
+    w.item(kTagBinaryMeta, static_cast<std::uint32_t>(length));
     for (int part : kMetaParts)
         if (present(parts[part]))
             w.add(parts[part].buf_p, parts[part].bufSize);
@@ -112,13 +112,13 @@ velClient_returnCode_t _velClient_createMsgForPublish(const velClient_bufInfo_t 
                         "Unexpected part count %u in _velClient_createMsgForPublish", numParts);
     bool guaranteed = (flags & _VELCLIENT_RX_FLAG_DELIVERY_MODE_MASK) != 0;
     FrameWriter w(chunks, *scratch_pp);
-    std::uint8_t *header = w.reserve(FRAME_HEADER_SIZE);
+    std::uint8_t *header = w.reserve(kFrameHeaderSize);
     if (msg->timeToLive != 0)
-        w.number(TAG_TIME_TO_LIVE, msg->timeToLive);
+        w.number(kTagTimeToLive, msg->timeToLive);
     if (flags & _VELCLIENT_RX_FLAG_TOPIC_SEQ_NUM)
-        w.number(TAG_TOPIC_SEQ_NUM, msg->topicSeqNo);
+        w.number(kTagTopicSeqNum, msg->topicSeqNo);
     if (guaranteed)
-        w.number(TAG_MESSAGE_ID, msgId);
+        w.number(kTagMessageId, msgId);
     for (const PartItem &item : kPartItems) {
         const velClient_bufInfo_t &part = parts[item.part];
         if (!present(part))
@@ -133,9 +133,9 @@ velClient_returnCode_t _velClient_createMsgForPublish(const velClient_bufInfo_t 
         return VEL_FAIL(VELCLIENT_SUBCODE_INVALID_VWF_MESSAGE, VELCLIENT_LOG_WARNING,
                         "Message of %llu bytes too large for one frame in _velClient_createMsgForPublish",
                         static_cast<unsigned long long>(w.total()));
-    header[0] = VERSION;
-    header[1] = guaranteed ? PROTOCOL_GUARANTEED : PROTOCOL_DIRECT;
-    vel::tlv::putBE(header + 2, flags & ~FLAG_CONTROL_FRAME, 4);
+    header[0] = kVersion;
+    header[1] = guaranteed ? kProtocolGuaranteed : kProtocolDirect;
+    vel::tlv::putBE(header + 2, flags & ~kFlagControlFrame, 4);
     vel::tlv::putBE(header + 6, w.total(), 4);
     header[10] = header[11] = 0;
     *numChunks = w.chunks();

@@ -17,22 +17,22 @@ using namespace vel::vwf;
 int partOf(std::uint8_t tag)
 {
     switch (tag) {
-    case TAG_BINARY_ATTACHMENT: return VELCLIENT_BUFINFO_BINARY_ATTACHMENT_PART;
-    case TAG_TOPIC: return VELCLIENT_BUFINFO_TOPIC_PART;
-    case TAG_CONSUMER_IDS: return VELCLIENT_BUFINFO_CONSUMER_ID_PART;
-    case TAG_USER_DATA: return VELCLIENT_BUFINFO_USER_DATA_PART;
-    case TAG_XML: return VELCLIENT_BUFINFO_XML_PART;
-    case TAG_CORRELATION_TAG: return VELCLIENT_BUFINFO_CORRELATION_TAG_PART;
-    case TAG_QUEUE_NAME: return VELCLIENT_BUFINFO_QUEUENAME_PART;
-    case TAG_BINARY_META: return _VELCLIENT_BUFINFO_BINARY_META_PART;
-    case TAG_DEST_PREFIX: return _VELCLIENT_BUFINFO_DEST_PREFIX_PART;
+    case kTagBinaryAttachment: return VELCLIENT_BUFINFO_BINARY_ATTACHMENT_PART;
+    case kTagTopic: return VELCLIENT_BUFINFO_TOPIC_PART;
+    case kTagConsumerIds: return VELCLIENT_BUFINFO_CONSUMER_ID_PART;
+    case kTagUserData: return VELCLIENT_BUFINFO_USER_DATA_PART;
+    case kTagXml: return VELCLIENT_BUFINFO_XML_PART;
+    case kTagCorrelationTag: return VELCLIENT_BUFINFO_CORRELATION_TAG_PART;
+    case kTagQueueName: return VELCLIENT_BUFINFO_QUEUENAME_PART;
+    case kTagBinaryMeta: return _VELCLIENT_BUFINFO_BINARY_META_PART;
+    case kTagDestPrefix: return _VELCLIENT_BUFINFO_DEST_PREFIX_PART;
     default: return -1;
     }
 }
 
 bool isText(std::uint8_t tag)
 {
-    return tag == TAG_TOPIC || tag == TAG_QUEUE_NAME || tag == TAG_DEST_PREFIX;
+    return tag == kTagTopic || tag == kTagQueueName || tag == kTagDestPrefix;
 }
 
 velClient_returnCode_t malformed(const char *what, std::uint32_t offset)
@@ -53,13 +53,13 @@ velClient_returnCode_t applyItem(_velClient_msg *msg, _velClient_datab *block, s
         return malformed("repeated item", at);
     if (tag < 32)
         seen |= 1u << tag;
-    if (tag == TAG_TIME_TO_LIVE || tag == TAG_TOPIC_SEQ_NUM || tag == TAG_MESSAGE_ID) {
+    if (tag == kTagTimeToLive || tag == kTagTopicSeqNum || tag == kTagMessageId) {
         if (length != 8)
             return malformed("bad number length", at);
         std::uint64_t v = vel::tlv::getBE(value, 8);
-        if (tag == TAG_TIME_TO_LIVE)
+        if (tag == kTagTimeToLive)
             msg->timeToLive = v;
-        else if (tag == TAG_TOPIC_SEQ_NUM)
+        else if (tag == kTagTopicSeqNum)
             msg->topicSeqNo = v;
         else
             msg->msgInfo.msgId = v;
@@ -69,7 +69,7 @@ velClient_returnCode_t applyItem(_velClient_msg *msg, _velClient_datab *block, s
     if (part < 0)
         return malformed("unknown item", at);
     if (length == 0 || (isText(tag) && (length < 2 || value[length - 1] != 0)) ||
-        (tag == TAG_CONSUMER_IDS && length % 4 != 0))
+        (tag == kTagConsumerIds && length % 4 != 0))
         return malformed("bad part", at);
     msg->bufDatab_p[part] = block;
     msg->bufInfo_a[part] = velClient_bufInfo_t{value, isText(tag) ? length - 1 : length};
@@ -107,19 +107,19 @@ velClient_returnCode_t readItems(_velClient_vwfParsing *parse, _velClient_msg *m
                                  std::uint32_t frameLength)
 {
     std::uint32_t seen = 0;
-    std::uint32_t at = FRAME_HEADER_SIZE;
+    std::uint32_t at = kFrameHeaderSize;
     while (at < frameLength) {
-        if (frameLength - at < ITEM_HEADER_SIZE)
+        if (frameLength - at < kItemHeaderSize)
             return malformed("truncated item", parse->offset + at);
         auto length = static_cast<std::uint32_t>(vel::tlv::getBE(p + at + 1, 4));
-        if (length > frameLength - at - ITEM_HEADER_SIZE)
+        if (length > frameLength - at - kItemHeaderSize)
             return malformed("item past frame end", parse->offset + at);
-        if (applyItem(msg, parse->block, p[at], p + at + ITEM_HEADER_SIZE, length, parse->offset + at, seen) !=
+        if (applyItem(msg, parse->block, p[at], p + at + kItemHeaderSize, length, parse->offset + at, seen) !=
             VELCLIENT_OK)
             return VELCLIENT_FAIL;
-        at += ITEM_HEADER_SIZE + length;
+        at += kItemHeaderSize + length;
     }
-    if (seen & (1u << TAG_MESSAGE_ID))
+    if (seen & (1u << kTagMessageId))
         msg->msgInfo.flags |= _VELCLIENT_RX_FLAG_MSG_ID;
     return VELCLIENT_OK;
 }
@@ -182,12 +182,12 @@ velClient_returnCode_t _velClient_vwfParse(void *, _velClient_vwfParsing *parse)
 {
     while (parse->bytesInBuf > 0) {
         std::uint8_t *p = parse->block->dbData_p + parse->offset;
-        if (parse->bytesInBuf < FRAME_HEADER_SIZE)
+        if (parse->bytesInBuf < kFrameHeaderSize)
             return malformed("truncated frame header", parse->offset);
-        if (p[0] != VERSION)
+        if (p[0] != kVersion)
             return malformed("unknown version", parse->offset);
         auto frameLength = static_cast<std::uint32_t>(vel::tlv::getBE(p + 6, 4));
-        if (frameLength < FRAME_HEADER_SIZE || frameLength > parse->bytesInBuf)
+        if (frameLength < kFrameHeaderSize || frameLength > parse->bytesInBuf)
             return malformed("bad frame length", parse->offset);
         if (p[10] != 0 || p[11] != 0)
             return malformed("reserved bytes set", parse->offset);

@@ -299,7 +299,7 @@ TEST(TlvShortPaths, AgreeWithTheFullDecoderOnEveryTypeLengthAndContent)
                         EXPECT_EQ(full.field.length, quick.length);
                         EXPECT_EQ(0, std::memcmp(&full.field.value, &quick.value, sizeof quick.value));
                     }
-                    if (full.size > 0 && (tb & 0x03) == 0 && tb != vel::tlv::TB_DESTINATION) {
+                    if (full.size > 0 && (tb & 0x03) == 0 && tb != vel::tlv::kTypeDestination) {
                         EXPECT_NE(0u, checked);
                     }
                 }

@@ -99,7 +99,7 @@ std::uint8_t *writeName(std::uint8_t *p, const char *name, std::uint64_t nameLen
     if (nameLen == 0)
         return p;
     auto len = static_cast<std::uint32_t>(nameLen); /* making room for it bounded it */
-    std::uint8_t *v = writeVarHeader(p, TB_STRING, len);
+    std::uint8_t *v = writeVarHeader(p, kTypeString, len);
     copyBytes(v, name, len);
     return v + len;
 }
@@ -315,17 +315,17 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_addNull(velC
                                                                            const char *name)
 {
     _velClient_container *c = addTarget(opaqueCont_p);
-    return c == nullptr ? VELCLIENT_FAIL : addScalar<TB_NULL, 0, asInteger<int>, anyValue<int>>(c, 0, name);
+    return c == nullptr ? VELCLIENT_FAIL : addScalar<kTypeNull, 0, asInteger<int>, anyValue<int>>(c, 0, name);
 }
 
 velClient_returnCode_t vel::container::addInt64(_velClient_container *c, velClient_int64_t value, const char *name)
 {
-    return addScalar<TB_INT, 8, asInteger<velClient_int64_t>, anyValue<velClient_int64_t>>(c, value, name);
+    return addScalar<kTypeInt, 8, asInteger<velClient_int64_t>, anyValue<velClient_int64_t>>(c, value, name);
 }
 
 velClient_returnCode_t vel::container::addString(_velClient_container *c, const char *value, const char *name)
 {
-    return addVariable(c, name, TB_STRING, value, value != nullptr ? std::strlen(value) + 1 : 0,
+    return addVariable(c, name, kTypeString, value, value != nullptr ? std::strlen(value) + 1 : 0,
                        "Null value pointer in velClient_container_addString");
 }
 
@@ -342,7 +342,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_addByteArray
 {
     _velClient_container *c = addTarget(opaqueCont_p);
     return c == nullptr ? VELCLIENT_FAIL
-                        : addVariable(c, name, TB_BYTEARRAY, arr_p, length,
+                        : addVariable(c, name, kTypeByteArray, arr_p, length,
                                       "Null byte array pointer in velClient_container_addByteArray");
 }
 
@@ -352,7 +352,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_addVwf(velCl
 {
     _velClient_container *c = addTarget(opaqueCont_p);
     return c == nullptr ? VELCLIENT_FAIL
-                        : addVariable(c, name, TB_VWF, vwf_p, length, "Null VWF pointer in velClient_container_addVwf");
+                        : addVariable(c, name, kTypeVwf, vwf_p, length, "Null VWF pointer in velClient_container_addVwf");
 }
 
 /* ---- Destinations ---------------------------------------------------------------- */
@@ -386,19 +386,19 @@ velClient_returnCode_t addCheckedDestination(_velClient_container *c, const velC
     std::int64_t type = vel::enumValue(value->destType);
     std::size_t destLen = std::strlen(value->dest) + 1;
     auto check = [destLen] {
-        if (destLen > MAX_DEST_NAME_WITH_NUL)
+        if (destLen > kMaxDestNameWithNul)
             return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
                             "Attempt to add destination field in excess of 65K bytes");
         return VELCLIENT_OK;
     };
     std::uint8_t kind = (type == VELCLIENT_QUEUE_DESTINATION || type == VELCLIENT_QUEUE_TEMP_DESTINATION)
-                            ? DEST_KIND_QUEUE
-                            : DEST_KIND_TOPIC;
+                            ? kDestKindQueue
+                            : kDestKindTopic;
     const void *dest = value->dest;
     return addField(
         c, name, destLen + 3, check,
         [&](std::uint8_t *p) {
-            p[0] = TB_DESTINATION;
+            p[0] = kTypeDestination;
             p[1] = static_cast<std::uint8_t>(destLen + 3);
             p[2] = kind;
             std::memcpy(p + 3, dest, destLen);
@@ -486,7 +486,7 @@ velClient_returnCode_t openSub(velClient_opaqueContainer_pt parentHandle, velCli
     if (sub_p == nullptr)
         return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
                         "Null sub-container pointer in _velClient_container_openSubContainer");
-    std::uint64_t room = nameFieldSize(nameLen) + CONTAINER_HEADER_SIZE;
+    std::uint64_t room = nameFieldSize(nameLen) + kContainerHeaderSize;
     const void *nameBytes = name;
     KeptBytes kept;
     const std::int64_t excess = shortOf(parent, room);
@@ -498,11 +498,11 @@ velClient_returnCode_t openSub(velClient_opaqueContainer_pt parentHandle, velCli
         return VEL_FAIL(VELCLIENT_SUBCODE_OUT_OF_MEMORY, VELCLIENT_LOG_WARNING,
                         "Unable to allocate container for map in _velClient_container_openSubContainer");
     std::uint8_t *start = writeName(parent->curWrPtr, name, nameLen);
-    start[0] = type == VELCLIENT_CONTAINER_MAP ? TB_MAP : TB_STREAM;
+    start[0] = type == VELCLIENT_CONTAINER_MAP ? kTypeMap : kTypeStream;
     putBE(start + 1, static_cast<std::uint64_t>(parent->maxWrPtr - start), 4);
     child->type = type;
     child->startPtr = start;
-    child->firstFieldPtr = child->curWrPtr = start + CONTAINER_HEADER_SIZE;
+    child->firstFieldPtr = child->curWrPtr = start + kContainerHeaderSize;
     child->maxWrPtr = parent->maxWrPtr;
     child->offset = static_cast<std::uint32_t>(start - parent->startPtr);
     child->msg_b = parent->msg_b;

@@ -12,7 +12,7 @@ namespace {
 
 bool positionsInOrder(const _velClient_container *k)
 {
-    if (k->firstFieldPtr != k->startPtr + vel::tlv::CONTAINER_HEADER_SIZE)
+    if (k->firstFieldPtr != k->startPtr + vel::tlv::kContainerHeaderSize)
         return false;
     if (k->curWrPtr < k->firstFieldPtr || k->maxWrPtr < k->curWrPtr)
         return false;

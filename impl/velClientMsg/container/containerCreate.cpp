@@ -12,11 +12,11 @@
 
 namespace {
 
-using vel::tlv::CONTAINER_HEADER_SIZE;
+using vel::tlv::kContainerHeaderSize;
 
 constexpr std::uint8_t typeByte(_velClient_containerType t)
 {
-    return t == VELCLIENT_CONTAINER_MAP ? vel::tlv::TB_MAP : vel::tlv::TB_STREAM;
+    return t == VELCLIENT_CONTAINER_MAP ? vel::tlv::kTypeMap : vel::tlv::kTypeStream;
 }
 
 /* Points c at the container whose type byte is at start and whose bytes may
@@ -26,7 +26,7 @@ void place(_velClient_container *c, _velClient_containerType type, std::uint8_t 
 {
     c->type = type;
     c->startPtr = start;
-    c->firstFieldPtr = start + CONTAINER_HEADER_SIZE;
+    c->firstFieldPtr = start + kContainerHeaderSize;
     c->curRdPtr = nullptr;
     c->curFieldLength = 0;
     c->curKeyLength = 0;
@@ -52,7 +52,7 @@ velClient_returnCode_t createInMemory(velClient_opaqueContainer_pt *cont_p, char
     if (mem_p == nullptr)
         return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
                         "Null memory pointer in velClient_container_createContainer");
-    if (size < CONTAINER_HEADER_SIZE)
+    if (size < kContainerHeaderSize)
         return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
                         "Memory size of %zu is below the 5-byte container header in "
                         "velClient_container_createContainer",
@@ -65,7 +65,7 @@ velClient_returnCode_t createInMemory(velClient_opaqueContainer_pt *cont_p, char
     size_t usable = size < 0xFFFFFFF0u ? size : 0xFFFFFFF0u;
     auto *p = reinterpret_cast<std::uint8_t *>(mem_p);
     writeEmptyHeader(p, type);
-    place(c, type, p, p + CONTAINER_HEADER_SIZE, p + usable);
+    place(c, type, p, p + kContainerHeaderSize, p + usable);
     *cont_p = c->opaqueContainer_p;
     return VELCLIENT_OK;
 }
@@ -80,17 +80,17 @@ velClient_returnCode_t openFromPtr(velClient_opaqueContainer_pt *cont_p, void *b
     auto *p = static_cast<std::uint8_t *>(buf_p);
     if (size == 0)
         return VELCLIENT_NOT_FOUND;
-    if (p[0] != vel::tlv::TB_MAP && p[0] != vel::tlv::TB_STREAM) {
+    if (p[0] != vel::tlv::kTypeMap && p[0] != vel::tlv::kTypeStream) {
         VEL_STORE(VELCLIENT_SUBCODE_NO_STRUCTURED_DATA, VELCLIENT_LOG_INFO, "%s", noDataText);
         return VELCLIENT_NOT_FOUND;
     }
-    if (size < CONTAINER_HEADER_SIZE || vel::tlv::getBE(p + 1, 4) != size)
+    if (size < kContainerHeaderSize || vel::tlv::getBE(p + 1, 4) != size)
         return VELCLIENT_NOT_FOUND;
     _velClient_container *c = nullptr;
     if (_velClient_container_alloc(&c) != VELCLIENT_OK)
         return VEL_FAIL(VELCLIENT_SUBCODE_OUT_OF_MEMORY, VELCLIENT_LOG_WARNING,
                         "Unable to allocate container for map in velClient_msg_createContainer");
-    auto type = p[0] == vel::tlv::TB_MAP ? VELCLIENT_CONTAINER_MAP : VELCLIENT_CONTAINER_STREAM;
+    auto type = p[0] == vel::tlv::kTypeMap ? VELCLIENT_CONTAINER_MAP : VELCLIENT_CONTAINER_STREAM;
     place(c, type, p, p + size, p + size);
     *cont_p = c->opaqueContainer_p;
     return VELCLIENT_OK;
@@ -154,7 +154,7 @@ velClient_returnCode_t _velClient_msg_createContainer(_velClient_msg *msg, int p
         return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
                         "attempt to create a STREAM in USER_PROPERTY data in velClient_msg_createContainer");
     std::uint32_t offset = partOffset(part);
-    std::uint64_t need = std::uint64_t{offset} + (size < CONTAINER_HEADER_SIZE ? CONTAINER_HEADER_SIZE : size);
+    std::uint64_t need = std::uint64_t{offset} + (size < kContainerHeaderSize ? kContainerHeaderSize : size);
     if (need > 0xFFFFFFF0u)
         need = 0xFFFFFFF0u;
     _velClient_datab *db = msg->bufDatab_p[part];
@@ -173,11 +173,11 @@ velClient_returnCode_t _velClient_msg_createContainer(_velClient_msg *msg, int p
     std::uint8_t *start = db->dbData_p + offset;
     std::memset(db->dbData_p, 0, offset);
     writeEmptyHeader(start, cType);
-    place(c, cType, start, start + CONTAINER_HEADER_SIZE, db->dbData_p + db->dbSize);
+    place(c, cType, start, start + kContainerHeaderSize, db->dbData_p + db->dbSize);
     c->offset = offset;
     c->msg_b = msg;
     c->bufInfoIndex = static_cast<velClient_bufInfo_index_t>(part);
-    msg->bufInfo_a[part] = velClient_bufInfo_t{db->dbData_p, offset + CONTAINER_HEADER_SIZE};
+    msg->bufInfo_a[part] = velClient_bufInfo_t{db->dbData_p, offset + kContainerHeaderSize};
     msg->internalFlags |= _VELCLIENT_MSG_FLAG_MODIFIED;
     *container_p = c;
     return VELCLIENT_OK;
@@ -201,18 +201,18 @@ velClient_returnCode_t _velClient_msg_getField(_velClient_msg *msg, int part, ve
     const velClient_bufInfo_t &info = msg->bufInfo_a[part];
     auto *start = static_cast<std::uint8_t *>(info.buf_p) + (info.buf_p != nullptr ? offset : 0);
     if (info.buf_p == nullptr || info.bufSize <= offset ||
-        (start[0] != vel::tlv::TB_MAP && start[0] != vel::tlv::TB_STREAM)) {
+        (start[0] != vel::tlv::kTypeMap && start[0] != vel::tlv::kTypeStream)) {
         VEL_STORE(VELCLIENT_SUBCODE_NO_STRUCTURED_DATA, VELCLIENT_LOG_INFO,
                   "No structured data at bufInfoIndex = %d in velClient_msg_getStructuredDataAndType", part);
         return VELCLIENT_NOT_FOUND;
     }
-    if (info.bufSize < offset + CONTAINER_HEADER_SIZE || vel::tlv::getBE(start + 1, 4) + offset != info.bufSize)
+    if (info.bufSize < offset + kContainerHeaderSize || vel::tlv::getBE(start + 1, 4) + offset != info.bufSize)
         return VELCLIENT_NOT_FOUND;
     _velClient_container *c = nullptr;
     if (_velClient_container_alloc(&c) != VELCLIENT_OK)
         return VEL_FAIL(VELCLIENT_SUBCODE_OUT_OF_MEMORY, VELCLIENT_LOG_WARNING,
                         "Unable to allocate container for map in velClient_msg_getStructuredDataAndType");
-    auto type = start[0] == vel::tlv::TB_MAP ? VELCLIENT_CONTAINER_MAP : VELCLIENT_CONTAINER_STREAM;
+    auto type = start[0] == vel::tlv::kTypeMap ? VELCLIENT_CONTAINER_MAP : VELCLIENT_CONTAINER_STREAM;
     std::uint8_t *end = static_cast<std::uint8_t *>(info.buf_p) + info.bufSize;
     place(c, type, start, end, end);
     c->offset = offset;
@@ -240,7 +240,7 @@ velClient_returnCode_t _velClient_container_getSubContainer(_velClient_container
     if (_velClient_container_alloc(&c) != VELCLIENT_OK)
         return VEL_FAIL(VELCLIENT_SUBCODE_OUT_OF_MEMORY, VELCLIENT_LOG_WARNING,
                         "Unable to allocate container for map in _velClient_container_openSubContainer");
-    auto type = start_p[0] == vel::tlv::TB_MAP ? VELCLIENT_CONTAINER_MAP : VELCLIENT_CONTAINER_STREAM;
+    auto type = start_p[0] == vel::tlv::kTypeMap ? VELCLIENT_CONTAINER_MAP : VELCLIENT_CONTAINER_STREAM;
     std::uint8_t *end = start_p + vel::tlv::getBE(start_p + 1, 4);
     place(c, type, start_p, end, end);
     c->offset = static_cast<std::uint32_t>(start_p - parent->startPtr);

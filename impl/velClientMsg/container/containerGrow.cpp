@@ -69,7 +69,7 @@ void rebaseOnPath(_velClient_container *k, const Move &m, bool adj, bool isRoot,
     else
         k->maxWrPtr = m.map(k->maxWrPtr, true);
     k->startPtr = m.map(k->startPtr, false);
-    k->firstFieldPtr = k->startPtr + vel::tlv::CONTAINER_HEADER_SIZE;
+    k->firstFieldPtr = k->startPtr + vel::tlv::kContainerHeaderSize;
     forgetCheckedEntries(k); /* bytes moved inside it */
 }
 
@@ -81,7 +81,7 @@ void rebaseWhole(_velClient_container *k, const Move &m)
     k->curWrPtr = m.map(k->curWrPtr, shifted);
     k->maxWrPtr = m.map(k->maxWrPtr, shifted);
     k->startPtr = m.map(k->startPtr, shifted);
-    k->firstFieldPtr = k->startPtr + vel::tlv::CONTAINER_HEADER_SIZE;
+    k->firstFieldPtr = k->startPtr + vel::tlv::kContainerHeaderSize;
 }
 
 /* Re-bases k and its descendants (children first, since they compare their
@@ -179,6 +179,6 @@ void _velClient_modContainerPtrs(_velClient_container *k, std::uint8_t *start_p,
     k->curWrPtr = keep(k->curWrPtr);
     k->maxWrPtr = keep(k->maxWrPtr);
     k->startPtr = newStart;
-    k->firstFieldPtr = newStart + vel::tlv::CONTAINER_HEADER_SIZE;
+    k->firstFieldPtr = newStart + vel::tlv::kContainerHeaderSize;
     k->copyOnModify = false;
 }

@@ -40,7 +40,7 @@ const char *readFaultText(Fault fault, std::uint32_t valueLength)
  * any other key. */
 [[gnu::always_inline]] inline std::uint32_t commonKeyLength(const std::uint8_t *pos, std::ptrdiff_t room)
 {
-    if (room < 5 || pos[0] != TB_STRING)
+    if (room < 5 || pos[0] != kTypeString)
         return 0;
     const std::uint32_t keyLength = pos[1];
     if (keyLength < 3 || keyLength >= room || !isCString(pos + 2, keyLength - 2))
@@ -105,7 +105,7 @@ inline velClient_returnCode_t readEntryAt(_velClient_container *c, std::uint8_t 
 inline void noteChecked(_velClient_container *c, const std::uint8_t *pos, std::uint32_t len)
 {
     const auto at = static_cast<std::uint32_t>(pos - c->firstFieldPtr);
-    if (at == c->checkedEnd && c->checkedCount < VEL_CHECKED_ENTRIES) {
+    if (at == c->checkedEnd && c->checkedCount < kCheckedEntries) {
         c->checkedAt[c->checkedCount++] = at;
         c->checkedEnd = at + len;
     }
@@ -167,9 +167,9 @@ namespace {
  * (nameSize bytes with its NUL). Reads nothing past room. */
 inline bool keyIs(const std::uint8_t *p, std::ptrdiff_t room, const char *name, std::size_t nameSize)
 {
-    if (p[0] == TB_STRING && room >= 2) /* the usual 1-byte length */
+    if (p[0] == kTypeString && room >= 2) /* the usual 1-byte length */
         return p[1] == 2 + nameSize && p[1] <= room && sameBytes(p + 2, name, nameSize);
-    if ((p[0] & 0xFC) != TB_STRING)
+    if ((p[0] & 0xFC) != kTypeString)
         return false;
     const unsigned width = (p[0] & 0x03) + 1u;
     if (room < static_cast<std::ptrdiff_t>(1 + width))

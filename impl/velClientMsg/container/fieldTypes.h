@@ -19,25 +19,25 @@
 /* X(code, C type, union member, type byte, value size, dump name, conversion
  * name) */
 #define VEL_FIELD_TYPES(X)                                                                                             \
-    X(VELCLIENT_BOOL, velClient_bool_t, boolean, TB_BOOL, 1, "BOOL", "BOOLEAN")                                        \
-    X(VELCLIENT_UINT8, velClient_uint8_t, uint8, TB_UINT, 1, "UINT8", "Unsigned Int (8 bit)")                          \
-    X(VELCLIENT_INT8, velClient_int8_t, int8, TB_INT, 1, "INT8", "Signed Int (8 bit)")                                 \
-    X(VELCLIENT_UINT16, velClient_uint16_t, uint16, TB_UINT, 2, "UINT16", "Unsigned Int (16 bit)")                     \
-    X(VELCLIENT_INT16, velClient_int16_t, int16, TB_INT, 2, "INT16", "Signed Int (16 bit)")                            \
-    X(VELCLIENT_UINT32, velClient_uint32_t, uint32, TB_UINT, 4, "UINT32", "Unsigned Int (32 bit)")                     \
-    X(VELCLIENT_INT32, velClient_int32_t, int32, TB_INT, 4, "INT32", "Signed Int (32 bit)")                            \
-    X(VELCLIENT_UINT64, velClient_uint64_t, uint64, TB_UINT, 8, "UINT64", "Unsigned Int (64 bit)")                     \
-    X(VELCLIENT_INT64, velClient_int64_t, int64, TB_INT, 8, "INT64", "Signed Int (64 bit)")                            \
-    X(VELCLIENT_WCHAR, velClient_wchar_t, wchar, TB_CHAR, 2, "WCHAR", "Unicode Character")                             \
-    X(VELCLIENT_STRING, const char *, string, TB_STRING, 0, "STRING", "String")                                        \
-    X(VELCLIENT_BYTEARRAY, velClient_uint8_t *, bytearray, TB_BYTEARRAY, 0, "BYTE ARRAY", "Byte Array")                \
-    X(VELCLIENT_FLOAT, float, float32, TB_FLOAT, 4, "FLOAT", "Float")                                                  \
-    X(VELCLIENT_DOUBLE, double, float64, TB_FLOAT, 8, "DOUBLE", "Double")                                              \
-    X(VELCLIENT_MAP, velClient_opaqueContainer_pt, map, TB_MAP, 0, "MAP", "Map")                                       \
-    X(VELCLIENT_STREAM, velClient_opaqueContainer_pt, stream, TB_STREAM, 0, "STREAM", "Stream")                        \
-    X(VELCLIENT_NULL, velClient_uint64_t, uint64, TB_NULL, 0, "NULL", "Null")                                          \
-    X(VELCLIENT_DESTINATION, velClient_destination_t, dest, TB_DESTINATION, 0, "DESTINATION", "Destination")           \
-    X(VELCLIENT_VWF, velClient_uint8_t *, vwf, TB_VWF, 0, "VWF", "VWF")
+    X(VELCLIENT_BOOL, velClient_bool_t, boolean, kTypeBool, 1, "BOOL", "BOOLEAN")                                        \
+    X(VELCLIENT_UINT8, velClient_uint8_t, uint8, kTypeUint, 1, "UINT8", "Unsigned Int (8 bit)")                          \
+    X(VELCLIENT_INT8, velClient_int8_t, int8, kTypeInt, 1, "INT8", "Signed Int (8 bit)")                                 \
+    X(VELCLIENT_UINT16, velClient_uint16_t, uint16, kTypeUint, 2, "UINT16", "Unsigned Int (16 bit)")                     \
+    X(VELCLIENT_INT16, velClient_int16_t, int16, kTypeInt, 2, "INT16", "Signed Int (16 bit)")                            \
+    X(VELCLIENT_UINT32, velClient_uint32_t, uint32, kTypeUint, 4, "UINT32", "Unsigned Int (32 bit)")                     \
+    X(VELCLIENT_INT32, velClient_int32_t, int32, kTypeInt, 4, "INT32", "Signed Int (32 bit)")                            \
+    X(VELCLIENT_UINT64, velClient_uint64_t, uint64, kTypeUint, 8, "UINT64", "Unsigned Int (64 bit)")                     \
+    X(VELCLIENT_INT64, velClient_int64_t, int64, kTypeInt, 8, "INT64", "Signed Int (64 bit)")                            \
+    X(VELCLIENT_WCHAR, velClient_wchar_t, wchar, kTypeChar, 2, "WCHAR", "Unicode Character")                             \
+    X(VELCLIENT_STRING, const char *, string, kTypeString, 0, "STRING", "String")                                        \
+    X(VELCLIENT_BYTEARRAY, velClient_uint8_t *, bytearray, kTypeByteArray, 0, "BYTE ARRAY", "Byte Array")                \
+    X(VELCLIENT_FLOAT, float, float32, kTypeFloat, 4, "FLOAT", "Float")                                                  \
+    X(VELCLIENT_DOUBLE, double, float64, kTypeFloat, 8, "DOUBLE", "Double")                                              \
+    X(VELCLIENT_MAP, velClient_opaqueContainer_pt, map, kTypeMap, 0, "MAP", "Map")                                       \
+    X(VELCLIENT_STREAM, velClient_opaqueContainer_pt, stream, kTypeStream, 0, "STREAM", "Stream")                        \
+    X(VELCLIENT_NULL, velClient_uint64_t, uint64, kTypeNull, 0, "NULL", "Null")                                          \
+    X(VELCLIENT_DESTINATION, velClient_destination_t, dest, kTypeDestination, 0, "DESTINATION", "Destination")           \
+    X(VELCLIENT_VWF, velClient_uint8_t *, vwf, kTypeVwf, 0, "VWF", "VWF")
 
 namespace vel::field {
 

@@ -41,27 +41,27 @@ std::int64_t decodeVariable(const std::uint8_t *p, std::uint32_t len, unsigned w
     const std::uint8_t *v = p + 1 + width;
     std::uint32_t n = len - 1 - width;
     switch (p[0] & 0xFC) {
-    case TB_BYTEARRAY:
-    case TB_VWF:
-    case TB_STRING: {
+    case kTypeByteArray:
+    case kTypeVwf:
+    case kTypeString: {
         /* An empty value is the null string / array: tlvLength 2 in the
          * 1-byte form, the bare header in the wider ones. */
         bool empty = n == 0;
-        if ((p[0] & 0xFC) == TB_STRING && !empty && !isCString(v, n))
+        if ((p[0] & 0xFC) == kTypeString && !empty && !isCString(v, n))
             return kBad;
-        f->type = (p[0] & 0xFC) == TB_STRING ? VELCLIENT_STRING
-                  : (p[0] & 0xFC) == TB_VWF  ? VELCLIENT_VWF
+        f->type = (p[0] & 0xFC) == kTypeString ? VELCLIENT_STRING
+                  : (p[0] & 0xFC) == kTypeVwf  ? VELCLIENT_VWF
                                              : VELCLIENT_BYTEARRAY;
         f->length = empty ? 0 : n;
         f->value.bytearray = empty ? nullptr : const_cast<std::uint8_t *>(v);
         return len;
     }
-    case TB_DESTINATION: return decodeDestination(v, n, len, f);
+    case kTypeDestination: return decodeDestination(v, n, len, f);
     default: /* map or stream */
-        if (len < CONTAINER_HEADER_SIZE)
+        if (len < kContainerHeaderSize)
             return kBad;
-        f->type = p[0] == TB_MAP ? VELCLIENT_MAP : VELCLIENT_STREAM;
-        f->length = len - CONTAINER_HEADER_SIZE;
+        f->type = p[0] == kTypeMap ? VELCLIENT_MAP : VELCLIENT_STREAM;
+        f->length = len - kContainerHeaderSize;
         f->value.map = nullptr;
         return len;
     }
@@ -71,18 +71,18 @@ std::int64_t decodeVariable(const std::uint8_t *p, std::uint32_t len, unsigned w
 bool recognised(std::uint8_t tb)
 {
     switch (tb & 0xFC) {
-    case TB_NULL:
-    case TB_BOOL:
-    case TB_INT:
-    case TB_UINT:
-    case TB_FLOAT:
-    case TB_CHAR: return (tb & 0x03) == 0;
-    case TB_BYTEARRAY:
-    case TB_STRING:
-    case TB_VWF: return true;
-    case TB_DESTINATION: return (tb & 0x03) <= 1;
-    case 0x28: return tb == TB_MAP;
-    case 0x2C: return tb == TB_STREAM;
+    case kTypeNull:
+    case kTypeBool:
+    case kTypeInt:
+    case kTypeUint:
+    case kTypeFloat:
+    case kTypeChar: return (tb & 0x03) == 0;
+    case kTypeByteArray:
+    case kTypeString:
+    case kTypeVwf: return true;
+    case kTypeDestination: return (tb & 0x03) <= 1;
+    case 0x28: return tb == kTypeMap;
+    case 0x2C: return tb == kTypeStream;
     default: return false;
     }
 }
@@ -112,7 +112,7 @@ std::int64_t decodeField(const std::uint8_t *p, const std::uint8_t *end, velClie
         f->value.unknownField = const_cast<std::uint8_t *>(p);
         return len32;
     }
-    if (tb == TB_NULL) {
+    if (tb == kTypeNull) {
         /* A null field occupies its length byte's count; it must at least hold its
          * header. */
         f->type = VELCLIENT_NULL;
@@ -120,7 +120,7 @@ std::int64_t decodeField(const std::uint8_t *p, const std::uint8_t *end, velClie
         f->value.uint64 = 0;
         return len32;
     }
-    if ((tb & 0xFC) < TB_BYTEARRAY)
+    if ((tb & 0xFC) < kTypeByteArray)
         return decodeFixed(p, len32, f);
     return decodeVariable(p, len32, width, f);
 }
@@ -147,7 +147,7 @@ Fault decodeValue(const std::uint8_t *p, const std::uint8_t *end, Entry &e)
 Fault decodeEntry(const std::uint8_t *pos, const std::uint8_t *end, Entry &e)
 {
     e.name = nullptr;
-    if ((pos[0] & 0xFC) != TB_STRING)
+    if ((pos[0] & 0xFC) != kTypeString)
         return Fault::keyNotString;
     const unsigned width = widthOf(pos);
     if (end - pos < static_cast<std::ptrdiff_t>(1 + width))

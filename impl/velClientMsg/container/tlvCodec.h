@@ -31,25 +31,25 @@
 namespace vel::tlv {
 
 /* Type bytes as the writer emits them (width bits 0 unless stated). */
-inline constexpr std::uint8_t TB_NULL = 0x00;
-inline constexpr std::uint8_t TB_BOOL = 0x04;
-inline constexpr std::uint8_t TB_INT = 0x08;
-inline constexpr std::uint8_t TB_UINT = 0x0C;
-inline constexpr std::uint8_t TB_FLOAT = 0x10;
-inline constexpr std::uint8_t TB_CHAR = 0x14;
-inline constexpr std::uint8_t TB_BYTEARRAY = 0x18; /* + width - 1 */
-inline constexpr std::uint8_t TB_STRING = 0x1C;    /* + width - 1 */
-inline constexpr std::uint8_t TB_DESTINATION = 0x20;
-inline constexpr std::uint8_t TB_VWF = 0x24; /* + width - 1 */
-inline constexpr std::uint8_t TB_MAP = 0x2B;
-inline constexpr std::uint8_t TB_STREAM = 0x2F;
+inline constexpr std::uint8_t kTypeNull = 0x00;
+inline constexpr std::uint8_t kTypeBool = 0x04;
+inline constexpr std::uint8_t kTypeInt = 0x08;
+inline constexpr std::uint8_t kTypeUint = 0x0C;
+inline constexpr std::uint8_t kTypeFloat = 0x10;
+inline constexpr std::uint8_t kTypeChar = 0x14;
+inline constexpr std::uint8_t kTypeByteArray = 0x18; /* + width - 1 */
+inline constexpr std::uint8_t kTypeString = 0x1C;    /* + width - 1 */
+inline constexpr std::uint8_t kTypeDestination = 0x20;
+inline constexpr std::uint8_t kTypeVwf = 0x24; /* + width - 1 */
+inline constexpr std::uint8_t kTypeMap = 0x2B;
+inline constexpr std::uint8_t kTypeStream = 0x2F;
 
-inline constexpr std::uint32_t CONTAINER_HEADER_SIZE = 5;
+inline constexpr std::uint32_t kContainerHeaderSize = 5;
 /* Largest destination name, NUL included, that the writer accepts. */
-inline constexpr std::uint32_t MAX_DEST_NAME_WITH_NUL = 250;
+inline constexpr std::uint32_t kMaxDestNameWithNul = 250;
 /* Destination kind byte. */
-inline constexpr std::uint8_t DEST_KIND_TOPIC = 0;
-inline constexpr std::uint8_t DEST_KIND_QUEUE = 1;
+inline constexpr std::uint8_t kDestKindTopic = 0;
+inline constexpr std::uint8_t kDestKindQueue = 1;
 
 inline void putBE(std::uint8_t *p, std::uint64_t value, unsigned width) noexcept
 {

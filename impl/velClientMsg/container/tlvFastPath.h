@@ -41,7 +41,7 @@ inline std::uint32_t decodeCommon(const std::uint8_t *p, std::ptrdiff_t room, ve
     if (len < 2 || len > room)
         return 0;
     switch (p[0]) {
-    case TB_STRING: {
+    case kTypeString: {
         const std::uint32_t n = len - 2;
         if (n == 0 || !isCString(p + 2, n))
             return 0;
@@ -50,10 +50,10 @@ inline std::uint32_t decodeCommon(const std::uint8_t *p, std::ptrdiff_t room, ve
         f->value.bytearray = const_cast<std::uint8_t *>(p + 2);
         return len;
     }
-    case TB_BOOL:
-    case TB_INT:
-    case TB_UINT:
-    case TB_FLOAT: return decodeFixed(p, len, f) < 0 ? 0 : len;
+    case kTypeBool:
+    case kTypeInt:
+    case kTypeUint:
+    case kTypeFloat: return decodeFixed(p, len, f) < 0 ? 0 : len;
     default: return 0;
     }
 }
@@ -74,8 +74,8 @@ inline constexpr auto kAccepts = [] {
         if (vel::field::isFixedSize(row))
             t[row.typeByte >> 2] = static_cast<std::uint16_t>(
                 (t[row.typeByte >> 2] == kAnyLength ? 1u : t[row.typeByte >> 2]) | 1u << row.size);
-    t[TB_STRING >> 2] = kText;
-    t[TB_DESTINATION >> 2] = 0;
+    t[kTypeString >> 2] = kText;
+    t[kTypeDestination >> 2] = 0;
     return t;
 }();
 

@@ -25,7 +25,7 @@ namespace {
 using vel::tlv::getBE;
 using vel::tlv::putBE;
 
-constexpr std::uint32_t kEntryHeader = VEL_MAP_ENTRY_KEY_SIZE + vel::tlv::CONTAINER_HEADER_SIZE;
+constexpr std::uint32_t kEntryHeader = kMapEntryKeySize + vel::tlv::kContainerHeaderSize;
 /* A received header can be patched when it reaches its flags byte. */
 constexpr std::uint32_t kPatchableSize = 14;
 
@@ -69,9 +69,9 @@ velClient_returnCode_t ownMetaPart(_velClient_msg *msg)
 /* Writes the entry key in front of a map part unless it is already there. */
 void writeEntryKey(_velClient_msg *msg, int part, char key)
 {
-    if (msg->bufInfo_a[part].buf_p == nullptr || msg->bufInfo_a[part].bufSize < VEL_MAP_ENTRY_KEY_SIZE)
+    if (msg->bufInfo_a[part].buf_p == nullptr || msg->bufInfo_a[part].bufSize < kMapEntryKeySize)
         return;
-    const std::uint8_t entryKey[VEL_MAP_ENTRY_KEY_SIZE] = {vel::tlv::TB_STRING, 0x04, static_cast<std::uint8_t>(key),
+    const std::uint8_t entryKey[kMapEntryKeySize] = {vel::tlv::kTypeString, 0x04, static_cast<std::uint8_t>(key),
                                                            0x00};
     std::uint8_t *p = partBytes(msg, part);
     if (std::memcmp(p, entryKey, sizeof entryKey) != 0)
@@ -80,7 +80,7 @@ void writeEntryKey(_velClient_msg *msg, int part, char key)
 
 std::uint8_t attachmentTypeByte(const _velClient_msg *msg)
 {
-    return msg->binAttachmentType != 0 ? msg->binAttachmentType : VEL_BINARY_META_PLAIN_TYPE;
+    return msg->binAttachmentType != 0 ? msg->binAttachmentType : kBinaryMetaPlainType;
 }
 
 /* A received header, resent: only the type and the reply bit are patched. */
@@ -92,7 +92,7 @@ velClient_returnCode_t patchReceivedHeader(_velClient_msg *msg)
     if (msg->binAttachmentType != 0)
         meta[12] = msg->binAttachmentType;
     if (isReply(msg))
-        meta[13] |= VEL_BINARY_META_REPLY_BIT;
+        meta[13] |= kBinaryMetaReplyBit;
     return VELCLIENT_OK;
 }
 
@@ -122,12 +122,12 @@ velClient_returnCode_t buildHeader(_velClient_msg *msg)
         return patchReceivedHeader(msg);
     std::uint32_t entries = (hasHdr ? msg->bufInfo_a[_VELCLIENT_BUFINFO_HDR_MAP_PART].bufSize : 0) +
                             (hasProps ? msg->bufInfo_a[VELCLIENT_BUFINFO_USER_PROPERTY_PART].bufSize : 0);
-    std::uint8_t meta[VEL_BINARY_META_SIZE] = {0x01, 0, 0, 0, 0, vel::tlv::TB_STREAM, 0, 0, 0, 0, vel::tlv::TB_BYTEARRAY,
-                                               4,    0, 0, vel::tlv::TB_MAP};
+    std::uint8_t meta[kBinaryMetaSize] = {0x01, 0, 0, 0, 0, vel::tlv::kTypeStream, 0, 0, 0, 0, vel::tlv::kTypeByteArray,
+                                               4,    0, 0, vel::tlv::kTypeMap};
     putBE(meta + 2, entries + 14, 3);
     putBE(meta + 6, entries + 14, 4);
     meta[12] = attachmentTypeByte(msg);
-    meta[13] = isReply(msg) ? VEL_BINARY_META_REPLY_BIT : 0;
+    meta[13] = isReply(msg) ? kBinaryMetaReplyBit : 0;
     putBE(meta + 15, entries + 5, 4);
     if (_velClient_msg_setBufinfo(msg, _VELCLIENT_BUFINFO_BINARY_META_PART, meta, sizeof meta, 0) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
@@ -184,13 +184,13 @@ void takeEntry(_velClient_msg *msg, int part, std::uint8_t *entry, std::uint32_t
 /* One entry at p (at most end - p bytes): its total size, or 0 when malformed. */
 std::uint32_t entrySize(const std::uint8_t *p, const std::uint8_t *end)
 {
-    if (end - p < static_cast<std::ptrdiff_t>(kEntryHeader) || p[0] != vel::tlv::TB_STRING)
+    if (end - p < static_cast<std::ptrdiff_t>(kEntryHeader) || p[0] != vel::tlv::kTypeString)
         return 0;
     std::uint64_t mapLength = getBE(p + 5, 4);
-    if (mapLength < vel::tlv::CONTAINER_HEADER_SIZE ||
-        mapLength + VEL_MAP_ENTRY_KEY_SIZE > static_cast<std::uint64_t>(end - p))
+    if (mapLength < vel::tlv::kContainerHeaderSize ||
+        mapLength + kMapEntryKeySize > static_cast<std::uint64_t>(end - p))
         return 0;
-    return static_cast<std::uint32_t>(mapLength + VEL_MAP_ENTRY_KEY_SIZE);
+    return static_cast<std::uint32_t>(mapLength + kMapEntryKeySize);
 }
 
 } // namespace
@@ -203,15 +203,15 @@ velClient_returnCode_t vel::meta::read(_velClient_msg *msg, velClient_returnCode
     std::uint32_t size = msg->bufInfo_a[_VELCLIENT_BUFINFO_BINARY_META_PART].bufSize;
     if (size < 2 || meta[0] != 0x01 || meta[1] != 0x00)
         return dropUnrecognised(msg) == VELCLIENT_OK ? VELCLIENT_NOT_FOUND : VELCLIENT_FAIL;
-    if (size < VEL_BINARY_META_SHORT_SIZE || (meta[11] == 4 && size < VEL_BINARY_META_SIZE))
+    if (size < kBinaryMetaShortSize || (meta[11] == 4 && size < kBinaryMetaSize))
         return VELCLIENT_FAIL;
     msg->binAttachmentType = meta[12];
     msg->msgInfo.flags &= ~_VELCLIENT_RX_FLAG_REPLY_MSG;
-    std::uint8_t *p = meta + VEL_BINARY_META_SHORT_SIZE;
+    std::uint8_t *p = meta + kBinaryMetaShortSize;
     if (meta[11] == 4) {
-        if (meta[13] & VEL_BINARY_META_REPLY_BIT)
+        if (meta[13] & kBinaryMetaReplyBit)
             msg->msgInfo.flags |= _VELCLIENT_RX_FLAG_REPLY_MSG;
-        p = meta + VEL_BINARY_META_SIZE;
+        p = meta + kBinaryMetaSize;
     }
     const std::uint8_t *end = meta + size;
     while (p < end) {

@@ -189,7 +189,7 @@ extern "C" velClient_returnCode_t _velClient_msgHeaderMap_deleteString(velClient
 velClient_returnCode_t _velClient_msg_beginSetSequenceNumber(_velClient_msg *msg, std::uint64_t **seqNumPtr,
                                                              std::uint64_t seqNum)
 {
-    static constexpr std::uint8_t kField[7] = {vel::tlv::TB_STRING, 0x05, 's', 'n', 0x00, vel::tlv::TB_INT, 0x0A};
+    static constexpr std::uint8_t kField[7] = {vel::tlv::kTypeString, 0x05, 's', 'n', 0x00, vel::tlv::kTypeInt, 0x0A};
     static constexpr std::uint32_t kFieldSize = sizeof kField + 8;
     VEL_LOG(VELCLIENT_LOG_DEBUG, "_velClient_msg_beginSetSequenceNumber(%p,%p)", static_cast<void *>(msg),
             static_cast<void *>(seqNumPtr));
@@ -226,8 +226,8 @@ bool headerMapEntries(const _velClient_msg *msg, const std::uint8_t *&first, con
     }
     const velClient_bufInfo_t &part = msg->bufInfo_a[_VELCLIENT_BUFINFO_HDR_MAP_PART];
     const auto *bytes = static_cast<const std::uint8_t *>(part.buf_p);
-    constexpr std::uint32_t kHeader = VEL_MAP_ENTRY_KEY_SIZE + vel::tlv::CONTAINER_HEADER_SIZE;
-    if (bytes == nullptr || part.bufSize < kHeader || bytes[VEL_MAP_ENTRY_KEY_SIZE] != vel::tlv::TB_MAP)
+    constexpr std::uint32_t kHeader = kMapEntryKeySize + vel::tlv::kContainerHeaderSize;
+    if (bytes == nullptr || part.bufSize < kHeader || bytes[kMapEntryKeySize] != vel::tlv::kTypeMap)
         return false;
     first = bytes + kHeader;
     end = bytes + part.bufSize;
@@ -247,7 +247,7 @@ std::uint8_t *_velClient_msg_sequenceNumberSlot(_velClient_msg *msg)
             return nullptr;
         const std::uint8_t *v = pos + e.keyLength;
         if (e.name != nullptr && std::strcmp(e.name, "sn") == 0)
-            return v[0] == vel::tlv::TB_INT && e.valueLength == 10 ? const_cast<std::uint8_t *>(v) + 2 : nullptr;
+            return v[0] == vel::tlv::kTypeInt && e.valueLength == 10 ? const_cast<std::uint8_t *>(v) + 2 : nullptr;
         pos = v + e.valueLength;
     }
     return nullptr;

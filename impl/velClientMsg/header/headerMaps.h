@@ -10,16 +10,16 @@
 
 /* Size of the metadata header this library writes; a reader also accepts the
  * one byte shorter form without the flags byte. */
-inline constexpr std::uint32_t VEL_BINARY_META_SIZE = 19;
-inline constexpr std::uint32_t VEL_BINARY_META_SHORT_SIZE = 18;
+inline constexpr std::uint32_t kBinaryMetaSize = 19;
+inline constexpr std::uint32_t kBinaryMetaShortSize = 18;
 /* Bytes kept in front of each map for its entry key (1C 04 key 00). */
-inline constexpr std::uint32_t VEL_MAP_ENTRY_KEY_SIZE = 4;
+inline constexpr std::uint32_t kMapEntryKeySize = 4;
 /* Value carried in the header's type byte when the attachment is plain bytes. */
-inline constexpr std::uint8_t VEL_BINARY_META_PLAIN_TYPE = 0x80;
-inline constexpr std::uint8_t VEL_BINARY_META_REPLY_BIT = 0x80;
+inline constexpr std::uint8_t kBinaryMetaPlainType = 0x80;
+inline constexpr std::uint8_t kBinaryMetaReplyBit = 0x80;
 /* binAttachmentType of a structured attachment. */
-inline constexpr std::uint8_t VEL_ATTACHMENT_MAP = 10;
-inline constexpr std::uint8_t VEL_ATTACHMENT_STREAM = 11;
+inline constexpr std::uint8_t kAttachmentMap = 10;
+inline constexpr std::uint8_t kAttachmentStream = 11;
 
 /* Opens the header map as msg->hdrMap_p: from part 10, else from the
  * metadata header in part 8 (which also fills part 7), else - with create -

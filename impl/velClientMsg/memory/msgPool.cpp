@@ -11,7 +11,7 @@ _velClient_msgPool _velClient_msgPool_s{0,
                                         {},
                                         {},
                                         {},
-                                        VEL_DEFAULT_MAX_POOL_MEM,
+                                        kDefaultMaxPoolMem,
                                         {}};
 
 namespace {

@@ -75,7 +75,7 @@ velClient_returnCode_t setAttachmentContainer(velClient_opaqueMsg_pt msg_p, velC
         vel::containerOrFail(cont_p, "Bad cont_p pointer (%p) in velClient_msg_setBinaryAttachmentContainer");
     if (cont == nullptr)
         return VELCLIENT_FAIL;
-    std::uint8_t type = cont->type == VELCLIENT_CONTAINER_STREAM ? VEL_ATTACHMENT_STREAM : VEL_ATTACHMENT_MAP;
+    std::uint8_t type = cont->type == VELCLIENT_CONTAINER_STREAM ? kAttachmentStream : kAttachmentMap;
     velClient_returnCode_t rc = _velClient_msg_setPartFromContainer(
         msg, VELCLIENT_BUFINFO_BINARY_ATTACHMENT_PART, &msg->binaryAttachContainer_p, cont, 0, byReference);
     if (rc == VELCLIENT_OK)

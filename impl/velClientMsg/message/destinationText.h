@@ -12,12 +12,12 @@
 
 namespace vel::dest {
 
-inline constexpr std::size_t MAX_TOPIC = 250;
-inline constexpr std::size_t MAX_QUEUE = 200;
-inline constexpr char QUEUE_PREFIX[] = "#P2P/QUE/";
-inline constexpr char TEMP_TOPIC_PREFIX[] = "#P2P/TTMP/";
-inline constexpr char TEMP_QUEUE_PREFIX[] = "#P2P/QTMP/";
-inline constexpr std::size_t QUEUE_PREFIX_LENGTH = sizeof QUEUE_PREFIX - 1;
+inline constexpr std::size_t kMaxTopic = 250;
+inline constexpr std::size_t kMaxQueue = 200;
+inline constexpr char kQueuePrefix[] = "#P2P/QUE/";
+inline constexpr char kTempTopicPrefix[] = "#P2P/TTMP/";
+inline constexpr char kTempQueuePrefix[] = "#P2P/QTMP/";
+inline constexpr std::size_t kQueuePrefixLength = sizeof kQueuePrefix - 1;
 
 inline bool startsWith(const char *text, const char *prefix)
 {
@@ -29,9 +29,9 @@ inline bool startsWith(const char *text, const char *prefix)
  * nothing follows it. */
 inline const char *queueNameAfterPrefix(const char *text)
 {
-    if (std::strlen(text) <= QUEUE_PREFIX_LENGTH)
+    if (std::strlen(text) <= kQueuePrefixLength)
         return nullptr;
-    const char *slash = std::strchr(text + QUEUE_PREFIX_LENGTH, '/');
+    const char *slash = std::strchr(text + kQueuePrefixLength, '/');
     return slash != nullptr && slash[1] != '\0' ? slash + 1 : nullptr;
 }
 

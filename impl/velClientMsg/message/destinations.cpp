@@ -35,8 +35,8 @@ velClient_returnCode_t tooLong(std::size_t length, std::size_t limit, int type)
 velClient_returnCode_t setTopic(_velClient_msg *msg, const char *text, int type)
 {
     std::size_t length = std::strlen(text);
-    if (length > MAX_TOPIC)
-        return tooLong(length, MAX_TOPIC, type);
+    if (length > kMaxTopic)
+        return tooLong(length, kMaxTopic, type);
     if (copyText(msg, VELCLIENT_BUFINFO_TOPIC_PART, text, length) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     _velClient_msg_setBufinfoPtr(msg, VELCLIENT_BUFINFO_QUEUENAME_PART, nullptr, 0);
@@ -49,8 +49,8 @@ velClient_returnCode_t setTempQueue(_velClient_msg *msg, const char *text)
 {
     _velClient_msg_setBufinfoPtr(msg, _VELCLIENT_BUFINFO_DEST_PREFIX_PART, nullptr, 0);
     std::size_t length = std::strlen(text);
-    if (length > MAX_TOPIC)
-        return tooLong(length, MAX_TOPIC, VELCLIENT_QUEUE_TEMP_DESTINATION);
+    if (length > kMaxTopic)
+        return tooLong(length, kMaxTopic, VELCLIENT_QUEUE_TEMP_DESTINATION);
     if (copyText(msg, VELCLIENT_BUFINFO_QUEUENAME_PART, text, length) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     _velClient_msg_setBufinfoPtr(msg, VELCLIENT_BUFINFO_TOPIC_PART, nullptr, 0);
@@ -61,7 +61,7 @@ velClient_returnCode_t setTempQueue(_velClient_msg *msg, const char *text)
 velClient_returnCode_t setQueue(_velClient_msg *msg, const char *text)
 {
     const char *name = text;
-    if (startsWith(text, QUEUE_PREFIX)) {
+    if (startsWith(text, kQueuePrefix)) {
         name = queueNameAfterPrefix(text);
         if (name == nullptr)
             return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
@@ -71,8 +71,8 @@ velClient_returnCode_t setQueue(_velClient_msg *msg, const char *text)
         _velClient_msg_setBufinfo(msg, _VELCLIENT_BUFINFO_DEST_PREFIX_PART, nullptr, 0, 0);
     }
     std::size_t length = std::strlen(name);
-    if (length > MAX_QUEUE)
-        return tooLong(length, MAX_QUEUE, VELCLIENT_QUEUE_DESTINATION);
+    if (length > kMaxQueue)
+        return tooLong(length, kMaxQueue, VELCLIENT_QUEUE_DESTINATION);
     if (copyText(msg, VELCLIENT_BUFINFO_QUEUENAME_PART, name, length) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     _velClient_msg_setBufinfoPtr(msg, VELCLIENT_BUFINFO_TOPIC_PART, nullptr, 0);
@@ -115,7 +115,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setDestination(vel
     if (text[0] == '\0')
         return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
                         "Empty string dest pointer in velClient_msg_setDestination");
-    if (startsWith(text, TEMP_QUEUE_PREFIX)) {
+    if (startsWith(text, kTempQueuePrefix)) {
         /* A temporary-queue name overrides the type the caller gave (and tells the caller). */
         const_cast<velClient_destination_t *>(dest_p)->destType = VELCLIENT_QUEUE_TEMP_DESTINATION;
         return setTempQueue(msg, text);
@@ -148,18 +148,18 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getDestination(vel
 velClient_returnCode_t vel::msg::destination(_velClient_msg *msg, velClient_destination_t *dest_p)
 {
     if (const char *topic = partText(msg, VELCLIENT_BUFINFO_TOPIC_PART)) {
-        if (startsWith(topic, TEMP_TOPIC_PREFIX))
+        if (startsWith(topic, kTempTopicPrefix))
             *dest_p = {VELCLIENT_TOPIC_TEMP_DESTINATION, topic};
-        else if (startsWith(topic, QUEUE_PREFIX))
-            *dest_p = {VELCLIENT_QUEUE_DESTINATION, topic + QUEUE_PREFIX_LENGTH};
-        else if (startsWith(topic, TEMP_QUEUE_PREFIX))
+        else if (startsWith(topic, kQueuePrefix))
+            *dest_p = {VELCLIENT_QUEUE_DESTINATION, topic + kQueuePrefixLength};
+        else if (startsWith(topic, kTempQueuePrefix))
             *dest_p = {VELCLIENT_QUEUE_TEMP_DESTINATION, topic};
         else
             *dest_p = {VELCLIENT_TOPIC_DESTINATION, topic};
         return VELCLIENT_OK;
     }
     if (const char *queue = partText(msg, VELCLIENT_BUFINFO_QUEUENAME_PART)) {
-        *dest_p = {startsWith(queue, TEMP_QUEUE_PREFIX) ? VELCLIENT_QUEUE_TEMP_DESTINATION : VELCLIENT_QUEUE_DESTINATION,
+        *dest_p = {startsWith(queue, kTempQueuePrefix) ? VELCLIENT_QUEUE_TEMP_DESTINATION : VELCLIENT_QUEUE_DESTINATION,
                    queue};
         return VELCLIENT_OK;
     }

@@ -246,10 +246,10 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setTopicPtr(velCli
     if (topic_p == nullptr)
         return _velClient_msg_setBufinfoPtr(msg, VELCLIENT_BUFINFO_TOPIC_PART, nullptr, 0);
     std::size_t length = std::strlen(topic_p);
-    if (length > MAX_TOPIC)
+    if (length > kMaxTopic)
         return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
                         "Topic length of %d exceeds maximum of %d in velClient_msg_setTopicPtr",
-                        static_cast<int>(length), static_cast<int>(MAX_TOPIC));
+                        static_cast<int>(length), static_cast<int>(kMaxTopic));
     _velClient_msg_setBufinfoPtr(msg, VELCLIENT_BUFINFO_TOPIC_PART, const_cast<char *>(topic_p),
                                  static_cast<std::uint32_t>(length));
     _velClient_msg_setBufinfoPtr(msg, VELCLIENT_BUFINFO_QUEUENAME_PART, nullptr, 0);
@@ -271,12 +271,12 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setQueueNamePtr(ve
         return VELCLIENT_OK;
     }
     const char *name = queueName_p;
-    std::size_t limit = MAX_QUEUE;
-    bool temporary = startsWith(queueName_p, TEMP_QUEUE_PREFIX);
+    std::size_t limit = kMaxQueue;
+    bool temporary = startsWith(queueName_p, kTempQueuePrefix);
     if (temporary) {
-        limit = MAX_TOPIC;
-    } else if (!startsWith(queueName_p, QUEUE_PREFIX)) {
-        _velClient_msg_setBufinfo(msg, _VELCLIENT_BUFINFO_DEST_PREFIX_PART, QUEUE_PREFIX, QUEUE_PREFIX_LENGTH, 0);
+        limit = kMaxTopic;
+    } else if (!startsWith(queueName_p, kQueuePrefix)) {
+        _velClient_msg_setBufinfo(msg, _VELCLIENT_BUFINFO_DEST_PREFIX_PART, kQueuePrefix, kQueuePrefixLength, 0);
     } else {
         name = queueNameAfterPrefix(queueName_p);
         if (name == nullptr)
@@ -318,7 +318,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setBinaryAttachmen
                                   static_cast<std::uint32_t>(n + 1), kHeader) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     auto *p = static_cast<std::uint8_t *>(msg->bufInfo_a[VELCLIENT_BUFINFO_BINARY_ATTACHMENT_PART].buf_p);
-    p[0] = vel::tlv::TB_STRING + 3;
+    p[0] = vel::tlv::kTypeString + 3;
     vel::tlv::putBE(p + 1, n + 6, 4);
     msg->binAttachmentType = 7;
     return VELCLIENT_OK;
@@ -340,7 +340,7 @@ velClient_returnCode_t vel::msg::attachmentString(_velClient_msg *msg, const cha
 {
     const velClient_bufInfo_t &part = msg->bufInfo_a[VELCLIENT_BUFINFO_BINARY_ATTACHMENT_PART];
     const auto *p = static_cast<const std::uint8_t *>(part.buf_p);
-    if (p == nullptr || part.bufSize == 0 || (p[0] & 0xFC) != vel::tlv::TB_STRING)
+    if (p == nullptr || part.bufSize == 0 || (p[0] & 0xFC) != vel::tlv::kTypeString)
         return VELCLIENT_NOT_FOUND;
     unsigned width = (p[0] & 0x03) + 1u;
     if (part.bufSize < 1 + width)

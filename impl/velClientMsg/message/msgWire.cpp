@@ -70,7 +70,7 @@ velClient_returnCode_t _velClient_msg_encodeToVWF(_velClient_msg *msg, velClient
     emptyVwfPart(msg);
     if (vel::meta::prepareForWire(msg, true) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
-    _velClient_vwfChunk chunks[vel::vwf::MAX_CHUNKS];
+    _velClient_vwfChunk chunks[vel::vwf::kMaxChunks];
     _velClient_vwfScratch scratch;
     std::uint8_t *scratch_p = scratch.bytes;
     std::uint32_t numChunks = 0;
@@ -104,8 +104,8 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_encodeToVWF(velCli
 extern "C" velClient_returnCode_t _velClient_decodeVWFCallback(void *, void *parserVoid_p)
 {
     auto *parse = static_cast<_velClient_vwfParsing *>(parserVoid_p);
-    bool application = parse->protocol == vel::vwf::PROTOCOL_DIRECT || parse->protocol == vel::vwf::PROTOCOL_GUARANTEED;
-    if (application && (parse->internalFlags & vel::vwf::FLAG_CONTROL_FRAME) == 0) {
+    bool application = parse->protocol == vel::vwf::kProtocolDirect || parse->protocol == vel::vwf::kProtocolGuaranteed;
+    if (application && (parse->internalFlags & vel::vwf::kFlagControlFrame) == 0) {
         ++parse->numMsgInBuf;
         parse->appOwnsMessage = 1;
     } else {

@@ -16,11 +16,11 @@ namespace {
 
 /* The reply-to topic "base/suffix" ("base/#" for the empty suffix), cut
  * silently at its 250 characters. */
-void replyTopic(char (&topic)[VEL_SESSION_MAX_TOPIC + 1], const char *base, const char *suffix)
+void replyTopic(char (&topic)[kSessionMaxTopic + 1], const char *base, const char *suffix)
 {
     std::size_t n = 0;
     for (const char *part : {base, "/", *suffix != '\0' ? suffix : "#"})
-        for (; *part != '\0' && n < VEL_SESSION_MAX_TOPIC; ++part)
+        for (; *part != '\0' && n < kSessionMaxTopic; ++part)
             topic[n++] = *part;
     topic[n] = '\0';
 }
@@ -108,7 +108,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setReplyToSuffix(v
                         "Null suffix pointer in velClient_msg_setReplyToSuffix");
     if (vel::hdr::openForWrite(msg) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
-    char topic[VEL_SESSION_MAX_TOPIC + 1];
+    char topic[kSessionMaxTopic + 1];
     replyTopic(topic, session->p2pTopicBase, suffix_p);
     velClient_destination_t dest{VELCLIENT_TOPIC_DESTINATION, topic};
     return setReplyTo(msg, dest);

@@ -37,7 +37,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setUserPropertyMap
     if (cont == nullptr)
         return VELCLIENT_FAIL;
     return _velClient_msg_setPartFromContainer(msg, VELCLIENT_BUFINFO_USER_PROPERTY_PART, &msg->userPropertyMap_p,
-                                               cont, VEL_MAP_ENTRY_KEY_SIZE, false);
+                                               cont, kMapEntryKeySize, false);
 }
 
 namespace {
