@@ -13,7 +13,7 @@
 #include <string>
 #include <variant>
 
-#include "velclient/velclient.hpp"
+#include "velclient/velClient.hpp"
 
 namespace vc = velclient;
 

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "support/velTestSupport.h"
-#include "velclient/velclient.hpp"
+#include "velclient/velClient.hpp"
 
 namespace vc = velclient;
 using veltest::stat;

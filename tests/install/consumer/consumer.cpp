@@ -1,7 +1,7 @@
 // An application in C++: one message built, encoded and decoded back.
 #include <iostream>
 
-#include <velclient/velclient.hpp>
+#include <velclient/velClient.hpp>
 
 int main()
 {

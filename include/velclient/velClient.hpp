@@ -1,5 +1,5 @@
 /*
- * velclient.hpp - the C++17 layer over the C API: owners that free what they
+ * velClient.hpp - the C++17 layer over the C API: owners that free what they
  * hold (library start, messages, containers, data blocks, sessions), a
  * destination value type, typed adds and getters, range-for over fields with
  * each value as a std::variant, wire bytes and the dump as standard types.
