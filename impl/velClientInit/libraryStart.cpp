@@ -36,9 +36,8 @@ struct StartConfig {
 /* The property comes before the value, which may be long enough to be cut off. */
 velClient_returnCode_t badValue(const char *name_p, const char *value_p)
 {
-    return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                    "Invalid value for property %s in velClient_initialize: '%s'", name_p,
-                    value_p ? value_p : "(null)");
+    return VEL_FAIL_RANGE("Invalid value for property %s in velClient_initialize: '%s'", name_p,
+                          value_p ? value_p : "(null)");
 }
 
 /* Applies one name/value pair to config; records the failure otherwise. */
@@ -60,8 +59,7 @@ velClient_returnCode_t applyProperty(StartConfig &config, const char *name_p, co
         config.maxPoolMem = value;
         return VELCLIENT_OK;
     }
-    return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                    "Unknown property %s in velClient_initialize", name_p);
+    return VEL_FAIL_RANGE("Unknown property %s in velClient_initialize", name_p);
 }
 
 velClient_returnCode_t readProperties(StartConfig &config, const char *const *props)
@@ -72,10 +70,9 @@ velClient_returnCode_t readProperties(StartConfig &config, const char *const *pr
     }
     for (std::uint32_t q = 1; q < _VELCLIENT_NUM_QUANTA; ++q) {
         if (config.quanta[q] <= config.quanta[q - 1])
-            return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                            "Property GLOBAL_DBQUANTASIZE_%u (%u) is not above GLOBAL_DBQUANTASIZE_%u (%u) in "
-                            "velClient_initialize",
-                            q, config.quanta[q], q - 1, config.quanta[q - 1]);
+            return VEL_FAIL_RANGE("Property GLOBAL_DBQUANTASIZE_%u (%u) is not above GLOBAL_DBQUANTASIZE_%u (%u) in "
+                                  "velClient_initialize",
+                                  q, config.quanta[q], q - 1, config.quanta[q - 1]);
     }
     return VELCLIENT_OK;
 }

@@ -152,12 +152,10 @@ extern "C" VELCLIENT_API void velClient_resetLastErrorInfo(void)
 velClient_returnCode_t vel::log::setFilterLevel(velClient_log_category_t category, velClient_log_level_t level)
 {
     if (static_cast<std::uint32_t>(level) > VELCLIENT_LOG_DEBUG)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Invalid log level of %d in velClient_log_setFilterLevel", static_cast<int>(level));
+        return VEL_FAIL_RANGE("Invalid log level of %d in velClient_log_setFilterLevel", static_cast<int>(level));
     if (category != VELCLIENT_LOG_CATEGORY_SDK && category != VELCLIENT_LOG_CATEGORY_ALL &&
         category != VELCLIENT_LOG_CATEGORY_APP)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Invalid log category of %d in velClient_log_setFilterLevel", static_cast<int>(category));
+        return VEL_FAIL_RANGE("Invalid log category of %d in velClient_log_setFilterLevel", static_cast<int>(category));
     if (category != VELCLIENT_LOG_CATEGORY_APP)
         _velClient_log_sdkFilterLevel_g = static_cast<std::uint32_t>(level);
     return VELCLIENT_OK;

@@ -84,6 +84,10 @@ velClient_returnCode_t setFilterLevel(velClient_log_category_t category, velClie
 
 /* Record sub-code and text, log at level, evaluate to VELCLIENT_FAIL. */
 #define VEL_FAIL(subCode, level, ...) ::vel::failImpl((subCode), (level), __FILE__, __LINE__, __VA_ARGS__)
+/* The two refusals every export makes, logged as warnings: a null argument
+ * and an argument out of range. */
+#define VEL_FAIL_NULL(...) VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, __VA_ARGS__)
+#define VEL_FAIL_RANGE(...) VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING, __VA_ARGS__)
 
 /* Record sub-code and text and log at level; evaluates to nothing useful.
  * For failures whose return value is not VELCLIENT_FAIL (NOT_FOUND and the like). */

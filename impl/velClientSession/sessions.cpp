@@ -37,9 +37,8 @@ void defaultClientName(char (&name)[kSessionMaxTopic + 1])
 /* The property comes before the value, which may be long enough to be cut off. */
 velClient_returnCode_t badValue(const char *name_p, const char *value_p)
 {
-    return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                    "Invalid value for property %s in velClient_session_create: '%s'", name_p,
-                    value_p ? value_p : "(null)");
+    return VEL_FAIL_RANGE("Invalid value for property %s in velClient_session_create: '%s'", name_p,
+                          value_p ? value_p : "(null)");
 }
 
 /* "1" or "0" into flag. */
@@ -90,8 +89,7 @@ velClient_returnCode_t applyProperty(_velClient_session &s, const char *name_p, 
             return badValue(name_p, value_p);
         return VELCLIENT_OK;
     }
-    return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                    "Unknown property %s in velClient_session_create", name_p);
+    return VEL_FAIL_RANGE("Unknown property %s in velClient_session_create", name_p);
 }
 
 velClient_returnCode_t configure(_velClient_session &s, const char *const *props)
@@ -127,8 +125,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_session_create(
     velClient_opaqueSession_pt *session_p)
 {
     if (session_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null session_p pointer in velClient_session_create");
+        return VEL_FAIL_NULL("Null session_p pointer in velClient_session_create");
     *session_p = nullptr;
     void *mem = vel::sysMalloc(sizeof(_velClient_session));
     if (mem == nullptr)
@@ -154,8 +151,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_session_create(
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_session_destroy(velClient_opaqueSession_pt *session_p)
 {
     if (session_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null session_p pointer in velClient_session_destroy");
+        return VEL_FAIL_NULL("Null session_p pointer in velClient_session_destroy");
     _velClient_session *s = vel::sessionOrFail(*session_p, "Bad session pointer (%p) in velClient_session_destroy");
     if (s == nullptr)
         return VELCLIENT_FAIL;

@@ -192,8 +192,7 @@ velClient_returnCode_t anyValue(T...)
 velClient_returnCode_t asciiOnly(char value)
 {
     if (static_cast<unsigned char>(value) > 127)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Non Ascii characters may not be sent in velClient_container_addChar");
+        return VEL_FAIL_RANGE("Non Ascii characters may not be sent in velClient_container_addChar");
     return VELCLIENT_OK;
 }
 
@@ -219,7 +218,7 @@ velClient_returnCode_t addVariable(_velClient_container *c, const char *name, st
 {
     auto check = [&] {
         if (value_p == nullptr)
-            return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, "%s", nullText);
+            return VEL_FAIL_NULL("%s", nullText);
         if (valueLength > 0x7FFFFFF0u)
             return VEL_FAIL(VELCLIENT_SUBCODE_INSUFFICIENT_SPACE, VELCLIENT_LOG_WARNING, "%s", kNoRoom);
         return VELCLIENT_OK;
@@ -362,20 +361,16 @@ namespace {
 velClient_returnCode_t checkDestination(const velClient_destination_t *value, size_t destSize)
 {
     if (value == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null velClient_destination_t pointer in velClient_container_addDestination");
+        return VEL_FAIL_NULL("Null velClient_destination_t pointer in velClient_container_addDestination");
     if (destSize != sizeof(velClient_destination_t))
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Unsupported destination structure size (received %d, expected %d) in "
-                        "velClient_container_addDestination",
-                        static_cast<int>(destSize), static_cast<int>(sizeof(velClient_destination_t)));
+        return VEL_FAIL_RANGE("Unsupported destination structure size (received %d, expected %d) in "
+                              "velClient_container_addDestination",
+                              static_cast<int>(destSize), static_cast<int>(sizeof(velClient_destination_t)));
     std::int64_t type = vel::enumValue(value->destType);
     if (type < VELCLIENT_TOPIC_DESTINATION || type > VELCLIENT_QUEUE_TEMP_DESTINATION)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Bad destType value of %d in velClient_container_addDestination", static_cast<int>(type));
+        return VEL_FAIL_RANGE("Bad destType value of %d in velClient_container_addDestination", static_cast<int>(type));
     if (value->dest == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null dest pointer in velClient_container_addDestination");
+        return VEL_FAIL_NULL("Null dest pointer in velClient_container_addDestination");
     return VELCLIENT_OK;
 }
 
@@ -387,8 +382,7 @@ velClient_returnCode_t addCheckedDestination(_velClient_container *c, const velC
     std::size_t destLen = std::strlen(value->dest) + 1;
     auto check = [destLen] {
         if (destLen > kMaxDestNameWithNul)
-            return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                            "Attempt to add destination field in excess of 65K bytes");
+            return VEL_FAIL_RANGE("Attempt to add destination field in excess of 65K bytes");
         return VELCLIENT_OK;
     };
     std::uint8_t kind = (type == VELCLIENT_QUEUE_DESTINATION || type == VELCLIENT_QUEUE_TEMP_DESTINATION)
@@ -453,15 +447,14 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_addUnknownFi
     const char *name)
 {
     if (field == nullptr || length == 0)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null or empty field pointer in velClient_container_addUnknownField");
+        return VEL_FAIL_NULL("Null or empty field pointer in velClient_container_addUnknownField");
     auto check = [field, length] {
         std::int64_t encoded = encodedLength(field, length);
         if (encoded != static_cast<std::int64_t>(length))
-            return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                            "Bad Format field in velClient_container_addUnknownField, encoded length (%d) does not "
-                            "match field length (%d)",
-                            static_cast<int>(encoded), static_cast<int>(length));
+            return VEL_FAIL_RANGE(
+                    "Bad Format field in velClient_container_addUnknownField, encoded length (%d) does not "
+                    "match field length (%d)",
+                    static_cast<int>(encoded), static_cast<int>(length));
         return VELCLIENT_OK;
     };
     const void *bytes = field;
@@ -484,8 +477,7 @@ velClient_returnCode_t openSub(velClient_opaqueContainer_pt parentHandle, velCli
     if (parent == nullptr)
         return VELCLIENT_FAIL;
     if (sub_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null sub-container pointer in _velClient_container_openSubContainer");
+        return VEL_FAIL_NULL("Null sub-container pointer in _velClient_container_openSubContainer");
     std::uint64_t room = nameFieldSize(nameLen) + kContainerHeaderSize;
     const void *nameBytes = name;
     KeptBytes kept;

@@ -142,8 +142,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_closeMapStre
     velClient_opaqueContainer_pt *opaqueCont_p)
 {
     if (opaqueCont_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null reference to container pointer in velClient_container_closeMapStream");
+        return VEL_FAIL_NULL("Null reference to container pointer in velClient_container_closeMapStream");
     _velClient_container *c =
         vel::containerOrFail(*opaqueCont_p, "Bad container pointer (%p) in velClient_container_closeMapStream");
     if (c == nullptr)

@@ -46,17 +46,14 @@ velClient_returnCode_t createInMemory(velClient_opaqueContainer_pt *cont_p, char
                                       _velClient_containerType type)
 {
     if (cont_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null container pointer in velClient_container_createContainer");
+        return VEL_FAIL_NULL("Null container pointer in velClient_container_createContainer");
     *cont_p = nullptr;
     if (mem_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null memory pointer in velClient_container_createContainer");
+        return VEL_FAIL_NULL("Null memory pointer in velClient_container_createContainer");
     if (size < kContainerHeaderSize)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Memory size of %zu is below the 5-byte container header in "
-                        "velClient_container_createContainer",
-                        size);
+        return VEL_FAIL_RANGE("Memory size of %zu is below the 5-byte container header in "
+                              "velClient_container_createContainer",
+                              size);
     _velClient_container *c = nullptr;
     if (_velClient_container_alloc(&c) != VELCLIENT_OK)
         return VEL_FAIL(VELCLIENT_SUBCODE_OUT_OF_MEMORY, VELCLIENT_LOG_WARNING,
@@ -74,9 +71,9 @@ velClient_returnCode_t openFromPtr(velClient_opaqueContainer_pt *cont_p, void *b
                                    const char *nullContText, const char *nullBufText, const char *noDataText)
 {
     if (cont_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, "%s", nullContText);
+        return VEL_FAIL_NULL("%s", nullContText);
     if (buf_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, "%s", nullBufText);
+        return VEL_FAIL_NULL("%s", nullBufText);
     auto *p = static_cast<std::uint8_t *>(buf_p);
     if (size == 0)
         return VELCLIENT_NOT_FOUND;
@@ -148,11 +145,9 @@ velClient_returnCode_t _velClient_msg_createContainer(_velClient_msg *msg, int p
 {
     if (part != VELCLIENT_BUFINFO_BINARY_ATTACHMENT_PART && part != VELCLIENT_BUFINFO_USER_PROPERTY_PART &&
         part != _VELCLIENT_BUFINFO_HDR_MAP_PART)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Bad bufInfoIndex = %d in velClient_msg_createContainer", part);
+        return VEL_FAIL_RANGE("Bad bufInfoIndex = %d in velClient_msg_createContainer", part);
     if (part != VELCLIENT_BUFINFO_BINARY_ATTACHMENT_PART && cType == VELCLIENT_CONTAINER_STREAM)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "attempt to create a STREAM in USER_PROPERTY data in velClient_msg_createContainer");
+        return VEL_FAIL_RANGE("attempt to create a STREAM in USER_PROPERTY data in velClient_msg_createContainer");
     std::uint32_t offset = partOffset(part);
     std::uint64_t need = std::uint64_t{offset} + (size < kContainerHeaderSize ? kContainerHeaderSize : size);
     if (need > 0xFFFFFFF0u)
@@ -187,13 +182,11 @@ velClient_returnCode_t _velClient_msg_getField(_velClient_msg *msg, int part, ve
                                                std::size_t fieldSize)
 {
     if (fieldSize != sizeof(velClient_field_t))
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Unsupported field structure size (received %d, expected %d) in _velClient_msg_getField",
-                        static_cast<int>(fieldSize), static_cast<int>(sizeof(velClient_field_t)));
+        return VEL_FAIL_RANGE("Unsupported field structure size (received %d, expected %d) in _velClient_msg_getField",
+                              static_cast<int>(fieldSize), static_cast<int>(sizeof(velClient_field_t)));
     std::uint32_t mark = readOnlyMark(part);
     if (mark == 0)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Bad bufInfoIndex = %d in velClient_msg_getStructuredDataAndType", part);
+        return VEL_FAIL_RANGE("Bad bufInfoIndex = %d in velClient_msg_getStructuredDataAndType", part);
     VEL_LOG(VELCLIENT_LOG_DEBUG, "_velClient_msg_getField(%p,%d,%p,%d) - readonly part(%d)", static_cast<void *>(msg),
             part, static_cast<void *>(field_p), static_cast<int>(sizeof(velClient_field_t)),
             static_cast<int>(msg->internalFlags & mark));
@@ -274,7 +267,7 @@ velClient_returnCode_t createAttachment(velClient_opaqueMsg_pt msg_p, velClient_
     if (msg == nullptr)
         return VELCLIENT_FAIL;
     if (out_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, "%s", nullOutText);
+        return VEL_FAIL_NULL("%s", nullOutText);
     if (msg->binaryAttachContainer_p != nullptr)
         _velClient_container_closeMapStream(&msg->binaryAttachContainer_p, true, true, false);
     _velClient_container *c = nullptr;

@@ -187,10 +187,8 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_deleteField(
 velClient_returnCode_t vel::container::deleteField(_velClient_container *c, const char *name_p)
 {
     if (name_p == nullptr || name_p[0] == '\0')
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null or Empty Name pointer in velClient_container_deleteField");
+        return VEL_FAIL_NULL("Null or Empty Name pointer in velClient_container_deleteField");
     if (c->type != VELCLIENT_CONTAINER_MAP)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "velClient_container_deleteField called on a Stream");
+        return VEL_FAIL_RANGE("velClient_container_deleteField called on a Stream");
     return deleteByName(c, name_p);
 }

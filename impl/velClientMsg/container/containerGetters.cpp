@@ -239,8 +239,9 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getString(ve
                                                                             const char *name)
 {
     if (stringLength == 0)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Bad string length of %d in velClient_container_getString", static_cast<int>(stringLength));
+        return VEL_FAIL_RANGE(
+                              "Bad string length of %d in velClient_container_getString",
+                              static_cast<int>(stringLength));
     static const GetterTexts texts = VEL_GETTER_TEXTS(getString, "converted to string");
     return typedGet(texts, opaqueCont_p, string, name, [stringLength](const velClient_field_t &f, char &out) {
         if (f.type != VELCLIENT_STRING)
@@ -261,10 +262,9 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getDestinati
     velClient_opaqueContainer_pt opaqueCont_p, velClient_destination_t *value, size_t destSize, const char *name)
 {
     if (destSize != sizeof(velClient_destination_t))
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Unsupported destination structure size (received %d, expected %d) in "
-                        "velClient_container_getDestination",
-                        static_cast<int>(destSize), static_cast<int>(sizeof(velClient_destination_t)));
+        return VEL_FAIL_RANGE("Unsupported destination structure size (received %d, expected %d) in "
+                              "velClient_container_getDestination",
+                              static_cast<int>(destSize), static_cast<int>(sizeof(velClient_destination_t)));
     _velClient_container *c = vel::containerOrFail(opaqueCont_p, kDestinationTexts.badHandle);
     return c == nullptr ? VELCLIENT_FAIL : vel::container::getDestination(c, value, name);
 }

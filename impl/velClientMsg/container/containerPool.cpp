@@ -40,8 +40,7 @@ velClient_returnCode_t _velClient_container_free(_velClient_container **containe
     _velClient_container *cont = *container_p;
     *container_p = nullptr;
     if (cont->onFreeList)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Attempt to free already freed container %p", static_cast<void *>(cont));
+        return VEL_FAIL_RANGE("Attempt to free already freed container %p", static_cast<void *>(cont));
     _velClient_safePtr_free(cont->opaqueContainer_p);
     cont->onFreeList = true; /* moot when the record goes back to the system */
     ThreadState &me = local();

@@ -250,15 +250,12 @@ velClient_returnCode_t _velClient_container_getFieldAndTypeByName(_velClient_con
                                                                   velClient_field_t *field_p)
 {
     if (c == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null Container in _velClient_container_getFieldAndTypeByName");
+        return VEL_FAIL_NULL("Null Container in _velClient_container_getFieldAndTypeByName");
     if (field_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "No field union in _velClient_container_getFieldAndTypeByName ");
+        return VEL_FAIL_NULL("No field union in _velClient_container_getFieldAndTypeByName ");
     if (name_p == nullptr || name_p[0] == '\0')
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null or Empty Name pointer in "
-                        "_velClient_container_getFieldAndTypeByName");
+        return VEL_FAIL_NULL("Null or Empty Name pointer in "
+                             "_velClient_container_getFieldAndTypeByName");
     const std::size_t nameSize = std::strlen(name_p) + 1;
     if (std::uint8_t *pos = findChecked(c, name_p, nameSize)) {
         const char *key = nullptr;
@@ -286,16 +283,13 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getNextField
     if (c == nullptr)
         return VELCLIENT_FAIL;
     if (field_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null field_p in velClient_container_getNextField");
+        return VEL_FAIL_NULL("Null field_p in velClient_container_getNextField");
     if (fieldSize != sizeof(velClient_field_t))
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Unsupported field structure size (received %d, expected %d) in "
-                        "velClient_container_getNextField",
-                        static_cast<int>(fieldSize), static_cast<int>(sizeof(velClient_field_t)));
+        return VEL_FAIL_RANGE("Unsupported field structure size (received %d, expected %d) in "
+                              "velClient_container_getNextField",
+                              static_cast<int>(fieldSize), static_cast<int>(sizeof(velClient_field_t)));
     if (c->type == VELCLIENT_CONTAINER_MAP && name_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null name_p in velClient_container_getNextField");
+        return VEL_FAIL_NULL("Null name_p in velClient_container_getNextField");
     if (name_p != nullptr)
         *name_p = nullptr;
     return _velClient_container_readNextField(c, field_p, name_p);
@@ -306,20 +300,17 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getField(vel
                                                                            const char *name)
 {
     if (fieldSize != sizeof(velClient_field_t))
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Unsupported field structure size (received %d, expected "
-                        "%d) in velClient_container_getField",
-                        static_cast<int>(fieldSize), static_cast<int>(sizeof(velClient_field_t)));
+        return VEL_FAIL_RANGE("Unsupported field structure size (received %d, expected "
+                              "%d) in velClient_container_getField",
+                              static_cast<int>(fieldSize), static_cast<int>(sizeof(velClient_field_t)));
     _velClient_container *c = vel::containerOrFail(opaqueCont_p, "Bad Container (%p) in velClient_container_getField");
     if (c == nullptr)
         return VELCLIENT_FAIL;
     if (value == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null value pointer in velClient_container_getField");
+        return VEL_FAIL_NULL("Null value pointer in velClient_container_getField");
     if (c->type == VELCLIENT_CONTAINER_MAP) {
         if (name == nullptr)
-            return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                            "No name pointer in velClient_container_getField");
+            return VEL_FAIL_NULL("No name pointer in velClient_container_getField");
         velClient_returnCode_t rc = _velClient_container_getFieldAndTypeByName(c, name, value);
         return rc == VELCLIENT_OK ? _velClient_container_attachSubContainer(c, value) : rc;
     }
@@ -336,8 +327,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getSize(velC
     if (c == nullptr)
         return VELCLIENT_FAIL;
     if (size_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null size pointer in velClient_container_getSize");
+        return VEL_FAIL_NULL("Null size pointer in velClient_container_getSize");
     *size_p = static_cast<size_t>(c->curWrPtr - c->startPtr);
     return VELCLIENT_OK;
 }
@@ -350,11 +340,9 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getContainer
     if (c == nullptr)
         return VELCLIENT_FAIL;
     if (size_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null size pointer in velClient_container_getContainerPtr");
+        return VEL_FAIL_NULL("Null size pointer in velClient_container_getContainerPtr");
     if (bufPtr_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null bufPtr_p pointer in velClient_container_getContainerPtr");
+        return VEL_FAIL_NULL("Null bufPtr_p pointer in velClient_container_getContainerPtr");
     _velClient_container *finalise = c;
     _velClient_container_closeMapStream(&finalise, false, false, false);
     *bufPtr_p = c->startPtr;

@@ -134,11 +134,9 @@ extern "C" velClient_returnCode_t _velClient_msgHeaderMap_getString(velClient_op
     if (msg == nullptr)
         return VELCLIENT_FAIL;
     if (string_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null string pointer in _velClient_msgHeaderMap_getString");
+        return VEL_FAIL_NULL("Null string pointer in _velClient_msgHeaderMap_getString");
     if (mapKey == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null key pointer in _velClient_msgHeaderMap_getString");
+        return VEL_FAIL_NULL("Null key pointer in _velClient_msgHeaderMap_getString");
     return vel::msg::headerMapString(msg, mapKey, string_p);
 }
 
@@ -163,11 +161,9 @@ extern "C" velClient_returnCode_t _velClient_msgHeaderMap_setString(velClient_op
     if (msg == nullptr)
         return VELCLIENT_FAIL;
     if (mapKey == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null key pointer in _velClient_msgHeaderMap_setString");
+        return VEL_FAIL_NULL("Null key pointer in _velClient_msgHeaderMap_setString");
     if (string == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null string pointer in _velClient_msgHeaderMap_setString");
+        return VEL_FAIL_NULL("Null string pointer in _velClient_msgHeaderMap_setString");
     return vel::hdr::set(
         msg, mapKey, addFlag, addFlag,
         [&](_velClient_container *map) { return vel::container::addString(map, string, mapKey); },

@@ -257,8 +257,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setExpiration(velC
     if (msg == nullptr)
         return VELCLIENT_FAIL;
     if (timestamp < 0)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Invalid time to live value in velClient_msg_setExpiration");
+        return VEL_FAIL_RANGE("Invalid time to live value in velClient_msg_setExpiration");
     msg->expirationTime = static_cast<std::uint64_t>(timestamp);
     if (timestamp != 0)
         return VELCLIENT_OK;
@@ -272,8 +271,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getExpiration(velC
     if (msg == nullptr)
         return VELCLIENT_FAIL;
     if (timestamp_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null timestamp_p pointer in velClient_msg_getMessageExpiration");
+        return VEL_FAIL_NULL("Null timestamp_p pointer in velClient_msg_getMessageExpiration");
     return vel::msg::expiration(msg, timestamp_p);
 }
 

@@ -131,8 +131,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setTimeToLive(velC
     if (msg == nullptr)
         return VELCLIENT_FAIL;
     if (static_cast<std::uint64_t>(ttl) > kMaxTimeToLive)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Invalid time to live value in velClient_msg_setTimeToLive");
+        return VEL_FAIL_RANGE("Invalid time to live value in velClient_msg_setTimeToLive");
     msg->timeToLive = static_cast<std::uint64_t>(ttl);
     return VELCLIENT_OK;
 }

@@ -134,8 +134,7 @@ void _velClient_datablock_incRef(_velClient_datab *db, std::int32_t count)
 velClient_returnCode_t _velClient_msg_dbAlloc(_velClient_msg *msg, int bufIndex, std::uint32_t size)
 {
     if (bufIndex < 0 || bufIndex >= _VELCLIENT_BUFINFO_NUM_PARTS)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Invalid bufInfo part in _velClient_msg_dbAlloc");
+        return VEL_FAIL_RANGE("Invalid bufInfo part in _velClient_msg_dbAlloc");
     if (msg->bufDatab_p[bufIndex] != nullptr)
         return VEL_FAIL(VELCLIENT_SUBCODE_DBLOCK_ALREADY_EXISTS, VELCLIENT_LOG_WARNING,
                         "bufInfo part already contains data block in _velClient_msg_dbAlloc");
@@ -156,8 +155,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_datablock_alloc(velCli
                                                                          velClient_uint32_t size)
 {
     if (datab_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null reference to datab_p pointer in velClient_datablock_alloc");
+        return VEL_FAIL_NULL("Null reference to datab_p pointer in velClient_datablock_alloc");
     _velClient_datab *db = nullptr;
     velClient_returnCode_t rc = _velClient_datablock_alloc(&db, size);
     *datab_p = db;
@@ -167,15 +165,12 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_datablock_alloc(velCli
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_datablock_free(velClient_opaqueDatablock_pt *datab_p)
 {
     if (datab_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null reference to datab_p pointer in velClient_datablock_free");
+        return VEL_FAIL_NULL("Null reference to datab_p pointer in velClient_datablock_free");
     _velClient_datab *db = blockOf(*datab_p);
     if (db == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Bad datablock pointer (%p) in velClient_datablock_free", static_cast<void *>(datab_p));
+        return VEL_FAIL_NULL("Bad datablock pointer (%p) in velClient_datablock_free", static_cast<void *>(datab_p));
     if (__atomic_load_n(&db->dbRefCount, __ATOMIC_RELAXED) == 0)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Datablock pointer in velClient_datablock_free already free");
+        return VEL_FAIL_RANGE("Datablock pointer in velClient_datablock_free already free");
     VEL_DATAB_RELEASE(db);
     *datab_p = nullptr;
     return VELCLIENT_OK;
@@ -185,8 +180,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_datablock_dup(velClien
 {
     _velClient_datab *db = blockOf(datab);
     if (db == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Bad datablock pointer (%p) in velClient_datablock_incRef", datab);
+        return VEL_FAIL_NULL("Bad datablock pointer (%p) in velClient_datablock_incRef", datab);
     _velClient_datablock_incRef(db);
     return VELCLIENT_OK;
 }
@@ -197,11 +191,9 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_datablock_getDataPtr(v
 {
     _velClient_datab *db = blockOf(datab);
     if (db == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Bad datablock pointer (%p) in velClient_datablock_getDataPtr", datab);
+        return VEL_FAIL_NULL("Bad datablock pointer (%p) in velClient_datablock_getDataPtr", datab);
     if (bufPtr_p == nullptr || size_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null output pointer in velClient_datablock_getDataPtr");
+        return VEL_FAIL_NULL("Null output pointer in velClient_datablock_getDataPtr");
     *bufPtr_p = db->dbData_p;
     *size_p = db->dbSize;
     return VELCLIENT_OK;
@@ -217,14 +209,11 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_extractDatablock(v
         return VELCLIENT_FAIL;
     auto index = static_cast<int>(vel::enumValue(bufIndex));
     if (index < 0 || index >= _VELCLIENT_BUFINFO_NUM_PARTS)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Invalid bufInfo part in velClient_msg_extractDatablock");
+        return VEL_FAIL_RANGE("Invalid bufInfo part in velClient_msg_extractDatablock");
     if (datab_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null datablock pointer in velClient_msg_extractDatablock");
+        return VEL_FAIL_NULL("Null datablock pointer in velClient_msg_extractDatablock");
     if (bufInfo_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null bufInfo_p pointer in velClient_msg_extractDatablock");
+        return VEL_FAIL_NULL("Null bufInfo_p pointer in velClient_msg_extractDatablock");
     if (_velClient_container **slot = openContainerSlot(msg, index); slot != nullptr && *slot != nullptr)
         _velClient_container_closeMapStream(slot, true, true, false);
     _velClient_datab *db = msg->bufDatab_p[index];

@@ -203,18 +203,15 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getStat(velClient_
                                                                      velClient_uint64_t *statValue_p)
 {
     if (statValue_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null statValue_p in velClient_msg_getStat");
+        return VEL_FAIL_NULL("Null statValue_p in velClient_msg_getStat");
     std::int64_t type = vel::enumValue(msgStatType);
     if (type < 0 || type > VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Invalid statistic type of %d in velClient_msg_getStat", static_cast<int>(type));
+        return VEL_FAIL_RANGE("Invalid statistic type of %d in velClient_msg_getStat", static_cast<int>(type));
     std::uint32_t maxIndex = maxStatIndex(msgStatType);
     if (statIndex > maxIndex)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Index of %u out of range of max index value of %u for statistic type %d in "
-                        "velClient_msg_getStat",
-                        statIndex, maxIndex, static_cast<int>(msgStatType));
+        return VEL_FAIL_RANGE("Index of %u out of range of max index value of %u for statistic type %d in "
+                              "velClient_msg_getStat",
+                              statIndex, maxIndex, static_cast<int>(msgStatType));
     *statValue_p = readStat(msgStatType, statIndex);
     return VELCLIENT_OK;
 }

@@ -92,7 +92,7 @@ velClient_returnCode_t getAttachmentContainer(velClient_opaqueMsg_pt msg_p, velC
     if (msg == nullptr)
         return VELCLIENT_FAIL;
     if (out_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, "%s", nullOutText);
+        return VEL_FAIL_NULL("%s", nullOutText);
     _velClient_container *cont = nullptr;
     velClient_returnCode_t rc = vel::msg::attachmentContainer(msg, kind, &cont);
     if (rc == VELCLIENT_OK)
@@ -170,8 +170,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getBinaryAttachmen
     if (msg->binaryAttachContainer_p == nullptr)
         return VELCLIENT_NOT_FOUND;
     if (size_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null size pointer in velClient_container_getSize");
+        return VEL_FAIL_NULL("Null size pointer in velClient_container_getSize");
     *size_p = vel::container::size(msg->binaryAttachContainer_p);
     return VELCLIENT_OK;
 }
@@ -184,13 +183,12 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getBinaryAttachmen
     if (msg == nullptr)
         return VELCLIENT_FAIL;
     if (field_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null field_p pointer in velClient_msg_getBinaryAttachmentField");
+        return VEL_FAIL_NULL("Null field_p pointer in velClient_msg_getBinaryAttachmentField");
     if (_velClient_container *open = msg->binaryAttachContainer_p; open != nullptr) {
         if (fieldSize != sizeof(velClient_field_t))
-            return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                            "Unsupported field structure size (received %d, expected %d) in _velClient_msg_getField",
-                            static_cast<int>(fieldSize), static_cast<int>(sizeof(velClient_field_t)));
+            return VEL_FAIL_RANGE(
+                    "Unsupported field structure size (received %d, expected %d) in _velClient_msg_getField",
+                    static_cast<int>(fieldSize), static_cast<int>(sizeof(velClient_field_t)));
         ++open->refCount;
         field_p->type = open->type == VELCLIENT_CONTAINER_MAP ? VELCLIENT_MAP : VELCLIENT_STREAM;
         field_p->value.map = open->opaqueContainer_p;

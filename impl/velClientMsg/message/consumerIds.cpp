@@ -19,8 +19,7 @@ const velClient_bufInfo_t &idPart(const velClient_bufInfo_t *parts)
 velClient_returnCode_t vel::msg::consumerIdCount(const velClient_bufInfo_t *parts, velClient_uint32_t *count_p)
 {
     if (parts == nullptr || count_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null pointer in velClient_bufInfo_getConsumerIdCount");
+        return VEL_FAIL_NULL("Null pointer in velClient_bufInfo_getConsumerIdCount");
     const velClient_bufInfo_t &part = idPart(parts);
     *count_p = part.buf_p != nullptr ? part.bufSize / kIdSize : 0;
     return VELCLIENT_OK;
@@ -30,14 +29,12 @@ velClient_returnCode_t vel::msg::consumerId(const velClient_bufInfo_t *parts, ve
                                             velClient_consumerId_t *id_p)
 {
     if (parts == nullptr || id_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null pointer in velClient_bufInfo_getConsumerId");
+        return VEL_FAIL_NULL("Null pointer in velClient_bufInfo_getConsumerId");
     velClient_uint32_t count = 0;
     consumerIdCount(parts, &count);
     if (index >= count)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Consumer id index %u out of range of count %u in velClient_bufInfo_getConsumerId", index,
-                        count);
+        return VEL_FAIL_RANGE("Consumer id index %u out of range of count %u in velClient_bufInfo_getConsumerId", index,
+                              count);
     const auto *p = static_cast<const std::uint8_t *>(idPart(parts).buf_p) + std::size_t{index} * kIdSize;
     *id_p = static_cast<velClient_consumerId_t>(vel::tlv::getBE(p, kIdSize));
     return VELCLIENT_OK;

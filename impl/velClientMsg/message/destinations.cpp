@@ -26,10 +26,9 @@ velClient_returnCode_t copyText(_velClient_msg *msg, int part, const char *text,
 
 velClient_returnCode_t tooLong(std::size_t length, std::size_t limit, int type)
 {
-    return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                    "Destination string length of %d exceeds maximum of %d for destination type %d in "
-                    "velClient_msg_setDestination",
-                    static_cast<int>(length), static_cast<int>(limit), type);
+    return VEL_FAIL_RANGE("Destination string length of %d exceeds maximum of %d for destination type %d in "
+                          "velClient_msg_setDestination",
+                          static_cast<int>(length), static_cast<int>(limit), type);
 }
 
 velClient_returnCode_t setTopic(_velClient_msg *msg, const char *text, int type)
@@ -64,8 +63,7 @@ velClient_returnCode_t setQueue(_velClient_msg *msg, const char *text)
     if (startsWith(text, kQueuePrefix)) {
         name = queueNameAfterPrefix(text);
         if (name == nullptr)
-            return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                            "Invalid string dest pointer (%s) in velClient_msg_setDestination", text);
+            return VEL_FAIL_RANGE("Invalid string dest pointer (%s) in velClient_msg_setDestination", text);
         copyText(msg, _VELCLIENT_BUFINFO_DEST_PREFIX_PART, text, static_cast<std::size_t>(name - text));
     } else {
         _velClient_msg_setBufinfo(msg, _VELCLIENT_BUFINFO_DEST_PREFIX_PART, nullptr, 0, 0);
@@ -102,19 +100,17 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setDestination(vel
     std::int64_t type = vel::enumValue(dest_p->destType);
     if (type == VELCLIENT_NULL_DESTINATION) {
         if (dest_p->dest != nullptr)
-            return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                            "Non-null dest pointer with VELCLIENT_NULL_DESTINATION type in velClient_msg_setDestination");
+            return VEL_FAIL_RANGE(
+                    "Non-null dest pointer with VELCLIENT_NULL_DESTINATION type in velClient_msg_setDestination");
         for (int part : {int{VELCLIENT_BUFINFO_TOPIC_PART}, int{VELCLIENT_BUFINFO_QUEUENAME_PART}, _VELCLIENT_BUFINFO_DEST_PREFIX_PART})
             _velClient_msg_setBufinfoPtr(msg, part, nullptr, 0);
         return VELCLIENT_OK;
     }
     const char *text = dest_p->dest;
     if (text == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null dest pointer in velClient_msg_setDestination");
+        return VEL_FAIL_NULL("Null dest pointer in velClient_msg_setDestination");
     if (text[0] == '\0')
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Empty string dest pointer in velClient_msg_setDestination");
+        return VEL_FAIL_RANGE("Empty string dest pointer in velClient_msg_setDestination");
     if (startsWith(text, kTempQueuePrefix)) {
         /* A temporary-queue name overrides the type the caller gave (and tells the caller). */
         const_cast<velClient_destination_t *>(dest_p)->destType = VELCLIENT_QUEUE_TEMP_DESTINATION;
@@ -126,8 +122,8 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setDestination(vel
     case VELCLIENT_QUEUE_TEMP_DESTINATION: return setTempQueue(msg, text);
     case VELCLIENT_QUEUE_DESTINATION: return setQueue(msg, text);
     default:
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Unsupported destination type of %d in velClient_msg_setDestination", static_cast<int>(type));
+        return VEL_FAIL_RANGE(
+                "Unsupported destination type of %d in velClient_msg_setDestination", static_cast<int>(type));
     }
 }
 

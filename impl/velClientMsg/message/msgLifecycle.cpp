@@ -159,8 +159,7 @@ velClient_returnCode_t _velClient_msg_dupMsgWithCopy(_velClient_msg *msg, _velCl
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_alloc(velClient_opaqueMsg_pt *msg_p)
 {
     if (msg_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null reference to msg_p pointer in velClient_msg_alloc");
+        return VEL_FAIL_NULL("Null reference to msg_p pointer in velClient_msg_alloc");
     _velClient_msg *msg = nullptr;
     if (_velClient_msg_alloc(&msg) != VELCLIENT_OK) {
         *msg_p = nullptr;
@@ -181,8 +180,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_alloc(velClient_op
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_free(velClient_opaqueMsg_pt *msg_p)
 {
     if (msg_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null reference to msg_p pointer in velClient_msg_free");
+        return VEL_FAIL_NULL("Null reference to msg_p pointer in velClient_msg_free");
     _velClient_msg *msg = vel::msgOrFail(*msg_p, "Bad msg_p pointer (%p) in velClient_msg_free");
     if (msg == nullptr)
         return VELCLIENT_FAIL;
@@ -217,8 +215,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_dup(velClient_opaq
     if (msg == nullptr)
         return VELCLIENT_FAIL;
     if (newMsg_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null reference to newMsg_p pointer in velClient_msg_dup");
+        return VEL_FAIL_NULL("Null reference to newMsg_p pointer in velClient_msg_dup");
     _velClient_msg *copy = nullptr;
     if (_velClient_msg_dup(msg, &copy) != VELCLIENT_OK) {
         *newMsg_p = nullptr;

@@ -88,11 +88,9 @@ velClient_returnCode_t _velClient_msg_setBufinfo(_velClient_msg *msg, int bufInf
                                                  std::uint32_t size, std::int32_t offset)
 {
     if (buf_p == nullptr && size != 0)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null buf_p pointer with non-zero size in velClient_msg_setBufinfo");
+        return VEL_FAIL_NULL("Null buf_p pointer with non-zero size in velClient_msg_setBufinfo");
     if (!validIndex(bufInfoIndex))
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Bad msg_p pointer in velClient_msg_setBufinfo");
+        return VEL_FAIL_RANGE("Bad msg_p pointer in velClient_msg_setBufinfo");
     auto start = static_cast<std::uint64_t>(offset < 0 ? 0 : offset);
     std::uint64_t total = start + size;
     _velClient_datab *db = msg->bufDatab_p[bufInfoIndex];
@@ -109,8 +107,7 @@ velClient_returnCode_t _velClient_msg_setBufinfo(_velClient_msg *msg, int bufInf
     if (size == 0)
         return VELCLIENT_OK;
     if (total > UINT32_MAX)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Bad msg_p pointer in velClient_msg_setBufinfo");
+        return VEL_FAIL_RANGE("Bad msg_p pointer in velClient_msg_setBufinfo");
     if (_velClient_msg_dbAlloc(msg, bufInfoIndex, static_cast<std::uint32_t>(total)) != VELCLIENT_OK) {
         msg->bufInfo_a[bufInfoIndex] = velClient_bufInfo_t{nullptr, 0};
         return VELCLIENT_FAIL;
@@ -125,14 +122,11 @@ velClient_returnCode_t _velClient_msg_getBufinfoPtr(_velClient_msg *msg, int buf
                                                     std::uint32_t *size_p)
 {
     if (!validIndex(bufInfoIndex))
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Bad bufinfoIndex in velClient_msg_getBufinfoPtr");
+        return VEL_FAIL_RANGE("Bad bufinfoIndex in velClient_msg_getBufinfoPtr");
     if (bufPtr_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null bufPtr_p pointer in velClient_msg_getBufinfoPtr");
+        return VEL_FAIL_NULL("Null bufPtr_p pointer in velClient_msg_getBufinfoPtr");
     if (size_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null size_p pointer in velClient_msg_getBufinfoPtr");
+        return VEL_FAIL_NULL("Null size_p pointer in velClient_msg_getBufinfoPtr");
     const velClient_bufInfo_t &part = msg->bufInfo_a[bufInfoIndex];
     if (part.bufSize == 0)
         return VELCLIENT_NOT_FOUND;
@@ -247,9 +241,8 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setTopicPtr(velCli
         return _velClient_msg_setBufinfoPtr(msg, VELCLIENT_BUFINFO_TOPIC_PART, nullptr, 0);
     std::size_t length = std::strlen(topic_p);
     if (length > kMaxTopic)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Topic length of %d exceeds maximum of %d in velClient_msg_setTopicPtr",
-                        static_cast<int>(length), static_cast<int>(kMaxTopic));
+        return VEL_FAIL_RANGE("Topic length of %d exceeds maximum of %d in velClient_msg_setTopicPtr",
+                              static_cast<int>(length), static_cast<int>(kMaxTopic));
     _velClient_msg_setBufinfoPtr(msg, VELCLIENT_BUFINFO_TOPIC_PART, const_cast<char *>(topic_p),
                                  static_cast<std::uint32_t>(length));
     _velClient_msg_setBufinfoPtr(msg, VELCLIENT_BUFINFO_QUEUENAME_PART, nullptr, 0);
@@ -280,16 +273,14 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setQueueNamePtr(ve
     } else {
         name = queueNameAfterPrefix(queueName_p);
         if (name == nullptr)
-            return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                            "Invalid string pointer (%s) in velClient_msg_setQueueNamePtr", queueName_p);
+            return VEL_FAIL_RANGE("Invalid string pointer (%s) in velClient_msg_setQueueNamePtr", queueName_p);
         _velClient_msg_setBufinfo(msg, _VELCLIENT_BUFINFO_DEST_PREFIX_PART, queueName_p,
                                   static_cast<std::uint32_t>(name - queueName_p), 0);
     }
     std::size_t length = std::strlen(name);
     if (length > limit)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Queue name length of %d exceeds maximum of %d in velClient_msg_setQueueNamePtr",
-                        static_cast<int>(length), static_cast<int>(limit));
+        return VEL_FAIL_RANGE("Queue name length of %d exceeds maximum of %d in velClient_msg_setQueueNamePtr",
+                              static_cast<int>(length), static_cast<int>(limit));
     _velClient_msg_setBufinfoPtr(msg, VELCLIENT_BUFINFO_QUEUENAME_PART, const_cast<char *>(name),
                                  static_cast<std::uint32_t>(length));
     _velClient_msg_setBufinfoPtr(msg, VELCLIENT_BUFINFO_TOPIC_PART, nullptr, 0);
@@ -312,8 +303,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setBinaryAttachmen
         return _velClient_msg_setBufinfo(msg, VELCLIENT_BUFINFO_BINARY_ATTACHMENT_PART, nullptr, 0, kHeader);
     std::size_t n = std::strlen(buf_p);
     if (n > UINT32_MAX - 6)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Bad msg_p pointer in velClient_msg_setBufinfo");
+        return VEL_FAIL_RANGE("Bad msg_p pointer in velClient_msg_setBufinfo");
     if (_velClient_msg_setBufinfo(msg, VELCLIENT_BUFINFO_BINARY_ATTACHMENT_PART, buf_p,
                                   static_cast<std::uint32_t>(n + 1), kHeader) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
@@ -331,8 +321,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getBinaryAttachmen
     if (msg == nullptr)
         return VELCLIENT_FAIL;
     if (bufPtr_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null buf pointer in velClient_msg_getBinaryAttachmentString");
+        return VEL_FAIL_NULL("Null buf pointer in velClient_msg_getBinaryAttachmentString");
     return vel::msg::attachmentString(msg, bufPtr_p);
 }
 

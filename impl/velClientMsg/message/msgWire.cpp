@@ -161,18 +161,14 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_decodeFromVwf(velC
                                                                            velClient_opaqueMsg_pt *msg_p)
 {
     if (msg_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null reference to msg_p pointer in velClient_msg_decodeFromVwf");
+        return VEL_FAIL_NULL("Null reference to msg_p pointer in velClient_msg_decodeFromVwf");
     *msg_p = nullptr;
     if (bufinfo_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null VWF bufinfo pointer in velClient_msg_decodeFromVwf");
+        return VEL_FAIL_NULL("Null VWF bufinfo pointer in velClient_msg_decodeFromVwf");
     if (bufinfo_p->bufSize == 0)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, VELCLIENT_LOG_WARNING,
-                        "Zero length VWF buffer in velClient_msg_decodeFromVwf");
+        return VEL_FAIL_RANGE("Zero length VWF buffer in velClient_msg_decodeFromVwf");
     if (bufinfo_p->buf_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null VWF pointer in velClient_msg_decodeFromVwf");
+        return VEL_FAIL_NULL("Null VWF pointer in velClient_msg_decodeFromVwf");
     _velClient_msg *msg = nullptr;
     if (_velClient_msg_decodeFromVwf(bufinfo_p, &msg) != VELCLIENT_OK)
         return VELCLIENT_FAIL;

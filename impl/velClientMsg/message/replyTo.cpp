@@ -104,8 +104,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setReplyToSuffix(v
     if (session == nullptr)
         return VELCLIENT_FAIL;
     if (suffix_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null suffix pointer in velClient_msg_setReplyToSuffix");
+        return VEL_FAIL_NULL("Null suffix pointer in velClient_msg_setReplyToSuffix");
     if (vel::hdr::openForWrite(msg) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     char topic[kSessionMaxTopic + 1];
@@ -118,8 +117,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getDestinationTopi
     velClient_opaqueMsg_pt msg_p, velClient_opaqueSession_pt session_p, const char **suffix_p)
 {
     if (suffix_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null reference to suffix pointer in velClient_msg_getDestinationTopicSuffix");
+        return VEL_FAIL_NULL("Null reference to suffix pointer in velClient_msg_getDestinationTopicSuffix");
     _velClient_session *session =
         vel::sessionOrFail(session_p, "Bad session pointer (%p) in velClient_msg_getDestinationTopicSuffix");
     if (session == nullptr)

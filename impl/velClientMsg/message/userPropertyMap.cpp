@@ -14,8 +14,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_createUserProperty
     if (msg == nullptr)
         return VELCLIENT_FAIL;
     if (map_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null map_p pointer in velClient_msg_createUserPropertyMap");
+        return VEL_FAIL_NULL("Null map_p pointer in velClient_msg_createUserPropertyMap");
     if (msg->userPropertyMap_p != nullptr)
         _velClient_container_closeMapStream(&msg->userPropertyMap_p, true, true, false);
     if (_velClient_msg_createContainer(msg, VELCLIENT_BUFINFO_USER_PROPERTY_PART, &msg->userPropertyMap_p, size,
@@ -74,8 +73,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getUserPropertyMap
                                                                                 velClient_opaqueContainer_pt *map_p)
 {
     if (map_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING,
-                        "Null map_p pointer in velClient_msg_getUserPropertyMap");
+        return VEL_FAIL_NULL("Null map_p pointer in velClient_msg_getUserPropertyMap");
     _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer (%p) in velClient_msg_getUserPropertyMap");
     if (msg == nullptr)
         return VELCLIENT_FAIL;
