@@ -192,3 +192,42 @@ TEST(Containers, FreeAndResetWithOpenContainersReleaseEverything)
     }
     before.expectBalanced();
 }
+
+TEST(Containers, TheAttachmentByCopyByReferenceAndFromInsideItself)
+{
+    veltest::Container app(true, 64);
+    OK(velClient_container_addInt8(app.h, 3, "x"));
+    Msg copied, referred, m;
+    OK(velClient_msg_setBinaryAttachmentContainer(copied.h, app.h));
+    OK(velClient_msg_setBinaryAttachmentContainerPtr(referred.h, app.h));
+    OK(velClient_container_addInt8(app.h, 4, "y")); /* shows through the reference only */
+    EXPECT_EQ((Bytes{0x2B, 0, 0, 0, 0x0C, 0x1C, 0x04, 'x', 0x00, 0x08, 0x03, 0x03}), copied.attachment());
+    void *p = nullptr;
+    velClient_uint32_t n = 0;
+    OK(velClient_msg_getBinaryAttachmentPtr(referred.h, &p, &n));
+    EXPECT_EQ(static_cast<void *>(app.mem.get()), p); /* the application's memory, not a copy */
+    /* Fetched again while open: the same container, one more reference. */
+    velClient_opaqueContainer_pt map = nullptr, sub = nullptr, again = nullptr;
+    velClient_field_t f{};
+    OK(velClient_msg_createBinaryAttachmentMap(m.h, &map, 64));
+    OK(velClient_msg_getBinaryAttachmentMap(m.h, &again));
+    OK(velClient_msg_getBinaryAttachmentField(m.h, &f, sizeof f));
+    EXPECT_EQ(map, again);
+    EXPECT_EQ(VELCLIENT_MAP, f.type);
+    EXPECT_EQ(map, f.value.map);
+    OK(velClient_container_closeMapStream(&again));
+    OK(velClient_container_closeMapStream(&f.value.map));
+    OK(velClient_container_openSubStream(map, &sub, "inner")); /* still open */
+    OK(velClient_container_addInt32(sub, 7, nullptr));
+    /* The sub-stream's bytes die with the attachment it replaces: they are kept first. */
+    OK(velClient_msg_setBinaryAttachmentContainer(m.h, sub));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_rewind(sub)); /* closed with the old attachment */
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_rewind(map));
+    Msg b(nullptr);
+    OK(veltest::decode(veltest::encode(m.h), &b.h));
+    OK(velClient_msg_getBinaryAttachmentField(b.h, &f, sizeof f)); /* received: opened from the bytes */
+    EXPECT_EQ(VELCLIENT_STREAM, f.type);
+    EXPECT_EQ((Bytes{0x2F, 0, 0, 0, 11, 0x08, 0x06, 0, 0, 0, 7}), bytesOf(f.value.stream));
+    OK(velClient_msg_setBinaryAttachment(copied.h, "abc", 3)); /* plain bytes are no structured data */
+    EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getBinaryAttachmentField(copied.h, &f, sizeof f));
+}

@@ -113,7 +113,12 @@ std::string shown(velClient_returnCode_t rc, T v)
 }
 
 #define ADD(call) [](velClient_opaqueContainer_pt h) { return velClient_container_##call; }
-#define GET(T, fn) [](velClient_opaqueContainer_pt h) { T v{}; return shown(velClient_container_get##fn(h, &v, "v"), v); }
+#define GET(T, fn)                                                                                                 \
+    [](velClient_opaqueContainer_pt h) {                                                                           \
+        T v{};                                                                                                     \
+        const velClient_returnCode_t rc = velClient_container_get##fn(h, &v, "v");                                 \
+        return shown(rc, v);                                                                                       \
+    }
 
 } // namespace
 
