@@ -6,7 +6,13 @@
 #include "support/velTestSupport.h"
 
 using veltest::BadHandleCall;
+using veltest::format;
 using veltest::Refusal;
+
+/* A refusal row: the call (locals captured by reference), its sub-code and text. */
+#define REFUSE(expr, sub, ...) Refusal{[&]() -> int { return (expr); }, sub, __VA_ARGS__}
+/* The same, for a text that ends " in " and the function called. */
+#define REFUSE_IN(fn, args, sub, text) REFUSE(fn args, sub, std::string(text) + " in " #fn)
 
 namespace {
 
@@ -15,6 +21,9 @@ char buf[8] = "x";
 velClient_destination_t topicDest{VELCLIENT_TOPIC_DESTINATION, "t"};
 constexpr std::size_t kDest = sizeof(velClient_destination_t);
 constexpr std::size_t kField = sizeof(velClient_field_t);
+velClient_opaqueSession_pt session = nullptr; /* for the bad-handle rows that need one */
+constexpr auto N = VELCLIENT_SUBCODE_PARAM_NULL_PTR, R = VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
+               C = VELCLIENT_SUBCODE_PARAM_CONFLICT;
 
 /* Forged handles (an entry never issued, a page never allocated), a freed
  * message's handle and a live container's handle. */
@@ -43,123 +52,79 @@ velClient_returnCode_t setDest(velClient_opaqueMsg_pt m, int type, const char *t
 
 std::string sizeText(int received, int expected, const char *function)
 {
-    return veltest::format("Unsupported %s structure size (received %d, expected %d) in %s",
-                           expected == static_cast<int>(kDest) ? "destination" : "field", received, expected, function);
+    return format("Unsupported %s structure size (received %d, expected %d) in %s",
+                  expected == static_cast<int>(kDest) ? "destination" : "field", received, expected, function);
 }
 
 } // namespace
 
+/* A bad-handle row whose text names another function (`named`) or that answers `rc`. */
+#define BAD_AS(fn, args, named, ...) {#fn, [](void *b) -> int { return fn args; }, named __VA_OPT__(, ) __VA_ARGS__}
+
 TEST(Refusals, EveryMessageExportRefusesABadHandle)
 {
-    veltest::Msg live;
-    velClient_opaqueSession_pt s = nullptr;
-    ASSERT_EQ(VELCLIENT_OK, velClient_session_create(nullptr, nullptr, nullptr, &s));
+    ASSERT_EQ(VELCLIENT_OK, velClient_session_create(nullptr, nullptr, nullptr, &session));
     BadHandles bad;
     const std::vector<BadHandleCall> withAddress = {
-        VEL_BAD_CALL(velClient_msg_reset),
-        VEL_BAD_CALL(velClient_msg_dup, out),
-        {"velClient_msg_free", [](void *b) -> int { return velClient_msg_free(&b); }},
-        VEL_BAD_CALL(velClient_msg_setUserData, buf, 1),
-        VEL_BAD_CALL(velClient_msg_setXml, buf, 1),
-        VEL_BAD_CALL(velClient_msg_setCorrelationTag, buf, 1),
+        VEL_BAD_CALL(velClient_msg_reset), VEL_BAD_CALL(velClient_msg_dup, out),
+        BAD_AS(velClient_msg_free, (&b), nullptr), VEL_BAD_CALL(velClient_msg_setUserData, buf, 1),
+        VEL_BAD_CALL(velClient_msg_setXml, buf, 1), VEL_BAD_CALL(velClient_msg_setCorrelationTag, buf, 1),
         VEL_BAD_CALL(velClient_msg_setBinaryAttachmentPtr, buf, 1),
-        VEL_BAD_CALL(velClient_msg_setBinaryAttachmentString, "x"),
-        VEL_BAD_CALL(velClient_msg_getUserDataPtr, out, out),
-        VEL_BAD_CALL(velClient_msg_getXmlPtr, out, out),
-        VEL_BAD_CALL(velClient_msg_getCorrelationTagPtr, out, out),
+        VEL_BAD_CALL(velClient_msg_setBinaryAttachmentString, "x"), VEL_BAD_CALL(velClient_msg_getUserDataPtr, out, out),
+        VEL_BAD_CALL(velClient_msg_getXmlPtr, out, out), VEL_BAD_CALL(velClient_msg_getCorrelationTagPtr, out, out),
         VEL_BAD_CALL(velClient_msg_getBinaryAttachmentPtr, out, out),
-        VEL_BAD_CALL(velClient_msg_getBinaryAttachmentString, out),
-        VEL_BAD_CALL(velClient_msg_getConsumerIdCount, out),
-        {"velClient_msg_getConsumerId", [](void *b) -> int { return velClient_msg_getConsumerId(b, 0, out); },
-         "velClient_msg_getConsumerIdCount"},
+        VEL_BAD_CALL(velClient_msg_getBinaryAttachmentString, out), VEL_BAD_CALL(velClient_msg_getConsumerIdCount, out),
+        BAD_AS(velClient_msg_getConsumerId, (b, 0, out), "velClient_msg_getConsumerIdCount"),
         VEL_BAD_CALL(velClient_msg_getVWFPtr, out, out),
         VEL_BAD_CALL(velClient_msg_extractDatablock, VELCLIENT_BUFINFO_XML_PART, out, out),
-        VEL_BAD_CALL(velClient_msg_getDestination, out, kDest),
-        VEL_BAD_CALL(velClient_msg_getReplyTo, out, kDest),
-        VEL_BAD_CALL(velClient_msg_setReplyTo, &topicDest, kDest),
-        VEL_BAD_CALL(velClient_msg_deleteReplyTo),
-        {"velClient_msg_setReplyToSuffix", [s](void *b) -> int { return velClient_msg_setReplyToSuffix(b, s, "x"); }},
-        {"velClient_session_sendMsg", [s](void *b) -> int { return velClient_session_sendMsg(s, b); }},
-        VEL_BAD_CALL(velClient_msg_setClassOfService, 0),
-        {"velClient_msg_getClassOfService", [](void *b) -> int { return velClient_msg_getClassOfService(b, out); },
-         "velClient_msg_getReceivedClassOfService"},
-        VEL_BAD_CALL(velClient_msg_setDeliveryMode, 0),
-        VEL_BAD_CALL(velClient_msg_getDeliveryMode, out),
-        VEL_BAD_CALL(velClient_msg_setTimeToLive, 0),
-        VEL_BAD_CALL(velClient_msg_getTimeToLive, out),
-        VEL_BAD_CALL(velClient_msg_setExpiration, 0),
-        VEL_BAD_CALL(velClient_msg_getExpiration, out),
-        VEL_BAD_CALL(velClient_msg_getMsgId, out),
-        VEL_BAD_CALL(velClient_msg_getTopicSequenceNumber, out),
-        VEL_BAD_CALL(velClient_msg_getRcvTimestamp, out),
-        VEL_BAD_CALL(velClient_msg_getCacheRequestId, out),
-        VEL_BAD_CALL(velClient_msg_setDiscardIndication, 0),
-        VEL_BAD_CALL(velClient_msg_setDeliverToOne, 0),
-        VEL_BAD_CALL(velClient_msg_setDMQEligible, 0),
-        VEL_BAD_CALL(velClient_msg_setAsReplyMsg, 0),
-        {"velClient_msg_setElidingEligible", [](void *b) -> int { return velClient_msg_setElidingEligible(b, 0); },
-         "velClient_msg_setAsReplyMsg"},
-        VEL_BAD_CALL(velClient_msg_setAckImmediately, 0),
-        {"velClient_msg_isReplyMsg", [](void *b) -> int { return velClient_msg_isReplyMsg(b); }, nullptr, 0},
-        {"velClient_msg_isRedelivered", [](void *b) -> int { return velClient_msg_isRedelivered(b); }, nullptr, 0},
-        {"velClient_msg_isCacheMsg", [](void *b) -> int { return velClient_msg_isCacheMsg(b); },
-         "velClient_msg_isRedelivered", VELCLIENT_CACHE_INVALID_MESSAGE},
-        {"velClient_msg_isDiscardIndication", [](void *b) -> int { return velClient_msg_isDiscardIndication(b); },
-         nullptr, 0},
-        {"velClient_msg_isDeliverToOne", [](void *b) -> int { return velClient_msg_isDeliverToOne(b); }, nullptr, 0},
-        {"velClient_msg_isDMQEligible", [](void *b) -> int { return velClient_msg_isDMQEligible(b); },
-         "velClient_msg_setDMQEligible", 0},
-        {"velClient_msg_isElidingEligible", [](void *b) -> int { return velClient_msg_isElidingEligible(b); },
-         "velClient_msg_isDeliverToOne", 0},
-        {"velClient_msg_isAckImmediately", [](void *b) -> int { return velClient_msg_isAckImmediately(b); }, nullptr,
-         0xFF},
-        VEL_BAD_CALL(velClient_msg_getSenderId, out),
-        VEL_BAD_CALL(velClient_msg_deleteSenderId),
-        VEL_BAD_CALL(velClient_msg_getApplicationMsgType, out),
-        VEL_BAD_CALL(velClient_msg_setApplicationMsgType, "x"),
-        VEL_BAD_CALL(velClient_msg_deleteApplicationMsgType),
+        VEL_BAD_CALL(velClient_msg_getDestination, out, kDest), VEL_BAD_CALL(velClient_msg_getReplyTo, out, kDest),
+        VEL_BAD_CALL(velClient_msg_setReplyTo, &topicDest, kDest), VEL_BAD_CALL(velClient_msg_deleteReplyTo),
+        BAD_AS(velClient_msg_setReplyToSuffix, (b, session, "x"), nullptr),
+        BAD_AS(velClient_session_sendMsg, (session, b), nullptr), VEL_BAD_CALL(velClient_msg_setClassOfService, 0),
+        BAD_AS(velClient_msg_getClassOfService, (b, out), "velClient_msg_getReceivedClassOfService"),
+        VEL_BAD_CALL(velClient_msg_setDeliveryMode, 0), VEL_BAD_CALL(velClient_msg_getDeliveryMode, out),
+        VEL_BAD_CALL(velClient_msg_setTimeToLive, 0), VEL_BAD_CALL(velClient_msg_getTimeToLive, out),
+        VEL_BAD_CALL(velClient_msg_setExpiration, 0), VEL_BAD_CALL(velClient_msg_getExpiration, out),
+        VEL_BAD_CALL(velClient_msg_getMsgId, out), VEL_BAD_CALL(velClient_msg_getTopicSequenceNumber, out),
+        VEL_BAD_CALL(velClient_msg_getRcvTimestamp, out), VEL_BAD_CALL(velClient_msg_getCacheRequestId, out),
+        VEL_BAD_CALL(velClient_msg_setDiscardIndication, 0), VEL_BAD_CALL(velClient_msg_setDeliverToOne, 0),
+        VEL_BAD_CALL(velClient_msg_setDMQEligible, 0), VEL_BAD_CALL(velClient_msg_setAsReplyMsg, 0),
+        BAD_AS(velClient_msg_setElidingEligible, (b, 0), "velClient_msg_setAsReplyMsg"),
+        VEL_BAD_CALL(velClient_msg_setAckImmediately, 0), BAD_AS(velClient_msg_isReplyMsg, (b), nullptr, 0),
+        BAD_AS(velClient_msg_isRedelivered, (b), nullptr, 0),
+        BAD_AS(velClient_msg_isCacheMsg, (b), "velClient_msg_isRedelivered", VELCLIENT_CACHE_INVALID_MESSAGE),
+        BAD_AS(velClient_msg_isDiscardIndication, (b), nullptr, 0), BAD_AS(velClient_msg_isDeliverToOne, (b), nullptr, 0),
+        BAD_AS(velClient_msg_isDMQEligible, (b), "velClient_msg_setDMQEligible", 0),
+        BAD_AS(velClient_msg_isElidingEligible, (b), "velClient_msg_isDeliverToOne", 0),
+        BAD_AS(velClient_msg_isAckImmediately, (b), nullptr, 0xFF), VEL_BAD_CALL(velClient_msg_getSenderId, out),
+        VEL_BAD_CALL(velClient_msg_deleteSenderId), VEL_BAD_CALL(velClient_msg_getApplicationMsgType, out),
+        VEL_BAD_CALL(velClient_msg_setApplicationMsgType, "x"), VEL_BAD_CALL(velClient_msg_deleteApplicationMsgType),
         VEL_BAD_CALL(velClient_msg_getApplicationMessageId, out),
         VEL_BAD_CALL(velClient_msg_setApplicationMessageId, "x"),
-        VEL_BAD_CALL(velClient_msg_deleteApplicationMessageId),
-        VEL_BAD_CALL(velClient_msg_getSequenceNumber, out),
-        VEL_BAD_CALL(velClient_msg_setSequenceNumber, 1),
-        VEL_BAD_CALL(velClient_msg_deleteSequenceNumber),
-        VEL_BAD_CALL(velClient_msg_getCorrelationId, out),
-        VEL_BAD_CALL(velClient_msg_setCorrelationId, "x"),
+        VEL_BAD_CALL(velClient_msg_deleteApplicationMessageId), VEL_BAD_CALL(velClient_msg_getSequenceNumber, out),
+        VEL_BAD_CALL(velClient_msg_setSequenceNumber, 1), VEL_BAD_CALL(velClient_msg_deleteSequenceNumber),
+        VEL_BAD_CALL(velClient_msg_getCorrelationId, out), VEL_BAD_CALL(velClient_msg_setCorrelationId, "x"),
         VEL_BAD_CALL(velClient_msg_deleteCorrelationId),
-        {"velClient_msg_getSenderTimestamp", [](void *b) -> int { return velClient_msg_getSenderTimestamp(b, out); },
-         "velClient_msg_getSenderTimeStamp"},
-        VEL_BAD_CALL(velClient_msg_setSenderTimestamp, 1),
-        VEL_BAD_CALL(velClient_msg_deleteSenderTimestamp),
-        {"velClient_msg_getHttpContentType", [](void *b) -> int { return velClient_msg_getHttpContentType(b, out); },
-         "_velClient_msgHeaderMap_getString"},
-        {"velClient_msg_setHttpContentEncoding",
-         [](void *b) -> int { return velClient_msg_setHttpContentEncoding(b, "x"); }, "_velClient_msgHeaderMap_setString"},
-        {"velClient_msg_deleteHttpContentType", [](void *b) -> int { return velClient_msg_deleteHttpContentType(b); },
-         "velClient_msgHeaderMap_deleteString"},
-        VEL_BAD_CALL(velClient_msg_createUserPropertyMap, out, 8),
-        VEL_BAD_CALL(velClient_msg_setUserPropertyMap, nullptr),
-        VEL_BAD_CALL(velClient_msg_getUserPropertyMap, out),
-        VEL_BAD_CALL(velClient_msg_createBinaryAttachmentMap, out, 0),
+        BAD_AS(velClient_msg_getSenderTimestamp, (b, out), "velClient_msg_getSenderTimeStamp"),
+        VEL_BAD_CALL(velClient_msg_setSenderTimestamp, 1), VEL_BAD_CALL(velClient_msg_deleteSenderTimestamp),
+        BAD_AS(velClient_msg_getHttpContentType, (b, out), "_velClient_msgHeaderMap_getString"),
+        BAD_AS(velClient_msg_setHttpContentEncoding, (b, "x"), "_velClient_msgHeaderMap_setString"),
+        BAD_AS(velClient_msg_deleteHttpContentType, (b), "velClient_msgHeaderMap_deleteString"),
+        VEL_BAD_CALL(velClient_msg_createUserPropertyMap, out, 8), VEL_BAD_CALL(velClient_msg_setUserPropertyMap, nullptr),
+        VEL_BAD_CALL(velClient_msg_getUserPropertyMap, out), VEL_BAD_CALL(velClient_msg_createBinaryAttachmentMap, out, 0),
         VEL_BAD_CALL(velClient_msg_createBinaryAttachmentStream, out, 0),
         VEL_BAD_CALL(velClient_msg_setBinaryAttachmentContainer, nullptr),
         VEL_BAD_CALL(velClient_msg_setBinaryAttachmentContainerPtr, nullptr),
-        VEL_BAD_CALL(velClient_msg_getBinaryAttachmentMap, out),
-        VEL_BAD_CALL(velClient_msg_getBinaryAttachmentStream, out),
+        VEL_BAD_CALL(velClient_msg_getBinaryAttachmentMap, out), VEL_BAD_CALL(velClient_msg_getBinaryAttachmentStream, out),
         VEL_BAD_CALL(velClient_msg_getBinaryAttachmentContainerSize, out),
         VEL_BAD_CALL(velClient_msg_getBinaryAttachmentField, out, kField),
-        VEL_BAD_CALL(velClient_msg_encodeToVWF, nullptr, nullptr),
-        VEL_BAD_CALL(velClient_msg_dump, buf, sizeof buf),
-        {"velClient_msg_dumpExt", [](void *b) -> int { return velClient_msg_dumpExt(b, buf, sizeof buf, 0); },
-         "velClient_msg_dump"},
+        VEL_BAD_CALL(velClient_msg_encodeToVWF, nullptr, nullptr), VEL_BAD_CALL(velClient_msg_dump, buf, sizeof buf),
+        BAD_AS(velClient_msg_dumpExt, (b, buf, sizeof buf, 0), "velClient_msg_dump"),
     };
     const std::vector<BadHandleCall> withoutAddress = {
-        VEL_BAD_CALL(velClient_msg_setUserDataPtr, buf, 1),
-        VEL_BAD_CALL(velClient_msg_setXmlPtr, buf, 1),
-        VEL_BAD_CALL(velClient_msg_setCorrelationTagPtr, buf, 1),
-        VEL_BAD_CALL(velClient_msg_setTopicPtr, "t"),
-        {"velClient_msg_setQueueNamePtr", [](void *b) -> int { return velClient_msg_setQueueNamePtr(b, "q"); },
-         "velClient_msg_setTopicPtr"},
+        VEL_BAD_CALL(velClient_msg_setUserDataPtr, buf, 1), VEL_BAD_CALL(velClient_msg_setXmlPtr, buf, 1),
+        VEL_BAD_CALL(velClient_msg_setCorrelationTagPtr, buf, 1), VEL_BAD_CALL(velClient_msg_setTopicPtr, "t"),
+        BAD_AS(velClient_msg_setQueueNamePtr, (b, "q"), "velClient_msg_setTopicPtr"),
         VEL_BAD_CALL(velClient_msg_setBinaryAttachment, buf, 1),
         VEL_BAD_CALL(velClient_msg_setDestination, &topicDest, kDest),
     };
@@ -167,10 +132,10 @@ TEST(Refusals, EveryMessageExportRefusesABadHandle)
         SCOPED_TRACE(testing::Message() << "handle " << h);
         veltest::expectRefusals(veltest::badHandleRows("Bad msg_p pointer (%p) in %s", h, withAddress));
         veltest::expectRefusals(veltest::badHandleRows("Bad msg_p pointer in %s", h, withoutAddress));
-        veltest::expectRefusals({{[h] { return velClient_msg_setSenderId(h, "x"); }, VELCLIENT_SUBCODE_PARAM_NULL_PTR,
-                                  veltest::format("Null msg_p pointer (%p) in velClient_msg_setSenderId", h)}});
+        veltest::expectRefusals({REFUSE(velClient_msg_setSenderId(h, "x"), N,
+                                        format("Null msg_p pointer (%p) in velClient_msg_setSenderId", h))});
     }
-    velClient_session_destroy(&s);
+    velClient_session_destroy(&session);
 }
 
 TEST(Refusals, MessageArguments)
@@ -186,116 +151,86 @@ TEST(Refusals, MessageArguments)
     velClient_bufInfo_t empty{&byte, 0}, nullBuf{nullptr, 4};
     const std::string t251(251, 't'), q201(201, 'q'), tmp251 = "#P2P/QTMP/" + std::string(241, 'q');
     const int dest = static_cast<int>(kDest), field = static_cast<int>(kField);
-    const auto range = VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, null = VELCLIENT_SUBCODE_PARAM_NULL_PTR,
-               conflict = VELCLIENT_SUBCODE_PARAM_CONFLICT;
+    const auto xml = VELCLIENT_BUFINFO_XML_PART;
+    const std::string destLen = "Destination string length of ";
     char text[8];
     std::vector<Refusal> rows = {
-        {[] { return velClient_msg_alloc(nullptr); }, null, "Null reference to msg_p pointer in velClient_msg_alloc"},
-        {[] { return velClient_msg_free(nullptr); }, null, "Null reference to msg_p pointer in velClient_msg_free"},
-        {[h] { return velClient_msg_setUserData(h, nullptr, 5); }, null,
-         "Null buf_p pointer with non-zero size in velClient_msg_setBufinfo"},
-        {[h] { return velClient_msg_getXmlPtr(h, nullptr, out); }, null,
-         "Null bufPtr_p pointer in velClient_msg_getBufinfoPtr"},
-        {[h] { return velClient_msg_getBinaryAttachmentString(h, nullptr); }, null,
-         "Null buf pointer in velClient_msg_getBinaryAttachmentString"},
-        {[&] { return velClient_msg_setTopicPtr(h, t251.c_str()); }, range,
-         "Topic length of 251 exceeds maximum of 250 in velClient_msg_setTopicPtr"},
-        {[&] { return velClient_msg_setQueueNamePtr(h, q201.c_str()); }, range,
-         "Queue name length of 201 exceeds maximum of 200 in velClient_msg_setQueueNamePtr"},
-        {[&] { return setDest(h, VELCLIENT_QUEUE_DESTINATION, q201.c_str()); }, range,
-         "Destination string length of 201 exceeds maximum of 200 for destination type 1 in velClient_msg_setDestination"},
-        {[&] { return setDest(h, VELCLIENT_TOPIC_DESTINATION, t251.c_str()); }, range,
-         "Destination string length of 251 exceeds maximum of 250 for destination type 0 in velClient_msg_setDestination"},
-        {[&] { return setDest(h, VELCLIENT_QUEUE_TEMP_DESTINATION, tmp251.c_str()); }, range,
-         "Destination string length of 251 exceeds maximum of 250 for destination type 3 in velClient_msg_setDestination"},
-        {[h] { return setDest(h, VELCLIENT_QUEUE_DESTINATION, "#P2P/QUE/abc"); }, range,
-         "Invalid string dest pointer (#P2P/QUE/abc) in velClient_msg_setDestination"},
-        {[h] { return setDest(h, VELCLIENT_NULL_DESTINATION, "x"); }, range,
-         "Non-null dest pointer with VELCLIENT_NULL_DESTINATION type in velClient_msg_setDestination"},
-        {[h] { return setDest(h, VELCLIENT_TOPIC_DESTINATION, ""); }, range,
-         "Empty string dest pointer in velClient_msg_setDestination"},
-        {[h] { return setDest(h, VELCLIENT_TOPIC_DESTINATION, nullptr); }, null,
-         "Null dest pointer in velClient_msg_setDestination"},
-        {[h] { return setDest(h, 9, "x"); }, range, "Unsupported destination type of 9 in velClient_msg_setDestination"},
-        {[h] { return setDest(h, 0, "x", 3); }, range, sizeText(3, dest, "velClient_msg_setDestination")},
-        {[h] { return velClient_msg_getDestination(h, out, kDest - 1); }, range,
-         sizeText(dest - 1, dest, "velClient_msg_getDestination")},
-        {[h] { return velClient_msg_setReplyTo(h, nullptr, kDest); }, null,
-         "Null velClient_destination_t pointer in velClient_msg_setReplyTo"},
-        {[h] { return velClient_msg_setReplyTo(h, &topicDest, kDest + 1); }, range,
-         sizeText(dest + 1, dest, "velClient_msg_setReplyTo")},
-        {[h] { return velClient_msg_getReplyTo(h, nullptr, kDest); }, null,
-         "Null velClient_destination_t pointer in velClient_msg_getReplyTo"},
-        {[h, s] { return velClient_msg_setReplyToSuffix(h, s, nullptr); }, null,
-         "Null suffix pointer in velClient_msg_setReplyToSuffix"},
-        {[h] { return velClient_msg_setReplyToSuffix(h, nullptr, "x"); }, null,
-         veltest::format("Bad session pointer (%p) in velClient_msg_setReplyToSuffix", nullptr)},
-        {[h, s] { return velClient_msg_getDestinationTopicSuffix(h, s, nullptr); }, null,
-         "Null reference to suffix pointer in velClient_msg_getDestinationTopicSuffix"},
-        {[h, bad] { return velClient_msg_getDestinationTopicSuffix(h, bad, out); }, null,
-         veltest::format("Bad session pointer (%p) in velClient_msg_getDestinationTopicSuffix", bad)},
-        {[h] { return velClient_msg_setClassOfService(h, 3); }, range,
-         "Invalid setting of COS flags (3) in velClient_msg_setClassOfService"},
-        {[h] { return velClient_msg_getClassOfService(h, nullptr); }, null,
-         "Null cos_p pointer in velClient_msg_getReceivedClassOfService"},
-        {[h] { return velClient_msg_setDeliveryMode(h, 0x30); }, range,
-         "Invalid setting of Delivery Mode (48) in velClient_msg_setDeliveryMode "},
-        {[h] { return velClient_msg_setTimeToLive(h, 315360000001LL); }, range,
-         "Invalid time to live value in velClient_msg_setTimeToLive"},
-        {[h] { return velClient_msg_setTimeToLive(h, -1); }, range, "Invalid time to live value in velClient_msg_setTimeToLive"},
-        {[h] { return velClient_msg_setDMQEligible(h, 2); }, range,
-         "Invalid setting of Dead Message Queue Eligible (2) in velClient_msg_setDMQEligible "},
-        {[h] { return velClient_msg_setDeliverToOne(h, 5); }, range,
-         "Invalid setting of Deliver-To-One (5) in velClient_msg_setDeliveToOne "},
-        {[h] { return velClient_msg_setDiscardIndication(h, 0xFF); }, range,
-         "Invalid setting of Discard Indication (255) in velClient_msg_setDiscardIndication "},
-        {[h] { return velClient_msg_createUserPropertyMap(h, nullptr, 8); }, null,
-         "Null map_p pointer in velClient_msg_createUserPropertyMap"},
-        {[h, bad] { return velClient_msg_setUserPropertyMap(h, bad); }, null,
-         veltest::format("Bad map pointer (%p) in velClient_msg_setUserPropertyMap", bad)},
-        {[h] { return velClient_msg_getUserPropertyMap(h, nullptr); }, null,
-         "Null map_p pointer in velClient_msg_getUserPropertyMap"},
-        {[h] { return velClient_msg_createBinaryAttachmentMap(h, nullptr, 0); }, null,
-         "Null map_p pointer in velClient_msg_createBinaryAttachmentMap"},
-        {[h] { return velClient_msg_createBinaryAttachmentStream(h, nullptr, 0); }, null,
-         "Null stream_p pointer in velClient_msg_createBinaryAttachmentStream"},
-        {[h, bad] { return velClient_msg_setBinaryAttachmentContainer(h, bad); }, null,
-         veltest::format("Bad cont_p pointer (%p) in velClient_msg_setBinaryAttachmentContainer", bad)},
-        {[h, bad] { return velClient_msg_setBinaryAttachmentContainerPtr(h, bad); }, null,
-         veltest::format("Bad cont_p pointer (%p) in velClient_msg_setBinaryAttachmentContainer", bad)},
-        {[h] { return velClient_msg_getBinaryAttachmentMap(h, nullptr); }, null,
-         "Null map_p pointer in velClient_msg_getBinaryAttachmentMap"},
-        {[h] { return velClient_msg_getBinaryAttachmentStream(h, nullptr); }, null,
-         "Null stream_p pointer in velClient_msg_getBinaryAttachmentStream"},
-        {[h] { return velClient_msg_getBinaryAttachmentField(h, nullptr, kField); }, null,
-         "Null field_p pointer in velClient_msg_getBinaryAttachmentField"},
-        {[h] { return velClient_msg_getBinaryAttachmentField(h, out, kField - 1); }, range,
-         sizeText(field - 1, field, "_velClient_msg_getField")},
-        {[h] { return velClient_msg_extractDatablock(h, static_cast<velClient_bufInfo_index_t>(12), out, out); }, range,
-         "Invalid bufInfo part in velClient_msg_extractDatablock"},
-        {[h] { return velClient_msg_extractDatablock(h, VELCLIENT_BUFINFO_XML_PART, nullptr, out); }, null,
-         "Null datablock pointer in velClient_msg_extractDatablock"},
-        {[h] { return velClient_msg_extractDatablock(h, VELCLIENT_BUFINFO_XML_PART, out, nullptr); }, null,
-         "Null bufInfo_p pointer in velClient_msg_extractDatablock"},
-        {[h, &info] { return velClient_msg_encodeToVWF(h, &info, nullptr); }, conflict,
-         veltest::format("One and only one of %p and %p is a NULL pointer in velClient_msg_encodeToVWF",
-                         static_cast<void *>(&info), nullptr)},
-        {[] { return velClient_msg_decodeFromVwf(nullptr, nullptr); }, null,
-         "Null reference to msg_p pointer in velClient_msg_decodeFromVwf"},
-        {[] { return velClient_msg_decodeFromVwf(nullptr, out); }, null,
-         "Null VWF bufinfo pointer in velClient_msg_decodeFromVwf"},
-        {[&empty] { return velClient_msg_decodeFromVwf(&empty, out); }, range,
-         "Zero length VWF buffer in velClient_msg_decodeFromVwf"},
-        {[&nullBuf] { return velClient_msg_decodeFromVwf(&nullBuf, out); }, null,
-         "Null VWF pointer in velClient_msg_decodeFromVwf"},
-        {[h, &text] { return velClient_msg_dump(h, text, 0); }, conflict,
-         "Zero buffer size with non-NULL buffer in velClient_msg_dump"},
-        {[h] { return velClient_msg_dump(h, nullptr, 8); }, conflict,
-         "Non-zero buffer size with NULL buffer in velClient_msg_dump"},
+        REFUSE_IN(velClient_msg_alloc, (nullptr), N, "Null reference to msg_p pointer"),
+        REFUSE_IN(velClient_msg_free, (nullptr), N, "Null reference to msg_p pointer"),
+        REFUSE(velClient_msg_setUserData(h, nullptr, 5), N,
+               "Null buf_p pointer with non-zero size in velClient_msg_setBufinfo"),
+        REFUSE(velClient_msg_getXmlPtr(h, nullptr, out), N, "Null bufPtr_p pointer in velClient_msg_getBufinfoPtr"),
+        REFUSE_IN(velClient_msg_getBinaryAttachmentString, (h, nullptr), N, "Null buf pointer"),
+        REFUSE_IN(velClient_msg_setTopicPtr, (h, t251.c_str()), R, "Topic length of 251 exceeds maximum of 250"),
+        REFUSE_IN(velClient_msg_setQueueNamePtr, (h, q201.c_str()), R, "Queue name length of 201 exceeds maximum of 200"),
+        REFUSE(setDest(h, VELCLIENT_QUEUE_DESTINATION, q201.c_str()), R,
+               destLen + "201 exceeds maximum of 200 for destination type 1 in velClient_msg_setDestination"),
+        REFUSE(setDest(h, VELCLIENT_TOPIC_DESTINATION, t251.c_str()), R,
+               destLen + "251 exceeds maximum of 250 for destination type 0 in velClient_msg_setDestination"),
+        REFUSE(setDest(h, VELCLIENT_QUEUE_TEMP_DESTINATION, tmp251.c_str()), R,
+               destLen + "251 exceeds maximum of 250 for destination type 3 in velClient_msg_setDestination"),
+        REFUSE(setDest(h, VELCLIENT_QUEUE_DESTINATION, "#P2P/QUE/abc"), R,
+               "Invalid string dest pointer (#P2P/QUE/abc) in velClient_msg_setDestination"),
+        REFUSE(setDest(h, VELCLIENT_NULL_DESTINATION, "x"), R,
+               "Non-null dest pointer with VELCLIENT_NULL_DESTINATION type in velClient_msg_setDestination"),
+        REFUSE(setDest(h, VELCLIENT_TOPIC_DESTINATION, ""), R, "Empty string dest pointer in velClient_msg_setDestination"),
+        REFUSE(setDest(h, VELCLIENT_TOPIC_DESTINATION, nullptr), N, "Null dest pointer in velClient_msg_setDestination"),
+        REFUSE(setDest(h, 9, "x"), R, "Unsupported destination type of 9 in velClient_msg_setDestination"),
+        REFUSE(setDest(h, 0, "x", 3), R, sizeText(3, dest, "velClient_msg_setDestination")),
+        REFUSE(velClient_msg_getDestination(h, out, kDest - 1), R, sizeText(dest - 1, dest, "velClient_msg_getDestination")),
+        REFUSE_IN(velClient_msg_setReplyTo, (h, nullptr, kDest), N, "Null velClient_destination_t pointer"),
+        REFUSE(velClient_msg_setReplyTo(h, &topicDest, kDest + 1), R, sizeText(dest + 1, dest, "velClient_msg_setReplyTo")),
+        REFUSE_IN(velClient_msg_getReplyTo, (h, nullptr, kDest), N, "Null velClient_destination_t pointer"),
+        REFUSE_IN(velClient_msg_setReplyToSuffix, (h, s, nullptr), N, "Null suffix pointer"),
+        REFUSE(velClient_msg_setReplyToSuffix(h, nullptr, "x"), N,
+               format("Bad session pointer (%p) in velClient_msg_setReplyToSuffix", nullptr)),
+        REFUSE_IN(velClient_msg_getDestinationTopicSuffix, (h, s, nullptr), N, "Null reference to suffix pointer"),
+        REFUSE(velClient_msg_getDestinationTopicSuffix(h, bad, out), N,
+               format("Bad session pointer (%p) in velClient_msg_getDestinationTopicSuffix", bad)),
+        REFUSE_IN(velClient_msg_setClassOfService, (h, 3), R, "Invalid setting of COS flags (3)"),
+        REFUSE(velClient_msg_getClassOfService(h, nullptr), N, "Null cos_p pointer in velClient_msg_getReceivedClassOfService"),
+        REFUSE(velClient_msg_setDeliveryMode(h, 0x30), R,
+               "Invalid setting of Delivery Mode (48) in velClient_msg_setDeliveryMode "),
+        REFUSE_IN(velClient_msg_setTimeToLive, (h, 315360000001LL), R, "Invalid time to live value"),
+        REFUSE_IN(velClient_msg_setTimeToLive, (h, -1), R, "Invalid time to live value"),
+        REFUSE(velClient_msg_setDMQEligible(h, 2), R,
+               "Invalid setting of Dead Message Queue Eligible (2) in velClient_msg_setDMQEligible "),
+        REFUSE(velClient_msg_setDeliverToOne(h, 5), R,
+               "Invalid setting of Deliver-To-One (5) in velClient_msg_setDeliveToOne "),
+        REFUSE(velClient_msg_setDiscardIndication(h, 0xFF), R,
+               "Invalid setting of Discard Indication (255) in velClient_msg_setDiscardIndication "),
+        REFUSE_IN(velClient_msg_createUserPropertyMap, (h, nullptr, 8), N, "Null map_p pointer"),
+        REFUSE(velClient_msg_setUserPropertyMap(h, bad), N,
+               format("Bad map pointer (%p) in velClient_msg_setUserPropertyMap", bad)),
+        REFUSE_IN(velClient_msg_getUserPropertyMap, (h, nullptr), N, "Null map_p pointer"),
+        REFUSE_IN(velClient_msg_createBinaryAttachmentMap, (h, nullptr, 0), N, "Null map_p pointer"),
+        REFUSE_IN(velClient_msg_createBinaryAttachmentStream, (h, nullptr, 0), N, "Null stream_p pointer"),
+        REFUSE(velClient_msg_setBinaryAttachmentContainer(h, bad), N,
+               format("Bad cont_p pointer (%p) in velClient_msg_setBinaryAttachmentContainer", bad)),
+        REFUSE(velClient_msg_setBinaryAttachmentContainerPtr(h, bad), N,
+               format("Bad cont_p pointer (%p) in velClient_msg_setBinaryAttachmentContainer", bad)),
+        REFUSE_IN(velClient_msg_getBinaryAttachmentMap, (h, nullptr), N, "Null map_p pointer"),
+        REFUSE_IN(velClient_msg_getBinaryAttachmentStream, (h, nullptr), N, "Null stream_p pointer"),
+        REFUSE_IN(velClient_msg_getBinaryAttachmentField, (h, nullptr, kField), N, "Null field_p pointer"),
+        REFUSE(velClient_msg_getBinaryAttachmentField(h, out, kField - 1), R,
+               sizeText(field - 1, field, "_velClient_msg_getField")),
+        REFUSE(velClient_msg_extractDatablock(h, static_cast<velClient_bufInfo_index_t>(12), out, out), R,
+               "Invalid bufInfo part in velClient_msg_extractDatablock"),
+        REFUSE_IN(velClient_msg_extractDatablock, (h, xml, nullptr, out), N, "Null datablock pointer"),
+        REFUSE_IN(velClient_msg_extractDatablock, (h, xml, out, nullptr), N, "Null bufInfo_p pointer"),
+        REFUSE(velClient_msg_encodeToVWF(h, &info, nullptr), C,
+               format("One and only one of %p and %p is a NULL pointer in velClient_msg_encodeToVWF",
+                      static_cast<void *>(&info), nullptr)),
+        REFUSE_IN(velClient_msg_decodeFromVwf, (nullptr, nullptr), N, "Null reference to msg_p pointer"),
+        REFUSE_IN(velClient_msg_decodeFromVwf, (nullptr, out), N, "Null VWF bufinfo pointer"),
+        REFUSE_IN(velClient_msg_decodeFromVwf, (&empty, out), R, "Zero length VWF buffer"),
+        REFUSE_IN(velClient_msg_decodeFromVwf, (&nullBuf, out), N, "Null VWF pointer"),
+        REFUSE_IN(velClient_msg_dump, (h, text, 0), C, "Zero buffer size with non-NULL buffer"),
+        REFUSE_IN(velClient_msg_dump, (h, nullptr, 8), C, "Non-zero buffer size with NULL buffer"),
     };
     for (const char *prefix : {"#P2P/QUE/q1", "#P2P/QUE/", "#P2P/QUE/abc/"})
-        rows.push_back({[h, prefix] { return velClient_msg_setQueueNamePtr(h, prefix); }, range,
-                        veltest::format("Invalid string pointer (%s) in velClient_msg_setQueueNamePtr", prefix)});
+        rows.push_back({[h, prefix] { return velClient_msg_setQueueNamePtr(h, prefix); }, R,
+                        format("Invalid string pointer (%s) in velClient_msg_setQueueNamePtr", prefix)});
     veltest::expectRefusals(rows);
     /* Refusals change nothing: the message is still empty. */
     EXPECT_EQ(nullptr, m.destination(VELCLIENT_NOT_FOUND).dest);
@@ -307,36 +242,30 @@ TEST(Refusals, PoolDataBlocksSessionsAndLogs)
 {
     velClient_opaqueDatablock_pt none = nullptr;
     velClient_opaqueSession_pt noSession = nullptr;
-    const auto range = VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, null = VELCLIENT_SUBCODE_PARAM_NULL_PTR;
+    const auto freeBlocks = VELCLIENT_MSG_STATS_FREE_DATA_BLOCKS, allocs = VELCLIENT_MSG_STATS_MSG_ALLOCS;
+    const auto all = VELCLIENT_LOG_CATEGORY_ALL;
     veltest::expectRefusals({
-        {[] { return velClient_msg_getStat(VELCLIENT_MSG_STATS_FREE_DATA_BLOCKS, 5, out); }, range,
-         "Index of 5 out of range of max index value of 4 for statistic type 10 in velClient_msg_getStat"},
-        {[] { return velClient_msg_getStat(VELCLIENT_MSG_STATS_MSG_ALLOCS, 1, out); }, range,
-         "Index of 1 out of range of max index value of 0 for statistic type 2 in velClient_msg_getStat"},
-        {[] { return velClient_msg_getStat(static_cast<velClient_msg_stats_t>(12), 0, out); }, range,
-         "Invalid statistic type of 12 in velClient_msg_getStat"},
-        {[] { return velClient_msg_getStat(VELCLIENT_MSG_STATS_MSG_ALLOCS, 0, nullptr); }, null,
-         "Null statValue_p in velClient_msg_getStat"},
-        {[] { return velClient_datablock_alloc(nullptr, 1); }, null,
-         "Null reference to datab_p pointer in velClient_datablock_alloc"},
-        {[] { return velClient_datablock_free(nullptr); }, null,
-         "Null reference to datab_p pointer in velClient_datablock_free"},
-        {[&none] { return velClient_datablock_free(&none); }, null,
-         veltest::format("Bad datablock pointer (%p) in velClient_datablock_free", static_cast<void *>(&none))},
-        {[] { return velClient_datablock_dup(nullptr); }, null,
-         veltest::format("Bad datablock pointer (%p) in velClient_datablock_incRef", nullptr)},
-        {[] { return velClient_datablock_getDataPtr(nullptr, out, out); }, null,
-         veltest::format("Bad datablock pointer (%p) in velClient_datablock_getDataPtr", nullptr)},
-        {[] { return velClient_session_sendMsg(nullptr, nullptr); }, null,
-         veltest::format("Bad session pointer (%p) in velClient_session_sendMsg", nullptr)},
-        {[&noSession] { return velClient_session_destroy(&noSession); }, null,
-         veltest::format("Bad session pointer (%p) in velClient_session_destroy", nullptr)},
-        {[] { return velClient_log_setFilterLevel(VELCLIENT_LOG_CATEGORY_ALL, static_cast<velClient_log_level_t>(8)); },
-         range, "Invalid log level of 8 in velClient_log_setFilterLevel"},
-        {[] { return velClient_log_setFilterLevel(static_cast<velClient_log_category_t>(3), VELCLIENT_LOG_DEBUG); }, range,
-         "Invalid log category of 3 in velClient_log_setFilterLevel"},
-        {[] { return velClient_initialize(static_cast<velClient_log_level_t>(9), nullptr); }, range,
-         "Invalid log level of 9 in velClient_log_setFilterLevel"},
+        REFUSE_IN(velClient_msg_getStat, (freeBlocks, 5, out), R,
+                  "Index of 5 out of range of max index value of 4 for statistic type 10"),
+        REFUSE_IN(velClient_msg_getStat, (allocs, 1, out), R,
+                  "Index of 1 out of range of max index value of 0 for statistic type 2"),
+        REFUSE_IN(velClient_msg_getStat, (velClient_msg_stats_t(12), 0, out), R, "Invalid statistic type of 12"),
+        REFUSE_IN(velClient_msg_getStat, (allocs, 0, nullptr), N, "Null statValue_p"),
+        REFUSE_IN(velClient_datablock_alloc, (nullptr, 1), N, "Null reference to datab_p pointer"),
+        REFUSE_IN(velClient_datablock_free, (nullptr), N, "Null reference to datab_p pointer"),
+        REFUSE(velClient_datablock_free(&none), N,
+               format("Bad datablock pointer (%p) in velClient_datablock_free", static_cast<void *>(&none))),
+        REFUSE(velClient_datablock_dup(nullptr), N, format("Bad datablock pointer (%p) in velClient_datablock_incRef", nullptr)),
+        REFUSE(velClient_datablock_getDataPtr(nullptr, out, out), N,
+               format("Bad datablock pointer (%p) in velClient_datablock_getDataPtr", nullptr)),
+        REFUSE(velClient_session_sendMsg(nullptr, nullptr), N,
+               format("Bad session pointer (%p) in velClient_session_sendMsg", nullptr)),
+        REFUSE(velClient_session_destroy(&noSession), N,
+               format("Bad session pointer (%p) in velClient_session_destroy", nullptr)),
+        REFUSE_IN(velClient_log_setFilterLevel, (all, static_cast<velClient_log_level_t>(8)), R, "Invalid log level of 8"),
+        REFUSE_IN(velClient_log_setFilterLevel, (velClient_log_category_t(3), VELCLIENT_LOG_DEBUG), R, "Invalid log category of 3"),
+        REFUSE(velClient_initialize(static_cast<velClient_log_level_t>(9), nullptr), R,
+               "Invalid log level of 9 in velClient_log_setFilterLevel"),
     });
 }
 
@@ -344,23 +273,16 @@ TEST(Refusals, EveryContainerExportRefusesABadHandle)
 {
     BadHandles bad;
     const std::vector<BadHandleCall> badContainer = {
-        VEL_BAD_CALL(velClient_container_getField, out, kField, "k"),
-        VEL_BAD_CALL(velClient_container_getSize, out),
-        VEL_BAD_CALL(velClient_container_getContainerPtr, out, out),
-        VEL_BAD_CALL(velClient_container_deleteField, "k"),
-        VEL_BAD_CALL(velClient_container_getBoolean, out, "k"),
-        VEL_BAD_CALL(velClient_container_getUint8, out, "k"),
-        VEL_BAD_CALL(velClient_container_getInt64, out, "k"),
-        VEL_BAD_CALL(velClient_container_getWchar, out, "k"),
-        VEL_BAD_CALL(velClient_container_getDouble, out, "k"),
-        VEL_BAD_CALL(velClient_container_getStringPtr, out, "k"),
-        VEL_BAD_CALL(velClient_container_getByteArrayPtr, out, out, "k"),
-        VEL_BAD_CALL(velClient_container_getNull, "k"),
+        VEL_BAD_CALL(velClient_container_getField, out, kField, "k"), VEL_BAD_CALL(velClient_container_getSize, out),
+        VEL_BAD_CALL(velClient_container_getContainerPtr, out, out), VEL_BAD_CALL(velClient_container_deleteField, "k"),
+        VEL_BAD_CALL(velClient_container_getBoolean, out, "k"), VEL_BAD_CALL(velClient_container_getUint8, out, "k"),
+        VEL_BAD_CALL(velClient_container_getInt64, out, "k"), VEL_BAD_CALL(velClient_container_getWchar, out, "k"),
+        VEL_BAD_CALL(velClient_container_getDouble, out, "k"), VEL_BAD_CALL(velClient_container_getStringPtr, out, "k"),
+        VEL_BAD_CALL(velClient_container_getByteArrayPtr, out, out, "k"), VEL_BAD_CALL(velClient_container_getNull, "k"),
         VEL_BAD_CALL(velClient_container_getSubMap, out, "k"),
     };
     const std::vector<BadHandleCall> badAdd = {
-        VEL_BAD_CALL(velClient_container_addNull, "k"),
-        VEL_BAD_CALL(velClient_container_addInt32, 1, "k"),
+        VEL_BAD_CALL(velClient_container_addNull, "k"), VEL_BAD_CALL(velClient_container_addInt32, 1, "k"),
         VEL_BAD_CALL(velClient_container_addString, "v", "k"),
         VEL_BAD_CALL(velClient_container_addDestination, &topicDest, kDest, "k"),
         VEL_BAD_CALL(velClient_container_addContainer, nullptr, "k"),
@@ -377,17 +299,14 @@ TEST(Refusals, EveryContainerExportRefusesABadHandle)
         /* Every add names the check they share. */
         veltest::expectRefusals(
             veltest::badHandleRows("Bad container pointer (%p) in velClient_container_paramCheck", h, badAdd));
+        void *copy = h;
         veltest::expectRefusals({
-            {[h] { return velClient_container_getNextField(h, out, kField, out); }, VELCLIENT_SUBCODE_PARAM_NULL_PTR,
-             veltest::format("Bad cont_p pointer (%p) in velClient_container_getNextField", h)},
-            {[h] { return velClient_container_hasNextField(h); }, VELCLIENT_SUBCODE_PARAM_NULL_PTR,
-             veltest::format("Bad container pointer (%p) in velClient_container_hasNextField", h), 0},
-            {[h]() -> int {
-                 void *copy = h;
-                 return velClient_container_closeMapStream(&copy);
-             },
-             VELCLIENT_SUBCODE_PARAM_NULL_PTR,
-             veltest::format("Bad container pointer (%p) in velClient_container_closeMapStream", h)},
+            REFUSE(velClient_container_getNextField(h, out, kField, out), N,
+                   format("Bad cont_p pointer (%p) in velClient_container_getNextField", h)),
+            REFUSE(velClient_container_hasNextField(h), N,
+                   format("Bad container pointer (%p) in velClient_container_hasNextField", h), 0),
+            REFUSE(velClient_container_closeMapStream(&copy), N,
+                   format("Bad container pointer (%p) in velClient_container_closeMapStream", h)),
         });
     }
 }
