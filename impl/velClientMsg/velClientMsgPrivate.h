@@ -340,4 +340,30 @@ inline _velClient_container *containerOrFail(velClient_opaqueContainer_pt handle
     return cont;
 }
 
+/* The record behind a handle for a call that also takes a pointer to write
+ * to: nullptr after recording the bad handle, or else the null pointer. */
+template <typename Record, typename Handle>
+inline Record *withOut(Record *(*resolve)(Handle, HandleFormat), Handle handle, const void *out,
+                       HandleFormat badHandleFormat, Format<> nullOut)
+{
+    Record *record = resolve(handle, badHandleFormat);
+    if (record != nullptr && out == nullptr) {
+        VEL_STORE_F(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, nullOut);
+        return nullptr;
+    }
+    return record;
+}
+
+inline _velClient_msg *msgWithOut(velClient_opaqueMsg_pt handle, const void *out, HandleFormat badHandleFormat,
+                                  Format<> nullOut)
+{
+    return withOut(msgOrFail, handle, out, badHandleFormat, nullOut);
+}
+
+inline _velClient_container *containerWithOut(velClient_opaqueContainer_pt handle, const void *out,
+                                              HandleFormat badHandleFormat, Format<> nullOut)
+{
+    return withOut(containerOrFail, handle, out, badHandleFormat, nullOut);
+}
+
 } // namespace vel

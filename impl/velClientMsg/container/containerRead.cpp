@@ -278,12 +278,11 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getNextField
                                                                                velClient_field_t *field_p,
                                                                                size_t fieldSize, const char **name_p)
 {
-    _velClient_container *c =
-        vel::containerOrFail(opaqueCont_p, "Bad cont_p pointer (%p) in velClient_container_getNextField");
+    _velClient_container *c = vel::containerWithOut(opaqueCont_p, field_p,
+                                                    "Bad cont_p pointer (%p) in velClient_container_getNextField",
+                                                    "Null field_p in velClient_container_getNextField");
     if (c == nullptr)
         return VELCLIENT_FAIL;
-    if (field_p == nullptr)
-        return VEL_FAIL_NULL("Null field_p in velClient_container_getNextField");
     if (fieldSize != sizeof(velClient_field_t))
         return VEL_FAIL_RANGE("Unsupported field structure size (received %d, expected %d) in "
                               "velClient_container_getNextField",
@@ -303,11 +302,11 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getField(vel
         return VEL_FAIL_RANGE("Unsupported field structure size (received %d, expected "
                               "%d) in velClient_container_getField",
                               static_cast<int>(fieldSize), static_cast<int>(sizeof(velClient_field_t)));
-    _velClient_container *c = vel::containerOrFail(opaqueCont_p, "Bad Container (%p) in velClient_container_getField");
+    _velClient_container *c = vel::containerWithOut(opaqueCont_p, value,
+                                                    "Bad Container (%p) in velClient_container_getField",
+                                                    "Null value pointer in velClient_container_getField");
     if (c == nullptr)
         return VELCLIENT_FAIL;
-    if (value == nullptr)
-        return VEL_FAIL_NULL("Null value pointer in velClient_container_getField");
     if (c->type == VELCLIENT_CONTAINER_MAP) {
         if (name == nullptr)
             return VEL_FAIL_NULL("No name pointer in velClient_container_getField");
@@ -323,11 +322,11 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getField(vel
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getSize(velClient_opaqueContainer_pt opaqueCont_p,
                                                                           size_t *size_p)
 {
-    _velClient_container *c = vel::containerOrFail(opaqueCont_p, "Bad Container (%p) in velClient_container_getSize");
+    _velClient_container *c = vel::containerWithOut(opaqueCont_p, size_p,
+                                                    "Bad Container (%p) in velClient_container_getSize",
+                                                    "Null size pointer in velClient_container_getSize");
     if (c == nullptr)
         return VELCLIENT_FAIL;
-    if (size_p == nullptr)
-        return VEL_FAIL_NULL("Null size pointer in velClient_container_getSize");
     *size_p = static_cast<size_t>(c->curWrPtr - c->startPtr);
     return VELCLIENT_OK;
 }
@@ -335,12 +334,11 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getSize(velC
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getContainerPtr(
     velClient_opaqueContainer_pt opaqueCont_p, velClient_opaquePointer_pt bufPtr_p, velClient_uint32_t *size_p)
 {
-    _velClient_container *c =
-        vel::containerOrFail(opaqueCont_p, "Bad Container (%p) in velClient_container_getContainerPtr");
+    _velClient_container *c = vel::containerWithOut(opaqueCont_p, size_p,
+                                                    "Bad Container (%p) in velClient_container_getContainerPtr",
+                                                    "Null size pointer in velClient_container_getContainerPtr");
     if (c == nullptr)
         return VELCLIENT_FAIL;
-    if (size_p == nullptr)
-        return VEL_FAIL_NULL("Null size pointer in velClient_container_getContainerPtr");
     if (bufPtr_p == nullptr)
         return VEL_FAIL_NULL("Null bufPtr_p pointer in velClient_container_getContainerPtr");
     _velClient_container *finalise = c;

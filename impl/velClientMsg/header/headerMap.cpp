@@ -130,11 +130,11 @@ velClient_returnCode_t vel::hdr::remove(_velClient_msg *msg, const char *key, st
 extern "C" velClient_returnCode_t _velClient_msgHeaderMap_getString(velClient_opaqueMsg_pt msg_p,
                                                                    const char **string_p, const char *mapKey)
 {
-    _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer (%p) in _velClient_msgHeaderMap_getString");
+    _velClient_msg *msg = vel::msgWithOut(msg_p, string_p,
+                                          "Bad msg_p pointer (%p) in _velClient_msgHeaderMap_getString",
+                                          "Null string pointer in _velClient_msgHeaderMap_getString");
     if (msg == nullptr)
         return VELCLIENT_FAIL;
-    if (string_p == nullptr)
-        return VEL_FAIL_NULL("Null string pointer in _velClient_msgHeaderMap_getString");
     if (mapKey == nullptr)
         return VEL_FAIL_NULL("Null key pointer in _velClient_msgHeaderMap_getString");
     return vel::msg::headerMapString(msg, mapKey, string_p);
@@ -157,11 +157,10 @@ extern "C" velClient_returnCode_t _velClient_msgHeaderMap_setString(velClient_op
                                                                    const char *string, const char *mapKey,
                                                                    std::uint32_t addFlag)
 {
-    _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer (%p) in _velClient_msgHeaderMap_setString");
+    _velClient_msg *msg = vel::msgWithOut(msg_p, mapKey, "Bad msg_p pointer (%p) in _velClient_msgHeaderMap_setString",
+                                          "Null key pointer in _velClient_msgHeaderMap_setString");
     if (msg == nullptr)
         return VELCLIENT_FAIL;
-    if (mapKey == nullptr)
-        return VEL_FAIL_NULL("Null key pointer in _velClient_msgHeaderMap_setString");
     if (string == nullptr)
         return VEL_FAIL_NULL("Null string pointer in _velClient_msgHeaderMap_setString");
     return vel::hdr::set(

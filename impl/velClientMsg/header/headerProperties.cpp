@@ -11,18 +11,6 @@ namespace {
 
 constexpr std::uint64_t kMaxTimeToLive = 315360000000ull; /* ten years in milliseconds */
 
-/* Resolves msg_p and checks an out-pointer; nullptr after recording the failure. */
-template <typename T>
-_velClient_msg *msgWithOut(velClient_opaqueMsg_pt msg_p, T *out, vel::HandleFormat badHandle, vel::Format<> nullOut)
-{
-    _velClient_msg *msg = vel::msgOrFail(msg_p, badHandle);
-    if (msg != nullptr && out == nullptr) {
-        VEL_STORE_F(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, nullOut);
-        return nullptr;
-    }
-    return msg;
-}
-
 /* A value present only when its flag bit is set; 0 is written either way. */
 template <typename T>
 velClient_returnCode_t flaggedValue(const _velClient_msg *msg, T *out, std::uint32_t bit,
@@ -82,7 +70,7 @@ velClient_returnCode_t getValue(velClient_opaqueMsg_pt msg_p, T *out,
                                 velClient_returnCode_t (*get)(_velClient_msg *, T *), vel::HandleFormat badHandle,
                                 vel::Format<> nullOut)
 {
-    _velClient_msg *msg = msgWithOut(msg_p, out, badHandle, nullOut);
+    _velClient_msg *msg = vel::msgWithOut(msg_p, out, badHandle, nullOut);
     return msg == nullptr ? VELCLIENT_FAIL : get(msg, out);
 }
 

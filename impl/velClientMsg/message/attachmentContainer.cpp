@@ -179,11 +179,11 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getBinaryAttachmen
                                                                                      velClient_field_t *field_p,
                                                                                      size_t fieldSize)
 {
-    _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer (%p) in velClient_msg_getBinaryAttachmentField");
+    _velClient_msg *msg = vel::msgWithOut(msg_p, field_p,
+                                          "Bad msg_p pointer (%p) in velClient_msg_getBinaryAttachmentField",
+                                          "Null field_p pointer in velClient_msg_getBinaryAttachmentField");
     if (msg == nullptr)
         return VELCLIENT_FAIL;
-    if (field_p == nullptr)
-        return VEL_FAIL_NULL("Null field_p pointer in velClient_msg_getBinaryAttachmentField");
     if (_velClient_container *open = msg->binaryAttachContainer_p; open != nullptr) {
         if (fieldSize != sizeof(velClient_field_t))
             return VEL_FAIL_RANGE(

@@ -211,11 +211,10 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_reset(velClient_op
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_dup(velClient_opaqueMsg_pt msg_p,
                                                                  velClient_opaqueMsg_pt *newMsg_p)
 {
-    _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer (%p) in velClient_msg_dup");
+    _velClient_msg *msg = vel::msgWithOut(msg_p, newMsg_p, "Bad msg_p pointer (%p) in velClient_msg_dup",
+                                          "Null reference to newMsg_p pointer in velClient_msg_dup");
     if (msg == nullptr)
         return VELCLIENT_FAIL;
-    if (newMsg_p == nullptr)
-        return VEL_FAIL_NULL("Null reference to newMsg_p pointer in velClient_msg_dup");
     _velClient_msg *copy = nullptr;
     if (_velClient_msg_dup(msg, &copy) != VELCLIENT_OK) {
         *newMsg_p = nullptr;

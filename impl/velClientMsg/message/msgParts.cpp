@@ -317,11 +317,11 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setBinaryAttachmen
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getBinaryAttachmentString(velClient_opaqueMsg_pt msg_p,
                                                                                       const char **bufPtr_p)
 {
-    _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer (%p) in velClient_msg_getBinaryAttachmentString");
+    _velClient_msg *msg = vel::msgWithOut(msg_p, bufPtr_p,
+                                          "Bad msg_p pointer (%p) in velClient_msg_getBinaryAttachmentString",
+                                          "Null buf pointer in velClient_msg_getBinaryAttachmentString");
     if (msg == nullptr)
         return VELCLIENT_FAIL;
-    if (bufPtr_p == nullptr)
-        return VEL_FAIL_NULL("Null buf pointer in velClient_msg_getBinaryAttachmentString");
     return vel::msg::attachmentString(msg, bufPtr_p);
 }
 

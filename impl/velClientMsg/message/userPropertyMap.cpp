@@ -10,11 +10,10 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_createUserProperty
                                                                                    velClient_opaqueContainer_pt *map_p,
                                                                                    velClient_uint32_t size)
 {
-    _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer (%p) in velClient_msg_createUserPropertyMap");
+    _velClient_msg *msg = vel::msgWithOut(msg_p, map_p, "Bad msg_p pointer (%p) in velClient_msg_createUserPropertyMap",
+                                          "Null map_p pointer in velClient_msg_createUserPropertyMap");
     if (msg == nullptr)
         return VELCLIENT_FAIL;
-    if (map_p == nullptr)
-        return VEL_FAIL_NULL("Null map_p pointer in velClient_msg_createUserPropertyMap");
     if (msg->userPropertyMap_p != nullptr)
         _velClient_container_closeMapStream(&msg->userPropertyMap_p, true, true, false);
     if (_velClient_msg_createContainer(msg, VELCLIENT_BUFINFO_USER_PROPERTY_PART, &msg->userPropertyMap_p, size,
