@@ -55,16 +55,11 @@ velClient_returnCode_t _velClient_session_fastSend(_velClient_session *s, const 
     std::uint64_t msgId = 0;
     if (flags & _VELCLIENT_RX_FLAG_DELIVERY_MODE_MASK)
         msgId = ++s->lastMsgIdSent;
-    _velClient_vwfChunk chunks[vel::vwf::kMaxChunks];
-    _velClient_vwfScratch scratch;
-    std::uint8_t *scratch_p = scratch.bytes;
-    std::uint32_t numChunks = 0;
-    std::uint32_t total = 0;
-    velClient_returnCode_t rc =
-        _velClient_createMsgForPublish(parts, numParts, flags, msgId, msg, chunks, &numChunks, &scratch_p, &total);
+    vel::vwf::Frame frame;
+    velClient_returnCode_t rc = frame.build(parts, numParts, flags, msgId, msg);
     if (rc != VELCLIENT_OK || s->transport == _velClient_transport::drop)
         return rc;
-    return loopBack(s, chunks, numChunks, total);
+    return loopBack(s, frame.chunks, frame.numChunks, frame.total);
 }
 
 _velClient_session *_velClient_parserSession()

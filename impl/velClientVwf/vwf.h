@@ -72,6 +72,27 @@ velClient_returnCode_t _velClient_createMsgForPublish(const velClient_bufInfo_t 
                                                       std::uint32_t *numChunks, std::uint8_t **scratch_pp,
                                                       std::uint32_t *totalLength);
 
+namespace vel::vwf {
+
+/* One frame built as a chunk list, with the scratch bytes its generated
+ * headers take (on the caller's stack). */
+struct Frame {
+    _velClient_vwfChunk chunks[kMaxChunks];
+    _velClient_vwfScratch scratch;
+    std::uint32_t numChunks = 0;
+    std::uint32_t total = 0;
+
+    velClient_returnCode_t build(const velClient_bufInfo_t *parts, std::uint32_t numParts, std::uint32_t flags,
+                                 std::uint64_t msgId, const _velClient_msg *msg)
+    {
+        std::uint8_t *scratch_p = scratch.bytes;
+        return _velClient_createMsgForPublish(parts, numParts, flags, msgId, msg, chunks, &numChunks, &scratch_p,
+                                              &total);
+    }
+};
+
+} // namespace vel::vwf
+
 struct _velClient_vwfParsing;
 /* Called once per parsed frame; it may take the message (appOwnsMessage). */
 typedef velClient_returnCode_t (*_velClient_vwfCallback)(void *syntaxVoid_p, void *parserVoid_p);

@@ -231,6 +231,19 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getVWFPtr(velClien
 
 /* ---- Topic and queue name ------------------------------------------------------ */
 
+namespace {
+
+/* The destination name by reference in its part, the other kind's part cleared. */
+velClient_returnCode_t setName(_velClient_msg *msg, int part, int otherPart, const char *name, std::size_t length)
+{
+    _velClient_msg_setBufinfoPtr(msg, part, const_cast<char *>(name), static_cast<std::uint32_t>(length));
+    _velClient_msg_setBufinfoPtr(msg, otherPart, nullptr, 0);
+    assert(vel::msg::isSound(msg));
+    return VELCLIENT_OK;
+}
+
+} // namespace
+
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setTopicPtr(velClient_opaqueMsg_pt msg_p,
                                                                         const char *topic_p)
 {
@@ -243,12 +256,8 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setTopicPtr(velCli
     if (length > kMaxTopic)
         return VEL_FAIL_RANGE("Topic length of %d exceeds maximum of %d in velClient_msg_setTopicPtr",
                               static_cast<int>(length), static_cast<int>(kMaxTopic));
-    _velClient_msg_setBufinfoPtr(msg, VELCLIENT_BUFINFO_TOPIC_PART, const_cast<char *>(topic_p),
-                                 static_cast<std::uint32_t>(length));
-    _velClient_msg_setBufinfoPtr(msg, VELCLIENT_BUFINFO_QUEUENAME_PART, nullptr, 0);
     _velClient_msg_setBufinfoPtr(msg, _VELCLIENT_BUFINFO_DEST_PREFIX_PART, nullptr, 0);
-    assert(vel::msg::isSound(msg));
-    return VELCLIENT_OK;
+    return setName(msg, VELCLIENT_BUFINFO_TOPIC_PART, VELCLIENT_BUFINFO_QUEUENAME_PART, topic_p, length);
 }
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setQueueNamePtr(velClient_opaqueMsg_pt msg_p,
@@ -281,12 +290,8 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setQueueNamePtr(ve
     if (length > limit)
         return VEL_FAIL_RANGE("Queue name length of %d exceeds maximum of %d in velClient_msg_setQueueNamePtr",
                               static_cast<int>(length), static_cast<int>(limit));
-    _velClient_msg_setBufinfoPtr(msg, VELCLIENT_BUFINFO_QUEUENAME_PART, const_cast<char *>(name),
-                                 static_cast<std::uint32_t>(length));
-    _velClient_msg_setBufinfoPtr(msg, VELCLIENT_BUFINFO_TOPIC_PART, nullptr, 0);
     setTemporary(msg, temporary);
-    assert(vel::msg::isSound(msg));
-    return VELCLIENT_OK;
+    return setName(msg, VELCLIENT_BUFINFO_QUEUENAME_PART, VELCLIENT_BUFINFO_TOPIC_PART, name, length);
 }
 
 /* ---- Binary attachment as a string element ------------------------------------- */

@@ -70,17 +70,12 @@ velClient_returnCode_t _velClient_msg_encodeToVWF(_velClient_msg *msg, velClient
     emptyVwfPart(msg);
     if (vel::meta::prepareForWire(msg, true) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
-    _velClient_vwfChunk chunks[vel::vwf::kMaxChunks];
-    _velClient_vwfScratch scratch;
-    std::uint8_t *scratch_p = scratch.bytes;
-    std::uint32_t numChunks = 0;
-    std::uint32_t total = 0;
+    vel::vwf::Frame frame;
     velClient_returnCode_t rc =
-        _velClient_createMsgForPublish(msg->bufInfo_a, _VELCLIENT_BUFINFO_NUM_PARTS, msg->msgInfo.flags, kEncodedMsgId,
-                                       msg, chunks, &numChunks, &scratch_p, &total);
-    if (rc != VELCLIENT_OK || total == 0)
+        frame.build(msg->bufInfo_a, _VELCLIENT_BUFINFO_NUM_PARTS, msg->msgInfo.flags, kEncodedMsgId, msg);
+    if (rc != VELCLIENT_OK || frame.total == 0)
         return rc;
-    if (serialise(msg, chunks, numChunks, total) != VELCLIENT_OK)
+    if (serialise(msg, frame.chunks, frame.numChunks, frame.total) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     msg->internalFlags &= ~_VELCLIENT_MSG_FLAG_MODIFIED;
     giveImage(msg, bufinfo_p, datab_p);
