@@ -56,4 +56,13 @@ inline velClient_returnCode_t checkArgument(const void *dest_p, size_t destSize,
     return VELCLIENT_OK;
 }
 
+/* The message behind msg_p for a call that takes a destination argument:
+ * nullptr after recording the bad handle or what is wrong with the argument. */
+inline _velClient_msg *msgWithDestination(velClient_opaqueMsg_pt msg_p, const void *dest_p, size_t destSize,
+                                          HandleFormat badHandle, Format<> nullText, Format<int, int> sizeText)
+{
+    _velClient_msg *msg = msgOrFail(msg_p, badHandle);
+    return msg != nullptr && checkArgument(dest_p, destSize, nullText, sizeText) == VELCLIENT_OK ? msg : nullptr;
+}
+
 } // namespace vel::dest

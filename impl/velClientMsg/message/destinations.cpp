@@ -90,19 +90,20 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setDestination(vel
                                                                             const velClient_destination_t *dest_p,
                                                                             size_t destSize)
 {
-    _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer in velClient_msg_setDestination");
+    _velClient_msg *msg = vel::dest::msgWithDestination(
+        msg_p, dest_p, destSize, "Bad msg_p pointer in velClient_msg_setDestination",
+        "Null velClient_destination_t pointer in velClient_msg_setDestination",
+        "Unsupported destination structure size (received %d, expected %d) in "
+        "velClient_msg_setDestination");
     if (msg == nullptr)
-        return VELCLIENT_FAIL;
-    if (checkArgument(dest_p, destSize, "Null velClient_destination_t pointer in velClient_msg_setDestination",
-                      "Unsupported destination structure size (received %d, expected %d) in "
-                      "velClient_msg_setDestination") != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     std::int64_t type = vel::enumValue(dest_p->destType);
     if (type == VELCLIENT_NULL_DESTINATION) {
         if (dest_p->dest != nullptr)
             return VEL_FAIL_RANGE(
                     "Non-null dest pointer with VELCLIENT_NULL_DESTINATION type in velClient_msg_setDestination");
-        for (int part : {int{VELCLIENT_BUFINFO_TOPIC_PART}, int{VELCLIENT_BUFINFO_QUEUENAME_PART}, _VELCLIENT_BUFINFO_DEST_PREFIX_PART})
+        for (int part : {int{VELCLIENT_BUFINFO_TOPIC_PART}, int{VELCLIENT_BUFINFO_QUEUENAME_PART},
+                         _VELCLIENT_BUFINFO_DEST_PREFIX_PART})
             _velClient_msg_setBufinfoPtr(msg, part, nullptr, 0);
         return VELCLIENT_OK;
     }
@@ -131,12 +132,12 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getDestination(vel
                                                                             velClient_destination_t *dest_p,
                                                                             size_t destSize)
 {
-    _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer (%p) in velClient_msg_getDestination");
+    _velClient_msg *msg = vel::dest::msgWithDestination(
+        msg_p, dest_p, destSize, "Bad msg_p pointer (%p) in velClient_msg_getDestination",
+        "Null dest_p pointer in velClient_msg_getDestination",
+        "Unsupported destination structure size (received %d, expected %d) in "
+        "velClient_msg_getDestination");
     if (msg == nullptr)
-        return VELCLIENT_FAIL;
-    if (checkArgument(dest_p, destSize, "Null dest_p pointer in velClient_msg_getDestination",
-                      "Unsupported destination structure size (received %d, expected %d) in "
-                      "velClient_msg_getDestination") != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     return vel::msg::destination(msg, dest_p);
 }

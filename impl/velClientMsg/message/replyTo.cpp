@@ -48,12 +48,12 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setReplyTo(velClie
                                                                         const velClient_destination_t *dest_p,
                                                                         size_t destSize)
 {
-    _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer (%p) in velClient_msg_setReplyTo");
+    _velClient_msg *msg = vel::dest::msgWithDestination(
+        msg_p, dest_p, destSize, "Bad msg_p pointer (%p) in velClient_msg_setReplyTo",
+        "Null velClient_destination_t pointer in velClient_msg_setReplyTo",
+        "Unsupported destination structure size (received %d, expected %d) in "
+        "velClient_msg_setReplyTo");
     if (msg == nullptr)
-        return VELCLIENT_FAIL;
-    if (vel::dest::checkArgument(dest_p, destSize, "Null velClient_destination_t pointer in velClient_msg_setReplyTo",
-                         "Unsupported destination structure size (received %d, expected %d) in "
-                         "velClient_msg_setReplyTo") != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     return setReplyTo(msg, *dest_p);
 }
@@ -62,12 +62,12 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getReplyTo(velClie
                                                                         velClient_destination_t *dest_p,
                                                                         size_t destSize)
 {
-    _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer (%p) in velClient_msg_getReplyTo");
+    _velClient_msg *msg = vel::dest::msgWithDestination(
+        msg_p, dest_p, destSize, "Bad msg_p pointer (%p) in velClient_msg_getReplyTo",
+        "Null velClient_destination_t pointer in velClient_msg_getReplyTo",
+        "Unsupported destination structure size (received %d, expected %d) in "
+        "velClient_msg_getReplyTo");
     if (msg == nullptr)
-        return VELCLIENT_FAIL;
-    if (vel::dest::checkArgument(dest_p, destSize, "Null velClient_destination_t pointer in velClient_msg_getReplyTo",
-                         "Unsupported destination structure size (received %d, expected %d) in "
-                         "velClient_msg_getReplyTo") != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     return vel::msg::replyTo(msg, dest_p);
 }
