@@ -14,6 +14,7 @@
 #include <cstdint>
 
 #include "velClientLifo/lockFreeStack.h"
+#include "velClientLog/logPrivate.h"
 
 enum _velClient_ptrType_t : std::uint32_t {
     _UNUSED_PTR_TYPE = 0,
@@ -86,6 +87,25 @@ template <typename T>
 inline T *resolve(const void *handle, _velClient_ptrType_t type) noexcept
 {
     return static_cast<T *>(resolveHandle(handle, type));
+}
+
+/* The record behind *handle_p for a call that frees it: the handle is
+ * withdrawn and *handle_p set to nullptr. nullptr after recording a null
+ * handle_p or a handle that does not resolve. */
+template <typename Record, typename Handle>
+Record *takeHandle(Handle *handle_p, Record *(*resolveOrFail)(Handle, HandleFormat), Format<> nullText,
+                   HandleFormat badHandle)
+{
+    if (handle_p == nullptr) {
+        VEL_STORE_F(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, nullText);
+        return nullptr;
+    }
+    Record *record = resolveOrFail(*handle_p, badHandle);
+    if (record != nullptr) {
+        _velClient_safePtr_free(*handle_p);
+        *handle_p = nullptr;
+    }
+    return record;
 }
 
 } // namespace vel

@@ -150,13 +150,11 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_session_create(
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_session_destroy(velClient_opaqueSession_pt *session_p)
 {
-    if (session_p == nullptr)
-        return VEL_FAIL_NULL("Null session_p pointer in velClient_session_destroy");
-    _velClient_session *s = vel::sessionOrFail(*session_p, "Bad session pointer (%p) in velClient_session_destroy");
+    _velClient_session *s = vel::takeHandle(session_p, vel::sessionOrFail,
+                                            "Null session_p pointer in velClient_session_destroy",
+                                            "Bad session pointer (%p) in velClient_session_destroy");
     if (s == nullptr)
         return VELCLIENT_FAIL;
-    _velClient_safePtr_free(*session_p);
-    *session_p = nullptr;
     destroySession(s);
     return VELCLIENT_OK;
 }

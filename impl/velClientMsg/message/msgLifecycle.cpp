@@ -179,14 +179,9 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_alloc(velClient_op
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_free(velClient_opaqueMsg_pt *msg_p)
 {
-    if (msg_p == nullptr)
-        return VEL_FAIL_NULL("Null reference to msg_p pointer in velClient_msg_free");
-    _velClient_msg *msg = vel::msgOrFail(*msg_p, "Bad msg_p pointer (%p) in velClient_msg_free");
-    if (msg == nullptr)
-        return VELCLIENT_FAIL;
-    _velClient_safePtr_free(*msg_p);
-    *msg_p = nullptr;
-    return _velClient_msg_free(msg);
+    _velClient_msg *msg = vel::takeHandle(msg_p, vel::msgOrFail, "Null reference to msg_p pointer in velClient_msg_free",
+                                          "Bad msg_p pointer (%p) in velClient_msg_free");
+    return msg == nullptr ? VELCLIENT_FAIL : _velClient_msg_free(msg);
 }
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_reset(velClient_opaqueMsg_pt msg_p)
