@@ -66,44 +66,33 @@ TEST(MessageParts, APartSetFromItsOwnBytesKeepsThem)
 TEST(Destinations, EveryWayOfSettingAndItsReadingBack)
 {
     const std::string t250(250, 't'), q200(200, 'q'), tmp = "#P2P/QTMP/" + std::string(240, 'q');
-    enum How { Dest, Topic, Queue };
-    struct Row {
-        How how;
-        velClient_destinationType_t type; /* for Dest */
+    const int TOPIC = -11, QUEUE = -12, NONE = -13; /* set by topic or queue name; otherwise by type */
+    const int T = VELCLIENT_TOPIC_DESTINATION, Q = VELCLIENT_QUEUE_DESTINATION, TT = VELCLIENT_TOPIC_TEMP_DESTINATION,
+              QT = VELCLIENT_QUEUE_TEMP_DESTINATION;
+    const struct {
+        int how;
         const char *text;
-        velClient_destinationType_t readType;
-        const char *readText; /* nullptr: no destination */
-    };
-    const Row rows[] = {
-        {Topic, {}, t250.c_str(), VELCLIENT_TOPIC_DESTINATION, t250.c_str()},
-        {Queue, {}, "#P2P/QUE/v:abc/q1", VELCLIENT_QUEUE_DESTINATION, "q1"}, /* replaces the topic */
-        {Queue, {}, "#P2P/QTMP/x", VELCLIENT_QUEUE_TEMP_DESTINATION, "#P2P/QTMP/x"},
-        {Topic, {}, "back/to/topic", VELCLIENT_TOPIC_DESTINATION, "back/to/topic"},
-        {Queue, {}, "orders", VELCLIENT_QUEUE_DESTINATION, "orders"}, /* the network prefix is set for it */
-        {Queue, {}, nullptr, {}, nullptr},
-        {Topic, {}, "t", VELCLIENT_TOPIC_DESTINATION, "t"},
-        {Topic, {}, nullptr, {}, nullptr},
-        {Dest, VELCLIENT_QUEUE_DESTINATION, "#P2P/QUE/abc/q1", VELCLIENT_QUEUE_DESTINATION, "q1"},
-        {Dest, VELCLIENT_TOPIC_DESTINATION, "#P2P/QUE/q", VELCLIENT_QUEUE_DESTINATION, "q"}, /* read from the text */
-        {Dest, VELCLIENT_TOPIC_TEMP_DESTINATION, "#P2P/TTMP/t", VELCLIENT_TOPIC_TEMP_DESTINATION, "#P2P/TTMP/t"},
-        {Dest, VELCLIENT_QUEUE_TEMP_DESTINATION, "tq", VELCLIENT_QUEUE_DESTINATION, "tq"}, /* no prefix: a queue */
-        {Dest, VELCLIENT_QUEUE_TEMP_DESTINATION, tmp.c_str(), VELCLIENT_QUEUE_TEMP_DESTINATION, tmp.c_str()},
-        {Dest, VELCLIENT_QUEUE_DESTINATION, q200.c_str(), VELCLIENT_QUEUE_DESTINATION, q200.c_str()},
-        {Dest, VELCLIENT_NULL_DESTINATION, nullptr, {}, nullptr},
-    };
+        int readType;
+        const char *readText;
+    } rows[] = {
+        {TOPIC, t250.c_str(), T, t250.c_str()}, {QUEUE, "#P2P/QUE/v:abc/q1", Q, "q1"}, /* a queue replaces the topic */
+        {QUEUE, "#P2P/QTMP/x", QT, "#P2P/QTMP/x"}, {TOPIC, "back/to/topic", T, "back/to/topic"},
+        {QUEUE, "orders", Q, "orders"} /* its network prefix is set for it */, {QUEUE, nullptr, NONE, nullptr},
+        {TOPIC, "t", T, "t"}, {TOPIC, nullptr, NONE, nullptr}, {Q, "#P2P/QUE/abc/q1", Q, "q1"},
+        {T, "#P2P/QUE/q", Q, "q"} /* read from the text */, {TT, "#P2P/TTMP/t", TT, "#P2P/TTMP/t"},
+        {QT, "tq", Q, "tq"} /* no prefix: a queue */, {QT, tmp.c_str(), QT, tmp.c_str()}, {Q, q200.c_str(), Q, q200.c_str()},
+        {VELCLIENT_NULL_DESTINATION, nullptr, NONE, nullptr}};
     Msg m;
     EXPECT_EQ(nullptr, m.destination(VELCLIENT_NOT_FOUND).dest);
-    for (const Row &r : rows) {
+    for (const auto &r : rows) {
         SCOPED_TRACE(&r - rows);
-        velClient_destination_t d{r.type, r.text};
-        ASSERT_EQ(VELCLIENT_OK, r.how == Topic   ? velClient_msg_setTopicPtr(m.h, r.text)
-                                : r.how == Queue ? velClient_msg_setQueueNamePtr(m.h, r.text)
+        velClient_destination_t d{static_cast<velClient_destinationType_t>(r.how), r.text};
+        ASSERT_EQ(VELCLIENT_OK, r.how == TOPIC   ? velClient_msg_setTopicPtr(m.h, r.text)
+                                : r.how == QUEUE ? velClient_msg_setQueueNamePtr(m.h, r.text)
                                                  : velClient_msg_setDestination(m.h, &d, sizeof d));
         d = m.destination(r.readText ? VELCLIENT_OK : VELCLIENT_NOT_FOUND);
-        if (r.readText != nullptr) {
-            EXPECT_EQ(r.readType, d.destType);
-            EXPECT_STREQ(r.readText, d.dest);
-        }
+        EXPECT_EQ(r.readType, r.readText ? static_cast<int>(d.destType) : NONE);
+        EXPECT_STREQ(r.readText, r.readText ? d.dest : nullptr);
     }
     /* A temporary-queue name overrides the caller's type and says so. */
     velClient_destination_t override{VELCLIENT_TOPIC_DESTINATION, "#P2P/QTMP/x"};
