@@ -113,20 +113,6 @@ TEST(HeaderMap, WrittenBytes)
     EXPECT_EQ(metadata(entry), metadataItem(encode(m.h)));
 }
 
-TEST(HeaderMap, GeneratedSequenceNumberIsTheFixedFifteenBytes)
-{
-    velClient_opaqueSession_pt s = nullptr;
-    const char *props[] = {"SESSION_GENERATE_SEQUENCE_NUMBER", "1", "SESSION_TRANSPORT", "null", nullptr};
-    ASSERT_EQ(VELCLIENT_OK, velClient_session_create(props, nullptr, nullptr, &s));
-    Msg m;
-    ASSERT_EQ(VELCLIENT_OK, velClient_session_sendMsg(s, m.h));
-    ASSERT_EQ(VELCLIENT_OK, velClient_session_sendMsg(s, m.h));
-    velClient_session_destroy(&s);
-    Bytes meta = metadataItem(encode(m.h));
-    ASSERT_EQ(19u + 9 + 15, meta.size());
-    EXPECT_EQ((Bytes{0x1C, 0x05, 's', 'n', 0x00, 0x08, 0x0A, 0, 0, 0, 0, 0, 0, 0, 2}), Bytes(meta.end() - 15, meta.end()));
-}
-
 TEST(HeaderMap, ReadingAReceivedHeader)
 {
     /* 'h' entry with si = "x"; 'p' entry with one boolean. */

@@ -169,19 +169,3 @@ TEST(HeaderProperties, RangesMarksAndAbsentReceivedValues)
     EXPECT_EQ(VELCLIENT_CACHE_INVALID_MESSAGE, velClient_msg_isCacheMsg(f.h));
     ASSERT_EQ(VELCLIENT_OK, velClient_initialize(VELCLIENT_LOG_EMERGENCY, nullptr));
 }
-
-TEST(DataBlocks, ExtractClosesTheMapOpenOnThePart)
-{
-    Msg m;
-    velClient_opaqueDatablock_pt db = nullptr;
-    velClient_bufInfo_t info{};
-    velClient_opaqueContainer_pt props = nullptr;
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createUserPropertyMap(m.h, &props, 16));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt8(props, 1, "p"));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_extractDatablock(m.h, VELCLIENT_BUFINFO_USER_PROPERTY_PART, &db, &info));
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_rewind(props));
-    /* The block holds the finalised map behind its 4 reserved key bytes. */
-    EXPECT_EQ((veltest::Bytes{0x2B, 0, 0, 0, 12, 0x1C, 0x04, 'p', 0, 0x08, 0x03, 0x01}),
-              veltest::bytesAt(static_cast<std::uint8_t *>(info.buf_p) + 4, info.bufSize - 4));
-    velClient_datablock_free(&db);
-}

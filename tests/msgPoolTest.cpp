@@ -136,6 +136,16 @@ TEST(DataBlocks, ReferencesAndExtractionHandTheMessagesReferenceOver)
     velClient_msg_free(&m.h);
     EXPECT_EQ(0, std::memcmp(info.buf_p, "hello", 5)); /* the block outlives the message */
     EXPECT_EQ(VELCLIENT_OK, velClient_datablock_free(&b));
+    /* The map open on a part is finalised and closed before its block is taken. */
+    veltest::Msg p;
+    velClient_opaqueContainer_pt props = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createUserPropertyMap(p.h, &props, 16));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt8(props, 1, "p"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_extractDatablock(p.h, VELCLIENT_BUFINFO_USER_PROPERTY_PART, &b, &info));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_rewind(props));
+    EXPECT_EQ((veltest::Bytes{0x2B, 0, 0, 0, 12, 0x1C, 0x04, 'p', 0, 0x08, 0x03, 0x01}), /* behind 4 reserved key bytes */
+              veltest::bytesAt(static_cast<std::uint8_t *>(info.buf_p) + 4, info.bufSize - 4));
+    velClient_datablock_free(&b);
 }
 
 TEST(MessagePool, TheOlderStatisticsLayoutMirrorsTheCounters)
