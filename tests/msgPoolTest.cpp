@@ -68,7 +68,7 @@ TEST(Pools, ABlockTakesTheFirstClassThatHoldsItAndIsPooledUnlessOversize)
     velClient_datablock_free(&b);
     EXPECT_EQ(0u, stat(VELCLIENT_MSG_STATS_FREE_DATA_BLOCKS, 0)); /* at a limit of 0 nothing is pooled */
     EXPECT_GT(total - stat(VELCLIENT_MSG_STATS_TOTAL_MEMORY), 100u); /* capacity plus the block's header */
-    veltest::Msg{};
+    veltest::Msg{}; /* a message freed at a limit of 0 is not pooled either */
     EXPECT_EQ(0u, stat(VELCLIENT_MSG_STATS_FREE_MSGS));
 }
 
@@ -172,8 +172,8 @@ TEST(MessagePool, ResetKeepsTheHandleOnly)
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_reset(m));
     EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getTopicSequenceNumber(m, &v));
     veltest::Msg fresh;
-    EXPECT_EQ(fresh.dump(), veltest::Msg(m).dump());
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_reset(m));
+    EXPECT_EQ(fresh.dump(), veltest::Msg(m).dump()); /* as a fresh message; the owner frees it */
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_reset(m)); /* a freed handle */
 }
 
 TEST(MessagePool, CleanupReportsRecordsNeverFreed)
