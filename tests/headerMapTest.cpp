@@ -74,6 +74,8 @@ TEST(HeaderMap, APropertySetFromATextOfTheSameHeaderMapKeepsIt)
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_setReplyTo(m.h, &replyTo, sizeof replyTo));
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_getReplyTo(m.h, &replyTo, sizeof replyTo));
     EXPECT_STREQ("reply/to/this/topic", replyTo.dest);
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setSenderId(m.h, nullptr));
+    EXPECT_EQ(VELCLIENT_SUBCODE_PARAM_NULL_PTR, veltest::lastSubCode());
     velClient_msg_setMaxPoolMem(veltest::kDefaultPoolLimit);
 }
 

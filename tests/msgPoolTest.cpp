@@ -119,6 +119,8 @@ TEST(DataBlocks, ReferencesAndExtractionHandTheMessagesReferenceOver)
     velClient_opaqueDatablock_pt b = block(10), copy = b;
     EXPECT_EQ(VELCLIENT_OK, velClient_datablock_dup(b));
     EXPECT_EQ(VELCLIENT_OK, velClient_datablock_free(&copy)); /* one holder left */
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_datablock_getDataPtr(b, nullptr, nullptr));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null output pointer in velClient_datablock_getDataPtr");
     copy = b;
     EXPECT_EQ(VELCLIENT_OK, velClient_datablock_free(&b));
     EXPECT_EQ(VELCLIENT_FAIL, velClient_datablock_free(&copy)); /* the count is 0: refused, the variable kept */
