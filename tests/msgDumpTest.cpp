@@ -1,4 +1,5 @@
 /* The message dump: exact texts, the bounded buffer, sizes-only mode. */
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -100,7 +101,7 @@ TEST(Dump, XmlAsTextWrappedAtSixtyColumns)
     EXPECT_EQ(kHeaderLines + pad("XML:") + "len=61\n", m.dump(VELCLIENT_MSGDUMP_BRIEF));
 }
 
-TEST(Dump, HeaderLinesInOrder)
+TEST(Dump, HeaderLinesInOrderAlsoAfterARoundTrip)
 {
     Msg m;
     velClient_destination_t topic{VELCLIENT_TOPIC_DESTINATION, "t/1"}, replyTo{VELCLIENT_TOPIC_TEMP_DESTINATION, "#P2P/TTMP/r"};
@@ -110,11 +111,14 @@ TEST(Dump, HeaderLinesInOrder)
            velClient_msg_setDeliveryMode(m.h, VELCLIENT_DELIVERY_MODE_NONPERSISTENT), velClient_msg_setTimeToLive(m.h, 500),
            velClient_msg_setDMQEligible(m.h, 1), velClient_msg_setAsReplyMsg(m.h, 1), velClient_msg_setDeliverToOne(m.h, 1)});
     /* The reply-to of a temporary topic reads back as a topic. */
-    EXPECT_EQ(pad("Destination:") + "Topic 't/1'\n" + pad("SenderId:") + "me\n" + pad("SequenceNumber:") + "12\n" +
+    const std::string expected = pad("Destination:") + "Topic 't/1'\n" + pad("SenderId:") + "me\n" + pad("SequenceNumber:") + "12\n" +
                   pad("CorrelationId:") + "corr\n" + pad("Class Of Service:") + "COS_3\n" + pad("DeliveryMode: ") +
                   "NON-PERSISTENT\n" + pad("TimeToLive:") + "500\n" + pad("DMQ Eligible") + "\n" +
-                  pad("Reply Message") + "\n" + pad("Reply To:") + "Topic '#P2P/TTMP/r'\n" + pad("Deliver To One") + "\n",
-              m.dump());
+                  pad("Reply Message") + "\n" + pad("Reply To:") + "Topic '#P2P/TTMP/r'\n" + pad("Deliver To One") + "\n";
+    EXPECT_EQ(expected, m.dump());
+    Msg r(nullptr); /* decoded, every property reads back; a received message adds its time and id */
+    ASSERT_EQ(VELCLIENT_OK, veltest::decode(veltest::encode(m.h), &r.h));
+    EXPECT_EQ(expected, std::regex_replace(r.dump(), std::regex("RcvTimestamp:.*\n|Message Id: +[0-9]+\n"), ""));
 }
 
 TEST(Dump, TheBufferIsBoundedAndAlwaysTerminated)

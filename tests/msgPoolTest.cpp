@@ -203,6 +203,8 @@ TEST(MessagePool, ADuplicateSharesAndOutlivesItsSourceOnEveryPath)
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_alloc(&source));
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_setSenderId(source, "src"));
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_setUserData(source, "shared", 6));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setCorrelationTag(source, "ct-1", 5));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setQueueNamePtr(source, "#P2P/QUE/v:x/orders"));
     char xml[] = "<x/>";
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_setXmlPtr(source, xml, 4));
     velClient_opaqueContainer_pt map = nullptr;
@@ -228,7 +230,8 @@ TEST(MessagePool, ADuplicateSharesAndOutlivesItsSourceOnEveryPath)
     veltest::Msg b(nullptr);
     ASSERT_EQ(VELCLIENT_OK, veltest::decode(veltest::encode(d.h), &b.h));
     const std::string text = b.dump();
-    for (const char *shown : {"src", "Key 'n' (INT32) 5", "Key 'p' (BOOL) TRUE", "Reply Message", "<x/>", "shared"})
+    for (const char *shown :
+         {"Queue 'orders'", "src", "Key 'n' (INT32) 5", "Key 'p' (BOOL) TRUE", "Reply Message", "<x/>", "shared", "ct-1."})
         EXPECT_NE(std::string::npos, text.find(shown)) << shown;
     velClient_opaqueSession_pt session = nullptr;
     ASSERT_EQ(VELCLIENT_OK, velClient_session_create(nullptr, nullptr, nullptr, &session));
