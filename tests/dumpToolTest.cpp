@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "support/velTestSupport.h"
@@ -15,28 +16,19 @@ namespace {
 
 namespace fs = std::filesystem;
 
-struct ToolRun {
-    int status;
-    std::string output;
-};
-
-ToolRun run(const std::string &args)
+/* The tool's exit status and its output (standard error included). */
+std::pair<int, std::string> run(const std::string &args)
 {
-    std::string command = std::string(VELCLIENT_DUMP_TOOL) + " " + args + " 2>&1";
-    FILE *pipe = popen(command.c_str(), "r");
-    ToolRun r{-1, {}};
-    if (pipe == nullptr)
-        return r;
+    FILE *pipe = popen((std::string(VELCLIENT_DUMP_TOOL) + " " + args + " 2>&1").c_str(), "r");
+    std::string output;
     char buf[4096];
-    std::size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, pipe)) > 0)
-        r.output.append(buf, n);
-    int raw = pclose(pipe);
-    r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    return r;
+    for (std::size_t n; pipe != nullptr && (n = std::fread(buf, 1, sizeof buf, pipe)) > 0;)
+        output.append(buf, n);
+    const int raw = pipe != nullptr ? pclose(pipe) : -1;
+    return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, output};
 }
 
-std::vector<std::uint8_t> frameWithTopic(const char *topic)
+veltest::Bytes frameWithTopic(const char *topic)
 {
     veltest::Msg m;
     EXPECT_EQ(VELCLIENT_OK, velClient_msg_setTopicPtr(m.h, topic));
@@ -48,65 +40,48 @@ class DumpTool : public ::testing::Test {
     fs::path dir = fs::temp_directory_path() / ("velclient-dump-test-" + std::to_string(::getpid()));
     void SetUp() override { fs::create_directories(dir); }
     void TearDown() override { fs::remove_all(dir); }
-    std::string write(const std::string &name, const std::vector<std::uint8_t> &bytes)
+    std::string write(const std::string &name, const veltest::Bytes &bytes)
     {
-        fs::path p = dir / name;
-        std::ofstream(p, std::ios::binary).write(reinterpret_cast<const char *>(bytes.data()),
-                                                  static_cast<std::streamsize>(bytes.size()));
-        return p.string();
+        std::ofstream(dir / name, std::ios::binary)
+            .write(reinterpret_cast<const char *>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+        return (dir / name).string();
     }
 };
 
 } // namespace
 
-TEST_F(DumpTool, GoodFileAndSeveralFramesInOrder)
+TEST_F(DumpTool, FramesInOrderEmptyAndCorruptFiles)
 {
-    auto a = frameWithTopic("first/topic"), b = frameWithTopic("second/topic");
-    ToolRun one = run(write("one.vwf", a));
-    EXPECT_EQ(0, one.status);
-    EXPECT_NE(std::string::npos, one.output.find("Topic 'first/topic'"));
-    auto both = a;
-    both.insert(both.end(), b.begin(), b.end());
-    ToolRun two = run(write("two.vwf", both));
-    EXPECT_EQ(0, two.status);
-    std::size_t first = two.output.find("Topic 'first/topic'"), second = two.output.find("Topic 'second/topic'");
-    ASSERT_NE(std::string::npos, first);
-    ASSERT_NE(std::string::npos, second);
-    EXPECT_LT(first, second);
-    EXPECT_NE(std::string::npos, two.output.find(veltest::format("frame 2, offset %zu", a.size())));
+    const veltest::Bytes a = frameWithTopic("first/topic"), b = frameWithTopic("second/topic");
+    auto [status, out] = run(write("two.vwf", veltest::cat(a, b)));
+    EXPECT_EQ(0, status);
+    const std::size_t first = out.find("Topic 'first/topic'"), frame2 = out.find(veltest::format("frame 2, offset %zu", a.size()));
+    EXPECT_TRUE(first < frame2 && frame2 < out.find("Topic 'second/topic'") && out.find("Topic 'second/topic'") != std::string::npos)
+        << out;
+    std::tie(status, out) = run(write("empty.vwf", {}));
+    EXPECT_EQ(0, status);
+    EXPECT_EQ(std::string::npos, out.find("frame"));
+    veltest::Bytes corrupt = veltest::cat(a, a);
+    corrupt[a.size()] = 9; /* the second frame has an unknown version */
+    std::tie(status, out) = run(write("bad.vwf", corrupt));
+    EXPECT_EQ(1, status);
+    EXPECT_NE(std::string::npos, out.find(veltest::format("frame 2 at byte offset %zu is not valid VWF", a.size()))) << out;
+    EXPECT_EQ(2, run((dir / "absent.vwf").string()).first);
 }
 
-TEST_F(DumpTool, EmptyAndCorruptFiles)
+TEST_F(DumpTool, HelpSizesOnlyAndBadOptions)
 {
-    ToolRun empty = run(write("empty.vwf", {}));
-    EXPECT_EQ(0, empty.status);
-    EXPECT_EQ(std::string::npos, empty.output.find("frame"));
-    auto good = frameWithTopic("t");
-    auto corrupt = good;
-    corrupt.insert(corrupt.end(), good.begin(), good.end());
-    corrupt[good.size()] = 9; /* the second frame has an unknown version */
-    ToolRun bad = run(write("bad.vwf", corrupt));
-    EXPECT_EQ(1, bad.status);
-    EXPECT_NE(std::string::npos, bad.output.find(veltest::format("frame 2 at byte offset %zu is not valid VWF", good.size())))
-        << bad.output;
-    ToolRun missing = run((dir / "absent.vwf").string());
-    EXPECT_EQ(2, missing.status);
-}
-
-TEST_F(DumpTool, HelpAndSizesOnly)
-{
-    ToolRun help = run("--help");
-    EXPECT_EQ(0, help.status);
-    EXPECT_NE(std::string::npos, help.output.find("Usage: velclient-dump"));
+    EXPECT_EQ(0, run("--help").first);
+    EXPECT_NE(std::string::npos, run("--help").second.find("Usage: velclient-dump"));
     veltest::Msg m;
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_setXml(m.h, "<doc/>", 6));
-    std::string file = write("xml.vwf", veltest::encode(m.h));
-    ToolRun sizes = run("--sizes " + file);
-    EXPECT_EQ(0, sizes.status);
-    EXPECT_NE(std::string::npos, sizes.output.find("XML:" + std::string(36, ' ') + "len=6\n"));
-    ToolRun full = run(file);
-    EXPECT_NE(std::string::npos, full.output.find("<doc/>"));
-    EXPECT_EQ(2, run("--bogus").status);
+    const std::string file = write("xml.vwf", veltest::encode(m.h));
+    auto [status, out] = run("--sizes " + file);
+    EXPECT_EQ(0, status);
+    EXPECT_NE(std::string::npos, out.find("XML:" + std::string(36, ' ') + "len=6\n"));
+    EXPECT_EQ(std::string::npos, out.find("<doc/>"));
+    EXPECT_NE(std::string::npos, run(file).second.find("<doc/>"));
+    EXPECT_EQ(2, run("--bogus").first);
 }
 
 #endif

@@ -5,7 +5,6 @@
  * message freed after the library's own thread-exit step. Iterations are
  * bounded; nothing is timed. Also built and run under ThreadSanitizer. */
 #include <atomic>
-#include <cstdio>
 #include <cstdlib>
 #include <thread>
 #include <vector>
@@ -61,6 +60,7 @@ bool buildAndRoundTrip(velClient_opaqueMsg_pt m, velClient_opaqueMsg_pt *d, int 
     return ok;
 }
 
+/* Slots through which data blocks pass from one thread to the next. */
 struct Lane {
     std::atomic<velClient_opaqueDatablock_pt> slots[32] = {};
 };
@@ -71,18 +71,16 @@ void worker(int id, Lane &out, Lane &in, velClient_opaqueSession_pt shared, Tota
     totals.failures += velClient_session_create(nullptr, countReceived, &totals, &own) != VELCLIENT_OK;
     for (int i = 0; i < kRounds; ++i) {
         velClient_opaqueMsg_pt m = nullptr, d = nullptr;
+        velClient_opaqueDatablock_pt b = nullptr;
         totals.failures += !(velClient_msg_alloc(&m) == VELCLIENT_OK && buildAndRoundTrip(m, &d, i) &&
                              velClient_session_sendMsg((i & 1) ? shared : own, m) == VELCLIENT_OK);
         ++totals.sends;
         velClient_msg_free(&d);
         velClient_msg_free(&m);
-        velClient_opaqueDatablock_pt b = nullptr;
-        totals.failures +=
-            velClient_datablock_alloc(&b, static_cast<velClient_uint32_t>((i * 131 + id) % 20000)) != VELCLIENT_OK;
-        if (velClient_opaqueDatablock_pt old = out.slots[i % 32].exchange(b))
-            velClient_datablock_free(&old);
-        if (velClient_opaqueDatablock_pt got = in.slots[(i * 7) % 32].exchange(nullptr))
-            velClient_datablock_free(&got);
+        totals.failures += velClient_datablock_alloc(&b, static_cast<velClient_uint32_t>((i * 131 + id) % 20000)) != VELCLIENT_OK;
+        for (velClient_opaqueDatablock_pt old : {out.slots[i % 32].exchange(b), in.slots[(i * 7) % 32].exchange(nullptr)})
+            if (old != nullptr)
+                velClient_datablock_free(&old);
     }
     velClient_session_destroy(&own);
 }
@@ -117,8 +115,7 @@ TEST(Stress, SharedPoolsSessionsAndAMovingLimitLoseNothing)
     });
     std::vector<std::thread> workers;
     for (int t = 0; t < kThreads; ++t)
-        workers.emplace_back(worker, t, std::ref(lanes[t]), std::ref(lanes[(t + 1) % kThreads]), shared,
-                             std::ref(totals));
+        workers.emplace_back(worker, t, std::ref(lanes[t]), std::ref(lanes[(t + 1) % kThreads]), shared, std::ref(totals));
     for (auto &w : workers)
         w.join();
     done = true;
@@ -147,8 +144,7 @@ TEST(Stress, AMessageFreedByALaterThreadExitDestructorIsNotLost)
     });
     t.join();
     before.expectBalanced(); /* the late free was counted */
-    /* The record and its block went to the shared lists, where draining finds them. */
-    velClient_uint64_t memory = veltest::stat(VELCLIENT_MSG_STATS_TOTAL_MEMORY);
-    veltest::expectDrainedPools();
+    const velClient_uint64_t memory = veltest::stat(VELCLIENT_MSG_STATS_TOTAL_MEMORY);
+    veltest::expectDrainedPools(); /* the record and its block went to the shared lists, where draining finds them */
     EXPECT_LT(veltest::stat(VELCLIENT_MSG_STATS_TOTAL_MEMORY), memory);
 }

@@ -1,8 +1,5 @@
-/*
- * checkedFormatTest.cpp - printf texts kept in tables: which texts
- * vel::Format accepts for which argument types (checked when this file
- * compiles), and the record, fail and log entries that print them.
- */
+/* Which printf texts vel::Format accepts for which argument types (checked
+ * when this file compiles), and the record, fail and log entries that print them. */
 #include <cstddef>
 #include <cstdio>
 #include <functional>
@@ -18,34 +15,20 @@ namespace {
 using vel::formatMatches;
 
 /* Accepted: each directive the library uses, with the type it reads. */
-static_assert(formatMatches<>("Null buf_p pointer in velClient_msg_getSenderId"));
-static_assert(formatMatches<>("100%% of %%p is text"));
-static_assert(formatMatches<const void *>("Bad msg_p pointer (%p) in velClient_msg_getSenderId"));
-static_assert(formatMatches<const char *>("Field Type %s could not be converted to Map"));
-static_assert(formatMatches<int, int>("Unsupported structure size (received %d, expected %d)"));
-static_assert(formatMatches<int, unsigned, unsigned>("%i %u %x"));
+static_assert(formatMatches<>("Null buf_p pointer in velClient_msg_getSenderId") && formatMatches<>("100%% of %%p is text"));
+static_assert(formatMatches<const void *>("Bad msg_p pointer (%p) in f") && formatMatches<const char *>("Type %s"));
+static_assert(formatMatches<int, int>("(received %d, expected %d)") && formatMatches<int, unsigned, unsigned>("%i %u %x"));
 static_assert(formatMatches<long, unsigned long, long long, unsigned long long, std::size_t>("%ld %lu %lld %llu %zu"));
 static_assert(formatMatches<unsigned, int, const char *, long long>("%05u/%-8d/%.10s/%+lld"));
 
 /* Refused: a type that does not fit, a count that does not match, or a
  * directive outside the supported set. */
-static_assert(!formatMatches<int>("%p"));
-static_assert(!formatMatches<const char *>("%p"));
-static_assert(!formatMatches<const void *>("%s"));
-static_assert(!formatMatches<unsigned>("%d"));
-static_assert(!formatMatches<int>("%u"));
-static_assert(!formatMatches<long>("%d"));
-static_assert(!formatMatches<unsigned>("%zu"));
-static_assert(!formatMatches<long long>("%ld"));
-static_assert(!formatMatches<int>("Invalid setting with no directive"));
-static_assert(!formatMatches<>("Invalid setting (%d)"));
-static_assert(!formatMatches<int, int>("received %d"));
-static_assert(!formatMatches<>("50% off"));
-static_assert(!formatMatches<>("ends in %"));
-static_assert(!formatMatches<double>("%f"));
-static_assert(!formatMatches<int>("%*d"));
-static_assert(!formatMatches<short>("%hd"));
-static_assert(!formatMatches<>(nullptr));
+static_assert(!formatMatches<int>("%p") && !formatMatches<const char *>("%p") && !formatMatches<const void *>("%s"));
+static_assert(!formatMatches<unsigned>("%d") && !formatMatches<int>("%u") && !formatMatches<long>("%d"));
+static_assert(!formatMatches<unsigned>("%zu") && !formatMatches<long long>("%ld") && !formatMatches<short>("%hd"));
+static_assert(!formatMatches<int>("no directive") && !formatMatches<>("(%d)") && !formatMatches<int, int>("%d"));
+static_assert(!formatMatches<>("50% off") && !formatMatches<>("ends in %") && !formatMatches<>(nullptr));
+static_assert(!formatMatches<double>("%f") && !formatMatches<int>("%*d"));
 
 /* A handle's text may leave the handle out; any other text must read all. */
 static_assert(vel::format::matches<const void *>("Bad msg_p pointer in velClient_msg_setDestination", true));
@@ -62,8 +45,7 @@ TEST(CheckedFormat, RecordsAndLogsTheTextAsPrintfWritesIt)
 {
     int object = 0;
     const void *handle = &object;
-    char withHandle[64];
-    std::snprintf(withHandle, sizeof withHandle, "Bad msg_p pointer (%p) in f", handle);
+    const std::string withHandle = veltest::format("Bad msg_p pointer (%p) in f", handle);
 
     struct Row {
         std::function<velClient_returnCode_t()> call;
@@ -76,15 +58,9 @@ TEST(CheckedFormat, RecordsAndLogsTheTextAsPrintfWritesIt)
         {[] { return VEL_FAIL_F(VELCLIENT_SUBCODE_PARAM_CONFLICT, VELCLIENT_LOG_WARNING, kMixed, "ab", 7u,
                                 std::size_t{42}, -5LL); },
          VELCLIENT_FAIL, VELCLIENT_SUBCODE_PARAM_CONFLICT, VELCLIENT_LOG_WARNING, "ab 00007 42 -5 100%"},
-        {[&] {
-             VEL_STORE_F(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_ERROR, kWithHandle, handle);
-             return VELCLIENT_NOT_FOUND;
-         },
+        {[&] { return VEL_STORE_F(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_ERROR, kWithHandle, handle), VELCLIENT_NOT_FOUND; },
          VELCLIENT_NOT_FOUND, VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_ERROR, withHandle},
-        {[&] {
-             VEL_STORE_F(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, kWithoutHandle, handle);
-             return VELCLIENT_NOT_FOUND;
-         },
+        {[&] { return VEL_STORE_F(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, kWithoutHandle, handle), VELCLIENT_NOT_FOUND; },
          VELCLIENT_NOT_FOUND, VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, "Bad msg_p pointer in f"},
     };
     for (const Row &r : rows) {
@@ -103,14 +79,11 @@ TEST(CheckedFormat, RecordsAndLogsTheTextAsPrintfWritesIt)
 TEST(CheckedFormat, LogLineIsFilteredAndStoresNothing)
 {
     velClient_resetLastErrorInfo();
-    {
-        veltest::LogCapture log(VELCLIENT_LOG_INFO);
-        VEL_LOG_F(VELCLIENT_LOG_DEBUG, kMixed, "below the filter", 1u, std::size_t{2}, 3LL);
-        VEL_LOG_F(VELCLIENT_LOG_INFO, kMixed, "kept", 1u, std::size_t{2}, 3LL);
-        ASSERT_EQ(1u, log.lines.size());
-        EXPECT_EQ(VELCLIENT_LOG_INFO, log.lines[0].level);
-        EXPECT_EQ("kept 00001 2 3 100%", log.lines[0].text);
-    }
-    EXPECT_EQ(VELCLIENT_SUBCODE_OK, veltest::lastSubCode());
-    EXPECT_EQ("", veltest::lastErrorText());
+    veltest::LogCapture log(VELCLIENT_LOG_INFO);
+    VEL_LOG_F(VELCLIENT_LOG_DEBUG, kMixed, "below the filter", 1u, std::size_t{2}, 3LL);
+    VEL_LOG_F(VELCLIENT_LOG_INFO, kMixed, "kept", 1u, std::size_t{2}, 3LL);
+    ASSERT_EQ(1u, log.lines.size());
+    EXPECT_EQ(VELCLIENT_LOG_INFO, log.lines[0].level);
+    EXPECT_EQ("kept 00001 2 3 100%", log.lines[0].text);
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_OK, "");
 }

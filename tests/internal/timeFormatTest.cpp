@@ -1,29 +1,20 @@
 /* The readable time the dump prints beside a timestamp. */
-#include <cstring>
-
 #include <gtest/gtest.h>
 
 #include "velClientTime/clock.h"
 
-TEST(TimeFormat, ReadableUtcAndCutToTheBuffer)
+TEST(TimeFormat, ReadableUtcCutToTheBuffer)
 {
-    char text[32];
-    _velClient_formatTime(0, text, sizeof text);
-    EXPECT_STREQ("Jan 01, 1970 00:00:00", text);
-    _velClient_formatTime(1795000000, text, sizeof text);
-    EXPECT_STREQ("Nov 18, 2026 11:06:40", text);
-    /* Too small for the whole text: as much as fits, always terminated. */
-    char small[8];
-    std::memset(small, 'x', sizeof small);
-    _velClient_formatTime(0, small, sizeof small);
-    EXPECT_STREQ("Jan 01,", small);
-    char one[1] = {'x'};
-    _velClient_formatTime(0, one, 1);
-    EXPECT_EQ('\0', one[0]);
-    /* No buffer, or no room at all: nothing is written. */
-    char untouched = 'u';
-    _velClient_formatTime(0, &untouched, 0);
-    EXPECT_EQ('u', untouched);
-    _velClient_formatTime(0, nullptr, 10);
+    const struct {
+        velClient_uint64_t seconds;
+        std::size_t size;
+        const char *text; /* too small: as much as fits, terminated; no room: nothing written */
+    } rows[] = {{0, 32, "Jan 01, 1970 00:00:00"}, {1795000000, 32, "Nov 18, 2026 11:06:40"}, {0, 8, "Jan 01,"}, {0, 1, ""}, {0, 0, "u"}};
+    for (const auto &r : rows) {
+        char text[32] = "u";
+        _velClient_formatTime(r.seconds, text, r.size);
+        EXPECT_STREQ(r.text, text) << r.size;
+    }
+    _velClient_formatTime(0, nullptr, 10); /* no buffer */
     EXPECT_GT(_velClient_getTimeInUs(), 1700000000ull * 1000000);
 }
