@@ -191,8 +191,7 @@ TEST(Conversions, TextsFloatsAndTheDeliberateAsymmetries)
         {[](velClient_opaqueContainer_pt h) {
              velClient_destination_t d{VELCLIENT_TOPIC_DESTINATION, "t"};
              return velClient_container_addDestination(h, &d, sizeof d, "v");
-         },
-         GET(velClient_bool_t, Boolean), no + "Destination could not be converted to boolean"},
+         }, GET(velClient_bool_t, Boolean), no + "Destination could not be converted to boolean"},
     };
     for (const auto &row : rows) {
         OneField f(row.add);
