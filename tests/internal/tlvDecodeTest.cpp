@@ -1,8 +1,5 @@
-/* Decoding one structured-data field from hand-made bytes: the accepted
- * lengths of every fixed-size type, the widths a type is recognised with,
- * the NUL rules, destinations, and truncated or overlong input. Every input
- * sits in a heap buffer of exactly its size, so a read past the end is caught
- * by the address sanitizer. */
+/* Decoding one structured-data field from hand-made bytes, each in a heap
+ * buffer of exactly its size (a read past it is caught by the sanitizer). */
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
@@ -69,14 +66,6 @@ const FixedRow kAccepted[] = {
     {0x14, 4, VELCLIENT_WCHAR},
 };
 
-const FixedRow *accepted(std::uint8_t typeByte, unsigned len)
-{
-    for (const FixedRow &row : kAccepted)
-        if (row.typeByte == typeByte && row.tlvLength == len)
-            return &row;
-    return nullptr;
-}
-
 } // namespace
 
 TEST(TlvDecode, FixedSizeTypesAcceptExactlyTheirLengths)
@@ -84,9 +73,10 @@ TEST(TlvDecode, FixedSizeTypesAcceptExactlyTheirLengths)
     for (std::uint8_t tb : {0x04, 0x08, 0x0C, 0x10, 0x14}) {
         for (unsigned len = 0; len <= 12; ++len) {
             Decoded d = decode(fixedField(tb, len));
-            const FixedRow *row = accepted(tb, len);
+            const FixedRow *row = std::find_if(std::begin(kAccepted), std::end(kAccepted),
+                                               [&](const FixedRow &r) { return r.typeByte == tb && r.tlvLength == len; });
             SCOPED_TRACE(testing::Message() << "type byte " << int(tb) << " tlvLength " << len);
-            if (row == nullptr) {
+            if (row == std::end(kAccepted)) {
                 EXPECT_EQ(-1, d.size);
                 continue;
             }
@@ -198,14 +188,12 @@ TEST(TlvShortPaths, AgreeWithTheFullDecoderOnEveryTypeLengthAndContent)
 {
     /* Every 1-byte-length field up to 40 bytes, whole and cut short: what the
      * short paths accept, the full decoder accepts the same way. */
-    const auto contents = [](unsigned n, int kind) {
-        Bytes v(n, 'x');
-        if (kind == 1 && n > 0)
-            v[n - 1] = 0; /* a text */
-        if (kind == 2)
-            std::fill(v.begin(), v.end(), 0);
+    const auto contents = [](unsigned n, int kind) { /* plain, a text, all NULs, a stray NUL */
+        Bytes v(n, kind == 2 ? 0 : 'x');
+        if ((kind == 1 || kind == 3) && n > 0)
+            v[n - 1] = 0;
         if (kind == 3 && n > 1)
-            v[n / 2] = 0, v[n - 1] = 0; /* a stray NUL */
+            v[n / 2] = 0;
         return v;
     };
     for (unsigned tb = 0; tb < 256; ++tb) {
