@@ -146,9 +146,10 @@ TEST(Reading, RefusalsOfTheUntypedReaders)
     });
 }
 
-/* A map remembers where the entries it has already found well formed begin,
- * so these tests read, change the bytes, and read again. */
-TEST(Reading, LookupsFollowDeletesAndGrowthInTheMiddle)
+/* A map remembers where the well-formed entries it found begin: lookups
+ * after a delete, after a nested map grew, past what it remembers, and up to
+ * a malformed entry. */
+TEST(Reading, LookupsAfterDeleteGrowthAndAMalformedEntry)
 {
     veltest::Msg msg;
     velClient_opaqueContainer_pt m = nullptr, sub = nullptr;
@@ -158,64 +159,31 @@ TEST(Reading, LookupsFollowDeletesAndGrowthInTheMiddle)
     EXPECT_EQ(4, int32At(m, "d")); /* every entry is now known */
     ASSERT_EQ(VELCLIENT_OK, velClient_container_deleteField(m, "b"));
     EXPECT_EQ(4, int32At(m, "d"));
-    EXPECT_EQ(3, int32At(m, "c"));
     int32At(m, "b", VELCLIENT_NOT_FOUND);
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(m, 20, "b"));
-    EXPECT_EQ(20, int32At(m, "b"));
-    /* A nested map that grows pushes the entries after it further on. */
     ASSERT_EQ(VELCLIENT_OK, velClient_container_openSubMap(m, &sub, "s"));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(sub, 0, "k00"));
     ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&sub));
     ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(m, 5, "e"));
     EXPECT_EQ(5, int32At(m, "e"));
     ASSERT_EQ(VELCLIENT_OK, velClient_container_getSubMap(m, &sub, "s"));
-    for (int i = 1; i < 40; ++i)
+    for (int i = 0; i < 40; ++i) /* more entries than a map remembers, and k30 twice */
         ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(sub, i, key("k", i).c_str()));
-    EXPECT_EQ(5, int32At(m, "e"));
-    EXPECT_EQ(39, int32At(sub, "k39"));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&sub));
-    EXPECT_EQ(5, int32At(m, "e"));
-    EXPECT_EQ(20, int32At(m, "b"));
-    EXPECT_EQ((std::vector<std::string>{"a", "c", "d", "b", "s", "e"}), veltest::names(m));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&m));
-}
-
-TEST(Reading, LookupsInALongMapKeepFirstMatchAndCursorRules)
-{
-    /* More entries than a map remembers, and a key given twice past them. */
-    Exact m(true, 2048);
-    for (int i = 0; i < 40; ++i)
-        ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(m.h, i, key("k", i).c_str()));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(m.h, 100, "k30"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(sub, 100, "k30"));
+    EXPECT_EQ(5, int32At(m, "e")); /* pushed on by the nested map's growth */
     for (int round = 0; round < 2; ++round) {
-        EXPECT_EQ(39, int32At(m.h, "k39"));
-        EXPECT_EQ(5, int32At(m.h, "k05"));
-        EXPECT_EQ(30, int32At(m.h, "k30"));
-        ASSERT_EQ(VELCLIENT_OK, next(m.h));
+        EXPECT_EQ(39, int32At(sub, "k39"));
+        EXPECT_EQ(30, int32At(sub, "k30"));
+        ASSERT_EQ(VELCLIENT_OK, next(sub));
         EXPECT_STREQ("k31", name); /* the cursor rests on the match */
-        EXPECT_EQ(10, int32At(m.h, "k10"));
-        ASSERT_EQ(VELCLIENT_OK, next(m.h));
-        EXPECT_STREQ("k11", name);
-        int32At(m.h, "k40", VELCLIENT_NOT_FOUND);
-        EXPECT_EQ(VELCLIENT_EOS, next(m.h));
+        int32At(sub, "k40", VELCLIENT_NOT_FOUND);
+        EXPECT_EQ(VELCLIENT_EOS, next(sub));
     }
-    /* Reading through first, then looking up. */
-    Exact read;
-    for (const char *k : {"x", "y", "x"})
-        ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(read.h, k[0], k));
-    EXPECT_EQ((std::vector<std::string>{"x", "y", "x"}), veltest::names(read.h));
-    EXPECT_EQ('y', int32At(read.h, "y"));
-    ASSERT_EQ(VELCLIENT_OK, next(read.h));
-    EXPECT_STREQ("x", name);
-}
-
-TEST(Reading, AMalformedEntryAfterWellFormedOnesFailsEveryLookupThatReachesIt)
-{
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&sub));
+    EXPECT_EQ((std::vector<std::string>{"a", "c", "d", "s", "e"}), veltest::names(m));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&m));
     /* a: 1, w: 9 with a 2-byte key length, b: 2, then x: a text without its NUL. */
     Exact e(container(0x2B, {0x1C, 0x04, 'a', 0, 0x0C, 0x03, 1, 0x1D, 0x00, 0x05, 'w', 0, 0x0C, 0x03, 9, 0x1C, 0x04, 'b',
                              0, 0x0C, 0x03, 2, 0x1C, 0x04, 'x', 0, 0x1C, 0x04, 'h', 'i'}));
     for (int round = 0; round < 2; ++round) {
-        EXPECT_EQ(2, int32At(e.h, "b"));
         EXPECT_EQ(9, int32At(e.h, "w"));
         int32At(e.h, "zz", VELCLIENT_FAIL);
         EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_COMMUNICATION_ERROR, "Invalid entry in structured data TLV");
@@ -223,7 +191,6 @@ TEST(Reading, AMalformedEntryAfterWellFormedOnesFailsEveryLookupThatReachesIt)
         EXPECT_EQ(VELCLIENT_FAIL, next(e.h));
         EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_COMMUNICATION_ERROR,
                           "Invalid length in TLV string in structured data container");
-        EXPECT_EQ(VELCLIENT_FAIL, velClient_container_getField(e.h, &f, sizeof f, "x"));
         EXPECT_EQ(1, int32At(e.h, "a"));
     }
 }

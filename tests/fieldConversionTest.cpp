@@ -22,7 +22,6 @@ struct OneField : veltest::Container {
 };
 
 __extension__ typedef __int128 wide;
-__extension__ typedef unsigned __int128 uwide;
 
 constexpr wide kI64Min = std::numeric_limits<std::int64_t>::min();
 constexpr wide kI64Max = std::numeric_limits<std::int64_t>::max();
@@ -89,15 +88,10 @@ const wide kProbes[] = {0, 1, -1, 127, 128, 255, 256, 32767, 32768, 65535, 65536
                         4294967295, 4294967296LL, kI64Max, kI64Min, kU64Max, -128, -129, -32768, -32769,
                         -2147483648LL, -2147483649LL};
 
+/* Every value probed fits in an int64_t or a uint64_t. */
 std::string str(wide v)
 {
-    const bool neg = v < 0;
-    uwide u = neg ? -static_cast<uwide>(v) : static_cast<uwide>(v);
-    std::string s;
-    do
-        s.insert(s.begin(), static_cast<char>('0' + static_cast<int>(u % 10)));
-    while ((u /= 10) != 0);
-    return neg ? "-" + s : s;
+    return v < 0 ? std::to_string(static_cast<long long>(v)) : std::to_string(static_cast<unsigned long long>(v));
 }
 
 /* A getter's result as text: the value read, or "FAIL " and the error text. */
@@ -191,8 +185,7 @@ TEST(Conversions, TextsFloatsAndTheDeliberateAsymmetries)
         {[](velClient_opaqueContainer_pt h) {
              velClient_destination_t d{VELCLIENT_TOPIC_DESTINATION, "t"};
              return velClient_container_addDestination(h, &d, sizeof d, "v");
-         },
-         GET(velClient_bool_t, Boolean), no + "Destination could not be converted to boolean"},
+         }, GET(velClient_bool_t, Boolean), no + "Destination could not be converted to boolean"},
     };
     for (const auto &row : rows) {
         OneField f(row.add);

@@ -99,8 +99,7 @@ TEST(Refusals, EveryMessageExportRefusesABadHandle)
         BAD_AS(velClient_msg_isAckImmediately, (b), nullptr, 0xFF), VEL_BAD_CALL(velClient_msg_getSenderId, out),
         VEL_BAD_CALL(velClient_msg_deleteSenderId), VEL_BAD_CALL(velClient_msg_getApplicationMsgType, out),
         VEL_BAD_CALL(velClient_msg_setApplicationMsgType, "x"), VEL_BAD_CALL(velClient_msg_deleteApplicationMsgType),
-        VEL_BAD_CALL(velClient_msg_getApplicationMessageId, out),
-        VEL_BAD_CALL(velClient_msg_setApplicationMessageId, "x"),
+        VEL_BAD_CALL(velClient_msg_getApplicationMessageId, out), VEL_BAD_CALL(velClient_msg_setApplicationMessageId, "x"),
         VEL_BAD_CALL(velClient_msg_deleteApplicationMessageId), VEL_BAD_CALL(velClient_msg_getSequenceNumber, out),
         VEL_BAD_CALL(velClient_msg_setSequenceNumber, 1), VEL_BAD_CALL(velClient_msg_deleteSequenceNumber),
         VEL_BAD_CALL(velClient_msg_getCorrelationId, out), VEL_BAD_CALL(velClient_msg_setCorrelationId, "x"),
@@ -266,7 +265,7 @@ TEST(Refusals, PoolDataBlocksSessionsAndLogs)
         REFUSE_IN(velClient_log_setFilterLevel, (velClient_log_category_t(3), VELCLIENT_LOG_DEBUG), R, "Invalid log category of 3"),
         REFUSE(velClient_initialize(static_cast<velClient_log_level_t>(9), nullptr), R,
                "Invalid log level of 9 in velClient_log_setFilterLevel"),
-    });
+        });
 }
 
 TEST(Refusals, EveryContainerExportRefusesABadHandle)
@@ -307,6 +306,6 @@ TEST(Refusals, EveryContainerExportRefusesABadHandle)
                    format("Bad container pointer (%p) in velClient_container_hasNextField", h), 0),
             REFUSE(velClient_container_closeMapStream(&copy), N,
                    format("Bad container pointer (%p) in velClient_container_closeMapStream", h)),
-        });
+            });
     }
 }

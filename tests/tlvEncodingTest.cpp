@@ -32,8 +32,7 @@ TEST(FieldEncoding, EveryScalarWritesItsTypeLengthAndBigEndianBits)
         ADDS(addString(h, "ab", nullptr), 0x1C, 0x05, 'a', 'b', 0x00),
         ADDS(addUint64(h, 0x0102030405060708ull, nullptr), 0x0C, 0x0A, 1, 2, 3, 4, 5, 6, 7, 8),
         ADDS(addDouble(h, -2.0, nullptr), 0x10, 0x0A, 0xC0, 0, 0, 0, 0, 0, 0, 0),
-        ADDS(addInt8(h, INT8_MIN, nullptr), 0x08, 0x03, 0x80),
-        ADDS(addUint8(h, UINT8_MAX, nullptr), 0x0C, 0x03, 0xFF),
+        ADDS(addInt8(h, INT8_MIN, nullptr), 0x08, 0x03, 0x80), ADDS(addUint8(h, UINT8_MAX, nullptr), 0x0C, 0x03, 0xFF),
         ADDS(addInt16(h, INT16_MIN, nullptr), 0x08, 0x04, 0x80, 0x00),
         ADDS(addUint32(h, UINT32_MAX, nullptr), 0x0C, 0x06, 0xFF, 0xFF, 0xFF, 0xFF),
         ADDS(addInt64(h, INT64_MIN, nullptr), 0x08, 0x0A, 0x80, 0, 0, 0, 0, 0, 0, 0),
@@ -55,45 +54,23 @@ TEST(FieldEncoding, EveryScalarWritesItsTypeLengthAndBigEndianBits)
 
 TEST(FieldEncoding, VariableFieldsTakeTheSmallestLengthWidth)
 {
-    /* The value length (a string's counts its NUL) and a byte array's header;
-     * a string and VWF data differ in the type byte only. */
+    /* A byte array's header on each side of both width boundaries. */
     const std::pair<std::uint32_t, Bytes> rows[] = {
-        {252, {0x18, 0xFE}}, {253, {0x18, 0xFF}}, {254, {0x19, 0x01, 0x01}},
-        {65532, {0x19, 0xFF, 0xFF}}, {65533, {0x1A, 0x01, 0x00, 0x01}},
-    };
-    std::vector<std::uint8_t> data(65533, 0x5A);
-    for (const auto &[length, byteArrayHeader] : rows) {
-        for (std::uint8_t base : {0x18, 0x1C, 0x24}) {
-            SCOPED_TRACE(testing::Message() << "value length " << length << " type " << int(base));
-            Mem s(false, 70000);
-            std::string text(length - 1, 'c');
-            ASSERT_EQ(VELCLIENT_OK, base == 0x18   ? velClient_container_addByteArray(s.h, data.data(), length, nullptr)
-                                    : base == 0x1C ? velClient_container_addString(s.h, text.c_str(), nullptr)
-                                                   : velClient_container_addVwf(s.h, data.data(), length, nullptr));
-            Bytes f = s.fields(), header = byteArrayHeader;
-            header[0] = static_cast<std::uint8_t>(header[0] - 0x18 + base);
-            ASSERT_EQ(header.size() + length, f.size());
-            EXPECT_EQ(header, Bytes(f.begin(), f.begin() + static_cast<std::ptrdiff_t>(header.size())));
-            velClient_field_t field{};
-            ASSERT_EQ(VELCLIENT_OK, velClient_container_getNextField(s.h, &field, sizeof field, nullptr));
-            EXPECT_EQ(length, field.length);
-        }
+        {253, {0x18, 0xFF}}, {254, {0x19, 0x01, 0x01}}, {65532, {0x19, 0xFF, 0xFF}}, {65533, {0x1A, 0x01, 0x00, 0x01}}};
+    const Bytes data(65533, 0x5A);
+    for (const auto &[length, header] : rows) {
+        Mem s(false, 70000);
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_addByteArray(s.h, data.data(), length, nullptr));
+        EXPECT_EQ(cat(header, Bytes(data.begin(), data.begin() + length)), s.fields()) << length;
     }
-    /* A map name follows the same rule: 253 characters and the NUL take the 2-byte form. */
-    Mem m(true, 600);
+    /* A name counts its NUL: 253 characters take the 2-byte form. Empty values are two bytes. */
+    Mem m(true, 600), e(false);
     ASSERT_EQ(VELCLIENT_OK, velClient_container_addNull(m.h, std::string(253, 'n').c_str()));
-    Bytes f = m.fields();
-    EXPECT_EQ((Bytes{0x1D, 0x01, 0x01, 'n'}), Bytes(f.begin(), f.begin() + 4));
-    EXPECT_EQ((Bytes{0x00, 0x00, 0x02}), Bytes(f.end() - 3, f.end())); /* the name's NUL, then the null field */
-    /* Empty byte arrays and VWF data are two bytes and read back as null. */
-    Mem e(false);
+    EXPECT_EQ(cat(cat({0x1D, 0x01, 0x01}, Bytes(253, 'n')), {0x00, 0x00, 0x02}), m.fields());
     ASSERT_EQ(VELCLIENT_OK, velClient_container_addByteArray(e.h, data.data(), 0, nullptr));
     ASSERT_EQ(VELCLIENT_OK, velClient_container_addVwf(e.h, data.data(), 0, nullptr));
-    EXPECT_EQ((Bytes{0x18, 0x02, 0x24, 0x02}), e.fields());
-    velClient_field_t field{};
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_getNextField(e.h, &field, sizeof field, nullptr));
-    EXPECT_EQ(VELCLIENT_BYTEARRAY, field.type);
-    EXPECT_EQ(nullptr, field.value.bytearray);
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addString(e.h, "", nullptr));
+    EXPECT_EQ((Bytes{0x18, 0x02, 0x24, 0x02, 0x1C, 0x03, 0x00}), e.fields());
 }
 
 TEST(FieldEncoding, DestinationsAndUnknownFields)
@@ -214,7 +191,6 @@ TEST(FieldEncoding, AddContainerCopiesAnOpenNeighbourThatGrowthMoves)
     ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&b));
     ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&a));
     EXPECT_EQ((Bytes{0x2B, 0, 0, 0, 40, 0x1C, 0x04, 'a', 0x00, 0x2F, 0, 0, 0, 13, 0x08, 0x04, 1, 2, 0x08, 0x04, 3, 4, 0x1C,
-                     0x04, 'b', 0x00, 0x2F, 0, 0, 0, 14, 0x2F, 0, 0, 0, 9, 0x08, 0x04, 1, 2}),
-              veltest::bytesOf(m));
+                     0x04, 'b', 0x00, 0x2F, 0, 0, 0, 14, 0x2F, 0, 0, 0, 9, 0x08, 0x04, 1, 2}), veltest::bytesOf(m));
     ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&m));
 }
