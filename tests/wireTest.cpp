@@ -157,7 +157,10 @@ TEST(SessionSend, TheDefaultClientNameCountsSessions)
     ASSERT_EQ(VELCLIENT_OK, velClient_session_sendMsg(a.h, m.h));
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_deleteSenderId(m.h));
     ASSERT_EQ(VELCLIENT_OK, velClient_session_sendMsg(b.h, m.h));
-    const std::string pid = "/" + std::to_string(getpid()) + "/", &x = a.inbox.senders.at(0), &y = b.inbox.senders.at(0);
+    std::string pid = std::to_string(getpid());
+    pid.insert(pid.begin(), '/');
+    pid.push_back('/');
+    const std::string &x = a.inbox.senders.at(0), &y = b.inbox.senders.at(0);
     ASSERT_NE(std::string::npos, x.find(pid)) << x;
     const std::string nx = x.substr(x.find(pid) + pid.size()), ny = y.substr(y.find(pid) + pid.size());
     EXPECT_GE(nx.size(), 5u) << x; /* at least five digits, zero-padded */
