@@ -235,6 +235,12 @@ TEST(SessionTopics, SuffixesRelativeToTheInboxBase)
     velClient_destination_t d{};
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_getReplyTo(m.h, &d, sizeof d));
     EXPECT_STREQ("B/#", d.dest);
+    /* A reply-to topic takes 249 characters; a longer one is cut at 250 and refused. */
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setReplyToSuffix(m.h, s, std::string(247, 'x').c_str()));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getReplyTo(m.h, &d, sizeof d));
+    EXPECT_EQ(std::string("B/").append(247, 'x'), d.dest);
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setReplyToSuffix(m.h, s, std::string(300, 'x').c_str()));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, "Attempt to add destination field in excess of 65K bytes");
     /* Without a destination, or with a queue, there is no topic suffix. */
     Msg other;
     const char *suffix = nullptr;
