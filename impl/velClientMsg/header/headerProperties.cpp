@@ -76,6 +76,16 @@ velClient_returnCode_t getValue(velClient_opaqueMsg_pt msg_p, T *out,
 
 } // namespace
 
+/* An export that reads a value of the message record through internal: its
+ * texts name the export and its out-pointer. */
+#define VEL_RECORD_GETTER(Name, T, out, internal)                                                          \
+    extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_get##Name(velClient_opaqueMsg_pt msg_p,  \
+                                                                           T *out)                         \
+    {                                                                                                      \
+        return getValue(msg_p, out, internal, "Bad msg_p pointer (%p) in velClient_msg_get" #Name,          \
+                        "Null " #out " pointer in velClient_msg_get" #Name);                               \
+    }
+
 velClient_returnCode_t vel::msg::classOfService(_velClient_msg *msg, velClient_uint32_t *cos_p)
 {
     *cos_p = msg->msgInfo.flags & kClassOfService.mask;
@@ -130,12 +140,7 @@ velClient_returnCode_t vel::msg::timeToLive(_velClient_msg *msg, velClient_int64
     return VELCLIENT_OK;
 }
 
-extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getTimeToLive(velClient_opaqueMsg_pt msg_p,
-                                                                           velClient_int64_t *ttl_p)
-{
-    return getValue(msg_p, ttl_p, vel::msg::timeToLive, "Bad msg_p pointer (%p) in velClient_msg_getTimeToLive",
-                    "Null timestamp_p pointer in velClient_msg_getTimeToLive");
-}
+VEL_RECORD_GETTER(TimeToLive, velClient_int64_t, timestamp_p, vel::msg::timeToLive)
 
 velClient_returnCode_t _velClient_msg_setMsgId(velClient_opaqueMsg_pt msg_p, velClient_msgId_t msgId)
 {
@@ -147,12 +152,7 @@ velClient_returnCode_t _velClient_msg_setMsgId(velClient_opaqueMsg_pt msg_p, vel
     return VELCLIENT_OK;
 }
 
-extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getMsgId(velClient_opaqueMsg_pt msg_p,
-                                                                      velClient_msgId_t *msgId_p)
-{
-    return getValue(msg_p, msgId_p, vel::msg::msgId, "Bad msg_p pointer (%p) in velClient_msg_getMsgId",
-                    "Null msgId_p pointer in velClient_msg_getMsgId");
-}
+VEL_RECORD_GETTER(MsgId, velClient_msgId_t, msgId_p, vel::msg::msgId)
 
 velClient_returnCode_t vel::msg::msgId(_velClient_msg *msg, velClient_msgId_t *msgId_p)
 {
@@ -173,39 +173,21 @@ velClient_returnCode_t _velClient_msg_setTopicSequenceNumber(velClient_opaqueMsg
     return VELCLIENT_OK;
 }
 
-extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getTopicSequenceNumber(velClient_opaqueMsg_pt msg_p,
-                                                                                    velClient_int64_t *seqNum_p)
-{
-    return getValue(msg_p, seqNum_p, vel::msg::topicSequenceNumber,
-                    "Bad msg_p pointer (%p) in velClient_msg_getTopicSequenceNumber",
-                    "Null seqNum_p pointer in velClient_msg_getTopicSequenceNumber");
-}
+VEL_RECORD_GETTER(TopicSequenceNumber, velClient_int64_t, seqNum_p, vel::msg::topicSequenceNumber)
 
 velClient_returnCode_t vel::msg::topicSequenceNumber(_velClient_msg *msg, velClient_int64_t *seqNum_p)
 {
     return flaggedValue(msg, seqNum_p, _VELCLIENT_RX_FLAG_TOPIC_SEQ_NUM, &_velClient_msg::topicSeqNo);
 }
 
-extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getCacheRequestId(velClient_opaqueMsg_pt msg_p,
-                                                                               velClient_uint64_t *cacheRequestId_p)
-{
-    return getValue(msg_p, cacheRequestId_p, vel::msg::cacheRequestId,
-                    "Bad msg_p pointer (%p) in velClient_msg_getCacheRequestId",
-                    "Null cacheRequestId_p pointer in velClient_msg_getCacheRequestId");
-}
+VEL_RECORD_GETTER(CacheRequestId, velClient_uint64_t, cacheRequestId_p, vel::msg::cacheRequestId)
 
 velClient_returnCode_t vel::msg::cacheRequestId(_velClient_msg *msg, velClient_uint64_t *cacheRequestId_p)
 {
     return flaggedValue(msg, cacheRequestId_p, _VELCLIENT_RX_FLAG_CACHE_MSG, &_velClient_msg::cacheRequestId);
 }
 
-extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getRcvTimestamp(velClient_opaqueMsg_pt msg_p,
-                                                                             velClient_int64_t *timestamp_p)
-{
-    return getValue(msg_p, timestamp_p, vel::msg::rcvTimestamp,
-                    "Bad msg_p pointer (%p) in velClient_msg_getRcvTimestamp",
-                    "Null timestamp_p pointer in velClient_msg_getRcvTimestamp");
-}
+VEL_RECORD_GETTER(RcvTimestamp, velClient_int64_t, timestamp_p, vel::msg::rcvTimestamp)
 
 velClient_returnCode_t vel::msg::rcvTimestamp(_velClient_msg *msg, velClient_int64_t *timestamp_p)
 {
