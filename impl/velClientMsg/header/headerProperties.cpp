@@ -98,29 +98,20 @@ velClient_returnCode_t vel::msg::deliveryMode(_velClient_msg *msg, velClient_uin
     return VELCLIENT_OK;
 }
 
-extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setClassOfService(velClient_opaqueMsg_pt msg_p,
-                                                                               velClient_uint32_t cos)
-{
-    return setFlagField(kClassOfService, msg_p, cos);
-}
-
-extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getClassOfService(velClient_opaqueMsg_pt msg_p,
-                                                                               velClient_uint32_t *cos_p)
-{
-    return getValue(msg_p, cos_p, vel::msg::classOfService, kClassOfService.badGetHandle, kClassOfService.nullOut);
-}
-
-extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setDeliveryMode(velClient_opaqueMsg_pt msg_p,
-                                                                             velClient_uint32_t mode)
-{
-    return setFlagField(kDeliveryMode, msg_p, mode);
-}
-
-extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getDeliveryMode(velClient_opaqueMsg_pt msg_p,
-                                                                             velClient_uint32_t *mode_p)
-{
-    return getValue(msg_p, mode_p, vel::msg::deliveryMode, kDeliveryMode.badGetHandle, kDeliveryMode.nullOut);
-}
+/* The setter and getter of a field of the flags word. */
+#define VEL_FLAG_FIELD_EXPORTS(Name, field, internal)                                                      \
+    extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_set##Name(velClient_opaqueMsg_pt msg_p,  \
+                                                                           velClient_uint32_t value)       \
+    {                                                                                                      \
+        return setFlagField(field, msg_p, value);                                                          \
+    }                                                                                                      \
+    extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_get##Name(velClient_opaqueMsg_pt msg_p,  \
+                                                                           velClient_uint32_t *value_p)    \
+    {                                                                                                      \
+        return getValue(msg_p, value_p, internal, field.badGetHandle, field.nullOut);                     \
+    }
+VEL_FLAG_FIELD_EXPORTS(ClassOfService, kClassOfService, vel::msg::classOfService)
+VEL_FLAG_FIELD_EXPORTS(DeliveryMode, kDeliveryMode, vel::msg::deliveryMode)
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setTimeToLive(velClient_opaqueMsg_pt msg_p,
                                                                            velClient_int64_t ttl)

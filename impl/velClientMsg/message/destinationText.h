@@ -56,6 +56,11 @@ inline velClient_returnCode_t checkArgument(const void *dest_p, size_t destSize,
     return VELCLIENT_OK;
 }
 
+/* The texts of a call that takes a destination argument, after its bad-handle text. */
+#define VEL_DESTINATION_TEXTS(nullName, function)                                                         \
+    "Null " nullName " pointer in " function,                                                              \
+        "Unsupported destination structure size (received %d, expected %d) in " function
+
 /* The message behind msg_p for a call that takes a destination argument:
  * nullptr after recording the bad handle or what is wrong with the argument. */
 inline _velClient_msg *msgWithDestination(velClient_opaqueMsg_pt msg_p, const void *dest_p, size_t destSize,

@@ -92,9 +92,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setDestination(vel
 {
     _velClient_msg *msg = vel::dest::msgWithDestination(
         msg_p, dest_p, destSize, "Bad msg_p pointer in velClient_msg_setDestination",
-        "Null velClient_destination_t pointer in velClient_msg_setDestination",
-        "Unsupported destination structure size (received %d, expected %d) in "
-        "velClient_msg_setDestination");
+        VEL_DESTINATION_TEXTS("velClient_destination_t", "velClient_msg_setDestination"));
     if (msg == nullptr)
         return VELCLIENT_FAIL;
     std::int64_t type = vel::enumValue(dest_p->destType);
@@ -134,9 +132,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getDestination(vel
 {
     _velClient_msg *msg = vel::dest::msgWithDestination(
         msg_p, dest_p, destSize, "Bad msg_p pointer (%p) in velClient_msg_getDestination",
-        "Null dest_p pointer in velClient_msg_getDestination",
-        "Unsupported destination structure size (received %d, expected %d) in "
-        "velClient_msg_getDestination");
+        VEL_DESTINATION_TEXTS("dest_p", "velClient_msg_getDestination"));
     if (msg == nullptr)
         return VELCLIENT_FAIL;
     return vel::msg::destination(msg, dest_p);

@@ -50,9 +50,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setReplyTo(velClie
 {
     _velClient_msg *msg = vel::dest::msgWithDestination(
         msg_p, dest_p, destSize, "Bad msg_p pointer (%p) in velClient_msg_setReplyTo",
-        "Null velClient_destination_t pointer in velClient_msg_setReplyTo",
-        "Unsupported destination structure size (received %d, expected %d) in "
-        "velClient_msg_setReplyTo");
+        VEL_DESTINATION_TEXTS("velClient_destination_t", "velClient_msg_setReplyTo"));
     if (msg == nullptr)
         return VELCLIENT_FAIL;
     return setReplyTo(msg, *dest_p);
@@ -64,9 +62,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getReplyTo(velClie
 {
     _velClient_msg *msg = vel::dest::msgWithDestination(
         msg_p, dest_p, destSize, "Bad msg_p pointer (%p) in velClient_msg_getReplyTo",
-        "Null velClient_destination_t pointer in velClient_msg_getReplyTo",
-        "Unsupported destination structure size (received %d, expected %d) in "
-        "velClient_msg_getReplyTo");
+        VEL_DESTINATION_TEXTS("velClient_destination_t", "velClient_msg_getReplyTo"));
     if (msg == nullptr)
         return VELCLIENT_FAIL;
     return vel::msg::replyTo(msg, dest_p);
