@@ -3,7 +3,8 @@
 # fuzz targets need, and any further packages named as arguments (gcovr,
 # valgrind, ...). Does nothing when they are all present already.
 set -euo pipefail
-pkgs=(cmake g++ make pkg-config binutils libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev "$@")
+pkgs=(cmake g++ make pkg-config binutils libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev
+      libqpid-proton11-dev rabbitmq-server "$@")
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
