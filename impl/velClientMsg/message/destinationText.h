@@ -61,13 +61,16 @@ inline velClient_returnCode_t checkArgument(const void *dest_p, size_t destSize,
     "Null " nullName " pointer in " function,                                                              \
         "Unsupported destination structure size (received %d, expected %d) in " function
 
-/* The message behind msg_p for a call that takes a destination argument:
- * nullptr after recording the bad handle or what is wrong with the argument. */
-inline _velClient_msg *msgWithDestination(velClient_opaqueMsg_pt msg_p, const void *dest_p, size_t destSize,
-                                          HandleFormat badHandle, Format<> nullText, Format<int, int> sizeText)
+/* A call that takes a destination argument: resolves msg_p and checks the
+ * argument, recording what is wrong with either, then answers op(msg, dest_p). */
+template <typename Dest, typename Op>
+velClient_returnCode_t withDestination(velClient_opaqueMsg_pt msg_p, Dest *dest_p, size_t destSize,
+                                       HandleFormat badHandle, Format<> nullText, Format<int, int> sizeText, Op op)
 {
     _velClient_msg *msg = msgOrFail(msg_p, badHandle);
-    return msg != nullptr && checkArgument(dest_p, destSize, nullText, sizeText) == VELCLIENT_OK ? msg : nullptr;
+    if (msg == nullptr || checkArgument(dest_p, destSize, nullText, sizeText) != VELCLIENT_OK)
+        return VELCLIENT_FAIL;
+    return op(msg, dest_p);
 }
 
 } // namespace vel::dest

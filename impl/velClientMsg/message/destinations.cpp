@@ -84,17 +84,8 @@ const char *partText(const _velClient_msg *msg, int part)
     return p.buf_p != nullptr && p.bufSize != 0 ? static_cast<const char *>(p.buf_p) : nullptr;
 }
 
-} // namespace
-
-extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setDestination(velClient_opaqueMsg_pt msg_p,
-                                                                            const velClient_destination_t *dest_p,
-                                                                            size_t destSize)
+velClient_returnCode_t setDestination(_velClient_msg *msg, const velClient_destination_t *dest_p)
 {
-    _velClient_msg *msg = vel::dest::msgWithDestination(
-        msg_p, dest_p, destSize, "Bad msg_p pointer in velClient_msg_setDestination",
-        VEL_DESTINATION_TEXTS("velClient_destination_t", "velClient_msg_setDestination"));
-    if (msg == nullptr)
-        return VELCLIENT_FAIL;
     std::int64_t type = vel::enumValue(dest_p->destType);
     if (type == VELCLIENT_NULL_DESTINATION) {
         if (dest_p->dest != nullptr)
@@ -126,16 +117,24 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setDestination(vel
     }
 }
 
+} // namespace
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setDestination(velClient_opaqueMsg_pt msg_p,
+                                                                            const velClient_destination_t *dest_p,
+                                                                            size_t destSize)
+{
+    return vel::dest::withDestination(msg_p, dest_p, destSize, "Bad msg_p pointer in velClient_msg_setDestination",
+                                      VEL_DESTINATION_TEXTS("velClient_destination_t", "velClient_msg_setDestination"),
+                                      setDestination);
+}
+
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getDestination(velClient_opaqueMsg_pt msg_p,
                                                                             velClient_destination_t *dest_p,
                                                                             size_t destSize)
 {
-    _velClient_msg *msg = vel::dest::msgWithDestination(
-        msg_p, dest_p, destSize, "Bad msg_p pointer (%p) in velClient_msg_getDestination",
-        VEL_DESTINATION_TEXTS("dest_p", "velClient_msg_getDestination"));
-    if (msg == nullptr)
-        return VELCLIENT_FAIL;
-    return vel::msg::destination(msg, dest_p);
+    return vel::dest::withDestination(msg_p, dest_p, destSize, "Bad msg_p pointer (%p) in velClient_msg_getDestination",
+                                      VEL_DESTINATION_TEXTS("dest_p", "velClient_msg_getDestination"),
+                                      vel::msg::destination);
 }
 
 velClient_returnCode_t vel::msg::destination(_velClient_msg *msg, velClient_destination_t *dest_p)

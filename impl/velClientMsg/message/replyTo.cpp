@@ -29,9 +29,9 @@ constexpr const char *kReplyToKey = "rt";
 
 /* The destination's text is lent to the header map setter, so that one read
  * back from this message's header map is kept before the old entry goes. */
-velClient_returnCode_t setReplyTo(_velClient_msg *msg, const velClient_destination_t &given)
+velClient_returnCode_t setReplyTo(_velClient_msg *msg, const velClient_destination_t *given)
 {
-    velClient_destination_t dest = given;
+    velClient_destination_t dest = *given;
     const char *text = dest.dest;
     return vel::hdr::set(
         msg, kReplyToKey, _VELCLIENT_MSG_FLAG_REPLY_TO, _VELCLIENT_MSG_FLAG_REPLY_TO,
@@ -48,24 +48,18 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setReplyTo(velClie
                                                                         const velClient_destination_t *dest_p,
                                                                         size_t destSize)
 {
-    _velClient_msg *msg = vel::dest::msgWithDestination(
-        msg_p, dest_p, destSize, "Bad msg_p pointer (%p) in velClient_msg_setReplyTo",
-        VEL_DESTINATION_TEXTS("velClient_destination_t", "velClient_msg_setReplyTo"));
-    if (msg == nullptr)
-        return VELCLIENT_FAIL;
-    return setReplyTo(msg, *dest_p);
+    return vel::dest::withDestination(msg_p, dest_p, destSize, "Bad msg_p pointer (%p) in velClient_msg_setReplyTo",
+                                      VEL_DESTINATION_TEXTS("velClient_destination_t", "velClient_msg_setReplyTo"),
+                                      setReplyTo);
 }
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getReplyTo(velClient_opaqueMsg_pt msg_p,
                                                                         velClient_destination_t *dest_p,
                                                                         size_t destSize)
 {
-    _velClient_msg *msg = vel::dest::msgWithDestination(
-        msg_p, dest_p, destSize, "Bad msg_p pointer (%p) in velClient_msg_getReplyTo",
-        VEL_DESTINATION_TEXTS("velClient_destination_t", "velClient_msg_getReplyTo"));
-    if (msg == nullptr)
-        return VELCLIENT_FAIL;
-    return vel::msg::replyTo(msg, dest_p);
+    return vel::dest::withDestination(msg_p, dest_p, destSize, "Bad msg_p pointer (%p) in velClient_msg_getReplyTo",
+                                      VEL_DESTINATION_TEXTS("velClient_destination_t", "velClient_msg_getReplyTo"),
+                                      vel::msg::replyTo);
 }
 
 velClient_returnCode_t vel::msg::replyTo(_velClient_msg *msg, velClient_destination_t *dest_p)
@@ -106,7 +100,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setReplyToSuffix(v
     char topic[kSessionMaxTopic + 1];
     replyTopic(topic, session->p2pTopicBase, suffix_p);
     velClient_destination_t dest{VELCLIENT_TOPIC_DESTINATION, topic};
-    return setReplyTo(msg, dest);
+    return setReplyTo(msg, &dest);
 }
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getDestinationTopicSuffix(
