@@ -74,3 +74,14 @@ velClient_returnCode_t withDestination(velClient_opaqueMsg_pt msg_p, Dest *dest_
 }
 
 } // namespace vel::dest
+
+/* An export taking a message and a destination argument (const or not, as
+ * qualifier says): its bad-handle text, the name its null text gives the
+ * argument, and the record function it calls once both are good. */
+#define VEL_DESTINATION_EXPORT(function, qualifier, badHandle, nullName, op)                                   \
+    extern "C" VELCLIENT_API velClient_returnCode_t function(                                                  \
+            velClient_opaqueMsg_pt msg_p, qualifier velClient_destination_t *dest_p, size_t destSize)          \
+    {                                                                                                          \
+        return vel::dest::withDestination(msg_p, dest_p, destSize, badHandle,                                   \
+                                          VEL_DESTINATION_TEXTS(nullName, #function), op);                      \
+    }

@@ -31,30 +31,35 @@ velClient_returnCode_t tooLong(std::size_t length, std::size_t limit, int type)
                           static_cast<int>(length), static_cast<int>(limit), type);
 }
 
+/* Copies name (at most limit characters) into part, clears otherPart and
+ * marks the destination temporary or not by its type. */
+velClient_returnCode_t putName(_velClient_msg *msg, const char *name, std::size_t limit, int type, int part,
+                               int otherPart)
+{
+    std::size_t length = std::strlen(name);
+    if (length > limit)
+        return tooLong(length, limit, type);
+    if (copyText(msg, part, name, length) != VELCLIENT_OK)
+        return VELCLIENT_FAIL;
+    _velClient_msg_setBufinfoPtr(msg, otherPart, nullptr, 0);
+    setTemporary(msg, type == VELCLIENT_TOPIC_TEMP_DESTINATION || type == VELCLIENT_QUEUE_TEMP_DESTINATION);
+    return VELCLIENT_OK;
+}
+
 velClient_returnCode_t setTopic(_velClient_msg *msg, const char *text, int type)
 {
-    std::size_t length = std::strlen(text);
-    if (length > kMaxTopic)
-        return tooLong(length, kMaxTopic, type);
-    if (copyText(msg, VELCLIENT_BUFINFO_TOPIC_PART, text, length) != VELCLIENT_OK)
+    if (putName(msg, text, kMaxTopic, type, VELCLIENT_BUFINFO_TOPIC_PART, VELCLIENT_BUFINFO_QUEUENAME_PART) !=
+        VELCLIENT_OK)
         return VELCLIENT_FAIL;
-    _velClient_msg_setBufinfoPtr(msg, VELCLIENT_BUFINFO_QUEUENAME_PART, nullptr, 0);
     _velClient_msg_setBufinfoPtr(msg, _VELCLIENT_BUFINFO_DEST_PREFIX_PART, nullptr, 0);
-    setTemporary(msg, type == VELCLIENT_TOPIC_TEMP_DESTINATION);
     return VELCLIENT_OK;
 }
 
 velClient_returnCode_t setTempQueue(_velClient_msg *msg, const char *text)
 {
     _velClient_msg_setBufinfoPtr(msg, _VELCLIENT_BUFINFO_DEST_PREFIX_PART, nullptr, 0);
-    std::size_t length = std::strlen(text);
-    if (length > kMaxTopic)
-        return tooLong(length, kMaxTopic, VELCLIENT_QUEUE_TEMP_DESTINATION);
-    if (copyText(msg, VELCLIENT_BUFINFO_QUEUENAME_PART, text, length) != VELCLIENT_OK)
-        return VELCLIENT_FAIL;
-    _velClient_msg_setBufinfoPtr(msg, VELCLIENT_BUFINFO_TOPIC_PART, nullptr, 0);
-    setTemporary(msg, true);
-    return VELCLIENT_OK;
+    return putName(msg, text, kMaxTopic, VELCLIENT_QUEUE_TEMP_DESTINATION, VELCLIENT_BUFINFO_QUEUENAME_PART,
+                   VELCLIENT_BUFINFO_TOPIC_PART);
 }
 
 velClient_returnCode_t setQueue(_velClient_msg *msg, const char *text)
@@ -68,14 +73,8 @@ velClient_returnCode_t setQueue(_velClient_msg *msg, const char *text)
     } else {
         _velClient_msg_setBufinfo(msg, _VELCLIENT_BUFINFO_DEST_PREFIX_PART, nullptr, 0, 0);
     }
-    std::size_t length = std::strlen(name);
-    if (length > kMaxQueue)
-        return tooLong(length, kMaxQueue, VELCLIENT_QUEUE_DESTINATION);
-    if (copyText(msg, VELCLIENT_BUFINFO_QUEUENAME_PART, name, length) != VELCLIENT_OK)
-        return VELCLIENT_FAIL;
-    _velClient_msg_setBufinfoPtr(msg, VELCLIENT_BUFINFO_TOPIC_PART, nullptr, 0);
-    setTemporary(msg, false);
-    return VELCLIENT_OK;
+    return putName(msg, name, kMaxQueue, VELCLIENT_QUEUE_DESTINATION, VELCLIENT_BUFINFO_QUEUENAME_PART,
+                   VELCLIENT_BUFINFO_TOPIC_PART);
 }
 
 const char *partText(const _velClient_msg *msg, int part)
@@ -119,23 +118,10 @@ velClient_returnCode_t setDestination(_velClient_msg *msg, const velClient_desti
 
 } // namespace
 
-extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setDestination(velClient_opaqueMsg_pt msg_p,
-                                                                            const velClient_destination_t *dest_p,
-                                                                            size_t destSize)
-{
-    return vel::dest::withDestination(msg_p, dest_p, destSize, "Bad msg_p pointer in velClient_msg_setDestination",
-                                      VEL_DESTINATION_TEXTS("velClient_destination_t", "velClient_msg_setDestination"),
-                                      setDestination);
-}
-
-extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getDestination(velClient_opaqueMsg_pt msg_p,
-                                                                            velClient_destination_t *dest_p,
-                                                                            size_t destSize)
-{
-    return vel::dest::withDestination(msg_p, dest_p, destSize, "Bad msg_p pointer (%p) in velClient_msg_getDestination",
-                                      VEL_DESTINATION_TEXTS("dest_p", "velClient_msg_getDestination"),
-                                      vel::msg::destination);
-}
+VEL_DESTINATION_EXPORT(velClient_msg_setDestination, const, "Bad msg_p pointer in velClient_msg_setDestination",
+                       "velClient_destination_t", setDestination)
+VEL_DESTINATION_EXPORT(velClient_msg_getDestination, , "Bad msg_p pointer (%p) in velClient_msg_getDestination",
+                       "dest_p", vel::msg::destination)
 
 velClient_returnCode_t vel::msg::destination(_velClient_msg *msg, velClient_destination_t *dest_p)
 {

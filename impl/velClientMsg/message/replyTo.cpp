@@ -44,23 +44,10 @@ velClient_returnCode_t setReplyTo(_velClient_msg *msg, const velClient_destinati
 
 } // namespace
 
-extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setReplyTo(velClient_opaqueMsg_pt msg_p,
-                                                                        const velClient_destination_t *dest_p,
-                                                                        size_t destSize)
-{
-    return vel::dest::withDestination(msg_p, dest_p, destSize, "Bad msg_p pointer (%p) in velClient_msg_setReplyTo",
-                                      VEL_DESTINATION_TEXTS("velClient_destination_t", "velClient_msg_setReplyTo"),
-                                      setReplyTo);
-}
-
-extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getReplyTo(velClient_opaqueMsg_pt msg_p,
-                                                                        velClient_destination_t *dest_p,
-                                                                        size_t destSize)
-{
-    return vel::dest::withDestination(msg_p, dest_p, destSize, "Bad msg_p pointer (%p) in velClient_msg_getReplyTo",
-                                      VEL_DESTINATION_TEXTS("velClient_destination_t", "velClient_msg_getReplyTo"),
-                                      vel::msg::replyTo);
-}
+VEL_DESTINATION_EXPORT(velClient_msg_setReplyTo, const, "Bad msg_p pointer (%p) in velClient_msg_setReplyTo",
+                       "velClient_destination_t", setReplyTo)
+VEL_DESTINATION_EXPORT(velClient_msg_getReplyTo, , "Bad msg_p pointer (%p) in velClient_msg_getReplyTo",
+                       "velClient_destination_t", vel::msg::replyTo)
 
 velClient_returnCode_t vel::msg::replyTo(_velClient_msg *msg, velClient_destination_t *dest_p)
 {
