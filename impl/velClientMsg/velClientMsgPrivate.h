@@ -360,6 +360,16 @@ inline _velClient_msg *msgWithOut(velClient_opaqueMsg_pt handle, const void *out
     return withOut(msgOrFail, handle, out, badHandleFormat, nullOut);
 }
 
+/* An export that reads through get: the message behind handle and a good
+ * out-pointer (recording what is wrong with either), then get(msg, out). */
+template <typename T, typename Get>
+inline velClient_returnCode_t readThrough(velClient_opaqueMsg_pt handle, T *out, Get get, HandleFormat badHandleFormat,
+                                          Format<> nullOut)
+{
+    _velClient_msg *msg = msgWithOut(handle, out, badHandleFormat, nullOut);
+    return msg == nullptr ? VELCLIENT_FAIL : get(msg, out);
+}
+
 inline _velClient_container *containerWithOut(velClient_opaqueContainer_pt handle, const void *out,
                                               HandleFormat badHandleFormat, Format<> nullOut)
 {

@@ -267,11 +267,9 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setExpiration(velC
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getExpiration(velClient_opaqueMsg_pt msg_p,
                                                                            velClient_int64_t *timestamp_p)
 {
-    _velClient_msg *msg = vel::msgWithOut(msg_p, timestamp_p, "Bad msg_p pointer (%p) in velClient_msg_getExpiration",
-                                          "Null timestamp_p pointer in velClient_msg_getMessageExpiration");
-    if (msg == nullptr)
-        return VELCLIENT_FAIL;
-    return vel::msg::expiration(msg, timestamp_p);
+    return vel::readThrough(msg_p, timestamp_p, vel::msg::expiration,
+                            "Bad msg_p pointer (%p) in velClient_msg_getExpiration",
+                            "Null timestamp_p pointer in velClient_msg_getMessageExpiration");
 }
 
 velClient_returnCode_t vel::msg::expiration(_velClient_msg *msg, velClient_int64_t *timestamp_p)

@@ -64,16 +64,6 @@ velClient_returnCode_t setFlagField(const FlagField &f, velClient_opaqueMsg_pt m
     return VELCLIENT_OK;
 }
 
-/* The getter of a record value behind the shared handle and out-pointer checks. */
-template <typename T>
-velClient_returnCode_t getValue(velClient_opaqueMsg_pt msg_p, T *out,
-                                velClient_returnCode_t (*get)(_velClient_msg *, T *), vel::HandleFormat badHandle,
-                                vel::Format<> nullOut)
-{
-    _velClient_msg *msg = vel::msgWithOut(msg_p, out, badHandle, nullOut);
-    return msg == nullptr ? VELCLIENT_FAIL : get(msg, out);
-}
-
 } // namespace
 
 /* An export that reads a value of the message record through internal: its
@@ -82,8 +72,8 @@ velClient_returnCode_t getValue(velClient_opaqueMsg_pt msg_p, T *out,
     extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_get##Name(velClient_opaqueMsg_pt msg_p,  \
                                                                            T *out)                         \
     {                                                                                                      \
-        return getValue(msg_p, out, internal, "Bad msg_p pointer (%p) in velClient_msg_get" #Name,          \
-                        "Null " #out " pointer in velClient_msg_get" #Name);                               \
+        return vel::readThrough(msg_p, out, internal, "Bad msg_p pointer (%p) in velClient_msg_get" #Name,     \
+                                "Null " #out " pointer in velClient_msg_get" #Name);                       \
     }
 
 velClient_returnCode_t vel::msg::classOfService(_velClient_msg *msg, velClient_uint32_t *cos_p)
@@ -108,7 +98,7 @@ velClient_returnCode_t vel::msg::deliveryMode(_velClient_msg *msg, velClient_uin
     extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_get##Name(velClient_opaqueMsg_pt msg_p,  \
                                                                            velClient_uint32_t *value_p)    \
     {                                                                                                      \
-        return getValue(msg_p, value_p, internal, field.badGetHandle, field.nullOut);                     \
+        return vel::readThrough(msg_p, value_p, internal, field.badGetHandle, field.nullOut);             \
     }
 VEL_FLAG_FIELD_EXPORTS(ClassOfService, kClassOfService, vel::msg::classOfService)
 VEL_FLAG_FIELD_EXPORTS(DeliveryMode, kDeliveryMode, vel::msg::deliveryMode)

@@ -322,12 +322,9 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setBinaryAttachmen
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_getBinaryAttachmentString(velClient_opaqueMsg_pt msg_p,
                                                                                       const char **bufPtr_p)
 {
-    _velClient_msg *msg = vel::msgWithOut(msg_p, bufPtr_p,
-                                          "Bad msg_p pointer (%p) in velClient_msg_getBinaryAttachmentString",
-                                          "Null buf pointer in velClient_msg_getBinaryAttachmentString");
-    if (msg == nullptr)
-        return VELCLIENT_FAIL;
-    return vel::msg::attachmentString(msg, bufPtr_p);
+    return vel::readThrough(msg_p, bufPtr_p, vel::msg::attachmentString,
+                            "Bad msg_p pointer (%p) in velClient_msg_getBinaryAttachmentString",
+                            "Null buf pointer in velClient_msg_getBinaryAttachmentString");
 }
 
 velClient_returnCode_t vel::msg::attachmentString(_velClient_msg *msg, const char **bufPtr_p)
