@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "velClientMsg/container/tlvCodec.h"
+#include "velClientMsg/message/recordApi.h"
 #include "velClientMsg/velClientMsgPrivate.h"
 
 namespace {
@@ -216,6 +217,24 @@ velClient_returnCode_t _velClient_msg_getField(_velClient_msg *msg, int part, ve
     c->copyOnModify = (msg->internalFlags & mark) != 0 || msg->bufDatab_p[part] == nullptr;
     field_p->type = type == VELCLIENT_CONTAINER_MAP ? VELCLIENT_MAP : VELCLIENT_STREAM;
     field_p->value.map = c->opaqueContainer_p;
+    return VELCLIENT_OK;
+}
+
+velClient_returnCode_t vel::msg::openPartContainer(_velClient_msg *msg, int part, velClient_fieldType_t wanted,
+                                                   _velClient_container **cont_p)
+{
+    *cont_p = nullptr;
+    velClient_field_t field{};
+    velClient_returnCode_t rc = _velClient_msg_getField(msg, part, &field, sizeof field);
+    if (rc != VELCLIENT_OK)
+        return rc;
+    _velClient_container *cont = vel::containerOf(field.value.map);
+    if (cont == nullptr)
+        return VELCLIENT_NOT_FOUND;
+    if (field.type == wanted)
+        *cont_p = cont;
+    else
+        _velClient_container_closeMapStream(&cont, true, true, false);
     return VELCLIENT_OK;
 }
 

@@ -113,18 +113,12 @@ velClient_returnCode_t vel::msg::attachmentContainer(_velClient_msg *msg, velCli
         *out_p = open;
         return VELCLIENT_OK;
     }
-    velClient_field_t field{};
-    velClient_returnCode_t rc =
-        _velClient_msg_getField(msg, VELCLIENT_BUFINFO_BINARY_ATTACHMENT_PART, &field, sizeof field);
+    _velClient_container *cont = nullptr;
+    velClient_returnCode_t rc = openPartContainer(msg, VELCLIENT_BUFINFO_BINARY_ATTACHMENT_PART, kind, &cont);
     if (rc != VELCLIENT_OK)
         return rc;
-    _velClient_container *cont = vel::containerOf(field.value.map);
     if (cont == nullptr)
         return VELCLIENT_NOT_FOUND;
-    if (field.type != kind) {
-        _velClient_container_closeMapStream(&cont, true, true, false);
-        return VELCLIENT_NOT_FOUND;
-    }
     msg->binaryAttachContainer_p = cont;
     *out_p = cont;
     return VELCLIENT_OK;

@@ -71,6 +71,11 @@ velClient_returnCode_t userPropertyMap(_velClient_msg *msg, _velClient_container
  * when it holds the other kind or none. */
 velClient_returnCode_t attachmentContainer(_velClient_msg *msg, velClient_fieldType_t kind,
                                            _velClient_container **cont_p);
+/* Opens the container that part 0 or 7 holds: NOT_FOUND when it holds none;
+ * OK with *cont_p null (and nothing left open) when it holds the kind other
+ * than wanted (VELCLIENT_MAP or VELCLIENT_STREAM). */
+velClient_returnCode_t openPartContainer(_velClient_msg *msg, int part, velClient_fieldType_t wanted,
+                                         _velClient_container **cont_p);
 /* The attachment as text: *text_p is nullptr when the string lacks its NUL. */
 velClient_returnCode_t attachmentString(_velClient_msg *msg, const char **text_p);
 

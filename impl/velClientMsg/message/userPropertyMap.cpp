@@ -49,19 +49,14 @@ bool partEmpty(const _velClient_msg *msg)
 /* Opens part 7 as the user property map; a stream there is refused. */
 velClient_returnCode_t openUserPropertyPart(_velClient_msg *msg)
 {
-    velClient_field_t field{};
+    _velClient_container *cont = nullptr;
     velClient_returnCode_t rc =
-        _velClient_msg_getField(msg, VELCLIENT_BUFINFO_USER_PROPERTY_PART, &field, sizeof field);
+        vel::msg::openPartContainer(msg, VELCLIENT_BUFINFO_USER_PROPERTY_PART, VELCLIENT_MAP, &cont);
     if (rc != VELCLIENT_OK)
         return rc;
-    _velClient_container *cont = vel::containerOf(field.value.map);
     if (cont == nullptr)
-        return VELCLIENT_NOT_FOUND;
-    if (field.type != VELCLIENT_MAP) {
-        _velClient_container_closeMapStream(&cont, true, true, false);
         return VEL_FAIL(VELCLIENT_SUBCODE_INTERNAL_ERROR, VELCLIENT_LOG_WARNING,
                         "User Property is in invalid format - stream when should be map");
-    }
     msg->userPropertyMap_p = cont;
     return VELCLIENT_OK;
 }
