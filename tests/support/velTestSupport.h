@@ -39,23 +39,25 @@ inline velClient_uint64_t stat(velClient_msg_stats_t type, velClient_uint32_t in
 
 constexpr velClient_uint64_t kDefaultPoolLimit = 64ull << 20;
 
-/* The live-record counters (messages, containers, data blocks of each class),
- * to check that a piece of work gave back everything it took. */
+/* The live-record counters (messages, containers, data blocks of each class
+ * and their bytes), to check that a piece of work gave back everything it took. */
 struct LiveCounts {
     velClient_uint64_t msgs = stat(VELCLIENT_MSG_STATS_ALLOC_MSGS);
     velClient_uint64_t containers = stat(VELCLIENT_MSG_STATS_ALLOC_CONTAINERS);
-    velClient_uint64_t blocks[6] = {stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, 0),
-                                    stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, 1),
-                                    stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, 2),
-                                    stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, 3),
-                                    stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, 4),
-                                    stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, 5)};
+    velClient_uint64_t memory = stat(VELCLIENT_MSG_STATS_ALLOC_MEMORY);
+    velClient_uint64_t blocks[6] = {};
+    LiveCounts()
+    {
+        for (velClient_uint32_t q = 0; q < 6; ++q)
+            blocks[q] = stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, q);
+    }
 
     void expectBalanced() const
     {
         const LiveCounts now;
         EXPECT_EQ(msgs, now.msgs);
         EXPECT_EQ(containers, now.containers);
+        EXPECT_EQ(memory, now.memory) << "bytes in live data blocks";
         for (int q = 0; q < 6; ++q)
             EXPECT_EQ(blocks[q], now.blocks[q]) << "data blocks of class " << q;
     }
