@@ -316,17 +316,27 @@ struct BadHandleCall {
     int rc = VELCLIENT_FAIL;
 };
 
-/* The refusal rows of every call with a bad handle: the text is `fmt` (with
- * %p for the handle and %s for the function) and the sub-code PARAM_NULL_PTR. */
-inline std::vector<Refusal> badHandleRows(const char *fmt, void *bad, const std::vector<BadHandleCall> &calls)
+/* Calls that refuse a bad handle with the text `fmt` (%p for the handle, %s for the function named). */
+struct BadHandleGroup {
+    const char *fmt;
+    std::vector<BadHandleCall> calls;
+};
+
+/* Every call of every group with each handle: the sub-code PARAM_NULL_PTR and the group's text. */
+inline void expectBadHandleRefusals(const std::vector<void *> &handles, const std::vector<BadHandleGroup> &groups)
 {
-    std::vector<Refusal> rows;
-    for (const BadHandleCall &c : calls) {
-        const char *name = c.named != nullptr ? c.named : c.function;
-        std::string text = std::strstr(fmt, "%p") != nullptr ? format(fmt, bad, name) : format(fmt, name);
-        rows.push_back({[c, bad] { return c.call(bad); }, VELCLIENT_SUBCODE_PARAM_NULL_PTR, text, c.rc});
+    for (void *bad : handles) {
+        SCOPED_TRACE(testing::Message() << "handle " << bad);
+        std::vector<Refusal> rows;
+        for (const BadHandleGroup &g : groups) {
+            for (const BadHandleCall &c : g.calls) {
+                const char *name = c.named != nullptr ? c.named : c.function;
+                std::string text = std::strstr(g.fmt, "%p") != nullptr ? format(g.fmt, bad, name) : format(g.fmt, name);
+                rows.push_back({[c, bad] { return c.call(bad); }, VELCLIENT_SUBCODE_PARAM_NULL_PTR, text, c.rc});
+            }
+        }
+        expectRefusals(rows);
     }
-    return rows;
 }
 
 } // namespace veltest
