@@ -163,7 +163,8 @@ struct Msg {
 
 /* A map or stream in application memory. Made empty in `size` bytes, or
  * opened over given bytes held in an allocation of exactly their size, so
- * that a sanitizer build catches any read past them. */
+ * that a sanitizer build catches any read past them. Not copyable (it owns
+ * its memory). */
 struct Container {
     std::unique_ptr<std::uint8_t[]> mem;
     std::size_t size;
@@ -180,8 +181,6 @@ struct Container {
         std::copy(b.begin(), b.end(), mem.get());
         rc = velClient_container_openMapFromPtr(&h, mem.get(), static_cast<velClient_uint32_t>(size));
     }
-    Container(const Container &) = delete;
-    Container &operator=(const Container &) = delete;
     ~Container()
     {
         if (h != nullptr)
