@@ -13,6 +13,10 @@ using veltest::Refusal;
 #define REFUSE(expr, sub, ...) Refusal{[&]() -> int { return (expr); }, sub, __VA_ARGS__}
 /* The same, for a text that ends " in " and the function called. */
 #define REFUSE_IN(fn, args, sub, text) REFUSE(fn args, sub, std::string(text) + " in " #fn)
+/* The same, for the text "Bad <what> pointer (<p>) in <function>". */
+#define REFUSE_BAD(fn, args, what, p) REFUSE(fn args, N, format("Bad " what " pointer (%p) in " #fn, (const void *)(p)))
+/* An out-of-range flag setting, its text naming `named` and ending in a blank. */
+#define REFUSE_SETTING(fn, v, what, named) REFUSE(fn(h, v), R, format("Invalid setting of " what " (%d) in " named " ", v))
 
 namespace {
 
@@ -25,11 +29,11 @@ velClient_opaqueSession_pt session = nullptr; /* for the bad-handle rows that ne
 constexpr auto N = VELCLIENT_SUBCODE_PARAM_NULL_PTR, R = VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
                C = VELCLIENT_SUBCODE_PARAM_CONFLICT;
 
-/* Forged handles (an entry never issued, a page never allocated), a freed
- * message's handle and a live container's handle. */
+/* Handles no export of the kind may take: forged ones (an entry never issued, a page never allocated), a
+ * freed message's and a closed container's; a live container's is bad for the message exports only. */
 struct BadHandles {
-    std::vector<char> mem = std::vector<char>(16);
-    velClient_opaqueContainer_pt container = nullptr;
+    char mem[2][16];
+    velClient_opaqueContainer_pt live = nullptr, closed = nullptr;
     std::vector<void *> all{reinterpret_cast<void *>(0x5151), reinterpret_cast<void *>(0x3fff000)};
     BadHandles()
     {
@@ -37,10 +41,12 @@ struct BadHandles {
         EXPECT_EQ(VELCLIENT_OK, velClient_msg_alloc(&m));
         all.push_back(m);
         velClient_msg_free(&m);
-        EXPECT_EQ(VELCLIENT_OK, velClient_container_createMap(&container, mem.data(), mem.size()));
-        all.push_back(container);
+        EXPECT_EQ(VELCLIENT_OK, velClient_container_createMap(&closed, mem[0], sizeof mem[0]));
+        all.push_back(closed);
+        velClient_container_closeMapStream(&closed);
+        EXPECT_EQ(VELCLIENT_OK, velClient_container_createMap(&live, mem[1], sizeof mem[1]));
     }
-    ~BadHandles() { velClient_container_closeMapStream(&container); }
+    ~BadHandles() { velClient_container_closeMapStream(&live); }
 };
 
 velClient_returnCode_t setDest(velClient_opaqueMsg_pt m, int type, const char *text, std::size_t size = kDest)
@@ -65,7 +71,9 @@ TEST(Refusals, EveryMessageExportRefusesABadHandle)
 {
     ASSERT_EQ(VELCLIENT_OK, velClient_session_create(nullptr, nullptr, nullptr, &session));
     BadHandles bad;
-    const std::vector<BadHandleCall> withAddress = {
+    std::vector<void *> handles = bad.all;
+    handles.push_back(bad.live);
+    veltest::expectBadHandleRefusals(handles, {{"Bad msg_p pointer (%p) in %s", {
         VEL_BAD_CALL(velClient_msg_reset), VEL_BAD_CALL(velClient_msg_dup, out),
         BAD_AS(velClient_msg_free, (&b), nullptr), VEL_BAD_CALL(velClient_msg_setUserData, buf, 1),
         VEL_BAD_CALL(velClient_msg_setXml, buf, 1), VEL_BAD_CALL(velClient_msg_setCorrelationTag, buf, 1),
@@ -119,21 +127,13 @@ TEST(Refusals, EveryMessageExportRefusesABadHandle)
         VEL_BAD_CALL(velClient_msg_getBinaryAttachmentField, out, kField),
         VEL_BAD_CALL(velClient_msg_encodeToVWF, nullptr, nullptr), VEL_BAD_CALL(velClient_msg_dump, buf, sizeof buf),
         BAD_AS(velClient_msg_dumpExt, (b, buf, sizeof buf, 0), "velClient_msg_dump"),
-    };
-    const std::vector<BadHandleCall> withoutAddress = {
+    }}, {"Bad msg_p pointer in %s", {
         VEL_BAD_CALL(velClient_msg_setUserDataPtr, buf, 1), VEL_BAD_CALL(velClient_msg_setXmlPtr, buf, 1),
         VEL_BAD_CALL(velClient_msg_setCorrelationTagPtr, buf, 1), VEL_BAD_CALL(velClient_msg_setTopicPtr, "t"),
         BAD_AS(velClient_msg_setQueueNamePtr, (b, "q"), "velClient_msg_setTopicPtr"),
         VEL_BAD_CALL(velClient_msg_setBinaryAttachment, buf, 1),
         VEL_BAD_CALL(velClient_msg_setDestination, &topicDest, kDest),
-    };
-    for (void *h : bad.all) {
-        SCOPED_TRACE(testing::Message() << "handle " << h);
-        veltest::expectRefusals(veltest::badHandleRows("Bad msg_p pointer (%p) in %s", h, withAddress));
-        veltest::expectRefusals(veltest::badHandleRows("Bad msg_p pointer in %s", h, withoutAddress));
-        veltest::expectRefusals({REFUSE(velClient_msg_setSenderId(h, "x"), N,
-                                        format("Null msg_p pointer (%p) in velClient_msg_setSenderId", h))});
-    }
+    }}, {"Null msg_p pointer (%p) in %s", {VEL_BAD_CALL(velClient_msg_setSenderId, "x")}}});
     velClient_session_destroy(&session);
 }
 
@@ -181,31 +181,23 @@ TEST(Refusals, MessageArguments)
         REFUSE(velClient_msg_setReplyTo(h, &topicDest, kDest + 1), R, sizeText(dest + 1, dest, "velClient_msg_setReplyTo")),
         REFUSE_IN(velClient_msg_getReplyTo, (h, nullptr, kDest), N, "Null velClient_destination_t pointer"),
         REFUSE_IN(velClient_msg_setReplyToSuffix, (h, s, nullptr), N, "Null suffix pointer"),
-        REFUSE(velClient_msg_setReplyToSuffix(h, nullptr, "x"), N,
-               format("Bad session pointer (%p) in velClient_msg_setReplyToSuffix", nullptr)),
+        REFUSE_BAD(velClient_msg_setReplyToSuffix, (h, nullptr, "x"), "session", nullptr),
         REFUSE_IN(velClient_msg_getDestinationTopicSuffix, (h, s, nullptr), N, "Null reference to suffix pointer"),
-        REFUSE(velClient_msg_getDestinationTopicSuffix(h, bad, out), N,
-               format("Bad session pointer (%p) in velClient_msg_getDestinationTopicSuffix", bad)),
+        REFUSE_BAD(velClient_msg_getDestinationTopicSuffix, (h, bad, out), "session", bad),
         REFUSE_IN(velClient_msg_setClassOfService, (h, 3), R, "Invalid setting of COS flags (3)"),
         REFUSE(velClient_msg_getClassOfService(h, nullptr), N, "Null cos_p pointer in velClient_msg_getReceivedClassOfService"),
-        REFUSE(velClient_msg_setDeliveryMode(h, 0x30), R,
-               "Invalid setting of Delivery Mode (48) in velClient_msg_setDeliveryMode "),
+        REFUSE_SETTING(velClient_msg_setDeliveryMode, 0x30, "Delivery Mode", "velClient_msg_setDeliveryMode"),
         REFUSE_IN(velClient_msg_setTimeToLive, (h, 315360000001LL), R, "Invalid time to live value"),
         REFUSE_IN(velClient_msg_setTimeToLive, (h, -1), R, "Invalid time to live value"),
-        REFUSE(velClient_msg_setDMQEligible(h, 2), R,
-               "Invalid setting of Dead Message Queue Eligible (2) in velClient_msg_setDMQEligible "),
-        REFUSE(velClient_msg_setDeliverToOne(h, 5), R,
-               "Invalid setting of Deliver-To-One (5) in velClient_msg_setDeliveToOne "),
-        REFUSE(velClient_msg_setDiscardIndication(h, 0xFF), R,
-               "Invalid setting of Discard Indication (255) in velClient_msg_setDiscardIndication "),
+        REFUSE_SETTING(velClient_msg_setDMQEligible, 2, "Dead Message Queue Eligible", "velClient_msg_setDMQEligible"),
+        REFUSE_SETTING(velClient_msg_setDeliverToOne, 5, "Deliver-To-One", "velClient_msg_setDeliveToOne"),
+        REFUSE_SETTING(velClient_msg_setDiscardIndication, 0xFF, "Discard Indication", "velClient_msg_setDiscardIndication"),
         REFUSE_IN(velClient_msg_createUserPropertyMap, (h, nullptr, 8), N, "Null map_p pointer"),
-        REFUSE(velClient_msg_setUserPropertyMap(h, bad), N,
-               format("Bad map pointer (%p) in velClient_msg_setUserPropertyMap", bad)),
+        REFUSE_BAD(velClient_msg_setUserPropertyMap, (h, bad), "map", bad),
         REFUSE_IN(velClient_msg_getUserPropertyMap, (h, nullptr), N, "Null map_p pointer"),
         REFUSE_IN(velClient_msg_createBinaryAttachmentMap, (h, nullptr, 0), N, "Null map_p pointer"),
         REFUSE_IN(velClient_msg_createBinaryAttachmentStream, (h, nullptr, 0), N, "Null stream_p pointer"),
-        REFUSE(velClient_msg_setBinaryAttachmentContainer(h, bad), N,
-               format("Bad cont_p pointer (%p) in velClient_msg_setBinaryAttachmentContainer", bad)),
+        REFUSE_BAD(velClient_msg_setBinaryAttachmentContainer, (h, bad), "cont_p", bad),
         REFUSE(velClient_msg_setBinaryAttachmentContainerPtr(h, bad), N,
                format("Bad cont_p pointer (%p) in velClient_msg_setBinaryAttachmentContainer", bad)),
         REFUSE_IN(velClient_msg_getBinaryAttachmentMap, (h, nullptr), N, "Null map_p pointer"),
@@ -252,15 +244,11 @@ TEST(Refusals, PoolDataBlocksSessionsAndLogs)
         REFUSE_IN(velClient_msg_getStat, (allocs, 0, nullptr), N, "Null statValue_p"),
         REFUSE_IN(velClient_datablock_alloc, (nullptr, 1), N, "Null reference to datab_p pointer"),
         REFUSE_IN(velClient_datablock_free, (nullptr), N, "Null reference to datab_p pointer"),
-        REFUSE(velClient_datablock_free(&none), N,
-               format("Bad datablock pointer (%p) in velClient_datablock_free", static_cast<void *>(&none))),
+        REFUSE_BAD(velClient_datablock_free, (&none), "datablock", &none),
         REFUSE(velClient_datablock_dup(nullptr), N, format("Bad datablock pointer (%p) in velClient_datablock_incRef", nullptr)),
-        REFUSE(velClient_datablock_getDataPtr(nullptr, out, out), N,
-               format("Bad datablock pointer (%p) in velClient_datablock_getDataPtr", nullptr)),
-        REFUSE(velClient_session_sendMsg(nullptr, nullptr), N,
-               format("Bad session pointer (%p) in velClient_session_sendMsg", nullptr)),
-        REFUSE(velClient_session_destroy(&noSession), N,
-               format("Bad session pointer (%p) in velClient_session_destroy", nullptr)),
+        REFUSE_BAD(velClient_datablock_getDataPtr, (nullptr, out, out), "datablock", nullptr),
+        REFUSE_BAD(velClient_session_sendMsg, (nullptr, nullptr), "session", nullptr),
+        REFUSE_BAD(velClient_session_destroy, (&noSession), "session", nullptr),
         REFUSE_IN(velClient_log_setFilterLevel, (all, static_cast<velClient_log_level_t>(8)), R, "Invalid log level of 8"),
         REFUSE_IN(velClient_log_setFilterLevel, (velClient_log_category_t(3), VELCLIENT_LOG_DEBUG), R, "Invalid log category of 3"),
         REFUSE(velClient_initialize(static_cast<velClient_log_level_t>(9), nullptr), R,
@@ -271,7 +259,7 @@ TEST(Refusals, PoolDataBlocksSessionsAndLogs)
 TEST(Refusals, EveryContainerExportRefusesABadHandle)
 {
     BadHandles bad;
-    const std::vector<BadHandleCall> badContainer = {
+    veltest::expectBadHandleRefusals(bad.all, {{"Bad Container (%p) in %s", {
         VEL_BAD_CALL(velClient_container_getField, out, kField, "k"), VEL_BAD_CALL(velClient_container_getSize, out),
         VEL_BAD_CALL(velClient_container_getContainerPtr, out, out), VEL_BAD_CALL(velClient_container_deleteField, "k"),
         VEL_BAD_CALL(velClient_container_getBoolean, out, "k"), VEL_BAD_CALL(velClient_container_getUint8, out, "k"),
@@ -279,33 +267,12 @@ TEST(Refusals, EveryContainerExportRefusesABadHandle)
         VEL_BAD_CALL(velClient_container_getDouble, out, "k"), VEL_BAD_CALL(velClient_container_getStringPtr, out, "k"),
         VEL_BAD_CALL(velClient_container_getByteArrayPtr, out, out, "k"), VEL_BAD_CALL(velClient_container_getNull, "k"),
         VEL_BAD_CALL(velClient_container_getSubMap, out, "k"),
-    };
-    const std::vector<BadHandleCall> badAdd = {
+    }}, {"Bad container pointer (%p) in velClient_container_paramCheck", { /* every add names the check they share */
         VEL_BAD_CALL(velClient_container_addNull, "k"), VEL_BAD_CALL(velClient_container_addInt32, 1, "k"),
         VEL_BAD_CALL(velClient_container_addString, "v", "k"),
         VEL_BAD_CALL(velClient_container_addDestination, &topicDest, kDest, "k"),
         VEL_BAD_CALL(velClient_container_addContainer, nullptr, "k"),
-    };
-    /* A closed container's handle, besides a forged one and a message's. */
-    velClient_opaqueContainer_pt closed = nullptr;
-    char closedMem[16];
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_createMap(&closed, closedMem, sizeof closedMem));
-    void *stale = closed;
-    velClient_container_closeMapStream(&closed);
-    for (void *h : {bad.all[0], bad.all[1], bad.all[2], stale}) {
-        SCOPED_TRACE(testing::Message() << "handle " << h);
-        veltest::expectRefusals(veltest::badHandleRows("Bad Container (%p) in %s", h, badContainer));
-        /* Every add names the check they share. */
-        veltest::expectRefusals(
-            veltest::badHandleRows("Bad container pointer (%p) in velClient_container_paramCheck", h, badAdd));
-        void *copy = h;
-        veltest::expectRefusals({
-            REFUSE(velClient_container_getNextField(h, out, kField, out), N,
-                   format("Bad cont_p pointer (%p) in velClient_container_getNextField", h)),
-            REFUSE(velClient_container_hasNextField(h), N,
-                   format("Bad container pointer (%p) in velClient_container_hasNextField", h), 0),
-            REFUSE(velClient_container_closeMapStream(&copy), N,
-                   format("Bad container pointer (%p) in velClient_container_closeMapStream", h)),
-            });
-    }
+    }}, {"Bad cont_p pointer (%p) in %s", {VEL_BAD_CALL(velClient_container_getNextField, out, kField, out)}},
+        {"Bad container pointer (%p) in %s", {BAD_AS(velClient_container_hasNextField, (b), nullptr, 0),
+                                              BAD_AS(velClient_container_closeMapStream, (&b), nullptr)}}});
 }

@@ -39,23 +39,25 @@ inline velClient_uint64_t stat(velClient_msg_stats_t type, velClient_uint32_t in
 
 constexpr velClient_uint64_t kDefaultPoolLimit = 64ull << 20;
 
-/* The live-record counters (messages, containers, data blocks of each class),
- * to check that a piece of work gave back everything it took. */
+/* The live-record counters (messages, containers, data blocks of each class
+ * and their bytes), to check that a piece of work gave back everything it took. */
 struct LiveCounts {
     velClient_uint64_t msgs = stat(VELCLIENT_MSG_STATS_ALLOC_MSGS);
     velClient_uint64_t containers = stat(VELCLIENT_MSG_STATS_ALLOC_CONTAINERS);
-    velClient_uint64_t blocks[6] = {stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, 0),
-                                    stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, 1),
-                                    stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, 2),
-                                    stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, 3),
-                                    stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, 4),
-                                    stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, 5)};
+    velClient_uint64_t memory = stat(VELCLIENT_MSG_STATS_ALLOC_MEMORY);
+    velClient_uint64_t blocks[6] = {};
+    LiveCounts()
+    {
+        for (velClient_uint32_t q = 0; q < 6; ++q)
+            blocks[q] = stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, q);
+    }
 
     void expectBalanced() const
     {
         const LiveCounts now;
         EXPECT_EQ(msgs, now.msgs);
         EXPECT_EQ(containers, now.containers);
+        EXPECT_EQ(memory, now.memory) << "bytes in live data blocks";
         for (int q = 0; q < 6; ++q)
             EXPECT_EQ(blocks[q], now.blocks[q]) << "data blocks of class " << q;
     }
@@ -161,7 +163,8 @@ struct Msg {
 
 /* A map or stream in application memory. Made empty in `size` bytes, or
  * opened over given bytes held in an allocation of exactly their size, so
- * that a sanitizer build catches any read past them. */
+ * that a sanitizer build catches any read past them. Not copyable (it owns
+ * its memory). */
 struct Container {
     std::unique_ptr<std::uint8_t[]> mem;
     std::size_t size;
@@ -178,8 +181,6 @@ struct Container {
         std::copy(b.begin(), b.end(), mem.get());
         rc = velClient_container_openMapFromPtr(&h, mem.get(), static_cast<velClient_uint32_t>(size));
     }
-    Container(const Container &) = delete;
-    Container &operator=(const Container &) = delete;
     ~Container()
     {
         if (h != nullptr)
@@ -314,17 +315,27 @@ struct BadHandleCall {
     int rc = VELCLIENT_FAIL;
 };
 
-/* The refusal rows of every call with a bad handle: the text is `fmt` (with
- * %p for the handle and %s for the function) and the sub-code PARAM_NULL_PTR. */
-inline std::vector<Refusal> badHandleRows(const char *fmt, void *bad, const std::vector<BadHandleCall> &calls)
+/* Calls that refuse a bad handle with the text `fmt` (%p for the handle, %s for the function named). */
+struct BadHandleGroup {
+    const char *fmt;
+    std::vector<BadHandleCall> calls;
+};
+
+/* Every call of every group with each handle: the sub-code PARAM_NULL_PTR and the group's text. */
+inline void expectBadHandleRefusals(const std::vector<void *> &handles, const std::vector<BadHandleGroup> &groups)
 {
-    std::vector<Refusal> rows;
-    for (const BadHandleCall &c : calls) {
-        const char *name = c.named != nullptr ? c.named : c.function;
-        std::string text = std::strstr(fmt, "%p") != nullptr ? format(fmt, bad, name) : format(fmt, name);
-        rows.push_back({[c, bad] { return c.call(bad); }, VELCLIENT_SUBCODE_PARAM_NULL_PTR, text, c.rc});
+    for (void *bad : handles) {
+        SCOPED_TRACE(testing::Message() << "handle " << bad);
+        std::vector<Refusal> rows;
+        for (const BadHandleGroup &g : groups) {
+            for (const BadHandleCall &c : g.calls) {
+                const char *name = c.named != nullptr ? c.named : c.function;
+                std::string text = std::strstr(g.fmt, "%p") != nullptr ? format(g.fmt, bad, name) : format(g.fmt, name);
+                rows.push_back({[c, bad] { return c.call(bad); }, VELCLIENT_SUBCODE_PARAM_NULL_PTR, text, c.rc});
+            }
+        }
+        expectRefusals(rows);
     }
-    return rows;
 }
 
 } // namespace veltest

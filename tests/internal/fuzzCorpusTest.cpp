@@ -1,0 +1,99 @@
+/* Replays every fuzz target's seed corpus through the target's own walk, so that every build (and the
+ * sanitizers of the asan preset) runs it without a fuzzer: each seed whole, and for every byte the seed cut
+ * before it and the byte raised by one, flipped (xor 0xA5, xor 0xFF) and set to 0xFF. All of it runs once
+ * with the fuzz targets' tiny data-block classes and no pooling (every growth takes a new block) and once
+ * with the default classes. Every input must be handled (an API program gets consistent answers, an
+ * accepted frame or metadata part encodes into a frame that decodes) and give back every record it took.
+ * An internal test because the metadata target writes a message's metadata part directly. */
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "apiWalk.h"
+#include "corpusFiles.h"
+#include "metadataWalk.h"
+#include "support/velTestSupport.h"
+
+namespace {
+
+using veltest::Bytes;
+
+struct Target {
+    const char *name;
+    std::size_t minSeeds;
+    bool (*walk)(const std::uint8_t *, std::size_t);
+};
+
+const Target kTargets[] = {
+    {"api", 6, velfuzz::runProgram},
+    {"container", 3, [](const std::uint8_t *data, std::size_t size) { return velfuzz::walkContainer(data, size), true; }},
+    {"vwf", 3, velfuzz::walkFrame},
+    {"metadata", 3, velfuzz::walkMetadata},
+};
+
+/* The seed, then for each byte at: the seed cut before it and its four changes of that byte. */
+std::vector<Bytes> inputsFrom(const Bytes &seed)
+{
+    std::vector<Bytes> inputs{seed};
+    for (std::size_t at = 0; at < seed.size(); ++at) {
+        inputs.emplace_back(seed.begin(), seed.begin() + static_cast<std::ptrdiff_t>(at));
+        const std::uint8_t b = seed[at];
+        for (int changed : {b + 1, b ^ 0xA5, b ^ 0xFF, 0xFF}) {
+            inputs.push_back(seed);
+            inputs.back()[at] = static_cast<std::uint8_t>(changed);
+        }
+    }
+    return inputs;
+}
+
+/* Starts the library with the given properties while it lives, and with the defaults again afterwards, as
+ * the other tests of this binary expect. */
+struct StartedWith {
+    explicit StartedWith(const char *const *props)
+    {
+        EXPECT_EQ(VELCLIENT_OK, velClient_initialize(VELCLIENT_LOG_EMERGENCY, props));
+    }
+    ~StartedWith() { velClient_initialize(VELCLIENT_LOG_EMERGENCY, nullptr); }
+};
+
+} // namespace
+
+TEST(FuzzCorpus, EveryTargetHandlesItsSeedsAndEveryChangeOfThem)
+{
+    for (const char *const *classes : {velfuzz::tinyClasses, static_cast<const char *const *>(nullptr)}) {
+        StartedWith started(classes);
+        for (const Target &target : kTargets) {
+            const auto seeds = velfuzz::corpusFiles(VELCLIENT_SOURCE_DIR, target.name);
+            ASSERT_GE(seeds.size(), target.minSeeds) << target.name;
+            for (std::size_t s = 0; s < seeds.size(); ++s) {
+                const std::vector<Bytes> inputs = inputsFrom(seeds[s]);
+                for (std::size_t i = 0; i < inputs.size(); ++i) {
+                    SCOPED_TRACE(testing::Message() << target.name << " seed " << s << " input " << i
+                                                    << (classes != nullptr ? " (tiny classes)" : ""));
+                    const veltest::LiveCounts before;
+                    EXPECT_TRUE(target.walk(inputs[i].data(), inputs[i].size()));
+                    before.expectBalanced();
+                }
+            }
+        }
+    }
+}
+
+TEST(FuzzCorpus, SeedsAreTheInputsTheyAreNamedFor)
+{
+    for (const Bytes &frame : velfuzz::corpusFiles(VELCLIENT_SOURCE_DIR, "vwf")) {
+        velClient_opaqueMsg_pt m = nullptr;
+        EXPECT_EQ(VELCLIENT_OK, veltest::decode(frame, &m));
+        veltest::Msg owner(m);
+    }
+    /* The metadata seed with a header map carries the sender id and sequence number it was made with. */
+    std::ifstream in(VELCLIENT_SOURCE_DIR "/fuzz/corpus/metadata/header_only", std::ios::binary);
+    veltest::Msg m(veltest::received(veltest::item(0x18, Bytes{std::istreambuf_iterator<char>(in), {}})));
+    const char *sender = nullptr;
+    velClient_int64_t seq = 0;
+    EXPECT_EQ(VELCLIENT_OK, velClient_msg_getSenderId(m.h, &sender));
+    EXPECT_STREQ("sender", sender);
+    EXPECT_EQ(VELCLIENT_OK, velClient_msg_getSequenceNumber(m.h, &seq));
+    EXPECT_EQ(42, seq);
+}
