@@ -1,5 +1,5 @@
 /* Data blocks, the pools, their limit, classes and statistics, starting the
- * library with properties, and the message life cycle (reset, dup, cleanup).
+ * library and sessions with properties, and the message life cycle (reset, dup, cleanup).
  * Counters are process-wide: compared as differences, defaults restored. */
 #include <cstring>
 #include <string>
@@ -72,7 +72,7 @@ TEST(Pools, ABlockTakesTheFirstClassThatHoldsItAndIsPooledUnlessOversize)
     EXPECT_EQ(0u, stat(VELCLIENT_MSG_STATS_FREE_MSGS));
 }
 
-TEST(Pools, ClassesAndLimitFromStartPropertiesAndRefusalsThatChangeNothing)
+TEST(Pools, ClassesAndLimitFromStartPropertiesAndPropertyRefusalsThatChangeNothing)
 {
     const char *props[] = {"GLOBAL_DBQUANTASIZE_0", "64",   "GLOBAL_DBQUANTASIZE_1", "128",
                            "GLOBAL_DBQUANTASIZE_2", "1000", "GLOBAL_DBQUANTASIZE_3", "5000",
@@ -91,20 +91,29 @@ TEST(Pools, ClassesAndLimitFromStartPropertiesAndRefusalsThatChangeNothing)
     EXPECT_EQ(expected, capacities());
     EXPECT_EQ(0u, stat(VELCLIENT_MSG_STATS_FREE_DATA_BLOCKS, 0)); /* a limit of 0 pools nothing */
 
-    const std::string digits(300, '1');
+    /* A value too long for the error record is what gets cut, not the property's name. */
+    const std::string digits(300, '1'), longName(251, 'n');
     const std::pair<const char *, const char *> bad[] = {
         {"GLOBAL_DBQUANTASIZE_0", "abc"}, {"GLOBAL_DBQUANTASIZE_1", "-1"}, {"GLOBAL_DBQUANTASIZE_2", ""},
         {"GLOBAL_DBQUANTASIZE_3", "4294967296"}, {"GLOBAL_DBQUANTASIZE_4", "12x"}, {"GLOBAL_DBQUANTASIZE_0", nullptr},
         {"GLOBAL_MAXPOOLMEM", "18446744073709551616"}, {"GLOBAL_MAXPOOLMEM", digits.c_str()},
-        {"GLOBAL_DBQUANTASIZE_5", "100"}, {"GLOBAL_DBQUANTASIZE_", "100"}, {"GLOBAL_POOL", "1"}};
+        {"GLOBAL_DBQUANTASIZE_5", "100"}, {"GLOBAL_DBQUANTASIZE_", "100"}, {"GLOBAL_POOL", "1"},
+        /* Sessions: a good property first, so the refusal of a later one still fails the whole call. */
+        {"SESSION_CLIENT_NAME", longName.c_str()}, {"SESSION_P2P_TOPIC_BASE", longName.c_str()},
+        {"SESSION_P2P_TOPIC_BASE", nullptr}, {"SESSION_GENERATE_SENDER_ID", "yes"},
+        {"SESSION_CALCULATE_MESSAGE_EXPIRATION", ""}, {"SESSION_TRANSPORT", "tcp"}, {"SESSION_COLOUR", "red"}};
     for (const auto &[name, value] : bad) {
-        const char *one[] = {name, value, nullptr};
-        EXPECT_EQ(VELCLIENT_FAIL, velClient_initialize(VELCLIENT_LOG_EMERGENCY, one)) << name;
-        const bool known = &name < &bad[8].first; /* the last three are no properties */
-        /* A value too long for the error record is what gets cut, not the property's name. */
-        const std::string text = known ? std::string("Invalid value for property ") + name + " in velClient_initialize: '" +
+        const bool session = std::strncmp(name, "SESSION", 7) == 0;
+        const char *one[] = {"SESSION_TRANSPORT", "null", name, value, nullptr};
+        velClient_opaqueSession_pt s = nullptr;
+        EXPECT_EQ(VELCLIENT_FAIL, session ? velClient_session_create(one, nullptr, nullptr, &s)
+                                          : velClient_initialize(VELCLIENT_LOG_EMERGENCY, one + 2)) << name;
+        EXPECT_EQ(nullptr, s);
+        const std::string in = session ? " in velClient_session_create" : " in velClient_initialize";
+        const bool known = name != std::string("SESSION_COLOUR") && (session || &name < &bad[8].first);
+        const std::string text = known ? std::string("Invalid value for property ") + name + in + ": '" +
                                              (value ? value : "(null)") + "'"
-                                       : std::string("Unknown property ") + name + " in velClient_initialize";
+                                       : std::string("Unknown property ") + name + in;
         EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, text.substr(0, 255));
     }
     const char *unordered[] = {"GLOBAL_DBQUANTASIZE_2", "100", nullptr};
