@@ -17,12 +17,6 @@ namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
-Bytes cat(Bytes a, const Bytes &b)
-{
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
-
 struct Decoded {
     std::int64_t size;
     velClient_field_t field;
@@ -147,20 +141,18 @@ TEST(TlvDecode, VariableSizeFieldsTheirWidthsAndTheirRefusals)
     }
 }
 
-TEST(TlvDecode, DestinationKinds)
+TEST(TlvDecode, ATemporaryQueueNameOverridesTheDestinationKind)
 {
-    /* Kind 0 is a topic (a temporary topic reads back as one); a name starting
-     * "#P2P/QTMP/" is a temporary queue whatever the kind byte says. */
-    const Bytes tmp = {'#', 'P', '2', 'P', '/', 'Q', 'T', 'M', 'P', '/', 'a', 0x00};
-    const std::tuple<Bytes, velClient_destinationType_t, const char *> rows[] = {
-        {{0x20, 0x06, 0x01, 'q', '1', 0x00}, VELCLIENT_QUEUE_DESTINATION, "q1"},
-        {{0x20, 0x05, 0x00, 't', 0x00}, VELCLIENT_TOPIC_DESTINATION, "t"},
-        {cat({0x20, 15, 0x00}, tmp), VELCLIENT_QUEUE_TEMP_DESTINATION, "#P2P/QTMP/a"},
-        {cat({0x20, 15, 0x01}, tmp), VELCLIENT_QUEUE_TEMP_DESTINATION, "#P2P/QTMP/a"},
-        {{0x20, 0x0D, 0x00, '#', 'P', '2', 'P', '/', 'Q', 'T', 'M', 'P', 0x00}, VELCLIENT_TOPIC_DESTINATION, "#P2P/QTMP"},
+    /* A name starting "#P2P/QTMP/" is a temporary queue whatever the kind byte
+     * says (a temporary topic reads back as a topic); without its slash it is not. */
+    const std::string tmp("#P2P/QTMP/a\0", 12);
+    const std::tuple<std::string, velClient_destinationType_t, const char *> rows[] = {
+        {std::string("\x20\x0F\x00", 3) + tmp, VELCLIENT_QUEUE_TEMP_DESTINATION, "#P2P/QTMP/a"},
+        {"\x20\x0F\x01" + tmp, VELCLIENT_QUEUE_TEMP_DESTINATION, "#P2P/QTMP/a"},
+        {std::string("\x20\x0D\x00#P2P/QTMP\0", 13), VELCLIENT_TOPIC_DESTINATION, "#P2P/QTMP"},
     };
     for (const auto &[bytes, type, name] : rows) {
-        Decoded d = decode(bytes);
+        Decoded d = decode(Bytes(bytes.begin(), bytes.end()));
         EXPECT_EQ(type, d.field.value.dest.destType) << name;
         EXPECT_STREQ(name, d.field.value.dest.dest);
     }
