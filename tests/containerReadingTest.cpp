@@ -130,14 +130,15 @@ TEST(Reading, MalformedBytesAreRefusedExactlyByEveryWalk)
     }
 }
 
-TEST(Reading, RefusalsOfTheUntypedReaders)
+TEST(Reading, RefusalsOfTheUntypedReadersAndOfDelete)
 {
     Exact map, stream(false);
     void *ptr = nullptr;
     velClient_uint32_t len = 0;
     const int expected = static_cast<int>(sizeof f);
     const auto N = VELCLIENT_SUBCODE_PARAM_NULL_PTR, R = VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE;
-    const char *sizeText = "Unsupported field structure size (received %d, expected %d) in velClient_container_%s";
+    const char *sizeText = "Unsupported field structure size (received %d, expected %d) in velClient_container_%s",
+               *deleteText = "Null or Empty Name pointer in velClient_container_deleteField";
     veltest::expectRefusals({
         {[&] { return velClient_container_getNextField(map.h, nullptr, sizeof f, &name); }, N,
          "Null field_p in velClient_container_getNextField"},
@@ -158,6 +159,9 @@ TEST(Reading, RefusalsOfTheUntypedReaders)
          "Null size pointer in velClient_container_getContainerPtr"},
         {[&] { return velClient_container_getContainerPtr(map.h, nullptr, &len); }, N,
          "Null bufPtr_p pointer in velClient_container_getContainerPtr"},
+        {[&] { return velClient_container_deleteField(map.h, nullptr); }, N, deleteText},
+        {[&] { return velClient_container_deleteField(map.h, ""); }, N, deleteText},
+        {[&] { return velClient_container_deleteField(stream.h, "x"); }, R, "velClient_container_deleteField called on a Stream"},
     });
 }
 
