@@ -36,9 +36,9 @@ void allOk(std::initializer_list<velClient_returnCode_t> rcs)
  * text wrapped at sixty columns; sizes only in brief mode. */
 TEST(Dump, PartsInFullAndBrief)
 {
-    const std::string userData = pad("User Data:") + "len=20\n" +
-                                 "  30 31 32 33 34 35 36 37  38 39 41 42 43 44 45 46      01234567   89ABCDEF\n" + "  " +
-                                 hexLine("47 48 49 4a ", "GHIJ") + "\n";
+    const std::string userData =
+        pad("User Data:") + "len=20\n  30 31 32 33 34 35 36 37  38 39 41 42 43 44 45 46      01234567   89ABCDEF\n  " +
+        hexLine("47 48 49 4a ", "GHIJ") + "\n";
     const std::string xml = std::string(58, 'x') + "\x01yz", map = pad("Binary Attachment Map:");
     const struct {
         std::function<void(velClient_opaqueMsg_pt)> fill;
@@ -47,9 +47,9 @@ TEST(Dump, PartsInFullAndBrief)
         {[](auto h) { allOk({velClient_msg_setUserData(h, "0123456789ABCDEFGHIJ", 20)}); }, userData, userData},
         {[](auto h) {
              velClient_opaqueContainer_pt map = nullptr, sub = nullptr;
-             allOk({velClient_msg_createBinaryAttachmentMap(h, &map, 64), velClient_container_openSubMap(map, &sub, "a"),
-                    velClient_container_addUint8(sub, 1, "b"), velClient_container_closeMapStream(&sub),
-                    velClient_container_addBoolean(map, 0, "c")});
+             allOk({velClient_msg_createBinaryAttachmentMap(h, &map, 64),
+                    velClient_container_openSubMap(map, &sub, "a"), velClient_container_addUint8(sub, 1, "b"),
+                    velClient_container_closeMapStream(&sub), velClient_container_addBoolean(map, 0, "c")});
          },
          map + "\n  Key 'a' (MAP)\n    Key 'b' (UINT8) 1\n\n  Key 'c' (BOOL) FALSE\n", map + "len=28\n"},
         {[&](auto h) { allOk({velClient_msg_setXml(h, xml.data(), static_cast<velClient_uint32_t>(xml.size()))}); },
