@@ -183,12 +183,17 @@ TEST(SessionSend, TheSequenceNumberLandsInTheHeaderMapWhateverMovedIt)
     before.expectBalanced();
 }
 
-TEST(SessionSend, TheDefaultClientNameCountsSessions)
+/* The default client name is host/pid/nnnnn, the count one higher for each
+ * session made; an expiration is computed from the time-to-live at send. */
+TEST(SessionSend, TheDefaultClientNameCountsSessionsAndExpirationIsComputed)
 {
-    /* host/pid/nnnnn, the count one higher for each session made */
-    Session a({"SESSION_GENERATE_SENDER_ID", "1"}), b({"SESSION_GENERATE_SENDER_ID", "1"});
+    Session a({"SESSION_GENERATE_SENDER_ID", "1", "SESSION_CALCULATE_MESSAGE_EXPIRATION", "1"}),
+        b({"SESSION_GENERATE_SENDER_ID", "1"});
     Msg m;
+    velClient_int64_t expiration = 0, ttl = 0, received = 0;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setTimeToLive(m.h, 60000));
     ASSERT_EQ(VELCLIENT_OK, velClient_session_sendMsg(a.h, m.h));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getExpiration(m.h, &expiration));
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_deleteSenderId(m.h));
     ASSERT_EQ(VELCLIENT_OK, velClient_session_sendMsg(b.h, m.h));
     const std::string pid = "/" + std::to_string(getpid()) + "/";
@@ -197,19 +202,9 @@ TEST(SessionSend, TheDefaultClientNameCountsSessions)
     const std::string nx = x.substr(x.find(pid) + pid.size()), ny = y.substr(y.find(pid) + pid.size());
     EXPECT_GE(nx.size(), 5u) << x; /* at least five digits, zero-padded */
     EXPECT_EQ(std::stoul(nx) + 1, std::stoul(ny)) << x << " " << y;
-}
-
-TEST(SessionSend, ExpirationIsComputedFromTheTimeToLive)
-{
-    Session computed({"SESSION_CALCULATE_MESSAGE_EXPIRATION", "1"});
-    Msg m;
-    velClient_int64_t expiration = 0, ttl = 0, received = 0;
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setTimeToLive(m.h, 60000));
-    ASSERT_EQ(VELCLIENT_OK, velClient_session_sendMsg(computed.h, m.h));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getExpiration(m.h, &expiration));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getTimeToLive(computed.inbox.kept, &ttl));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getTimeToLive(a.inbox.kept, &ttl));
     EXPECT_EQ(60000, ttl);
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getRcvTimestamp(computed.inbox.kept, &received));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getRcvTimestamp(a.inbox.kept, &received));
     EXPECT_GT(expiration, received); /* now + time-to-live, taken before the message was received */
     EXPECT_LE(expiration, received + 60000);
 }
