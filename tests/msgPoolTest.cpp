@@ -38,31 +38,15 @@ velClient_uint32_t capacityOf(velClient_opaqueDatablock_pt b)
 
 } // namespace
 
-TEST(Pools, ABlockTakesTheFirstClassThatHoldsItAndIsPooledUnlessOversize)
+/* Classes and a limit of 0 from the start properties; a block takes the
+ * first class that holds it and is pooled unless oversize; refused
+ * properties of the library and of sessions change nothing. */
+TEST(Pools, ClassesAndLimitFromStartPropertiesAndTheirRefusals)
 {
     const char *const classes[] = {"GLOBAL_DBQUANTASIZE_0", "100", "GLOBAL_DBQUANTASIZE_1", "200", "GLOBAL_DBQUANTASIZE_2",
-                                   "300", "GLOBAL_DBQUANTASIZE_3", "400", "GLOBAL_DBQUANTASIZE_4", "500", nullptr};
+                                   "300", "GLOBAL_DBQUANTASIZE_3", "400", "GLOBAL_DBQUANTASIZE_4", "500",
+                                   "GLOBAL_MAXPOOLMEM", "0", nullptr};
     StartedWith small(classes);
-    const velClient_uint32_t cases[][3] = {{0, 100, 0}, {100, 100, 0}, {101, 200, 1}, {500, 500, 4}, {501, 501, 5}};
-    for (const auto &c : cases) { /* request, capacity, class */
-        const velClient_uint64_t live = stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, c[2]);
-        velClient_opaqueDatablock_pt b = block(c[0]);
-        const velClient_uint64_t pooled = c[2] < 5 ? stat(VELCLIENT_MSG_STATS_FREE_DATA_BLOCKS, c[2]) : 0;
-        EXPECT_EQ(c[1], capacityOf(b)) << c[0];
-        EXPECT_EQ(live + 1, stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, c[2])) << c[0];
-        const velClient_uint64_t total = stat(VELCLIENT_MSG_STATS_TOTAL_MEMORY);
-        EXPECT_EQ(VELCLIENT_OK, velClient_datablock_free(&b));
-        EXPECT_EQ(nullptr, b);
-        EXPECT_EQ(live, stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, c[2]));
-        if (c[2] < 5) { /* pooled, and its memory stays counted */
-            EXPECT_EQ(pooled + 1, stat(VELCLIENT_MSG_STATS_FREE_DATA_BLOCKS, c[2]));
-            EXPECT_EQ(total, stat(VELCLIENT_MSG_STATS_TOTAL_MEMORY));
-        } else { /* back to the system */
-            EXPECT_GE(total - stat(VELCLIENT_MSG_STATS_TOTAL_MEMORY), 501u);
-        }
-    }
-    veltest::expectDrainedPools(); /* lowering the limit to 0 empties every free list */
-    velClient_msg_setMaxPoolMem(0);
     velClient_opaqueDatablock_pt b = block(10);
     const velClient_uint64_t total = stat(VELCLIENT_MSG_STATS_TOTAL_MEMORY);
     velClient_datablock_free(&b);
@@ -70,26 +54,32 @@ TEST(Pools, ABlockTakesTheFirstClassThatHoldsItAndIsPooledUnlessOversize)
     EXPECT_GT(total - stat(VELCLIENT_MSG_STATS_TOTAL_MEMORY), 100u); /* capacity plus the block's header */
     veltest::Msg{}; /* a message freed at a limit of 0 is not pooled either */
     EXPECT_EQ(0u, stat(VELCLIENT_MSG_STATS_FREE_MSGS));
-}
-
-TEST(Pools, ClassesAndLimitFromStartPropertiesAndPropertyRefusalsThatChangeNothing)
-{
-    const char *props[] = {"GLOBAL_DBQUANTASIZE_0", "64",   "GLOBAL_DBQUANTASIZE_1", "128",
-                           "GLOBAL_DBQUANTASIZE_2", "1000", "GLOBAL_DBQUANTASIZE_3", "5000",
-                           "GLOBAL_DBQUANTASIZE_4", "9000", "GLOBAL_MAXPOOLMEM",     "0", nullptr};
-    StartedWith started(props);
-    auto capacities = [] {
+    velClient_msg_setMaxPoolMem(veltest::kDefaultPoolLimit);
+    const velClient_uint32_t cases[][3] = {{0, 100, 0}, {100, 100, 0}, {101, 200, 1}, {500, 500, 4}, {501, 501, 5}};
+    auto capacities = [&] {
         std::vector<velClient_uint32_t> out;
-        for (velClient_uint32_t size : {1u, 65u, 5001u, 9001u}) {
-            velClient_opaqueDatablock_pt b = block(size);
+        for (const auto &c : cases) { /* request, capacity, class */
+            const velClient_uint64_t live = stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, c[2]);
+            b = block(c[0]);
+            const velClient_uint64_t pooled = c[2] < 5 ? stat(VELCLIENT_MSG_STATS_FREE_DATA_BLOCKS, c[2]) : 0;
             out.push_back(capacityOf(b));
-            velClient_datablock_free(&b);
+            EXPECT_EQ(live + 1, stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, c[2])) << c[0];
+            const velClient_uint64_t before = stat(VELCLIENT_MSG_STATS_TOTAL_MEMORY);
+            EXPECT_EQ(VELCLIENT_OK, velClient_datablock_free(&b));
+            EXPECT_EQ(nullptr, b);
+            EXPECT_EQ(live, stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, c[2]));
+            if (c[2] < 5) { /* pooled, and its memory stays counted */
+                EXPECT_EQ(pooled + 1, stat(VELCLIENT_MSG_STATS_FREE_DATA_BLOCKS, c[2]));
+                EXPECT_EQ(before, stat(VELCLIENT_MSG_STATS_TOTAL_MEMORY));
+            } else { /* back to the system */
+                EXPECT_GE(before - stat(VELCLIENT_MSG_STATS_TOTAL_MEMORY), 501u);
+            }
         }
         return out;
     };
-    const std::vector<velClient_uint32_t> expected = {64, 128, 9000, 9001}; /* above the last class: the size asked */
+    const std::vector<velClient_uint32_t> expected = {100, 100, 200, 500, 501}; /* above the last class: as asked */
     EXPECT_EQ(expected, capacities());
-    EXPECT_EQ(0u, stat(VELCLIENT_MSG_STATS_FREE_DATA_BLOCKS, 0)); /* a limit of 0 pools nothing */
+    veltest::expectDrainedPools(); /* lowering the limit to 0 empties every free list */
 
     /* A value too long for the error record is what gets cut, not the property's name. */
     const std::string digits(300, '1'), longName(251, 'n');
