@@ -93,36 +93,53 @@ TEST(Reading, ANestedContainerReadTwiceIsTheSameContainer)
     EXPECT_EQ(5, v);
 }
 
-TEST(Reading, MalformedBytesAreRefusedExactly)
+/* A read, a lookup and a delete refuse a malformed map with the same text,
+ * but a delete whose walk runs past the written bytes says so in its own
+ * words; a refused delete changes no byte. */
+TEST(Reading, MalformedBytesAreRefusedExactlyByEveryWalk)
 {
-    const std::pair<veltest::Bytes, const char *> cases[] = {
-        {{0x0C, 0x03, 1}, "Invalid type in TLV string in structured data container"},
-        {{0x1C, 0x04, 'a', 'b', 0x0C, 0x03, 1}, "Invalid length in TLV string in structured data container"},
-        {{0x1C, 0x04, 'a', 0, 0x0C, 0x09, 1}, "Invalid entry in structured data map"},
-        {{0x1C, 0x04, 'a', 0, 0x00, 0x01}, "Invalid entry in structured data TLV"},
-        {{0x1C, 0x04, 'a', 0, 0x00, 0x00}, "Invalid entry in structured data TLV"},
-        {{0x1C, 0x04, 'a', 0, 0x2B, 0, 0, 0, 4}, "Invalid entry in structured data TLV"},
-        {{0x1C, 0x04, 'a', 0, 0x0C, 0x05, 1, 2, 3}, "Invalid entry in structured data TLV"},
-        {{0x1C, 0x04, 'a', 0, 0x1F, 0xFF, 0xFF, 0xFF, 0xFF}, "Invalid entry in structured data TLV"},
-        {{0x1C, 0x04, 'a', 0}, "Invalid entry in structured data map"},
-        {{0x1D, 0x00}, "Invalid entry in structured data map"},
+    const char *type = "Invalid type in TLV string in structured data container",
+               *length = "Invalid length in TLV string in structured data container",
+               *map = "Invalid entry in structured data map", *tlv = "Invalid entry in structured data TLV",
+               *walkText = "Invalid entry in structured data map in velClient_container_deleteField";
+    const struct {
+        veltest::Bytes fields;
+        const char *text;
+        bool pastEnd;
+    } rows[] = {
+        {{0x0C, 0x03, 1}, type, false}, {{0x0C, 0x03, 0x01, 0x0C, 0x03, 0x01}, type, false},
+        {{0x1C, 0x04, 'a', 'b', 0x0C, 0x03, 1}, length, false}, {{0x1C, 0x03, 'x', 0x0C, 0x03, 0x01}, length, false},
+        {{0x1C, 0x04, 'a', 0, 0x0C, 0x09, 1}, map, true}, {{0x1C, 0x04, 'a', 0, 0x00, 0x01}, tlv, false},
+        {{0x1C, 0x04, 'a', 0, 0x00, 0x00}, tlv, false}, {{0x1C, 0x04, 'a', 0, 0x2B, 0, 0, 0, 4}, tlv, false},
+        {{0x1C, 0x04, 'a', 0, 0x0C, 0x05, 1, 2, 3}, tlv, false},
+        {{0x1C, 0x04, 'a', 0, 0x1F, 0xFF, 0xFF, 0xFF, 0xFF}, tlv, true},
+        {{0x1C, 0x04, 'x', 0x00, 0x04, 0x04, 0x01, 0x01}, tlv, false}, {{0x1C, 0x04, 'a', 0}, map, true},
+        {{0x1D, 0x00}, map, true}, {{0x1C, 0x09, 'x', 0x00}, map, true} /* the name runs past the written bytes */,
+        {{0x1C, 0x04, 'x', 0x00, 0x1C, 0x07, 'a'}, map, true} /* the value runs past them */,
+        {{0x1C, 0x04, 'x', 0x00, 0x2B}, tlv, true} /* the value has no room for its length */,
     };
-    for (const auto &[fields, text] : cases) {
-        Exact e(container(0x2B, fields));
-        EXPECT_EQ(VELCLIENT_FAIL, next(e.h)) << text;
-        EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_COMMUNICATION_ERROR, text);
+    for (const auto &r : rows) {
+        SCOPED_TRACE(&r - rows);
+        Exact e(container(0x2B, r.fields)), d(container(0x2B, r.fields));
+        EXPECT_EQ(VELCLIENT_FAIL, next(e.h));
+        EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_COMMUNICATION_ERROR, r.text);
         EXPECT_EQ(VELCLIENT_FAIL, velClient_container_getField(e.h, &f, sizeof f, "a"));
+        EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_COMMUNICATION_ERROR, r.text);
+        EXPECT_EQ(VELCLIENT_FAIL, velClient_container_deleteField(d.h, "y"));
+        EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_COMMUNICATION_ERROR, r.pastEnd ? walkText : r.text);
+        EXPECT_EQ(container(0x2B, r.fields), veltest::bytesAt(d.mem.get(), d.size));
     }
 }
 
-TEST(Reading, RefusalsOfTheUntypedReaders)
+TEST(Reading, RefusalsOfTheUntypedReadersAndOfDelete)
 {
     Exact map, stream(false);
     void *ptr = nullptr;
     velClient_uint32_t len = 0;
     const int expected = static_cast<int>(sizeof f);
     const auto N = VELCLIENT_SUBCODE_PARAM_NULL_PTR, R = VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE;
-    const char *sizeText = "Unsupported field structure size (received %d, expected %d) in velClient_container_%s";
+    const char *sizeText = "Unsupported field structure size (received %d, expected %d) in velClient_container_%s",
+               *deleteText = "Null or Empty Name pointer in velClient_container_deleteField";
     veltest::expectRefusals({
         {[&] { return velClient_container_getNextField(map.h, nullptr, sizeof f, &name); }, N,
          "Null field_p in velClient_container_getNextField"},
@@ -143,6 +160,10 @@ TEST(Reading, RefusalsOfTheUntypedReaders)
          "Null size pointer in velClient_container_getContainerPtr"},
         {[&] { return velClient_container_getContainerPtr(map.h, nullptr, &len); }, N,
          "Null bufPtr_p pointer in velClient_container_getContainerPtr"},
+        {[&] { return velClient_container_deleteField(map.h, nullptr); }, N, deleteText},
+        {[&] { return velClient_container_deleteField(map.h, ""); }, N, deleteText},
+        {[&] { return velClient_container_deleteField(stream.h, "x"); }, R,
+         "velClient_container_deleteField called on a Stream"},
     });
 }
 

@@ -1,4 +1,5 @@
 /* The message dump: exact texts, the bounded buffer, sizes-only mode. */
+#include <functional>
 #include <regex>
 #include <string>
 #include <vector>
@@ -31,28 +32,35 @@ void allOk(std::initializer_list<velClient_returnCode_t> rcs)
 
 } // namespace
 
-TEST(Dump, UserDataAsHexLinesInEitherMode)
+/* User data as hex lines in either mode, nested maps two further in, XML as
+ * text wrapped at sixty columns; sizes only in brief mode. */
+TEST(Dump, PartsInFullAndBrief)
 {
-    Msg m;
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setUserData(m.h, "0123456789ABCDEFGHIJ", 20));
-    std::string expected = kHeaderLines + pad("User Data:") + "len=20\n" +
-                           "  30 31 32 33 34 35 36 37  38 39 41 42 43 44 45 46      01234567   89ABCDEF\n" + "  " +
-                           hexLine("47 48 49 4a ", "GHIJ") + "\n";
-    EXPECT_EQ(expected, m.dump());
-    EXPECT_EQ(expected, m.dump(VELCLIENT_MSGDUMP_BRIEF));
-}
-
-TEST(Dump, NestedMapsIndentTwoFurther)
-{
-    Msg m;
-    velClient_opaqueContainer_pt map = nullptr, sub = nullptr;
-    allOk({velClient_msg_createBinaryAttachmentMap(m.h, &map, 64), velClient_container_openSubMap(map, &sub, "a"),
-           velClient_container_addUint8(sub, 1, "b"), velClient_container_closeMapStream(&sub),
-           velClient_container_addBoolean(map, 0, "c")});
-    EXPECT_EQ(kHeaderLines + pad("Binary Attachment Map:") + "\n  Key 'a' (MAP)\n    Key 'b' (UINT8) 1\n\n" +
-                  "  Key 'c' (BOOL) FALSE\n",
-              m.dump());
-    EXPECT_EQ(kHeaderLines + pad("Binary Attachment Map:") + "len=28\n", m.dump(VELCLIENT_MSGDUMP_BRIEF));
+    const std::string userData =
+        pad("User Data:") + "len=20\n  30 31 32 33 34 35 36 37  38 39 41 42 43 44 45 46      01234567   89ABCDEF\n  " +
+        hexLine("47 48 49 4a ", "GHIJ") + "\n";
+    const std::string xml = std::string(58, 'x') + "\x01yz", map = pad("Binary Attachment Map:");
+    const struct {
+        std::function<void(velClient_opaqueMsg_pt)> fill;
+        std::string full, brief;
+    } rows[] = {
+        {[](auto h) { allOk({velClient_msg_setUserData(h, "0123456789ABCDEFGHIJ", 20)}); }, userData, userData},
+        {[](auto h) {
+             velClient_opaqueContainer_pt map = nullptr, sub = nullptr;
+             allOk({velClient_msg_createBinaryAttachmentMap(h, &map, 64),
+                    velClient_container_openSubMap(map, &sub, "a"), velClient_container_addUint8(sub, 1, "b"),
+                    velClient_container_closeMapStream(&sub), velClient_container_addBoolean(map, 0, "c")});
+         },
+         map + "\n  Key 'a' (MAP)\n    Key 'b' (UINT8) 1\n\n  Key 'c' (BOOL) FALSE\n", map + "len=28\n"},
+        {[&](auto h) { allOk({velClient_msg_setXml(h, xml.data(), static_cast<velClient_uint32_t>(xml.size()))}); },
+         pad("XML:") + "len=61\n  " + std::string(58, 'x') + " 0x01 \n  yz\n", pad("XML:") + "len=61\n"},
+    };
+    for (const auto &r : rows) {
+        Msg m;
+        r.fill(m.h);
+        EXPECT_EQ(kHeaderLines + r.full, m.dump());
+        EXPECT_EQ(kHeaderLines + r.brief, m.dump(VELCLIENT_MSGDUMP_BRIEF));
+    }
 }
 
 TEST(Dump, EveryFieldTypeTag)
@@ -90,15 +98,6 @@ TEST(Dump, TenConsumerIdsRepeatTheSecondLine)
     }
     const std::string text = Msg(veltest::received(veltest::item(0x12, ids))).dump();
     EXPECT_EQ(expected + "\n    00000009,  0000000a,", text.substr(std::min(text.size(), text.find("Consumer ID Count:"))));
-}
-
-TEST(Dump, XmlAsTextWrappedAtSixtyColumns)
-{
-    Msg m;
-    std::string xml = std::string(58, 'x') + "\x01yz";
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setXml(m.h, xml.data(), static_cast<velClient_uint32_t>(xml.size())));
-    EXPECT_EQ(kHeaderLines + pad("XML:") + "len=61\n  " + std::string(58, 'x') + " 0x01 \n  yz\n", m.dump());
-    EXPECT_EQ(kHeaderLines + pad("XML:") + "len=61\n", m.dump(VELCLIENT_MSGDUMP_BRIEF));
 }
 
 TEST(Dump, HeaderLinesInOrderAlsoAfterARoundTrip)

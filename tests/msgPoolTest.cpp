@@ -1,5 +1,5 @@
 /* Data blocks, the pools, their limit, classes and statistics, starting the
- * library with properties, and the message life cycle (reset, dup, cleanup).
+ * library and sessions with properties, and the message life cycle (reset, dup, cleanup).
  * Counters are process-wide: compared as differences, defaults restored. */
 #include <cstring>
 #include <string>
@@ -38,31 +38,15 @@ velClient_uint32_t capacityOf(velClient_opaqueDatablock_pt b)
 
 } // namespace
 
-TEST(Pools, ABlockTakesTheFirstClassThatHoldsItAndIsPooledUnlessOversize)
+/* Classes and a limit of 0 from the start properties; a block takes the
+ * first class that holds it and is pooled unless oversize; refused
+ * properties of the library and of sessions change nothing. */
+TEST(Pools, ClassesAndLimitFromStartPropertiesAndTheirRefusals)
 {
     const char *const classes[] = {"GLOBAL_DBQUANTASIZE_0", "100", "GLOBAL_DBQUANTASIZE_1", "200", "GLOBAL_DBQUANTASIZE_2",
-                                   "300", "GLOBAL_DBQUANTASIZE_3", "400", "GLOBAL_DBQUANTASIZE_4", "500", nullptr};
+                                   "300", "GLOBAL_DBQUANTASIZE_3", "400", "GLOBAL_DBQUANTASIZE_4", "500",
+                                   "GLOBAL_MAXPOOLMEM", "0", nullptr};
     StartedWith small(classes);
-    const velClient_uint32_t cases[][3] = {{0, 100, 0}, {100, 100, 0}, {101, 200, 1}, {500, 500, 4}, {501, 501, 5}};
-    for (const auto &c : cases) { /* request, capacity, class */
-        const velClient_uint64_t live = stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, c[2]);
-        velClient_opaqueDatablock_pt b = block(c[0]);
-        const velClient_uint64_t pooled = c[2] < 5 ? stat(VELCLIENT_MSG_STATS_FREE_DATA_BLOCKS, c[2]) : 0;
-        EXPECT_EQ(c[1], capacityOf(b)) << c[0];
-        EXPECT_EQ(live + 1, stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, c[2])) << c[0];
-        const velClient_uint64_t total = stat(VELCLIENT_MSG_STATS_TOTAL_MEMORY);
-        EXPECT_EQ(VELCLIENT_OK, velClient_datablock_free(&b));
-        EXPECT_EQ(nullptr, b);
-        EXPECT_EQ(live, stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, c[2]));
-        if (c[2] < 5) { /* pooled, and its memory stays counted */
-            EXPECT_EQ(pooled + 1, stat(VELCLIENT_MSG_STATS_FREE_DATA_BLOCKS, c[2]));
-            EXPECT_EQ(total, stat(VELCLIENT_MSG_STATS_TOTAL_MEMORY));
-        } else { /* back to the system */
-            EXPECT_GE(total - stat(VELCLIENT_MSG_STATS_TOTAL_MEMORY), 501u);
-        }
-    }
-    veltest::expectDrainedPools(); /* lowering the limit to 0 empties every free list */
-    velClient_msg_setMaxPoolMem(0);
     velClient_opaqueDatablock_pt b = block(10);
     const velClient_uint64_t total = stat(VELCLIENT_MSG_STATS_TOTAL_MEMORY);
     velClient_datablock_free(&b);
@@ -70,41 +54,56 @@ TEST(Pools, ABlockTakesTheFirstClassThatHoldsItAndIsPooledUnlessOversize)
     EXPECT_GT(total - stat(VELCLIENT_MSG_STATS_TOTAL_MEMORY), 100u); /* capacity plus the block's header */
     veltest::Msg{}; /* a message freed at a limit of 0 is not pooled either */
     EXPECT_EQ(0u, stat(VELCLIENT_MSG_STATS_FREE_MSGS));
-}
-
-TEST(Pools, ClassesAndLimitFromStartPropertiesAndRefusalsThatChangeNothing)
-{
-    const char *props[] = {"GLOBAL_DBQUANTASIZE_0", "64",   "GLOBAL_DBQUANTASIZE_1", "128",
-                           "GLOBAL_DBQUANTASIZE_2", "1000", "GLOBAL_DBQUANTASIZE_3", "5000",
-                           "GLOBAL_DBQUANTASIZE_4", "9000", "GLOBAL_MAXPOOLMEM",     "0", nullptr};
-    StartedWith started(props);
-    auto capacities = [] {
+    velClient_msg_setMaxPoolMem(veltest::kDefaultPoolLimit);
+    const velClient_uint32_t cases[][3] = {{0, 100, 0}, {100, 100, 0}, {101, 200, 1}, {500, 500, 4}, {501, 501, 5}};
+    auto capacities = [&] {
         std::vector<velClient_uint32_t> out;
-        for (velClient_uint32_t size : {1u, 65u, 5001u, 9001u}) {
-            velClient_opaqueDatablock_pt b = block(size);
+        for (const auto &c : cases) { /* request, capacity, class */
+            const velClient_uint64_t live = stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, c[2]);
+            b = block(c[0]);
+            const velClient_uint64_t pooled = c[2] < 5 ? stat(VELCLIENT_MSG_STATS_FREE_DATA_BLOCKS, c[2]) : 0;
             out.push_back(capacityOf(b));
-            velClient_datablock_free(&b);
+            EXPECT_EQ(live + 1, stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, c[2])) << c[0];
+            const velClient_uint64_t before = stat(VELCLIENT_MSG_STATS_TOTAL_MEMORY);
+            EXPECT_EQ(VELCLIENT_OK, velClient_datablock_free(&b));
+            EXPECT_EQ(nullptr, b);
+            EXPECT_EQ(live, stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, c[2]));
+            if (c[2] < 5) { /* pooled, and its memory stays counted */
+                EXPECT_EQ(pooled + 1, stat(VELCLIENT_MSG_STATS_FREE_DATA_BLOCKS, c[2]));
+                EXPECT_EQ(before, stat(VELCLIENT_MSG_STATS_TOTAL_MEMORY));
+            } else { /* back to the system */
+                EXPECT_GE(before - stat(VELCLIENT_MSG_STATS_TOTAL_MEMORY), 501u);
+            }
         }
         return out;
     };
-    const std::vector<velClient_uint32_t> expected = {64, 128, 9000, 9001}; /* above the last class: the size asked */
+    const std::vector<velClient_uint32_t> expected = {100, 100, 200, 500, 501}; /* above the last class: as asked */
     EXPECT_EQ(expected, capacities());
-    EXPECT_EQ(0u, stat(VELCLIENT_MSG_STATS_FREE_DATA_BLOCKS, 0)); /* a limit of 0 pools nothing */
+    veltest::expectDrainedPools(); /* lowering the limit to 0 empties every free list */
 
-    const std::string digits(300, '1');
+    /* A value too long for the error record is what gets cut, not the property's name. */
+    const std::string digits(300, '1'), longName(251, 'n');
     const std::pair<const char *, const char *> bad[] = {
         {"GLOBAL_DBQUANTASIZE_0", "abc"}, {"GLOBAL_DBQUANTASIZE_1", "-1"}, {"GLOBAL_DBQUANTASIZE_2", ""},
         {"GLOBAL_DBQUANTASIZE_3", "4294967296"}, {"GLOBAL_DBQUANTASIZE_4", "12x"}, {"GLOBAL_DBQUANTASIZE_0", nullptr},
         {"GLOBAL_MAXPOOLMEM", "18446744073709551616"}, {"GLOBAL_MAXPOOLMEM", digits.c_str()},
-        {"GLOBAL_DBQUANTASIZE_5", "100"}, {"GLOBAL_DBQUANTASIZE_", "100"}, {"GLOBAL_POOL", "1"}};
+        {"GLOBAL_DBQUANTASIZE_5", "100"}, {"GLOBAL_DBQUANTASIZE_", "100"}, {"GLOBAL_POOL", "1"},
+        /* Sessions: a good property first, so the refusal of a later one still fails the whole call. */
+        {"SESSION_CLIENT_NAME", longName.c_str()}, {"SESSION_P2P_TOPIC_BASE", longName.c_str()},
+        {"SESSION_P2P_TOPIC_BASE", nullptr}, {"SESSION_GENERATE_SENDER_ID", "yes"},
+        {"SESSION_CALCULATE_MESSAGE_EXPIRATION", ""}, {"SESSION_TRANSPORT", "tcp"}, {"SESSION_COLOUR", "red"}};
     for (const auto &[name, value] : bad) {
-        const char *one[] = {name, value, nullptr};
-        EXPECT_EQ(VELCLIENT_FAIL, velClient_initialize(VELCLIENT_LOG_EMERGENCY, one)) << name;
-        const bool known = &name < &bad[8].first; /* the last three are no properties */
-        /* A value too long for the error record is what gets cut, not the property's name. */
-        const std::string text = known ? std::string("Invalid value for property ") + name + " in velClient_initialize: '" +
+        const bool session = std::strncmp(name, "SESSION", 7) == 0;
+        const char *one[] = {"SESSION_TRANSPORT", "null", name, value, nullptr};
+        velClient_opaqueSession_pt s = nullptr;
+        EXPECT_EQ(VELCLIENT_FAIL, session ? velClient_session_create(one, nullptr, nullptr, &s)
+                                          : velClient_initialize(VELCLIENT_LOG_EMERGENCY, one + 2)) << name;
+        EXPECT_EQ(nullptr, s);
+        const std::string in = session ? " in velClient_session_create" : " in velClient_initialize";
+        const bool known = name != std::string("SESSION_COLOUR") && (session || &name < &bad[8].first);
+        const std::string text = known ? std::string("Invalid value for property ") + name + in + ": '" +
                                              (value ? value : "(null)") + "'"
-                                       : std::string("Unknown property ") + name + " in velClient_initialize";
+                                       : std::string("Unknown property ") + name + in;
         EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, text.substr(0, 255));
     }
     const char *unordered[] = {"GLOBAL_DBQUANTASIZE_2", "100", nullptr};

@@ -73,9 +73,10 @@ TEST(FieldEncoding, VariableFieldsTakeTheSmallestLengthWidth)
     EXPECT_EQ((Bytes{0x18, 0x02, 0x24, 0x02, 0x1C, 0x03, 0x00}), e.fields());
 }
 
-TEST(FieldEncoding, DestinationsAndUnknownFields)
+/* Destinations and unknown fields, and the refusals of every add; a refusal writes nothing. */
+TEST(FieldEncoding, DestinationsUnknownFieldsAndRefusals)
 {
-    Mem s(false);
+    Mem s(false), m;
     velClient_destination_t queue{VELCLIENT_QUEUE_DESTINATION, "q1"}, tempTopic{VELCLIENT_TOPIC_TEMP_DESTINATION, "t"};
     ASSERT_EQ(VELCLIENT_OK, velClient_container_addDestination(s.h, &queue, sizeof queue, nullptr));
     ASSERT_EQ(VELCLIENT_OK, velClient_container_addDestination(s.h, &tempTopic, sizeof tempTopic, nullptr));
@@ -91,6 +92,12 @@ TEST(FieldEncoding, DestinationsAndUnknownFields)
     const auto N = VELCLIENT_SUBCODE_PARAM_NULL_PTR, R = VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE;
     const std::string badFormat = "Bad Format field in velClient_container_addUnknownField, encoded length ";
     const size_t kDest = sizeof(velClient_destination_t);
+    /* A full container in application memory refuses and keeps its bytes. */
+    Mem tiny(true, 5), small(true, 20);
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(small.h, 1, "x")); /* 15 of 20 bytes used */
+    std::vector<char> four(4);
+    velClient_opaqueContainer_pt h = nullptr;
+    const std::string full = "Unable to add more structured data to container memory";
     Bytes before = s.fields();
     veltest::expectRefusals({ /* in the order the checks come */
         {[&] { return velClient_container_addDestination(s.h, &tooLong, kDest, nullptr); }, R,
@@ -110,15 +117,7 @@ TEST(FieldEncoding, DestinationsAndUnknownFields)
          badFormat + "(-1) does not match field length (2)"},
         {[&] { return velClient_container_addUnknownField(s.h, unknown, 0, nullptr); }, N,
          "Null or empty field pointer in velClient_container_addUnknownField"},
-    });
-    EXPECT_EQ(before, s.fields());
-}
-
-TEST(FieldEncoding, NameRulesAndValueRefusalsWriteNothing)
-{
-    Mem m, s(false);
-    const auto N = VELCLIENT_SUBCODE_PARAM_NULL_PTR, R = VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE;
-    veltest::expectRefusals({
+        /* Names, and values of other types. */
         {[&] { return velClient_container_addInt32(m.h, 1, nullptr); }, N, "Attempt to add unnamed field to a map"},
         {[&] { return velClient_container_addInt32(m.h, 1, ""); }, N, "Attempt to add unnamed field to a map"},
         {[&] { return velClient_container_addInt32(s.h, 1, ""); }, R, "Attempt to add named field to a stream"},
@@ -129,28 +128,18 @@ TEST(FieldEncoding, NameRulesAndValueRefusalsWriteNothing)
         {[&] { return velClient_container_addByteArray(m.h, nullptr, 0, "b"); }, N,
          "Null byte array pointer in velClient_container_addByteArray"},
         {[&] { return velClient_container_addVwf(m.h, nullptr, 3, "v"); }, N, "Null VWF pointer in velClient_container_addVwf"},
+        {[&] { return velClient_container_addNull(tiny.h, "a"); }, VELCLIENT_SUBCODE_INSUFFICIENT_SPACE, full},
+        {[&] { return velClient_container_addInt32(small.h, 2, "y"); }, VELCLIENT_SUBCODE_INSUFFICIENT_SPACE, full},
+        {[&] { return velClient_container_createMap(&h, four.data(), four.size()); }, R,
+         "Memory size of 4 is below the 5-byte container header in velClient_container_createContainer"},
+        {[&] { return velClient_container_createMap(&h, nullptr, 10); }, N,
+         "Null memory pointer in velClient_container_createContainer"},
     });
-    EXPECT_TRUE(s.fields().empty());
+    EXPECT_EQ(std::vector<char>(4), four);
+    EXPECT_EQ(cat(kNameX, {0x08, 0x06, 0, 0, 0, 1}), small.fields());
+    EXPECT_EQ(before, s.fields());
     ASSERT_EQ(VELCLIENT_OK, velClient_container_addChar(m.h, 'z', "x"));
     EXPECT_EQ(cat(kNameX, {0x14, 0x04, 0x00, 0x7A}), m.fields());
-}
-
-TEST(FieldEncoding, AFullApplicationContainerRefusesAndKeepsItsBytes)
-{
-    Mem tiny(true, 5);
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addNull(tiny.h, "a"));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_INSUFFICIENT_SPACE, "Unable to add more structured data to container memory");
-    Mem small(true, 20);
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(small.h, 1, "x")); /* 15 of 20 bytes used */
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addInt32(small.h, 2, "y"));
-    EXPECT_EQ(cat(kNameX, {0x08, 0x06, 0, 0, 0, 1}), small.fields());
-    std::vector<char> four(4);
-    velClient_opaqueContainer_pt h = nullptr;
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_createMap(&h, four.data(), four.size()));
-    EXPECT_EQ(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, veltest::lastSubCode());
-    EXPECT_EQ(std::vector<char>(4), four);
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_createMap(&h, nullptr, 10));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null memory pointer in velClient_container_createContainer");
 }
 
 TEST(FieldEncoding, AddContainerCopiesTheFinalisedBytesAndRefusesRelatives)

@@ -17,12 +17,6 @@ namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
-Bytes cat(Bytes a, const Bytes &b)
-{
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
-
 struct Decoded {
     std::int64_t size;
     velClient_field_t field;
@@ -42,15 +36,6 @@ Decoded decode(const Bytes &bytes)
     return d;
 }
 
-/* A fixed-size field of tlvLength len with value bytes 0x80, 0x01, 0x02, ... */
-Bytes fixedField(std::uint8_t typeByte, unsigned len)
-{
-    Bytes b{typeByte, static_cast<std::uint8_t>(len)};
-    for (unsigned i = 2; i < len; ++i)
-        b.push_back(static_cast<std::uint8_t>(i == 2 ? 0x80 : i - 2));
-    return b;
-}
-
 struct FixedRow {
     std::uint8_t typeByte;
     unsigned tlvLength;
@@ -67,28 +52,6 @@ const FixedRow kAccepted[] = {
 };
 
 } // namespace
-
-TEST(TlvDecode, FixedSizeTypesAcceptExactlyTheirLengths)
-{
-    for (std::uint8_t tb : {0x04, 0x08, 0x0C, 0x10, 0x14}) {
-        for (unsigned len = 0; len <= 12; ++len) {
-            Decoded d = decode(fixedField(tb, len));
-            const FixedRow *row = std::find_if(std::begin(kAccepted), std::end(kAccepted),
-                                               [&](const FixedRow &r) { return r.typeByte == tb && r.tlvLength == len; });
-            SCOPED_TRACE(testing::Message() << "type byte " << int(tb) << " tlvLength " << len);
-            if (row == std::end(kAccepted)) {
-                EXPECT_EQ(-1, d.size);
-                continue;
-            }
-            EXPECT_EQ(len, d.size);
-            EXPECT_EQ(row->type, d.field.type);
-            EXPECT_EQ(len - 2, d.field.length);
-            if (len == 2 || row->type == VELCLIENT_BOOL) { /* empty is zero; a boolean is true from any byte but 0 */
-                EXPECT_EQ(len - 2, row->type == VELCLIENT_BOOL ? d.field.value.boolean : d.field.value.uint8);
-            }
-        }
-    }
-}
 
 TEST(TlvDecode, VariableSizeFieldsTheirWidthsAndTheirRefusals)
 {
@@ -147,20 +110,18 @@ TEST(TlvDecode, VariableSizeFieldsTheirWidthsAndTheirRefusals)
     }
 }
 
-TEST(TlvDecode, DestinationKinds)
+TEST(TlvDecode, ATemporaryQueueNameOverridesTheDestinationKind)
 {
-    /* Kind 0 is a topic (a temporary topic reads back as one); a name starting
-     * "#P2P/QTMP/" is a temporary queue whatever the kind byte says. */
-    const Bytes tmp = {'#', 'P', '2', 'P', '/', 'Q', 'T', 'M', 'P', '/', 'a', 0x00};
-    const std::tuple<Bytes, velClient_destinationType_t, const char *> rows[] = {
-        {{0x20, 0x06, 0x01, 'q', '1', 0x00}, VELCLIENT_QUEUE_DESTINATION, "q1"},
-        {{0x20, 0x05, 0x00, 't', 0x00}, VELCLIENT_TOPIC_DESTINATION, "t"},
-        {cat({0x20, 15, 0x00}, tmp), VELCLIENT_QUEUE_TEMP_DESTINATION, "#P2P/QTMP/a"},
-        {cat({0x20, 15, 0x01}, tmp), VELCLIENT_QUEUE_TEMP_DESTINATION, "#P2P/QTMP/a"},
-        {{0x20, 0x0D, 0x00, '#', 'P', '2', 'P', '/', 'Q', 'T', 'M', 'P', 0x00}, VELCLIENT_TOPIC_DESTINATION, "#P2P/QTMP"},
+    /* A name starting "#P2P/QTMP/" is a temporary queue whatever the kind byte
+     * says (a temporary topic reads back as a topic); without its slash it is not. */
+    const std::string tmp("#P2P/QTMP/a\0", 12);
+    const std::tuple<std::string, velClient_destinationType_t, const char *> rows[] = {
+        {std::string("\x20\x0F\x00", 3) + tmp, VELCLIENT_QUEUE_TEMP_DESTINATION, "#P2P/QTMP/a"},
+        {"\x20\x0F\x01" + tmp, VELCLIENT_QUEUE_TEMP_DESTINATION, "#P2P/QTMP/a"},
+        {std::string("\x20\x0D\x00#P2P/QTMP\0", 13), VELCLIENT_TOPIC_DESTINATION, "#P2P/QTMP"},
     };
     for (const auto &[bytes, type, name] : rows) {
-        Decoded d = decode(bytes);
+        Decoded d = decode(Bytes(bytes.begin(), bytes.end()));
         EXPECT_EQ(type, d.field.value.dest.destType) << name;
         EXPECT_STREQ(name, d.field.value.dest.dest);
     }
@@ -187,7 +148,8 @@ TEST(TlvDecode, EveryTruncationIsRefusedWithoutReadingPastTheEnd)
 TEST(TlvShortPaths, AgreeWithTheFullDecoderOnEveryTypeLengthAndContent)
 {
     /* Every 1-byte-length field up to 40 bytes, whole and cut short: what the
-     * short paths accept, the full decoder accepts the same way. */
+     * short paths accept, the full decoder accepts the same way; and the
+     * lengths the full decoder takes for each fixed-size type. */
     const auto contents = [](unsigned n, int kind) { /* plain, a text, all NULs, a stray NUL */
         Bytes v(n, kind == 2 ? 0 : 'x');
         if ((kind == 1 || kind == 3) && n > 0)
@@ -223,6 +185,22 @@ TEST(TlvShortPaths, AgreeWithTheFullDecoderOnEveryTypeLengthAndContent)
                     }
                     if (full.size > 0 && (tb & 0x03) == 0 && tb != vel::tlv::kTypeDestination) {
                         EXPECT_NE(0u, checked);
+                    }
+                    if (tb % 4 != 0 || tb < 0x04 || tb > 0x14 || kind != 0 || room != field.size())
+                        continue;
+                    /* A fixed-size type takes exactly its lengths; empty is zero, a boolean true from any byte. */
+                    const FixedRow *end = std::end(kAccepted);
+                    const FixedRow *row = std::find_if(std::begin(kAccepted), end, [&](const FixedRow &a) {
+                        return a.typeByte == tb && a.tlvLength == len;
+                    });
+                    EXPECT_EQ(row == end ? -1 : std::int64_t{len}, full.size);
+                    if (row == end)
+                        continue;
+                    EXPECT_EQ(row->type, full.field.type);
+                    EXPECT_EQ(len - 2, full.field.length);
+                    const bool isBool = row->type == VELCLIENT_BOOL;
+                    if (len == 2 || isBool) {
+                        EXPECT_EQ(len - 2, isBool ? full.field.value.boolean : full.field.value.uint8);
                     }
                 }
             }
