@@ -362,7 +362,9 @@ velClient_returnCode_t setBody(_velClient_msg *msg, pn_message_t *pm, const Note
     }
     case PN_STRING: {
         pn_bytes_t text = pn_data_get_string(body);
-        vel::amqp::appendStringField(bytes, text.start, text.size);
+        if (text.size > UINT32_MAX - 16)
+            return refuse("attachment too large");
+        vel::amqp::appendAttachmentString(bytes, text.start, text.size);
         return setAttachment(msg, bytes.data(), bytes.size(), 0);
     }
     case PN_MAP:
@@ -406,7 +408,7 @@ velClient_returnCode_t vel::amqp::decode(const char *bytes, std::size_t size, co
                                          _velClient_session *, _velClient_msg **msg_p)
 {
     *msg_p = nullptr;
-    if (bytes == nullptr || !shallowAmqp(reinterpret_cast<const std::uint8_t *>(bytes), size))
+    if (bytes == nullptr || size == 0 || !shallowAmqp(reinterpret_cast<const std::uint8_t *>(bytes), size))
         return refuse("truncated, malformed or nested too deep");
     pn_message_t *pm = scratchMessage();
     if (pm == nullptr)

@@ -189,13 +189,13 @@ void writeUserProperties(Encoder &e, Annotations &notes)
     pn_data_put_binary(notes.key(vel::amqp::kKeyUserProperties), bytesOf(entries));
 }
 
-/* true when the attachment is one string field in the writer's own form. */
+/* true when the attachment is one string element as the attachment-string
+ * setter writes it: 0x1F, a 4-byte length, the text and its only NUL. */
 bool isPlainString(const _velClient_msg *msg, Bytes b, const char **text)
 {
     if (vel::msg::attachmentString(const_cast<_velClient_msg *>(msg), text) != VELCLIENT_OK || *text == nullptr)
         return false;
-    const std::uint64_t valueLength = std::strlen(*text) + 1;
-    return vel::tlv::varFieldSize(valueLength) == b.n && b.p[0] == (vel::tlv::kTypeString | (b.n - valueLength - 2));
+    return b.p[0] == vel::amqp::kAttachmentStringType && std::strlen(*text) + 6 == b.n;
 }
 
 void writeBody(Encoder &e, Annotations &notes)
