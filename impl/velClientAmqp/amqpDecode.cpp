@@ -48,20 +48,21 @@ velClient_returnCode_t setText(_velClient_msg *msg, int part, const char *text, 
     return VELCLIENT_OK;
 }
 
-/* A map part (7 or 10): entry key, map header, then the given entries. */
+/* A map part (7 or 10): entry key, map header, then the n bytes of entries
+ * (none for an empty map, whose part is the header alone). */
 velClient_returnCode_t setMapPart(_velClient_msg *msg, int part, char key, const void *entries, std::size_t n)
 {
-    const std::uint32_t front = kMapEntryKeySize + vel::tlv::kContainerHeaderSize;
-    if (n > UINT32_MAX - front - 16)
+    constexpr std::uint32_t kFront = kMapEntryKeySize + vel::tlv::kContainerHeaderSize;
+    if (n > UINT32_MAX - kFront - 16)
         return refuse("map too large");
-    if (_velClient_msg_setBufinfo(msg, part, entries, static_cast<std::uint32_t>(n), front) != VELCLIENT_OK)
-        return VELCLIENT_FAIL;
-    auto *p = static_cast<std::uint8_t *>(msg->bufInfo_a[part].buf_p);
-    const std::uint8_t head[front] = {vel::tlv::kTypeString, 0x04, static_cast<std::uint8_t>(key), 0x00,
-                                      vel::tlv::kTypeMap};
-    std::memcpy(p, head, front);
-    vel::tlv::putBE(p + kMapEntryKeySize + 1, n + vel::tlv::kContainerHeaderSize, 4);
-    return VELCLIENT_OK;
+    std::uint8_t head[kFront] = {vel::tlv::kTypeString, 0x04, static_cast<std::uint8_t>(key), 0x00, vel::tlv::kTypeMap};
+    vel::tlv::putBE(head + kMapEntryKeySize + 1, n + vel::tlv::kContainerHeaderSize, 4);
+    velClient_returnCode_t rc = n == 0 ? _velClient_msg_setBufinfo(msg, part, head, kFront, 0)
+                                       : _velClient_msg_setBufinfo(msg, part, entries, static_cast<std::uint32_t>(n),
+                                                                   kFront);
+    if (rc == VELCLIENT_OK && n > 0)
+        std::memcpy(msg->bufInfo_a[part].buf_p, head, kFront);
+    return rc;
 }
 
 /* Entries carried whole, checked before they become a part. */

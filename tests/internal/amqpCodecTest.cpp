@@ -37,7 +37,7 @@ struct Owned {
 /* ---- Building the messages --------------------------------------------------- */
 
 enum class Attachment { none, bytes, text, map, stream, mapAmqpCannotHold };
-enum class Props { none, scalars, nested };
+enum class Props { none, empty, scalars, nested };
 
 struct Case {
     const char *name;
@@ -113,7 +113,7 @@ void setProps(velClient_opaqueMsg_pt m, Props props)
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_createUserPropertyMap(m, &c, 64));
     if (props == Props::scalars)
         fillScalars(c, true);
-    else
+    else if (props == Props::nested)
         fillNested(c, true);
     ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&c));
 }
@@ -219,6 +219,7 @@ const Case kCases[] = {
      Attachment::mapAmqpCannotHold, Props::none},
     {"non-persistent queue, no attachment", VELCLIENT_DELIVERY_MODE_NONPERSISTENT, true, Attachment::none,
      Props::scalars},
+    {"direct topic, empty user property map", VELCLIENT_DELIVERY_MODE_DIRECT, false, Attachment::bytes, Props::empty},
 };
 
 } // namespace
