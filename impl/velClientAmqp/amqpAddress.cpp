@@ -1,0 +1,167 @@
+/*
+ * amqpAddress.cpp - topics and queues as AMQP addresses and back.
+ *
+ * A queue's address is the queue prefix and its name as it is. A topic's
+ * address is the topic prefix and its levels joined by the level separator:
+ *
+ *     topic               as          address
+ *     orders/eu.west/new  publish     /topic/orders.eu%2Ewest.new
+ *     orders/%/new        publish     /topic/orders.%25.new
+ *     orders/<*>/new      publish     /topic/orders.%2A.new
+ *     orders/<*>/new      subscribe   /topic/orders.*.new
+ *     orders/>            subscribe   /topic/orders.#
+ *
+ * (<*> stands for a level that is exactly one star.)
+ *
+ * A level is percent-encoded (every byte as %XX, upper-case hex) when it
+ * holds '%' or a byte of the separator, or when it is exactly one of the two
+ * wildcard texts and is not standing for a wildcard: so a published address
+ * never carries a bare wildcard word, and every topic maps to one address
+ * and back. In a subscription a level that is exactly "*" becomes the
+ * one-level wildcard, and a last level that is exactly ">" the many-level one.
+ */
+#include "velClientAmqp/amqpCodec.h"
+
+namespace {
+
+using vel::amqp::Addressing;
+
+constexpr char kHex[] = "0123456789ABCDEF";
+
+bool needsEncoding(const Addressing &rules, std::string_view level)
+{
+    if (level == rules.wildcardOne || level == rules.wildcardMore)
+        return true;
+    for (char ch : level)
+        if (ch == '%' || rules.levelSeparator.find(ch) != std::string::npos)
+            return true;
+    return false;
+}
+
+void appendEncoded(std::string &out, std::string_view level)
+{
+    for (char ch : level) {
+        auto byte = static_cast<unsigned char>(ch);
+        out.push_back('%');
+        out.push_back(kHex[byte >> 4]);
+        out.push_back(kHex[byte & 0x0F]);
+    }
+}
+
+/* The level a subscription writes for one topic level (last: the topic's last level). */
+void appendLevel(const Addressing &rules, std::string &out, std::string_view level, bool subscription, bool last)
+{
+    if (subscription && level == "*")
+        out.append(rules.wildcardOne);
+    else if (subscription && last && level == ">")
+        out.append(rules.wildcardMore);
+    else if (needsEncoding(rules, level))
+        appendEncoded(out, level);
+    else
+        out.append(level);
+}
+
+int hexValue(char ch)
+{
+    if (ch >= '0' && ch <= '9')
+        return ch - '0';
+    if (ch >= 'A' && ch <= 'F')
+        return ch - 'A' + 10;
+    if (ch >= 'a' && ch <= 'f')
+        return ch - 'a' + 10;
+    return -1;
+}
+
+/* One address level back to its topic level; false for a broken escape. */
+bool appendDecoded(const Addressing &rules, std::string &out, std::string_view level)
+{
+    if (level == rules.wildcardOne) {
+        out.push_back('*');
+        return true;
+    }
+    if (level == rules.wildcardMore) {
+        out.push_back('>');
+        return true;
+    }
+    for (std::size_t i = 0; i < level.size(); ++i) {
+        if (level[i] != '%') {
+            out.push_back(level[i]);
+            continue;
+        }
+        int hi = level.size() - i >= 3 ? hexValue(level[i + 1]) : -1;
+        int lo = level.size() - i >= 3 ? hexValue(level[i + 2]) : -1;
+        if (hi < 0 || lo < 0)
+            return false;
+        out.push_back(static_cast<char>(hi << 4 | lo));
+        i += 2;
+    }
+    return true;
+}
+
+bool startsWith(std::string_view text, const std::string &prefix)
+{
+    return !prefix.empty() && text.substr(0, prefix.size()) == prefix;
+}
+
+bool topicOf(const Addressing &rules, std::string_view levels, std::string *name)
+{
+    std::string topic;
+    const std::string &sep = rules.levelSeparator;
+    for (std::size_t at = 0;;) {
+        std::size_t end = sep.empty() ? std::string_view::npos : levels.find(sep, at);
+        if (!appendDecoded(rules, topic, levels.substr(at, end == std::string_view::npos ? end : end - at)))
+            return false;
+        if (end == std::string_view::npos)
+            break;
+        topic.push_back('/');
+        at = end + sep.size();
+    }
+    *name = std::move(topic);
+    return true;
+}
+
+} // namespace
+
+std::string vel::amqp::topicAddress(const Addressing &rules, std::string_view topic, bool subscription)
+{
+    std::string out = rules.topicPrefix;
+    out.reserve(out.size() + topic.size() + 8);
+    for (std::size_t at = 0;;) {
+        std::size_t slash = topic.find('/', at);
+        bool last = slash == std::string_view::npos;
+        appendLevel(rules, out, topic.substr(at, last ? slash : slash - at), subscription, last);
+        if (last)
+            return out;
+        out.append(rules.levelSeparator);
+        at = slash + 1;
+    }
+}
+
+std::string vel::amqp::queueAddress(const Addressing &rules, std::string_view queue)
+{
+    std::string out = rules.queuePrefix;
+    out.append(queue);
+    return out;
+}
+
+bool vel::amqp::destinationOf(const Addressing &rules, std::string_view address, velClient_destinationType_t *type,
+                              std::string *name)
+{
+    /* The longer prefix first, in case one begins the other. */
+    bool queueFirst = rules.queuePrefix.size() >= rules.topicPrefix.size();
+    for (int i = 0; i < 2; ++i) {
+        bool queue = (i == 0) == queueFirst;
+        const std::string &prefix = queue ? rules.queuePrefix : rules.topicPrefix;
+        if (!startsWith(address, prefix))
+            continue;
+        std::string_view rest = address.substr(prefix.size());
+        if (queue) {
+            *type = VELCLIENT_QUEUE_DESTINATION;
+            name->assign(rest);
+            return true;
+        }
+        *type = VELCLIENT_TOPIC_DESTINATION;
+        return topicOf(rules, rest, name);
+    }
+    return false;
+}
