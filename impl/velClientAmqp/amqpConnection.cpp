@@ -8,6 +8,8 @@
 
 #include <proton/condition.h>
 #include <proton/connection.h>
+#include <proton/delivery.h>
+#include <proton/link.h>
 #include <proton/event.h>
 #include <proton/proactor.h>
 #include <proton/sasl.h>
