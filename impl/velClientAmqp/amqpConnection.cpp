@@ -53,7 +53,8 @@ Connection::Connection(_velClient_session *session) : session_(session), proacto
 {
     const auto &rules = session->broker.addressing;
     std::string inbox = session->p2pTopicBase;
-    subscriptions_.insert({topicAddress(rules, inbox.append("/>"), true), false});
+    inbox.append("/>");
+    subscriptions_.insert({topicAddress(rules, inbox, true), false, inbox});
 }
 
 Connection::~Connection()

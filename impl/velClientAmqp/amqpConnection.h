@@ -44,6 +44,7 @@ struct Outgoing {
 struct Subscription {
     std::string address;
     bool queue = false;
+    std::string topic; /* the subscribed topic, wildcards included; empty for a queue */
     auto operator<=>(const Subscription &) const = default;
 };
 
@@ -103,12 +104,13 @@ private:
     void restartSession();
     void openLinks();
     void runCommands();
+    void runQueued();
     void queueSend(std::uint64_t tag);
     pn_link_t *senderFor(const Outgoing &message);
     void pump(SenderLink &sender);
     void subscribeNow(const Subscription &subscription, bool add);
     void received(pn_delivery_t *delivery);
-    void deliverMessage(pn_delivery_t *delivery, const char *bytes, std::size_t size, bool queue);
+    void deliverMessage(pn_delivery_t *delivery, const char *bytes, std::size_t size, const Subscription &from);
     void settled(pn_delivery_t *delivery);
     void linkClosed(pn_link_t *link);
     void refuseMessagesTo(const std::string &address, const std::string &info);

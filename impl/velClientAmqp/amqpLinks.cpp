@@ -21,6 +21,7 @@
 
 #include "velClientAmqp/amqpConnection.h"
 #include "velClientLog/logPrivate.h"
+#include "velClientMsg/message/recordApi.h"
 #include "velClientMsg/velClientMsgPrivate.h"
 #include "velClientSession/sessionPrivate.h"
 #include "velClientTime/clock.h"
@@ -51,6 +52,25 @@ bool headerSaysRedelivered(const char *bytes, std::size_t size)
     }
     pn_data_free(data);
     return redelivered;
+}
+
+/* Whether topic matches the subscription pattern: a level "*" matches any
+ * one level, a last level ">" one or more (brokers whose wildcard also
+ * matches no level at all deliver more; this keeps the library's meaning). */
+bool topicMatches(std::string_view pattern, std::string_view topic)
+{
+    while (true) {
+        std::size_t p = pattern.find('/'), t = topic.find('/');
+        std::string_view level = pattern.substr(0, p);
+        if (level == ">" && p == std::string_view::npos)
+            return true; /* topic still holds at least one level here */
+        if (level != "*" && level != topic.substr(0, t))
+            return false;
+        if (p == std::string_view::npos || t == std::string_view::npos)
+            return p == t;
+        pattern.remove_prefix(p + 1);
+        topic.remove_prefix(t + 1);
+    }
 }
 
 void freeReceived(_velClient_msg *msg)
@@ -142,13 +162,17 @@ velClient_returnCode_t Connection::ack(velClient_msgId_t msgId)
 
 void Connection::runCommands()
 {
+    /* What was queued before a close still goes out first. */
+    if (opened_ && !closeBegun_)
+        runQueued();
     if (closing_ && !closeBegun_) {
         closeBegun_ = true;
         beginClose();
-        return;
     }
-    if (!opened_ || closing_)
-        return;
+}
+
+void Connection::runQueued()
+{
     std::deque<Command> batch;
     {
         std::lock_guard lock(mutex_);
@@ -315,7 +339,7 @@ void Connection::received(pn_delivery_t *delivery)
         settle(delivery, PN_RELEASED); /* a link being closed */
         return;
     }
-    deliverMessage(delivery, receiveBuffer_.data(), static_cast<std::size_t>(got), found->second.queue);
+    deliverMessage(delivery, receiveBuffer_.data(), static_cast<std::size_t>(got), found->second);
     int credit = pn_link_credit(link);
     if (credit < kReceiveCredit / 2)
         pn_link_flow(link, kReceiveCredit - credit);
@@ -323,7 +347,8 @@ void Connection::received(pn_delivery_t *delivery)
 
 /* Decodes one message, gives it its receive-side properties and hands it to
  * the receive callback; a message that does not decode is rejected and logged. */
-void Connection::deliverMessage(pn_delivery_t *delivery, const char *bytes, std::size_t size, bool queue)
+void Connection::deliverMessage(pn_delivery_t *delivery, const char *bytes, std::size_t size,
+                                const Subscription &from)
 {
     _velClient_msg *msg = nullptr;
     if (decode(bytes, size, session_->broker.addressing, session_, &msg) != VELCLIENT_OK) {
@@ -332,6 +357,14 @@ void Connection::deliverMessage(pn_delivery_t *delivery, const char *bytes, std:
         settle(delivery, PN_REJECTED);
         return;
     }
+    velClient_destination_t dest{};
+    if (!from.queue && vel::msg::destination(msg, &dest) == VELCLIENT_OK && dest.destType == VELCLIENT_TOPIC_DESTINATION &&
+        !topicMatches(from.topic, dest.dest)) {
+        freeReceived(msg);
+        settle(delivery, PN_ACCEPTED);
+        return;
+    }
+    bool queue = from.queue;
     velClient_msgId_t id = nextMsgId_++;
     _velClient_msg_setMsgId(msg->opaqueMsg_p, id);
     if (headerSaysRedelivered(bytes, size))

@@ -58,7 +58,7 @@ velClient_returnCode_t subscription(velClient_opaqueSession_pt session, const ch
     const vel::amqp::Addressing &rules = s->broker.addressing;
     vel::amqp::Subscription wanted{queue ? vel::amqp::queueAddress(rules, name)
                                          : vel::amqp::topicAddress(rules, name, true),
-                                   queue};
+                                   queue, queue ? "" : name};
     return connection->subscribe(std::move(wanted), add, call);
 }
 
