@@ -10,8 +10,10 @@
 #
 # DIR (default: a new directory under /tmp, remembered in
 # ${TMPDIR:-/tmp}/velclient-broker.last) holds the configuration, the data, the
-# logs and the pids. With VELCLIENT_BROKER_TLS_DIR holding ca.pem, cert.pem
-# and key.pem, a TLS listener also starts; its port goes to DIR/tls_port.
+# logs and the pids. With VELCLIENT_BROKER_TLS=1 a TLS listener also starts,
+# its port in DIR/tls_port, with a certificate for 127.0.0.1 and localhost
+# signed by a CA made for the run (DIR/tls/ca.pem), and DIR/tls/other-ca.pem,
+# a CA that signed nothing.
 set -euo pipefail
 
 last="${TMPDIR:-/tmp}/velclient-broker.last"
@@ -34,6 +36,21 @@ except OSError:
 EOF
 }
 
+# A CA, a server certificate it signs for 127.0.0.1 and localhost, and an unrelated CA.
+make_certificates() {
+  local tls=$1
+  mkdir -p "$tls"
+  (
+    cd "$tls"
+    openssl req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.pem -days 2 -subj /CN=velclient-test-ca
+    openssl req -newkey rsa:2048 -nodes -keyout key.pem -out server.csr -subj /CN=localhost
+    echo "subjectAltName=IP:127.0.0.1,DNS:127.0.0.1,DNS:localhost" >san.cnf
+    openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -out cert.pem -days 2 -extfile san.cnf
+    openssl req -x509 -newkey rsa:2048 -nodes -keyout other-ca.key -out other-ca.pem -days 2 -subj /CN=other-ca
+    chmod 644 ./*.pem
+  ) >"$tls/openssl.out" 2>&1
+}
+
 start() {
   if [ ! -x "$server" ]; then
     echo "broker.sh: $server not found (install rabbitmq-server)" >&2
@@ -51,13 +68,14 @@ start() {
     echo "listeners.tcp.1 = 127.0.0.1:$port"
     echo "loopback_users.guest = true"
     echo "amqp1_0.default_user = guest"
-    if [ -n "${VELCLIENT_BROKER_TLS_DIR:-}" ]; then
+    if [ "${VELCLIENT_BROKER_TLS:-0}" = 1 ]; then
+      make_certificates "$dir/tls"
       local tls_port; tls_port=$(free_port)
       echo "$tls_port" >"$dir/tls_port"
       echo "listeners.ssl.1 = 127.0.0.1:$tls_port"
-      echo "ssl_options.cacertfile = $VELCLIENT_BROKER_TLS_DIR/ca.pem"
-      echo "ssl_options.certfile = $VELCLIENT_BROKER_TLS_DIR/cert.pem"
-      echo "ssl_options.keyfile = $VELCLIENT_BROKER_TLS_DIR/key.pem"
+      echo "ssl_options.cacertfile = $dir/tls/ca.pem"
+      echo "ssl_options.certfile = $dir/tls/cert.pem"
+      echo "ssl_options.keyfile = $dir/tls/key.pem"
       echo "ssl_options.verify = verify_none"
       echo "ssl_options.fail_if_no_peer_cert = false"
     fi

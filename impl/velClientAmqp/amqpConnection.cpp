@@ -41,6 +41,14 @@ std::string conditionText(pn_condition_t *condition, const char *fallback)
     return text;
 }
 
+/* The broker's reason for ending a link or session. */
+std::string remoteReason(pn_condition_t *condition)
+{
+    return condition != nullptr && pn_condition_is_set(condition) && pn_condition_get_description(condition)
+               ? pn_condition_get_description(condition)
+               : "closed by the broker";
+}
+
 bool isLoginRefusal(pn_condition_t *condition)
 {
     const char *name = condition != nullptr ? pn_condition_get_name(condition) : nullptr;
@@ -147,9 +155,11 @@ void Connection::handle(pn_event_t *event)
         break;
     case PN_SESSION_REMOTE_CLOSE:
         if (pn_event_session(event) == amqpSession_ && opened_ && !closing_)
-            restartSession();
+            sessionEnded();
         break;
-    case PN_LINK_REMOTE_CLOSE: linkClosed(pn_event_link(event)); break;
+    case PN_LINK_REMOTE_CLOSE:
+        linkClosed(pn_event_link(event), remoteReason(pn_link_remote_condition(pn_event_link(event))));
+        break;
     case PN_LINK_FLOW:
         for (auto &[address, sender] : senders_)
             if (sender.link == pn_event_link(event))
@@ -195,8 +205,13 @@ void Connection::startAttempt()
     pn_sasl_allowed_mechs(sasl, b.userName.empty() ? "ANONYMOUS" : "PLAIN");
     pn_sasl_set_allow_insecure_mechs(sasl, true);
     std::string tlsProblem;
-    if (b.ssl && !useTls(transport, b, host.name, tlsProblem))
-        attemptTimeout_ = tlsProblem; /* reported when the refused transport closes */
+    if (b.ssl && !useTls(transport, b, host.name, tlsProblem)) {
+        pn_transport_free(transport);
+        pn_connection_free(connection_);
+        connection_ = nullptr;
+        attemptFailed(tlsProblem, VELCLIENT_SUBCODE_COMMUNICATION_ERROR);
+        return;
+    }
     {
         std::lock_guard lock(mutex_);
         live_ = connection_;
@@ -205,8 +220,6 @@ void Connection::startAttempt()
     pn_proactor_addr(address, sizeof address, host.name.c_str(), port.c_str());
     pn_proactor_set_timeout(proactor_, static_cast<pn_millis_t>(b.connectTimeoutMs));
     pn_proactor_connect2(proactor_, connection_, transport, address);
-    if (!attemptTimeout_.empty())
-        pn_proactor_disconnect(proactor_, nullptr);
 }
 
 void Connection::timedOut()
@@ -355,8 +368,23 @@ void Connection::beginClose()
     pn_proactor_set_timeout(proactor_, kCloseGraceMs);
 }
 
-/* The broker ended the AMQP session (it does so when it refuses an attach):
- * a new one carries the subscriptions and the messages not yet acknowledged. */
+/* The broker ended the AMQP session. Some brokers do so when they refuse an
+ * attach: the first link it never answered is the refused one, reported and
+ * dropped, and a new session carries the other subscriptions and the messages
+ * not yet acknowledged. Without such a link the connection starts over. */
+void Connection::sessionEnded()
+{
+    std::string reason = remoteReason(pn_session_remote_condition(amqpSession_));
+    for (pn_link_t *link = pn_link_head(connection_, 0); link != nullptr; link = pn_link_next(link, 0))
+        if (pn_link_session(link) == amqpSession_ && (pn_link_state(link) & PN_REMOTE_UNINIT)) {
+            linkClosed(link, reason);
+            restartSession();
+            return;
+        }
+    attemptTimeout_ = "session ended by the broker: " + reason;
+    pn_connection_close(connection_);
+}
+
 void Connection::restartSession()
 {
     pn_session_close(amqpSession_);

@@ -101,6 +101,7 @@ private:
     void connectionLost(const std::string &reason);
     void goDown(const std::string &reason);
     void beginClose();
+    void sessionEnded();
     void restartSession();
     void openLinks();
     void runCommands();
@@ -112,7 +113,7 @@ private:
     void received(pn_delivery_t *delivery);
     void deliverMessage(pn_delivery_t *delivery, const char *bytes, std::size_t size, const Subscription &from);
     void settled(pn_delivery_t *delivery);
-    void linkClosed(pn_link_t *link);
+    void linkClosed(pn_link_t *link, const std::string &reason);
     void refuseMessagesTo(const std::string &address, const std::string &info);
     void acknowledged(std::size_t count);
     void emit(velClient_session_event_t event, const char *info, void *correlation_p, std::int32_t responseCode = 0);

@@ -388,12 +388,8 @@ void Connection::deliverMessage(pn_delivery_t *delivery, const char *bytes, std:
 
 /* The broker closed a link: a refused subscription is reported and dropped;
  * the messages for a refused target are reported refused. */
-void Connection::linkClosed(pn_link_t *link)
+void Connection::linkClosed(pn_link_t *link, const std::string &reason)
 {
-    pn_condition_t *condition = pn_link_remote_condition(link);
-    std::string reason = condition != nullptr && pn_condition_is_set(condition) && pn_condition_get_description(condition)
-                             ? pn_condition_get_description(condition)
-                             : "closed by the broker";
     auto found = receivers_.find(link);
     if (found != receivers_.end()) {
         std::string info = found->second.address + ": " + reason;

@@ -23,6 +23,11 @@ namespace veltest::broker {
 
 /* The port of the running broker. */
 int port();
+/* The broker's TLS listener, whose certificate names 127.0.0.1 and localhost,
+ * and the files of the run's certificates: "ca.pem" signed it, "other-ca.pem"
+ * signed nothing. */
+int tlsPort();
+std::string tlsFile(const char *name);
 /* "127.0.0.1:port" of the running broker. */
 std::string host();
 /* A port of 127.0.0.1 on which nothing listens. */

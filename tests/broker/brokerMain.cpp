@@ -17,6 +17,8 @@ namespace veltest::broker {
 namespace {
 
 int port_s = 0;
+int tlsPort_s = 0;
+std::string tlsDir_s;
 
 /* Runs command and returns its standard output; status gets its exit status. */
 std::string run(const std::string &command, int &status)
@@ -46,12 +48,18 @@ public:
         ASSERT_NE(nullptr, mkdtemp(dir)) << "no temporary directory";
         dir_ = dir;
         int status = 0;
-        std::string out = run("bash " VELCLIENT_SOURCE_DIR "/scripts/broker.sh start " + dir_, status);
+        std::string out =
+            run("VELCLIENT_BROKER_TLS=1 bash " VELCLIENT_SOURCE_DIR "/scripts/broker.sh start " + dir_, status);
         ASSERT_EQ(0, status) << "the broker did not start (is rabbitmq-server installed? set "
                                 "VELCLIENT_SKIP_BROKER_TESTS=1 to skip these tests): "
                              << out;
         port_s = std::atoi(out.c_str());
         ASSERT_GT(port_s, 0) << out;
+        tlsDir_s = dir_ + "/tls";
+        FILE *f = std::fopen((dir_ + "/tls_port").c_str(), "r");
+        ASSERT_NE(nullptr, f) << "no TLS listener";
+        ASSERT_EQ(1, std::fscanf(f, "%d", &tlsPort_s));
+        std::fclose(f);
     }
     void TearDown() override
     {
@@ -73,6 +81,16 @@ std::atomic<int> uniqueCounter_s{0};
 int port()
 {
     return port_s;
+}
+
+int tlsPort()
+{
+    return tlsPort_s;
+}
+
+std::string tlsFile(const char *name)
+{
+    return tlsDir_s + "/" + name;
 }
 
 std::string host()

@@ -320,3 +320,70 @@ TEST(BrokerThreads, SendsFromThreadsAndFromInsideTheCallbacks)
     EXPECT_EQ(static_cast<std::size_t>(kThreads * kEach), seen.size());
     EXPECT_TRUE(echo.waitEvents(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, kThreads * kEach));
 }
+
+TEST(BrokerTls, TheTrustStoreDecides)
+{
+    std::string tlsHost = "127.0.0.1:" + std::to_string(tlsPort());
+    std::string localhost = "localhost:" + std::to_string(tlsPort());
+    struct Row {
+        std::vector<std::string> props;
+        velClient_returnCode_t rc;
+    };
+    const Row rows[] = {
+        {{"SESSION_HOST", tlsHost, "SESSION_SSL_TRUST_STORE", tlsFile("ca.pem")}, VELCLIENT_OK},
+        {{"SESSION_HOST", localhost, "SESSION_SSL_TRUST_STORE", tlsFile("ca.pem")}, VELCLIENT_OK},
+        {{"SESSION_HOST", tlsHost, "SESSION_SSL_TRUST_STORE", tlsFile("other-ca.pem")}, VELCLIENT_FAIL},
+        {{"SESSION_HOST", tlsHost, "SESSION_SSL_TRUST_STORE", tlsFile("missing.pem")}, VELCLIENT_FAIL},
+        {{"SESSION_HOST", tlsHost, "SESSION_SSL_TRUST_STORE", tlsFile("other-ca.pem"),
+          "SESSION_SSL_VALIDATE_CERTIFICATE", "0"},
+         VELCLIENT_OK},
+    };
+    for (const Row &row : rows) {
+        std::vector<std::string> props = row.props;
+        props.insert(props.end(), {"SESSION_SSL", "1", "SESSION_CONNECT_TIMEOUT_MS", "5000"});
+        Client c(props);
+        velClient_resetLastErrorInfo();
+        velClient_returnCode_t rc = velClient_session_connect(c.session());
+        EXPECT_EQ(row.rc, rc) << row.props[1] << " " << row.props[3] << ": " << lastText();
+        if (rc == VELCLIENT_FAIL) {
+            EXPECT_EQ(VELCLIENT_SUBCODE_COMMUNICATION_ERROR, velClient_getLastErrorInfo()->subCode);
+            EXPECT_NE(std::string::npos, lastText().find(row.props[1])) << lastText();
+            continue;
+        }
+        /* Messages go round over TLS. */
+        std::string topic = unique("tls/t");
+        c.subscribeAndSync(topic);
+        velClient_opaqueMsg_pt m = makeMessage(topic, false, VELCLIENT_DELIVERY_MODE_PERSISTENT, "secret");
+        EXPECT_EQ(VELCLIENT_OK, velClient_session_sendMsg(c.session(), m));
+        velClient_msg_free(&m);
+        ASSERT_TRUE(c.waitMessages(1));
+        std::vector<velClient_opaqueMsg_pt> got = c.messages();
+        EXPECT_EQ("secret", attachmentOf(got[0]));
+        freeAll(got);
+    }
+}
+
+TEST(BrokerSubscriptions, ARefusedSubscriptionIsReportedAndTrafficGoesOn)
+{
+    /* A prefix naming an exchange that does not exist makes every topic address a bad one. */
+    Client bad({"SESSION_AMQP_TOPIC_PREFIX", "/exchange/velclient-missing/"});
+    ASSERT_EQ(VELCLIENT_OK, velClient_session_connect(bad.session())) << lastText();
+    std::string queue = unique("after-refusal-q");
+    ASSERT_EQ(VELCLIENT_OK, velClient_session_queueSubscribe(bad.session(), queue.c_str()));
+    ASSERT_EQ(VELCLIENT_OK, velClient_session_topicSubscribe(bad.session(), "some/topic"));
+    /* The inbox subscription is refused as well. */
+    ASSERT_TRUE(bad.waitEvents(VELCLIENT_SESSION_EVENT_SUBSCRIPTION_ERROR, 2));
+    bool named = false;
+    for (const Event &e : bad.events())
+        named |= e.event == VELCLIENT_SESSION_EVENT_SUBSCRIPTION_ERROR &&
+                 e.info.find("/exchange/velclient-missing/some.topic") == 0;
+    EXPECT_TRUE(named);
+    /* The queue subscription goes on receiving. */
+    velClient_opaqueMsg_pt m = makeMessage(queue, true, VELCLIENT_DELIVERY_MODE_PERSISTENT, "still");
+    ASSERT_EQ(VELCLIENT_OK, velClient_session_sendMsg(bad.session(), m));
+    velClient_msg_free(&m);
+    ASSERT_TRUE(bad.waitMessages(1));
+    std::vector<velClient_opaqueMsg_pt> got = bad.messages();
+    EXPECT_EQ("still", attachmentOf(got[0]));
+    freeAll(got);
+}
