@@ -352,8 +352,8 @@ void Connection::deliverMessage(pn_delivery_t *delivery, const char *bytes, std:
 {
     _velClient_msg *msg = nullptr;
     if (decode(bytes, size, session_->broker.addressing, session_, &msg) != VELCLIENT_OK) {
-        VEL_LOG(VELCLIENT_LOG_WARNING, "Rejected a message of %zu bytes that does not convert: %s", size,
-                velClient_getLastErrorInfo()->errorStr);
+        /* decode has logged why. */
+        VEL_LOG(VELCLIENT_LOG_WARNING, "Rejected a received message of %zu bytes that does not convert", size);
         settle(delivery, PN_REJECTED);
         return;
     }
