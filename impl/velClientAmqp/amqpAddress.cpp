@@ -13,11 +13,11 @@
  *
  * (<*> stands for a level that is exactly one star.)
  *
- * A level is percent-encoded (every byte as %XX, upper-case hex) when it
- * holds '%' or a byte of the separator, or when it is exactly one of the two
- * wildcard texts and is not standing for a wildcard: so a published address
- * never carries a bare wildcard word, and every topic maps to one address
- * and back. In a subscription a level that is exactly "*" becomes the
+ * In a level, '%' and every byte of the separator are percent-encoded (%XX,
+ * upper-case hex); a level that is exactly one of the two wildcard texts and
+ * does not stand for a wildcard has all its bytes encoded. So a published
+ * address never carries a bare wildcard word, and every topic maps to one
+ * address and back. In a subscription a level that is exactly "*" becomes the
  * one-level wildcard, and a last level that is exactly ">" the many-level one.
  */
 #include "velClientAmqp/amqpCodec.h"
@@ -28,19 +28,21 @@ using vel::amqp::Addressing;
 
 constexpr char kHex[] = "0123456789ABCDEF";
 
-bool needsEncoding(const Addressing &rules, std::string_view level)
+bool isSpecial(const Addressing &rules, char ch)
 {
-    if (level == rules.wildcardOne || level == rules.wildcardMore)
-        return true;
-    for (char ch : level)
-        if (ch == '%' || rules.levelSeparator.find(ch) != std::string::npos)
-            return true;
-    return false;
+    return ch == '%' || rules.levelSeparator.find(ch) != std::string::npos;
 }
 
-void appendEncoded(std::string &out, std::string_view level)
+/* A level that is a wildcard's text has every byte encoded; any other level
+ * only its '%' and separator bytes. */
+void appendEncoded(const Addressing &rules, std::string &out, std::string_view level)
 {
+    const bool all = level == rules.wildcardOne || level == rules.wildcardMore;
     for (char ch : level) {
+        if (!all && !isSpecial(rules, ch)) {
+            out.push_back(ch);
+            continue;
+        }
         auto byte = static_cast<unsigned char>(ch);
         out.push_back('%');
         out.push_back(kHex[byte >> 4]);
@@ -55,10 +57,8 @@ void appendLevel(const Addressing &rules, std::string &out, std::string_view lev
         out.append(rules.wildcardOne);
     else if (subscription && last && level == ">")
         out.append(rules.wildcardMore);
-    else if (needsEncoding(rules, level))
-        appendEncoded(out, level);
     else
-        out.append(level);
+        appendEncoded(rules, out, level);
 }
 
 int hexValue(char ch)

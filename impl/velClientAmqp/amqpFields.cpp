@@ -150,9 +150,12 @@ void appendVariable(std::vector<std::uint8_t> &out, std::uint8_t typeBase, const
 
 } // namespace
 
-void vel::amqp::appendStringField(std::vector<std::uint8_t> &out, const char *text, std::size_t n)
+void vel::amqp::appendAttachmentString(std::vector<std::uint8_t> &out, const char *text, std::size_t n)
 {
-    appendVariable(out, vel::tlv::kTypeString, text, n, true);
+    out.push_back(kAttachmentStringType);
+    appendBE(out, n + 6, 4);
+    out.insert(out.end(), text, text + n);
+    out.push_back(0);
 }
 
 namespace {

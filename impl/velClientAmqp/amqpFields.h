@@ -86,8 +86,12 @@ bool putFields(pn_data_t *data, const std::uint8_t *p, const std::uint8_t *end, 
  * not a string or symbol, a too deep nesting). */
 bool writeContainer(pn_data_t *data, bool keyed, int depth, std::vector<std::uint8_t> &out);
 
-/* Appends one string field holding n bytes of text and a NUL. */
-void appendStringField(std::vector<std::uint8_t> &out, const char *text, std::size_t n);
+/* The type byte of a text attachment: a string with a 4-byte length. */
+inline constexpr std::uint8_t kAttachmentStringType = vel::tlv::kTypeString | 0x03;
+
+/* Appends a text attachment: kAttachmentStringType, the 4-byte length, the
+ * n bytes of text and a NUL. */
+void appendAttachmentString(std::vector<std::uint8_t> &out, const char *text, std::size_t n);
 
 /* true when [p, end) is a well-formed map (keyed) or stream body, with every
  * nested container well formed too, no deeper than depth. */

@@ -92,17 +92,31 @@ struct Encoder {
     pn_message_t *out;
 };
 
+/* The address of a destination; empty for a kind byte that names no known
+ * type (a received header map may hold any). */
 std::string addressOf(const vel::amqp::Addressing &rules, const velClient_destination_t &dest)
 {
-    bool queue = dest.destType == VELCLIENT_QUEUE_DESTINATION || dest.destType == VELCLIENT_QUEUE_TEMP_DESTINATION;
-    return queue ? vel::amqp::queueAddress(rules, dest.dest) : vel::amqp::topicAddress(rules, dest.dest, false);
+    switch (vel::enumValue(dest.destType)) {
+    case VELCLIENT_TOPIC_DESTINATION:
+    case VELCLIENT_TOPIC_TEMP_DESTINATION: return vel::amqp::topicAddress(rules, dest.dest, false);
+    case VELCLIENT_QUEUE_DESTINATION:
+    case VELCLIENT_QUEUE_TEMP_DESTINATION: return vel::amqp::queueAddress(rules, dest.dest);
+    default: return {};
+    }
+}
+
+/* Sets an address property unless the address is empty. */
+void setAddress(pn_message_t *out, int (*set)(pn_message_t *, const char *), const std::string &address)
+{
+    if (!address.empty())
+        set(out, address.c_str());
 }
 
 void writeDestination(Encoder &e, Annotations &notes)
 {
     velClient_destination_t dest{};
     if (vel::msg::destination(e.msg, &dest) == VELCLIENT_OK && dest.dest != nullptr)
-        pn_message_set_address(e.out, addressOf(e.rules, dest).c_str());
+        setAddress(e.out, pn_message_set_address, addressOf(e.rules, dest));
     notes.text(vel::amqp::kKeyTopic, partOf(e.msg, VELCLIENT_BUFINFO_TOPIC_PART));
     notes.text(vel::amqp::kKeyDestPrefix, partOf(e.msg, _VELCLIENT_BUFINFO_DEST_PREFIX_PART));
 }
@@ -156,7 +170,7 @@ void writeProperties(Encoder &e)
         pn_message_set_expiry_time(e.out, ms);
     velClient_destination_t replyTo{};
     if (vel::msg::replyTo(e.msg, &replyTo) == VELCLIENT_OK && replyTo.dest != nullptr)
-        pn_message_set_reply_to(e.out, addressOf(e.rules, replyTo).c_str());
+        setAddress(e.out, pn_message_set_reply_to, addressOf(e.rules, replyTo));
 }
 
 /* The header map whole, and the two of its fields only annotations can carry. */
@@ -189,13 +203,13 @@ void writeUserProperties(Encoder &e, Annotations &notes)
     pn_data_put_binary(notes.key(vel::amqp::kKeyUserProperties), bytesOf(entries));
 }
 
-/* true when the attachment is one string field in the writer's own form. */
+/* true when the attachment is one string element as the attachment-string
+ * setter writes it: 0x1F, a 4-byte length, the text and its only NUL. */
 bool isPlainString(const _velClient_msg *msg, Bytes b, const char **text)
 {
     if (vel::msg::attachmentString(const_cast<_velClient_msg *>(msg), text) != VELCLIENT_OK || *text == nullptr)
         return false;
-    const std::uint64_t valueLength = std::strlen(*text) + 1;
-    return vel::tlv::varFieldSize(valueLength) == b.n && b.p[0] == (vel::tlv::kTypeString | (b.n - valueLength - 2));
+    return b.p[0] == vel::amqp::kAttachmentStringType && std::strlen(*text) + 6 == b.n;
 }
 
 void writeBody(Encoder &e, Annotations &notes)
