@@ -3,6 +3,7 @@
  * wildcards and unsubscribing, queues with automatic and client
  * acknowledgement, the broker's outcome of guaranteed messages, and sends
  * from several threads and from inside the callbacks. */
+#include <cstring>
 #include <set>
 #include <thread>
 
@@ -385,5 +386,34 @@ TEST(BrokerSubscriptions, ARefusedSubscriptionIsReportedAndTrafficGoesOn)
     ASSERT_TRUE(bad.waitMessages(1));
     std::vector<velClient_opaqueMsg_pt> got = bad.messages();
     EXPECT_EQ("still", attachmentOf(got[0]));
+    freeAll(got);
+}
+
+TEST(BrokerInbox, AReplyToTheInboxReachesTheRequester)
+{
+    Client requester, responder;
+    ASSERT_EQ(VELCLIENT_OK, velClient_session_connect(requester.session())) << lastText();
+    ASSERT_EQ(VELCLIENT_OK, velClient_session_connect(responder.session())) << lastText();
+    std::string service = unique("service/t");
+    /* The responder answers to the reply-to of each request (probes have none), from inside its callback. */
+    responder.onMessage = [](velClient_opaqueSession_pt s, velClient_opaqueMsg_pt request) {
+        velClient_destination_t replyTo{};
+        if (velClient_msg_getReplyTo(request, &replyTo, sizeof replyTo) != VELCLIENT_OK)
+            return;
+        velClient_opaqueMsg_pt reply = makeMessage(replyTo.dest, false, VELCLIENT_DELIVERY_MODE_DIRECT, "answer");
+        EXPECT_EQ(VELCLIENT_OK, velClient_session_sendMsg(s, reply));
+        velClient_msg_free(&reply);
+    };
+    responder.subscribeAndSync(service);
+    velClient_opaqueMsg_pt request = makeMessage(service, false, VELCLIENT_DELIVERY_MODE_DIRECT, "question");
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setReplyToSuffix(request, requester.session(), "calls/1"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_session_sendMsg(requester.session(), request));
+    velClient_msg_free(&request);
+    ASSERT_TRUE(requester.waitMessages(1));
+    std::vector<velClient_opaqueMsg_pt> got = requester.messages();
+    EXPECT_EQ("answer", attachmentOf(got[0]));
+    velClient_destination_t d{};
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getDestination(got[0], &d, sizeof d));
+    EXPECT_EQ(0, std::strncmp(d.dest, "#P2P/v:127.0.0.1/", 17)) << d.dest;
     freeAll(got);
 }
