@@ -7,7 +7,11 @@
 #include <set>
 #include <thread>
 
+#include <proton/codec.h>
+#include <proton/message.h>
+
 #include "broker/brokerFixture.h"
+#include "broker/foreignSender.h"
 
 namespace {
 
@@ -416,4 +420,30 @@ TEST(BrokerInbox, AReplyToTheInboxReachesTheRequester)
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_getDestination(got[0], &d, sizeof d));
     EXPECT_EQ(0, std::strncmp(d.dest, "#P2P/v:127.0.0.1/", 17)) << d.dest;
     freeAll(got);
+}
+
+TEST(BrokerHostilePeers, AMessageThatDoesNotConvertIsRefusedAndTheSessionGoesOn)
+{
+    std::string queue = unique("hostile-q");
+    Client reader;
+    ASSERT_EQ(VELCLIENT_OK, velClient_session_connect(reader.session())) << lastText();
+    reader.subscribeAndSync(queue, true);
+    /* An amqp-value body holding an int: no message of this library has such a body. */
+    ASSERT_TRUE(sendForeign("/queue/" + queue, [](pn_message_t *m) {
+        pn_data_put_int(pn_message_body(m), 7);
+    }));
+    velClient_opaqueMsg_pt good = makeMessage(queue, true, VELCLIENT_DELIVERY_MODE_PERSISTENT, "good");
+    ASSERT_EQ(VELCLIENT_OK, velClient_session_sendMsg(reader.session(), good));
+    velClient_msg_free(&good);
+    ASSERT_TRUE(reader.waitMessages(1));
+    std::this_thread::sleep_for(300ms);
+    std::vector<velClient_opaqueMsg_pt> got = reader.messages();
+    ASSERT_EQ(1u, got.size());
+    EXPECT_EQ("good", attachmentOf(got[0]));
+    freeAll(got);
+    /* Rejected, not left on the queue: a new reader finds nothing. */
+    Client next;
+    ASSERT_EQ(VELCLIENT_OK, velClient_session_connect(next.session())) << lastText();
+    next.subscribeAndSync(queue, true);
+    EXPECT_FALSE(next.waitMessages(1, 500ms));
 }
