@@ -239,6 +239,8 @@ TEST(AmqpCodec, EveryPartPropertyAndFieldSurvivesEncodeAndDecode)
         EXPECT_EQ(expected, dumpOf(back.h));
         /* Sent again, the decoded message encodes to the same bytes. */
         EXPECT_EQ(encoded(received.h), encoded(back.h));
+        /* With VEL_WRITE_AMQP_CORPUS naming a folder, the encodings are written there
+         * (how the fuzz target's seeds in fuzz/corpus/amqp were made). */
         if (const char *dir = std::getenv("VEL_WRITE_AMQP_CORPUS")) {
             std::vector<char> bytes = encoded(received.h);
             std::ofstream(std::string(dir) + "/seed" + std::to_string(&c - kCases), std::ios::binary)
