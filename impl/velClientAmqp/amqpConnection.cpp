@@ -338,24 +338,30 @@ void Connection::connectionLost(const std::string &reason)
     pn_proactor_set_timeout(proactor_, static_cast<pn_millis_t>(session_->broker.reconnectRetryWaitMs));
 }
 
-/* Gives up: every guaranteed message not acknowledged is reported refused. */
+/* Gives up: every guaranteed message not acknowledged, sent or still queued,
+ * is reported refused, then DOWN_ERROR. */
 void Connection::goDown(const std::string &reason)
 {
+    std::deque<Command> queued;
     {
         std::lock_guard lock(mutex_);
         phase_ = Phase::down;
-        commands_.clear();
-        changed_.notify_all();
+        queued.swap(commands_);
     }
     finished_ = true;
-    std::string info = "given up on every host: " + reason;
-    emit(VELCLIENT_SESSION_EVENT_DOWN_ERROR, info.c_str(), nullptr);
-    std::size_t count = unsettled_.size();
+    std::vector<void *> refused;
     for (auto &[tag, message] : unsettled_)
-        emit(VELCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR, "session down", message.correlation_p);
+        refused.push_back(message.correlation_p);
+    for (const Command &command : queued)
+        if (command.kind == Command::Kind::send && !command.message.settled)
+            refused.push_back(command.message.correlation_p);
     unsettled_.clear();
     direct_.clear();
-    acknowledged(count);
+    acknowledged(refused.size());
+    for (void *correlation_p : refused)
+        emit(VELCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR, "session down", correlation_p);
+    std::string info = "given up on every host: " + reason;
+    emit(VELCLIENT_SESSION_EVENT_DOWN_ERROR, info.c_str(), nullptr);
 }
 
 void Connection::beginClose()
