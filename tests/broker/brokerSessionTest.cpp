@@ -88,6 +88,17 @@ void freeAll(std::vector<velClient_opaqueMsg_pt> messages)
         velClient_msg_free(&m);
 }
 
+/* Waits for exactly one message (nothing more within 300 ms) and checks its attachment. */
+void expectOneMessage(Client &c, const std::string &attachment)
+{
+    ASSERT_TRUE(c.waitMessages(1));
+    std::this_thread::sleep_for(300ms);
+    std::vector<velClient_opaqueMsg_pt> got = c.messages();
+    ASSERT_EQ(1u, got.size());
+    EXPECT_EQ(attachment, attachmentOf(got[0]));
+    freeAll(got);
+}
+
 } // namespace
 
 TEST(BrokerConnect, FailuresNameTheHostAndTheReason)
@@ -361,10 +372,7 @@ TEST(BrokerTls, TheTrustStoreDecides)
         velClient_opaqueMsg_pt m = makeMessage(topic, false, VELCLIENT_DELIVERY_MODE_PERSISTENT, "secret");
         EXPECT_EQ(VELCLIENT_OK, velClient_session_sendMsg(c.session(), m));
         velClient_msg_free(&m);
-        ASSERT_TRUE(c.waitMessages(1));
-        std::vector<velClient_opaqueMsg_pt> got = c.messages();
-        EXPECT_EQ("secret", attachmentOf(got[0]));
-        freeAll(got);
+        expectOneMessage(c, "secret");
     }
 }
 
@@ -387,10 +395,7 @@ TEST(BrokerSubscriptions, ARefusedSubscriptionIsReportedAndTrafficGoesOn)
     velClient_opaqueMsg_pt m = makeMessage(queue, true, VELCLIENT_DELIVERY_MODE_PERSISTENT, "still");
     ASSERT_EQ(VELCLIENT_OK, velClient_session_sendMsg(bad.session(), m));
     velClient_msg_free(&m);
-    ASSERT_TRUE(bad.waitMessages(1));
-    std::vector<velClient_opaqueMsg_pt> got = bad.messages();
-    EXPECT_EQ("still", attachmentOf(got[0]));
-    freeAll(got);
+    expectOneMessage(bad, "still");
 }
 
 TEST(BrokerInbox, AReplyToTheInboxReachesTheRequester)
@@ -435,12 +440,7 @@ TEST(BrokerHostilePeers, AMessageThatDoesNotConvertIsRefusedAndTheSessionGoesOn)
     velClient_opaqueMsg_pt good = makeMessage(queue, true, VELCLIENT_DELIVERY_MODE_PERSISTENT, "good");
     ASSERT_EQ(VELCLIENT_OK, velClient_session_sendMsg(reader.session(), good));
     velClient_msg_free(&good);
-    ASSERT_TRUE(reader.waitMessages(1));
-    std::this_thread::sleep_for(300ms);
-    std::vector<velClient_opaqueMsg_pt> got = reader.messages();
-    ASSERT_EQ(1u, got.size());
-    EXPECT_EQ("good", attachmentOf(got[0]));
-    freeAll(got);
+    expectOneMessage(reader, "good");
     /* Rejected, not left on the queue: a new reader finds nothing. */
     Client next;
     ASSERT_EQ(VELCLIENT_OK, velClient_session_connect(next.session())) << lastText();
