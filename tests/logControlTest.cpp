@@ -77,10 +77,11 @@ TEST(LogControl, CodeNames)
             << code;
     const char *subs[] = {"OK", "PARAM_OUT_OF_RANGE", "PARAM_NULL_PTR", "PARAM_CONFLICT", "INSUFFICIENT_SPACE",
                           "OUT_OF_RESOURCES", "INTERNAL_ERROR", "OUT_OF_MEMORY", "PROTOCOL_ERROR", "INIT_NOT_CALLED",
-                          "TIMEOUT", "KEEP_ALIVE_FAILURE", "SESSION_NOT_ESTABLISHED", "OS_ERROR", "COMMUNICATION_ERROR"};
-    for (int code = 0; code < 15; ++code)
+                          "TIMEOUT", "KEEP_ALIVE_FAILURE", "SESSION_NOT_ESTABLISHED", "OS_ERROR", "COMMUNICATION_ERROR",
+                          "LOGIN_FAILURE"};
+    for (int code = 0; code < 16; ++code)
         EXPECT_STREQ(subs[code], velClient_subCodeToString(static_cast<velClient_subCode_t>(code))) << code;
-    const std::pair<int, const char *> more[] = {{15, "Unknown"}, {40, "DBLOCK_ALREADY_EXISTS"}, {41, "NO_STRUCTURED_DATA"},
+    const std::pair<int, const char *> more[] = {{16, "Unknown"}, {40, "DBLOCK_ALREADY_EXISTS"}, {41, "NO_STRUCTURED_DATA"},
                                                  {42, "CONTAINER_BUSY"}, {43, "INVALID_DATA_CONVERSION"},
                                                  {84, "INVALID_VWF_MESSAGE"}, {85, "Unknown"}};
     for (auto [code, name] : more)

@@ -1,13 +1,20 @@
 /*
  * sessionPrivate.h - the session record: the channel messages are
  * sent on. It holds the client name, the point-to-point inbox topic base, the
- * send-time generation settings, the send counters, the transport and the
- * receive callback, and the mutex held around a send.
+ * send-time generation settings, the send counters, the transport, the broker
+ * settings and connection, the receive and event callbacks, and the mutex held
+ * around a send.
  */
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <memory>
 #include <mutex>
+#include <string>
+#include <vector>
+
+#include "velClientAmqp/amqpCodec.h"
 
 #include "velClientLog/checkedFormat.h"
 #include "velclient/velClient.h"
@@ -16,8 +23,49 @@ inline constexpr std::size_t kSessionMaxTopic = 250;
 
 enum class _velClient_transport : std::uint8_t {
     loopback, /* sent bytes are parsed back and delivered to this session's callback */
-    drop      /* sent bytes are built and dropped */
+    drop,     /* sent bytes are built and dropped */
+    amqp      /* a broker over AMQP 1.0 */
 };
+
+namespace vel::amqp {
+class Connection;
+}
+
+namespace vel::session {
+
+/* One entry of the broker host list; port 0 takes the default (5672, or 5671
+ * with TLS). */
+struct BrokerHost {
+    std::string name;
+    std::uint16_t port = 0;
+};
+
+/* What a broker session reads from its properties. */
+struct BrokerSettings {
+    std::vector<BrokerHost> hosts{BrokerHost{"127.0.0.1", 0}};
+    std::string userName; /* empty: SASL ANONYMOUS */
+    std::string password;
+    bool ssl = false;
+    std::string trustStore;
+    bool validateCertificate = true;
+    std::int64_t connectTimeoutMs = 10000;
+    std::int64_t reconnectRetries = 20; /* -1: forever */
+    std::int64_t reconnectRetryWaitMs = 3000;
+    std::int64_t keepaliveMs = 30000;
+    bool sendBlocking = true;
+    std::int64_t sendTimeoutMs = 10000;
+    std::uint32_t pubWindowSize = 255;
+    bool clientAck = false; /* SESSION_RECEIVE_ACK_MODE client */
+    vel::amqp::Addressing addressing;
+};
+
+/* The event callback and its argument, replaced together. */
+struct EventSink {
+    velClient_session_eventCallbackFunc_t callback_p = nullptr;
+    void *user_p = nullptr;
+};
+
+} // namespace vel::session
 
 struct _velClient_session {
     velClient_opaqueSession_pt opaqueSession_p;
@@ -33,6 +81,15 @@ struct _velClient_session {
     std::uint64_t lastMsgIdSent; /* one per persistent or non-persistent message sent */
     velClient_session_rxMsgCallbackFunc_t rxMsgCallback_p;
     void *user_p;
+    vel::session::BrokerSettings broker;
+    /* The broker connection and its I/O thread while connected, replaced
+     * under connectionMutex (held only to copy or swap it); connect and
+     * disconnect run one at a time under connectMutex. */
+    std::shared_ptr<vel::amqp::Connection> connection;
+    std::mutex connectionMutex;
+    std::mutex connectMutex;
+    std::mutex eventMutex; /* guards events */
+    vel::session::EventSink events;
     /* Held around the send path; recursive because a receive callback may
      * send again on the same session. */
     std::recursive_mutex mutex;
@@ -40,11 +97,26 @@ struct _velClient_session {
 
 namespace vel {
 
+/* Reads props into a new session record (defaults for what they leave out);
+ * VELCLIENT_FAIL with PARAM_OUT_OF_RANGE and the property named. */
+velClient_returnCode_t configureSession(_velClient_session &s, const char *const *props);
+
 /* The session behind handle, or nullptr after recording badHandleFormat
  * (whose optional %p receives the handle) as PARAM_NULL_PTR, warning. */
 _velClient_session *sessionOrFail(velClient_opaqueSession_pt handle, HandleFormat badHandleFormat);
 
 } // namespace vel
+
+namespace vel::session {
+
+/* True on the I/O thread of the session's connection (inside its callbacks). */
+bool onOwnIoThread(_velClient_session *s);
+/* The session's connection, shared for the length of a call; null when not connected. */
+std::shared_ptr<vel::amqp::Connection> connectionOf(_velClient_session *s);
+/* Closes the session's connection, if any (see velClient_session_disconnect). */
+void disconnect(_velClient_session *s);
+
+} // namespace vel::session
 
 struct _velClient_msg;
 struct velClient_bufInfo;

@@ -2,10 +2,15 @@
  * sessionSend.cpp - a session's send path and its transports: "loopback"
  * builds the wire bytes, parses them back as received bytes and delivers the
  * message to the session's own receive callback; "null" builds the bytes and
- * drops them. Also the session that encodes and decodes outside any
- * connection.
+ * drops them; "amqp" encodes the message as AMQP 1.0 on the sending thread and
+ * hands it to the broker connection. Also the session that encodes and
+ * decodes outside any connection.
  */
 #include <cstring>
+
+#include "velClientAmqp/amqpConnection.h"
+#include "velClientLog/logPrivate.h"
+#include "velClientMsg/message/recordApi.h"
 
 #include "velClientMsg/container/tlvCodec.h"
 #include "velClientSession/sessionPrivate.h"
@@ -44,6 +49,35 @@ velClient_returnCode_t loopBack(_velClient_session *s, const _velClient_vwfChunk
     return rc;
 }
 
+/* Encodes msg for its topic or queue and hands it to the connection; the
+ * caller holds the session mutex once (released while waiting for room in
+ * the publish window). */
+velClient_returnCode_t sendToBroker(_velClient_session *s, std::uint32_t flags, _velClient_msg *msg)
+{
+    std::shared_ptr<vel::amqp::Connection> connection = vel::session::connectionOf(s);
+    if (connection == nullptr)
+        return VEL_FAIL(VELCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED, VELCLIENT_LOG_WARNING,
+                        "Session not connected in velClient_session_sendMsg");
+    velClient_destination_t dest{};
+    if (vel::msg::destination(msg, &dest) != VELCLIENT_OK)
+        return VEL_FAIL_RANGE("Message has no destination in velClient_session_sendMsg");
+    bool queue = dest.destType == VELCLIENT_QUEUE_DESTINATION || dest.destType == VELCLIENT_QUEUE_TEMP_DESTINATION;
+    const vel::amqp::Addressing &rules = s->broker.addressing;
+    vel::amqp::Outgoing out;
+    out.address = queue ? vel::amqp::queueAddress(rules, dest.dest) : vel::amqp::topicAddress(rules, dest.dest, false);
+    out.settled = (flags & _VELCLIENT_RX_FLAG_DELIVERY_MODE_MASK) == 0;
+    out.toQueue = queue;
+    out.correlation_p = msg->bufInfo_a[VELCLIENT_BUFINFO_CORRELATION_TAG_PART].buf_p;
+    if (vel::amqp::encode(msg, rules, out.bytes) != VELCLIENT_OK)
+        return VELCLIENT_FAIL;
+    std::unique_lock<std::recursive_mutex> sessionLock(s->mutex, std::adopt_lock);
+    velClient_returnCode_t rc = connection->send(std::move(out), sessionLock);
+    sessionLock.release(); /* the caller's guard unlocks it */
+    if (rc == VELCLIENT_OK && (flags & _VELCLIENT_RX_FLAG_DELIVERY_MODE_MASK) != 0)
+        ++s->lastMsgIdSent;
+    return rc;
+}
+
 } // namespace
 
 velClient_returnCode_t _velClient_session_fastSend(_velClient_session *s, const velClient_bufInfo *parts,
@@ -52,6 +86,8 @@ velClient_returnCode_t _velClient_session_fastSend(_velClient_session *s, const 
 {
     if (seqNumPtr != nullptr)
         vel::tlv::putBE(reinterpret_cast<std::uint8_t *>(seqNumPtr), s->sendSeqNum++, 8);
+    if (s->transport == _velClient_transport::amqp)
+        return sendToBroker(s, flags, msg);
     std::uint64_t msgId = 0;
     if (flags & _VELCLIENT_RX_FLAG_DELIVERY_MODE_MASK)
         msgId = ++s->lastMsgIdSent;

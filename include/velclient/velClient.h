@@ -83,6 +83,7 @@ typedef enum velClient_subCode {
     VELCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED = 12,
     VELCLIENT_SUBCODE_OS_ERROR = 13,
     VELCLIENT_SUBCODE_COMMUNICATION_ERROR = 14,
+    VELCLIENT_SUBCODE_LOGIN_FAILURE = 15,
     VELCLIENT_SUBCODE_DBLOCK_ALREADY_EXISTS = 40,
     VELCLIENT_SUBCODE_NO_STRUCTURED_DATA = 41,
     VELCLIENT_SUBCODE_CONTAINER_BUSY = 42,
@@ -185,16 +186,89 @@ typedef velClient_rxMsgCallback_returnCode_t (*velClient_session_rxMsgCallbackFu
 
 /* Creates a session into *session_p (NULL on failure) delivering to rxMsgCallback_p (may be NULL).
  * props: NULL or NULL-terminated name/value pairs: SESSION_CLIENT_NAME, SESSION_P2P_TOPIC_BASE (at most
- * 250 characters), SESSION_TRANSPORT ("loopback", the default, or "null"), and "1" or "0" (default "0")
- * for SESSION_GENERATE_SEND_TIMESTAMPS, SESSION_GENERATE_SENDER_ID, SESSION_GENERATE_SEQUENCE_NUMBER and
- * SESSION_CALCULATE_MESSAGE_EXPIRATION. Bad names, values: PARAM_OUT_OF_RANGE; NULL session_p: PARAM_NULL_PTR. */
+ * 250 characters), SESSION_TRANSPORT ("loopback", the default, "null" or "amqp"), and "1" or "0" (default
+ * "0") for SESSION_GENERATE_SEND_TIMESTAMPS, SESSION_GENERATE_SENDER_ID, SESSION_GENERATE_SEQUENCE_NUMBER
+ * and SESSION_CALCULATE_MESSAGE_EXPIRATION. A broker session ("amqp") also reads SESSION_HOST (comma-separated
+ * host[:port] list, default "127.0.0.1", port 5672 or 5671 with TLS), SESSION_USERNAME and SESSION_PASSWORD
+ * (SASL PLAIN when a user name is given, else ANONYMOUS), SESSION_SSL ("0"), SESSION_SSL_TRUST_STORE,
+ * SESSION_SSL_VALIDATE_CERTIFICATE ("1"), SESSION_CONNECT_TIMEOUT_MS (10000), SESSION_RECONNECT_RETRIES (20;
+ * -1 forever), SESSION_RECONNECT_RETRY_WAIT_MS (3000), SESSION_KEEPALIVE_MS (30000), SESSION_SEND_BLOCKING
+ * ("1"), SESSION_SEND_TIMEOUT_MS (10000), SESSION_PUB_WINDOW_SIZE (255, 1 to 255), SESSION_RECEIVE_ACK_MODE
+ * ("auto" or "client"), SESSION_AMQP_TOPIC_PREFIX ("/topic/"), SESSION_AMQP_QUEUE_PREFIX ("/queue/"),
+ * SESSION_AMQP_LEVEL_SEPARATOR ("."), SESSION_AMQP_WILDCARD_ONE ("*") and SESSION_AMQP_WILDCARD_MORE ("#");
+ * every session accepts them all. The inbox topic base of a broker session defaults to "#P2P/v:", the first
+ * broker host's name, "/" and the client name. Bad names, values: PARAM_OUT_OF_RANGE; NULL session_p:
+ * PARAM_NULL_PTR. */
 VELCLIENT_API velClient_returnCode_t velClient_session_create(const char *const *props,
                                                               velClient_session_rxMsgCallbackFunc_t rxMsgCallback_p,
                                                               void *user_p, velClient_opaqueSession_pt *session_p);
-/* Destroys the session behind *session_p and sets *session_p to NULL. Messages belong to no session
- * and stay valid; the session must not be in use on another thread. NULL session_p or a handle that
- * does not resolve: PARAM_NULL_PTR. */
+/* Destroys the session behind *session_p (disconnecting it first) and sets *session_p to NULL. Messages
+ * belong to no session and stay valid; the session must not be in use on another thread. NULL session_p or
+ * a handle that does not resolve: PARAM_NULL_PTR; from inside a receive or event callback of the same
+ * session: PARAM_CONFLICT. */
 VELCLIENT_API velClient_returnCode_t velClient_session_destroy(velClient_opaqueSession_pt *session_p);
+
+typedef enum velClient_session_event {
+    VELCLIENT_SESSION_EVENT_UP_NOTICE = 0,
+    VELCLIENT_SESSION_EVENT_DOWN_ERROR = 1,          /* given up on every host */
+    VELCLIENT_SESSION_EVENT_RECONNECTING_NOTICE = 2,
+    VELCLIENT_SESSION_EVENT_RECONNECTED_NOTICE = 3,
+    VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT = 4,     /* the broker accepted a guaranteed message */
+    VELCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR = 5,  /* the broker refused one */
+    VELCLIENT_SESSION_EVENT_CAN_SEND = 6,            /* room again after VELCLIENT_WOULD_BLOCK */
+    VELCLIENT_SESSION_EVENT_SUBSCRIPTION_ERROR = 7   /* the broker refused a subscription */
+} velClient_session_event_t;
+
+typedef struct velClient_session_eventCallbackInfo {
+    velClient_session_event_t event;
+    velClient_int32_t responseCode; /* the broker's, or 0 */
+    const char *info_p;             /* a readable reason; valid during the call only */
+    void *correlation_p;            /* the correlation tag of the message concerned, or NULL */
+} velClient_session_eventCallbackInfo_t, *velClient_session_eventCallbackInfo_pt;
+
+/* Receives the session's events on its I/O thread (see velClient_session_connect). */
+typedef void (*velClient_session_eventCallbackFunc_t)(velClient_opaqueSession_pt session_p,
+                                                      velClient_session_eventCallbackInfo_pt info_p, void *user_p);
+
+/* Connects a broker session: blocks until it is up (VELCLIENT_OK) or has failed on every host within the
+ * connect timeout (VELCLIENT_FAIL with COMMUNICATION_ERROR or TIMEOUT and a text that names the host and the
+ * reason; a refused login gives LOGIN_FAILURE). A connected broker session runs one I/O thread of its own,
+ * on which its receive and event callbacks run; every call may be made from any thread and from inside those
+ * callbacks, except connect, disconnect and destroy of the same session (PARAM_CONFLICT). Once up, the
+ * session subscribes to its inbox topic base followed by "/>". Loopback and null sessions are up at once.
+ * Connecting a connected session is VELCLIENT_OK. */
+VELCLIENT_API velClient_returnCode_t velClient_session_connect(velClient_opaqueSession_pt session);
+/* Waits (bounded by the send timeout) until every guaranteed message sent is acknowledged, then closes the
+ * connection and ends the I/O thread. A session that is not connected: VELCLIENT_OK. */
+VELCLIENT_API velClient_returnCode_t velClient_session_disconnect(velClient_opaqueSession_pt session);
+/* Subscribes to a topic: levels separated by '/', where a level that is exactly "*" matches any one level
+ * and a last level that is exactly ">" one or more levels. Subscribing twice is not an error. A broker
+ * session that is not connected: SESSION_NOT_ESTABLISHED. A refusal by the broker arrives later as the
+ * event SUBSCRIPTION_ERROR. Loopback and null sessions check the topic and record nothing: a loopback
+ * session receives whatever it sends. An empty topic or one over 250 characters: PARAM_OUT_OF_RANGE. */
+VELCLIENT_API velClient_returnCode_t velClient_session_topicSubscribe(velClient_opaqueSession_pt session,
+                                                                      const char *topic);
+/* Ends a topic subscription; a topic not subscribed is VELCLIENT_OK. Arguments as topicSubscribe. */
+VELCLIENT_API velClient_returnCode_t velClient_session_topicUnsubscribe(velClient_opaqueSession_pt session,
+                                                                        const char *topic);
+/* Receives from a durable queue, which the broker creates if absent. Arguments as topicSubscribe. */
+VELCLIENT_API velClient_returnCode_t velClient_session_queueSubscribe(velClient_opaqueSession_pt session,
+                                                                      const char *queueName);
+/* Stops receiving from a queue; the queue and its messages stay on the broker. */
+VELCLIENT_API velClient_returnCode_t velClient_session_queueUnsubscribe(velClient_opaqueSession_pt session,
+                                                                        const char *queueName);
+/* Accepts the message received from a queue whose velClient_msg_getMsgId is msgId, when
+ * SESSION_RECEIVE_ACK_MODE is "client". An id not received, already acknowledged or from before a
+ * reconnect: PARAM_OUT_OF_RANGE. */
+VELCLIENT_API velClient_returnCode_t velClient_session_ack(velClient_opaqueSession_pt session,
+                                                           velClient_msgId_t msgId);
+/* Sets (or with NULL clears) the callback that receives the session's events, with user_p. */
+VELCLIENT_API velClient_returnCode_t velClient_session_setEventCallback(velClient_opaqueSession_pt session,
+                                                                        velClient_session_eventCallbackFunc_t cb,
+                                                                        void *user_p);
+/* The name of event without its prefix ("UP_NOTICE"), or "Unknown" for a value that is not an enumerator.
+ * The text is static; never NULL. */
+VELCLIENT_API const char *velClient_session_eventToString(velClient_session_event_t event);
 
 #ifdef __cplusplus
 }

@@ -1,0 +1,425 @@
+/*
+ * amqpLinks.cpp - what travels on a broker connection: the commands that
+ * application threads queue (sends, subscriptions, acknowledgements) and the
+ * I/O thread's side of them: a sender link per target address, a receiver link
+ * per subscription, deliveries out (pre-settled or awaiting the broker's
+ * outcome) and in (decoded, given their receive-side properties, handed to the
+ * receive callback and settled).
+ */
+#include <proton/codec.h>
+#include <proton/condition.h>
+#include <proton/connection.h>
+#include <proton/delivery.h>
+#include <proton/disposition.h>
+#include <proton/link.h>
+#include <proton/proactor.h>
+#include <proton/session.h>
+#include <proton/terminus.h>
+
+#include <chrono>
+#include <cstring>
+
+#include "velClientAmqp/amqpConnection.h"
+#include "velClientLog/logPrivate.h"
+#include "velClientMsg/message/recordApi.h"
+#include "velClientMsg/velClientMsgPrivate.h"
+#include "velClientSession/sessionPrivate.h"
+#include "velClientTime/clock.h"
+
+namespace vel::amqp {
+
+namespace {
+
+/* Credit a receiver link keeps granted; topped up when half is used. */
+constexpr int kReceiveCredit = 256;
+
+/* True when the message's header section counts an earlier delivery
+ * (delivery-count above 0, or first-acquirer false). */
+bool headerSaysRedelivered(const char *bytes, std::size_t size)
+{
+    pn_data_t *data = pn_data(0);
+    bool redelivered = false;
+    if (pn_data_decode(data, bytes, size) > 0 && (pn_data_rewind(data), pn_data_next(data)) &&
+        pn_data_is_described(data) && pn_data_enter(data) && pn_data_next(data) &&
+        pn_data_type(data) == PN_ULONG && pn_data_get_ulong(data) == 0x70 && pn_data_next(data) &&
+        pn_data_type(data) == PN_LIST && pn_data_enter(data)) {
+        for (int field = 0; field < 5 && pn_data_next(data); ++field) {
+            if (field == 3 && pn_data_type(data) == PN_BOOL && !pn_data_get_bool(data))
+                redelivered = true;
+            if (field == 4 && pn_data_type(data) == PN_UINT && pn_data_get_uint(data) > 0)
+                redelivered = true;
+        }
+    }
+    pn_data_free(data);
+    return redelivered;
+}
+
+/* Whether topic matches the subscription pattern: a level "*" matches any
+ * one level, a last level ">" one or more (brokers whose wildcard also
+ * matches no level at all deliver more; this keeps the library's meaning). */
+bool topicMatches(std::string_view pattern, std::string_view topic)
+{
+    while (true) {
+        std::size_t p = pattern.find('/'), t = topic.find('/');
+        std::string_view level = pattern.substr(0, p);
+        if (level == ">" && p == std::string_view::npos)
+            return true; /* topic still holds at least one level here */
+        if (level != "*" && level != topic.substr(0, t))
+            return false;
+        if (p == std::string_view::npos || t == std::string_view::npos)
+            return p == t;
+        pattern.remove_prefix(p + 1);
+        topic.remove_prefix(t + 1);
+    }
+}
+
+void freeReceived(_velClient_msg *msg)
+{
+    if (msg->opaqueMsg_p != nullptr)
+        _velClient_safePtr_free(msg->opaqueMsg_p);
+    _velClient_msg_free(msg);
+}
+
+void settle(pn_delivery_t *delivery, std::uint64_t outcome)
+{
+    pn_delivery_update(delivery, outcome);
+    pn_delivery_settle(delivery);
+}
+
+bool isDown(Phase phase)
+{
+    return phase == Phase::down || phase == Phase::closed;
+}
+
+} // namespace
+
+/* ---- Application threads ------------------------------------------------ */
+
+velClient_returnCode_t Connection::send(Outgoing &&message, std::unique_lock<std::recursive_mutex> &sessionLock)
+{
+    const session::BrokerSettings &b = session_->broker;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(b.sendTimeoutMs);
+    std::unique_lock lock(mutex_);
+    while (!message.settled && inWindow_ >= b.pubWindowSize && !isDown(phase_)) {
+        if (!b.sendBlocking || onIoThread()) {
+            canSendOwed_ = true;
+            return VELCLIENT_WOULD_BLOCK;
+        }
+        sessionLock.unlock();
+        bool room = changed_.wait_until(lock, deadline, [&] { return inWindow_ < b.pubWindowSize || isDown(phase_); });
+        lock.unlock();
+        sessionLock.lock();
+        lock.lock();
+        if (!room && inWindow_ >= b.pubWindowSize) {
+            lock.unlock();
+            return VEL_FAIL(VELCLIENT_SUBCODE_TIMEOUT, VELCLIENT_LOG_WARNING,
+                            "No room in the publish window within %lld ms in velClient_session_sendMsg",
+                            static_cast<long long>(b.sendTimeoutMs));
+        }
+    }
+    if (isDown(phase_)) {
+        lock.unlock();
+        return VEL_FAIL(VELCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED, VELCLIENT_LOG_WARNING,
+                        "Session not connected in velClient_session_sendMsg");
+    }
+    if (!message.settled)
+        ++inWindow_;
+    commands_.push_back({Command::Kind::send, std::move(message), {}, 0});
+    lock.unlock();
+    wake();
+    return VELCLIENT_OK;
+}
+
+velClient_returnCode_t Connection::subscribe(Subscription subscription, bool add, const char *call)
+{
+    std::unique_lock lock(mutex_);
+    if (isDown(phase_)) {
+        lock.unlock();
+        return VEL_FAIL(VELCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED, VELCLIENT_LOG_WARNING,
+                        "Session not connected in %s", call);
+    }
+    commands_.push_back({add ? Command::Kind::subscribe : Command::Kind::unsubscribe, {}, std::move(subscription), 0});
+    lock.unlock();
+    wake();
+    return VELCLIENT_OK;
+}
+
+velClient_returnCode_t Connection::ack(velClient_msgId_t msgId)
+{
+    std::unique_lock lock(mutex_);
+    if (awaitingAck_.erase(msgId) == 0) {
+        lock.unlock();
+        return VEL_FAIL_RANGE("No message with id %llu awaits acknowledgement in velClient_session_ack",
+                              static_cast<unsigned long long>(msgId));
+    }
+    commands_.push_back({Command::Kind::ack, {}, {}, msgId});
+    lock.unlock();
+    wake();
+    return VELCLIENT_OK;
+}
+
+/* ---- The I/O thread --------------------------------------------------------- */
+
+void Connection::runCommands()
+{
+    /* What was queued before a close still goes out first. */
+    if (opened_ && !closeBegun_)
+        runQueued();
+    if (closing_ && !closeBegun_) {
+        closeBegun_ = true;
+        beginClose();
+    }
+}
+
+void Connection::runQueued()
+{
+    std::deque<Command> batch;
+    {
+        std::lock_guard lock(mutex_);
+        batch.swap(commands_);
+    }
+    for (Command &command : batch) {
+        switch (command.kind) {
+        case Command::Kind::send: {
+            std::uint64_t tag = nextTag_++;
+            (command.message.settled ? direct_ : unsettled_)[tag] = std::move(command.message);
+            queueSend(tag);
+            break;
+        }
+        case Command::Kind::subscribe:
+        case Command::Kind::unsubscribe: {
+            bool add = command.kind == Command::Kind::subscribe;
+            if (add ? subscriptions_.insert(command.subscription).second : subscriptions_.erase(command.subscription))
+                subscribeNow(command.subscription, add);
+            break;
+        }
+        case Command::Kind::ack: {
+            auto found = clientAcks_.find(command.msgId);
+            if (found != clientAcks_.end()) {
+                settle(found->second, PN_ACCEPTED);
+                clientAcks_.erase(found);
+            }
+            break;
+        }
+        }
+    }
+}
+
+/* After a new connection or AMQP session: a receiver per subscription, and
+ * every message not yet acknowledged (or waiting) queued again in order. */
+void Connection::openLinks()
+{
+    for (const Subscription &subscription : subscriptions_)
+        subscribeNow(subscription, true);
+    std::map<std::uint64_t, bool> again;
+    for (auto &[tag, message] : unsettled_)
+        again[tag] = true;
+    for (auto &[tag, message] : direct_)
+        again[tag] = true;
+    for (auto &[tag, unused] : again)
+        queueSend(tag);
+}
+
+void Connection::queueSend(std::uint64_t tag)
+{
+    auto found = unsettled_.find(tag);
+    if (found == unsettled_.end())
+        found = direct_.find(tag);
+    SenderLink &sender = senders_[found->second.address];
+    if (sender.link == nullptr) {
+        std::string name = "send:" + found->second.address;
+        sender.link = pn_sender(amqpSession_, name.c_str());
+        pn_terminus_t *target = pn_link_target(sender.link);
+        pn_terminus_set_address(target, found->second.address.c_str());
+        if (found->second.toQueue)
+            pn_terminus_set_durability(target, PN_CONFIGURATION);
+        pn_link_open(sender.link);
+    }
+    sender.waiting.push_back(tag);
+    pump(sender);
+}
+
+/* Sends what the link's credit allows. */
+void Connection::pump(SenderLink &sender)
+{
+    while (pn_link_credit(sender.link) > 0 && !sender.waiting.empty()) {
+        std::uint64_t tag = sender.waiting.front();
+        sender.waiting.pop_front();
+        auto found = unsettled_.find(tag);
+        bool guaranteed = found != unsettled_.end();
+        if (!guaranteed && (found = direct_.find(tag)) == direct_.end())
+            continue;
+        pn_delivery_t *delivery = pn_delivery(sender.link, pn_dtag(reinterpret_cast<const char *>(&tag), sizeof tag));
+        pn_link_send(sender.link, found->second.bytes.data(), found->second.bytes.size());
+        pn_link_advance(sender.link);
+        if (!guaranteed) {
+            pn_delivery_settle(delivery);
+            direct_.erase(found);
+        }
+    }
+}
+
+void Connection::subscribeNow(const Subscription &subscription, bool add)
+{
+    if (add) {
+        std::string name = (subscription.queue ? "queue:" : "topic:") + subscription.address;
+        pn_link_t *link = pn_receiver(amqpSession_, name.c_str());
+        pn_terminus_t *source = pn_link_source(link);
+        pn_terminus_set_address(source, subscription.address.c_str());
+        if (subscription.queue)
+            pn_terminus_set_durability(source, PN_CONFIGURATION);
+        pn_link_open(link);
+        pn_link_flow(link, kReceiveCredit);
+        receivers_[link] = subscription;
+        return;
+    }
+    for (auto it = receivers_.begin(); it != receivers_.end(); ++it)
+        if (it->second == subscription) {
+            pn_link_close(it->first);
+            receivers_.erase(it);
+            return;
+        }
+}
+
+/* The broker's outcome of a guaranteed message. */
+void Connection::settled(pn_delivery_t *delivery)
+{
+    std::uint64_t remote = pn_delivery_remote_state(delivery);
+    if (!pn_delivery_updated(delivery) || remote == 0)
+        return;
+    pn_delivery_tag_t tag = pn_delivery_tag(delivery);
+    std::uint64_t key = 0;
+    if (tag.size == sizeof key)
+        std::memcpy(&key, tag.start, sizeof key);
+    auto found = unsettled_.find(key);
+    if (found == unsettled_.end()) {
+        pn_delivery_settle(delivery);
+        return;
+    }
+    void *correlation_p = found->second.correlation_p;
+    unsettled_.erase(found);
+    std::string info = remote == PN_ACCEPTED ? "accepted"
+                       : remote == PN_REJECTED ? "rejected"
+                       : remote == PN_RELEASED ? "released"
+                                               : "modified";
+    pn_condition_t *condition = pn_disposition_condition(pn_delivery_remote(delivery));
+    if (condition != nullptr && pn_condition_is_set(condition) && pn_condition_get_description(condition))
+        info.append(": ").append(pn_condition_get_description(condition));
+    pn_delivery_settle(delivery);
+    acknowledged(1);
+    emit(remote == PN_ACCEPTED ? VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT : VELCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR,
+         info.c_str(), correlation_p);
+}
+
+void Connection::acknowledged(std::size_t count)
+{
+    bool owed = false;
+    {
+        std::lock_guard lock(mutex_);
+        inWindow_ -= static_cast<std::uint32_t>(count);
+        owed = canSendOwed_ && inWindow_ < session_->broker.pubWindowSize;
+        if (owed)
+            canSendOwed_ = false;
+        changed_.notify_all();
+    }
+    if (owed)
+        emit(VELCLIENT_SESSION_EVENT_CAN_SEND, "room in the publish window", nullptr);
+}
+
+void Connection::received(pn_delivery_t *delivery)
+{
+    if (!pn_delivery_readable(delivery) || pn_delivery_partial(delivery))
+        return;
+    pn_link_t *link = pn_delivery_link(delivery);
+    receiveBuffer_.resize(pn_delivery_pending(delivery));
+    ssize_t got = pn_link_recv(link, receiveBuffer_.data(), receiveBuffer_.size());
+    pn_link_advance(link);
+    auto found = receivers_.find(link);
+    if (found == receivers_.end() || got < 0) {
+        settle(delivery, PN_RELEASED); /* a link being closed */
+        return;
+    }
+    deliverMessage(delivery, receiveBuffer_.data(), static_cast<std::size_t>(got), found->second);
+    int credit = pn_link_credit(link);
+    if (credit < kReceiveCredit / 2)
+        pn_link_flow(link, kReceiveCredit - credit);
+}
+
+/* Decodes one message, gives it its receive-side properties and hands it to
+ * the receive callback; a message that does not decode is rejected and logged. */
+void Connection::deliverMessage(pn_delivery_t *delivery, const char *bytes, std::size_t size,
+                                const Subscription &from)
+{
+    _velClient_msg *msg = nullptr;
+    if (decode(bytes, size, session_->broker.addressing, session_, &msg) != VELCLIENT_OK) {
+        /* decode has logged why. */
+        VEL_LOG(VELCLIENT_LOG_WARNING, "Rejected a received message of %zu bytes that does not convert", size);
+        settle(delivery, PN_REJECTED);
+        return;
+    }
+    velClient_destination_t dest{};
+    if (!from.queue && vel::msg::destination(msg, &dest) == VELCLIENT_OK && dest.destType == VELCLIENT_TOPIC_DESTINATION &&
+        !topicMatches(from.topic, dest.dest)) {
+        freeReceived(msg);
+        settle(delivery, PN_ACCEPTED);
+        return;
+    }
+    bool queue = from.queue;
+    velClient_msgId_t id = nextMsgId_++;
+    _velClient_msg_setMsgId(msg->opaqueMsg_p, id);
+    if (headerSaysRedelivered(bytes, size))
+        msg->msgInfo.flags |= _VELCLIENT_RX_FLAG_REDELIVERED_MASK;
+    if (msg->msgInfo.rcvTimestamp == 0)
+        msg->msgInfo.rcvTimestamp = _velClient_getTimeInUs() / 1000;
+    bool clientAck = queue && session_->broker.clientAck;
+    if (clientAck) {
+        std::lock_guard lock(mutex_);
+        awaitingAck_.insert(id);
+        clientAcks_[id] = delivery;
+    }
+    velClient_rxMsgCallback_returnCode_t kept = VELCLIENT_CALLBACK_OK;
+    if (session_->rxMsgCallback_p != nullptr)
+        kept = session_->rxMsgCallback_p(session_->opaqueSession_p, msg->opaqueMsg_p, session_->user_p);
+    if (kept != VELCLIENT_CALLBACK_TAKE_MSG)
+        freeReceived(msg);
+    if (!clientAck)
+        settle(delivery, PN_ACCEPTED);
+}
+
+/* The broker closed a link: a refused subscription is reported and dropped;
+ * the messages for a refused target are reported refused. */
+void Connection::linkClosed(pn_link_t *link, const std::string &reason)
+{
+    auto found = receivers_.find(link);
+    if (found != receivers_.end()) {
+        std::string info = found->second.address + ": " + reason;
+        subscriptions_.erase(found->second);
+        receivers_.erase(found);
+        emit(VELCLIENT_SESSION_EVENT_SUBSCRIPTION_ERROR, info.c_str(), nullptr);
+    }
+    for (auto it = senders_.begin(); it != senders_.end(); ++it)
+        if (it->second.link == link) {
+            refuseMessagesTo(it->first, it->first + ": " + reason);
+            senders_.erase(it);
+            break;
+        }
+    pn_link_close(link);
+}
+
+void Connection::refuseMessagesTo(const std::string &address, const std::string &info)
+{
+    std::erase_if(direct_, [&](const auto &entry) { return entry.second.address == address; });
+    std::vector<void *> refused;
+    for (auto it = unsettled_.begin(); it != unsettled_.end();)
+        if (it->second.address == address) {
+            refused.push_back(it->second.correlation_p);
+            it = unsettled_.erase(it);
+        } else {
+            ++it;
+        }
+    acknowledged(refused.size());
+    for (void *correlation_p : refused)
+        emit(VELCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR, info.c_str(), correlation_p);
+}
+
+} // namespace vel::amqp

@@ -1,0 +1,142 @@
+#!/usr/bin/env bash
+# A throwaway RabbitMQ broker with its AMQP 1.0 plugin, for tests and trying
+# things out. Its state lives in a temporary directory; nothing touches the
+# system's broker or systemd.
+#
+#   scripts/broker.sh start [DIR]   starts it on a free port of 127.0.0.1 and
+#                                   prints that port once it accepts AMQP 1.0
+#   scripts/broker.sh stop [DIR]    ends the broker and its epmd, each by its
+#                                   own pid, and removes DIR
+#
+# DIR (default: a new directory under /tmp, remembered in
+# ${TMPDIR:-/tmp}/velclient-broker.last) holds the configuration, the data, the
+# logs and the pids. With VELCLIENT_BROKER_TLS=1 a TLS listener also starts,
+# its port in DIR/tls_port, with a certificate for 127.0.0.1 and localhost
+# signed by a CA made for the run (DIR/tls/ca.pem), and DIR/tls/other-ca.pem,
+# a CA that signed nothing.
+set -euo pipefail
+
+last="${TMPDIR:-/tmp}/velclient-broker.last"
+server=/usr/lib/rabbitmq/bin/rabbitmq-server
+
+free_port() {
+  python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
+}
+
+# Succeeds once the port answers an AMQP 1.0 SASL protocol header in kind.
+speaks_amqp10() {
+  python3 - "$1" <<'EOF'
+import socket, sys
+try:
+    with socket.create_connection(("127.0.0.1", int(sys.argv[1])), timeout=2) as s:
+        s.sendall(b"AMQP\x03\x01\x00\x00")
+        sys.exit(0 if s.recv(8) == b"AMQP\x03\x01\x00\x00" else 1)
+except OSError:
+    sys.exit(1)
+EOF
+}
+
+# A CA, a server certificate it signs for 127.0.0.1 and localhost, and an unrelated CA.
+make_certificates() {
+  local tls=$1
+  mkdir -p "$tls"
+  (
+    cd "$tls"
+    openssl req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.pem -days 2 -subj /CN=velclient-test-ca
+    openssl req -newkey rsa:2048 -nodes -keyout key.pem -out server.csr -subj /CN=localhost
+    echo "subjectAltName=IP:127.0.0.1,DNS:127.0.0.1,DNS:localhost" >san.cnf
+    openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -out cert.pem -days 2 -extfile san.cnf
+    openssl req -x509 -newkey rsa:2048 -nodes -keyout other-ca.key -out other-ca.pem -days 2 -subj /CN=other-ca
+    chmod 644 ./*.pem
+  ) >"$tls/openssl.out" 2>&1
+}
+
+start() {
+  if [ ! -x "$server" ]; then
+    echo "broker.sh: $server not found (install rabbitmq-server)" >&2
+    exit 1
+  fi
+  local dir="${1:-}"
+  if [ -z "$dir" ]; then
+    dir=$(mktemp -d /tmp/velclient-broker.XXXXXX)
+    echo "$dir" >"$last"
+  fi
+  mkdir -p "$dir/mnesia" "$dir/log"
+  local port dist epmd_port
+  port=$(free_port); dist=$(free_port); epmd_port=$(free_port)
+  {
+    echo "listeners.tcp.1 = 127.0.0.1:$port"
+    echo "loopback_users.guest = true"
+    echo "amqp1_0.default_user = guest"
+    if [ "${VELCLIENT_BROKER_TLS:-0}" = 1 ]; then
+      make_certificates "$dir/tls"
+      local tls_port; tls_port=$(free_port)
+      echo "$tls_port" >"$dir/tls_port"
+      echo "listeners.ssl.1 = 127.0.0.1:$tls_port"
+      echo "ssl_options.cacertfile = $dir/tls/ca.pem"
+      echo "ssl_options.certfile = $dir/tls/cert.pem"
+      echo "ssl_options.keyfile = $dir/tls/key.pem"
+      echo "ssl_options.verify = verify_none"
+      echo "ssl_options.fail_if_no_peer_cert = false"
+    fi
+  } >"$dir/rabbitmq.conf"
+  echo "[rabbitmq_amqp1_0]." >"$dir/enabled_plugins"
+  : >"$dir/rabbitmq-env.conf"
+  echo "$port" >"$dir/port"
+  export HOME="$dir" RABBITMQ_MNESIA_BASE="$dir/mnesia" RABBITMQ_LOG_BASE="$dir/log" \
+    RABBITMQ_CONFIG_FILE="$dir/rabbitmq.conf" RABBITMQ_ENABLED_PLUGINS_FILE="$dir/enabled_plugins" \
+    RABBITMQ_CONF_ENV_FILE="$dir/rabbitmq-env.conf" RABBITMQ_NODENAME="velclient-$port@localhost" \
+    RABBITMQ_DIST_PORT="$dist" ERL_EPMD_PORT="$epmd_port" ERL_EPMD_ADDRESS=127.0.0.1
+  # epmd runs in the foreground of its own process so that its pid is known.
+  epmd -port "$epmd_port" -address 127.0.0.1 >"$dir/log/epmd.out" 2>&1 &
+  echo $! >"$dir/epmd.pid"
+  "$server" >"$dir/log/server.out" 2>&1 &
+  echo $! >"$dir/server.pid"
+  for _ in $(seq 1 120); do
+    if speaks_amqp10 "$port"; then
+      pgrep -P "$(cat "$dir/server.pid")" beam.smp >"$dir/beam.pid" || true
+      echo "$port"
+      return 0
+    fi
+    if ! kill -0 "$(cat "$dir/server.pid")" 2>/dev/null; then
+      break
+    fi
+    sleep 0.5
+  done
+  echo "broker.sh: the broker did not accept AMQP 1.0 on port $port; see $dir/log" >&2
+  stop "$dir" keep
+  exit 1
+}
+
+# Ends one process by its pid: TERM, then KILL after 10 s.
+end_pid() {
+  local pid=$1
+  kill -TERM "$pid" 2>/dev/null || return 0
+  for _ in $(seq 1 100); do
+    kill -0 "$pid" 2>/dev/null || return 0
+    sleep 0.1
+  done
+  kill -KILL "$pid" 2>/dev/null || true
+}
+
+stop() {
+  local dir="${1:-}"
+  if [ -z "$dir" ] && [ -f "$last" ]; then
+    dir=$(cat "$last")
+    rm -f "$last"
+  fi
+  if [ -z "$dir" ] || [ ! -d "$dir" ]; then
+    echo "broker.sh: no broker directory to stop" >&2
+    exit 1
+  fi
+  for f in server.pid beam.pid epmd.pid; do
+    [ -s "$dir/$f" ] && end_pid "$(cat "$dir/$f")"
+  done
+  [ "${2:-}" = keep ] || rm -rf "$dir"
+}
+
+case "${1:-}" in
+  start) start "${2:-}" ;;
+  stop) stop "${2:-}" ;;
+  *) echo "usage: $0 start|stop [DIR]" >&2; exit 2 ;;
+esac

@@ -1,0 +1,85 @@
+/* The broker the broker tests share and a client session that collects what
+ * it receives. main() starts a throwaway RabbitMQ with its AMQP 1.0 plugin on
+ * a free port of 127.0.0.1 (scripts/broker.sh, state in a temporary
+ * directory) before the first test and stops it, each process by its own pid,
+ * after the last. Without the broker every test fails, unless
+ * VELCLIENT_SKIP_BROKER_TESTS=1, which skips them all and says so. */
+#pragma once
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <thread>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "velclient/velClientMsg.h"
+
+namespace veltest::broker {
+
+/* The port of the running broker. */
+int port();
+/* The broker's TLS listener, whose certificate names 127.0.0.1 and localhost,
+ * and the files of the run's certificates: "ca.pem" signed it, "other-ca.pem"
+ * signed nothing. */
+int tlsPort();
+std::string tlsFile(const char *name);
+/* "127.0.0.1:port" of the running broker. */
+std::string host();
+/* A port of 127.0.0.1 on which nothing listens. */
+int closedPort();
+/* A name no other test run uses (topics, queues). */
+std::string unique(const std::string &stem);
+
+/* An event as the callback saw it. */
+struct Event {
+    velClient_session_event_t event;
+    std::string info;
+    void *correlation_p;
+};
+
+/* A broker session whose callbacks keep every message (taken) and event. */
+class Client {
+public:
+    explicit Client(std::vector<std::string> props = {});
+    ~Client();
+    Client(const Client &) = delete;
+    Client &operator=(const Client &) = delete;
+
+    velClient_opaqueSession_pt session() const { return session_; }
+    /* Waits up to timeout for at least count messages; false on timeout. */
+    bool waitMessages(std::size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(20));
+    bool waitEvents(velClient_session_event_t event, std::size_t count,
+                    std::chrono::milliseconds timeout = std::chrono::seconds(20));
+    std::vector<velClient_opaqueMsg_pt> messages();
+    std::vector<Event> events();
+    std::size_t countEvents(velClient_session_event_t event);
+    /* Subscribes and returns once the broker delivers on a probe topic
+     * subscribed after it (subscriptions take effect in order). */
+    void subscribeAndSync(const std::string &topic, bool queue = false);
+    /* Called on the I/O thread for each message before it is kept. */
+    std::function<void(velClient_opaqueSession_pt, velClient_opaqueMsg_pt)> onMessage;
+
+private:
+    static velClient_rxMsgCallback_returnCode_t rx(velClient_opaqueSession_pt, velClient_opaqueMsg_pt, void *);
+    static void ev(velClient_opaqueSession_pt, velClient_session_eventCallbackInfo_pt, void *);
+
+    velClient_opaqueSession_pt session_ = nullptr;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<velClient_opaqueMsg_pt> messages_;
+    std::vector<Event> events_;
+};
+
+/* A message to topic or queue with an attachment, sent in delivery mode. */
+velClient_opaqueMsg_pt makeMessage(const std::string &destination, bool queue, velClient_uint32_t mode,
+                                   const std::string &attachment = "payload");
+/* The dump of a message without the lines that only the receive side sets. */
+std::string dumpWithoutReceiveLines(velClient_opaqueMsg_pt msg);
+std::string attachmentOf(velClient_opaqueMsg_pt msg);
+
+} // namespace veltest::broker

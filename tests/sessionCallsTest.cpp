@@ -1,0 +1,181 @@
+/* The session calls without a broker: the broker properties checked at
+ * creation, the inbox topic base of a broker session, loopback and null
+ * sessions answering connect and subscribe at once, the refusals of bad
+ * handles and arguments, and the names of events. */
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "support/velTestSupport.h"
+
+namespace {
+
+using veltest::Refusal;
+
+velClient_returnCode_t create(std::vector<const char *> props, velClient_opaqueSession_pt *s)
+{
+    props.push_back(nullptr);
+    return velClient_session_create(props.data(), nullptr, nullptr, s);
+}
+
+} // namespace
+
+TEST(SessionCalls, BrokerPropertiesAreCheckedAtCreation)
+{
+    const std::pair<const char *, const char *> bad[] = {
+        {"SESSION_TRANSPORT", "mqtt5"},          {"SESSION_HOST", ""},
+        {"SESSION_HOST", "a,,b"},                {"SESSION_HOST", "host:0"},
+        {"SESSION_HOST", "host:65536"},          {"SESSION_HOST", "host:12x"},
+        {"SESSION_HOST", "::1"},                 {"SESSION_HOST", "[::1"},
+        {"SESSION_SSL", "yes"},                  {"SESSION_SSL_VALIDATE_CERTIFICATE", "2"},
+        {"SESSION_CONNECT_TIMEOUT_MS", "0"},     {"SESSION_CONNECT_TIMEOUT_MS", "-5"},
+        {"SESSION_RECONNECT_RETRIES", "-2"},     {"SESSION_RECONNECT_RETRY_WAIT_MS", "1e3"},
+        {"SESSION_KEEPALIVE_MS", ""},            {"SESSION_SEND_BLOCKING", "true"},
+        {"SESSION_SEND_TIMEOUT_MS", "99999999999"}, {"SESSION_PUB_WINDOW_SIZE", "0"},
+        {"SESSION_PUB_WINDOW_SIZE", "256"},      {"SESSION_RECEIVE_ACK_MODE", "manual"},
+        {"SESSION_AMQP_TOPIC_PREFIX", ""},       {"SESSION_AMQP_LEVEL_SEPARATOR", ""},
+        {"SESSION_AMQP_WILDCARD_MORE", nullptr},
+    };
+    for (auto [name, value] : bad) {
+        velClient_opaqueSession_pt s = nullptr;
+        velClient_resetLastErrorInfo();
+        EXPECT_EQ(VELCLIENT_FAIL, create({name, value}, &s)) << name << "=" << (value ? value : "(null)");
+        EXPECT_EQ(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, veltest::lastSubCode());
+        EXPECT_EQ(std::string("Invalid value for property ") + name + " in velClient_session_create: '" +
+                      (value ? value : "(null)") + "'",
+                  veltest::lastErrorText());
+        EXPECT_EQ(nullptr, s);
+    }
+    const std::pair<const char *, const char *> good[] = {
+        {"SESSION_TRANSPORT", "amqp"},           {"SESSION_HOST", "a.example:1,b,[::1]:5671,[fe80::1]"},
+        {"SESSION_USERNAME", "guest"},           {"SESSION_PASSWORD", ""},
+        {"SESSION_SSL", "1"},                    {"SESSION_SSL_TRUST_STORE", "/nowhere/ca.pem"},
+        {"SESSION_SSL_VALIDATE_CERTIFICATE", "0"}, {"SESSION_CONNECT_TIMEOUT_MS", "1"},
+        {"SESSION_RECONNECT_RETRIES", "-1"},     {"SESSION_RECONNECT_RETRY_WAIT_MS", "0"},
+        {"SESSION_KEEPALIVE_MS", "0"},           {"SESSION_SEND_BLOCKING", "0"},
+        {"SESSION_SEND_TIMEOUT_MS", "86400000"}, {"SESSION_PUB_WINDOW_SIZE", "255"},
+        {"SESSION_PUB_WINDOW_SIZE", "1"},        {"SESSION_RECEIVE_ACK_MODE", "client"},
+        {"SESSION_AMQP_QUEUE_PREFIX", "q/"},     {"SESSION_AMQP_WILDCARD_ONE", "+"},
+    };
+    for (auto [name, value] : good) {
+        velClient_opaqueSession_pt s = nullptr;
+        EXPECT_EQ(VELCLIENT_OK, create({name, value}, &s)) << name << "=" << value << ": " << veltest::lastErrorText();
+        EXPECT_EQ(VELCLIENT_OK, velClient_session_destroy(&s));
+    }
+}
+
+TEST(SessionCalls, BrokerInboxBaseNamesTheFirstHost)
+{
+    velClient_opaqueSession_pt s = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, create({"SESSION_TRANSPORT", "amqp", "SESSION_HOST", "broker1.example:5673,b2",
+                                    "SESSION_CLIENT_NAME", "me"},
+                                   &s));
+    velClient_opaqueMsg_pt m = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_alloc(&m));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setReplyToSuffix(m, s, "r/1"));
+    velClient_destination_t reply{};
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getReplyTo(m, &reply, sizeof reply));
+    EXPECT_STREQ("#P2P/v:broker1.example/me/r/1", reply.dest);
+    velClient_msg_free(&m);
+    velClient_session_destroy(&s);
+}
+
+TEST(SessionCalls, LoopbackAndNullSessionsAreUpAtOnce)
+{
+    for (const char *transport : {"loopback", "null"}) {
+        velClient_opaqueSession_pt s = nullptr;
+        ASSERT_EQ(VELCLIENT_OK, create({"SESSION_TRANSPORT", transport, "SESSION_RECEIVE_ACK_MODE", "client"}, &s));
+        EXPECT_EQ(VELCLIENT_OK, velClient_session_connect(s)) << transport;
+        EXPECT_EQ(VELCLIENT_OK, velClient_session_topicSubscribe(s, "a/*/c")) << transport;
+        EXPECT_EQ(VELCLIENT_OK, velClient_session_topicUnsubscribe(s, "a/>")) << transport;
+        EXPECT_EQ(VELCLIENT_OK, velClient_session_queueSubscribe(s, "q1")) << transport;
+        EXPECT_EQ(VELCLIENT_OK, velClient_session_queueUnsubscribe(s, "q1")) << transport;
+        EXPECT_EQ(VELCLIENT_OK, velClient_session_disconnect(s)) << transport;
+        EXPECT_EQ(VELCLIENT_OK, velClient_session_destroy(&s));
+    }
+}
+
+TEST(SessionCalls, BadHandlesAndArgumentsAreRefused)
+{
+    velClient_opaqueSession_pt s = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_session_create(nullptr, nullptr, nullptr, &s));
+    velClient_opaqueSession_pt broker = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, create({"SESSION_TRANSPORT", "amqp"}, &broker));
+    const auto N = VELCLIENT_SUBCODE_PARAM_NULL_PTR, R = VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
+               E = VELCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED;
+    void *bad = reinterpret_cast<void *>(0x4242);
+    const std::string tooLong(251, 't');
+    auto badHandle = [bad](const char *call) { return veltest::format("Bad session pointer (%p) in %s", bad, call); };
+    veltest::expectRefusals({
+        {[bad] { return velClient_session_connect(bad); }, N, badHandle("velClient_session_connect")},
+        {[bad] { return velClient_session_disconnect(bad); }, N, badHandle("velClient_session_disconnect")},
+        {[bad] { return velClient_session_topicSubscribe(bad, "t"); }, N, badHandle("velClient_session_topicSubscribe")},
+        {[bad] { return velClient_session_topicUnsubscribe(bad, "t"); }, N,
+         badHandle("velClient_session_topicUnsubscribe")},
+        {[bad] { return velClient_session_queueSubscribe(bad, "q"); }, N, badHandle("velClient_session_queueSubscribe")},
+        {[bad] { return velClient_session_queueUnsubscribe(bad, "q"); }, N,
+         badHandle("velClient_session_queueUnsubscribe")},
+        {[bad] { return velClient_session_ack(bad, 1); }, N, badHandle("velClient_session_ack")},
+        {[bad] { return velClient_session_setEventCallback(bad, nullptr, nullptr); }, N,
+         badHandle("velClient_session_setEventCallback")},
+        {[s] { return velClient_session_topicSubscribe(s, nullptr); }, N,
+         "Null topic pointer in velClient_session_topicSubscribe"},
+        {[s] { return velClient_session_queueUnsubscribe(s, nullptr); }, N,
+         "Null queueName pointer in velClient_session_queueUnsubscribe"},
+        {[s] { return velClient_session_topicUnsubscribe(s, ""); }, R, "Empty topic in velClient_session_topicUnsubscribe"},
+        {[s, &tooLong] { return velClient_session_queueSubscribe(s, tooLong.c_str()); }, R,
+         "queueName length of 251 exceeds maximum of 250 in velClient_session_queueSubscribe"},
+        {[s] { return velClient_session_ack(s, 1); }, R,
+         "No message with id 1 awaits acknowledgement in velClient_session_ack"},
+        {[broker] { return velClient_session_topicSubscribe(broker, "t"); }, E,
+         "Session not connected in velClient_session_topicSubscribe"},
+        {[broker] { return velClient_session_queueSubscribe(broker, "q"); }, E,
+         "Session not connected in velClient_session_queueSubscribe"},
+    });
+    velClient_opaqueMsg_pt m = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_alloc(&m));
+    velClient_resetLastErrorInfo();
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_session_sendMsg(broker, m));
+    EXPECT_EQ("Session not connected in velClient_session_sendMsg", veltest::lastErrorText());
+    velClient_msg_free(&m);
+    /* A broker session that is not connected disconnects at once. */
+    EXPECT_EQ(VELCLIENT_OK, velClient_session_disconnect(broker));
+    velClient_session_destroy(&broker);
+    velClient_session_destroy(&s);
+}
+
+TEST(SessionCalls, ConnectingToAClosedPortNamesTheHost)
+{
+    /* A port just released by this process has nobody listening. */
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(0, bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr));
+    socklen_t len = sizeof addr;
+    getsockname(fd, reinterpret_cast<sockaddr *>(&addr), &len);
+    close(fd);
+    std::string host = "127.0.0.1:" + std::to_string(ntohs(addr.sin_port));
+    velClient_opaqueSession_pt s = nullptr;
+    std::string hosts = host + "," + host;
+    ASSERT_EQ(VELCLIENT_OK, create({"SESSION_TRANSPORT", "amqp", "SESSION_HOST", hosts.c_str()}, &s));
+    velClient_resetLastErrorInfo();
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_session_connect(s));
+    EXPECT_EQ(VELCLIENT_SUBCODE_COMMUNICATION_ERROR, veltest::lastSubCode());
+    std::string text = veltest::lastErrorText();
+    /* Each host with its reason, in the order tried. */
+    EXPECT_EQ(0u, text.find("Could not connect to " + host + " (")) << text;
+    EXPECT_NE(std::string::npos, text.find("; " + host + " (")) << text;
+    EXPECT_NE(std::string::npos, text.find("refused")) << text;
+    velClient_session_destroy(&s);
+}
+
+TEST(SessionCalls, EventNames)
+{
+    const char *names[] = {"UP_NOTICE", "DOWN_ERROR", "RECONNECTING_NOTICE", "RECONNECTED_NOTICE",
+                           "ACKNOWLEDGEMENT", "REJECTED_MSG_ERROR", "CAN_SEND", "SUBSCRIPTION_ERROR"};
+    for (int e = 0; e < 8; ++e)
+        EXPECT_STREQ(names[e], velClient_session_eventToString(static_cast<velClient_session_event_t>(e)));
+    for (int e : {-1, 8, 100})
+        EXPECT_STREQ("Unknown", velClient_session_eventToString(static_cast<velClient_session_event_t>(e)));
+}
