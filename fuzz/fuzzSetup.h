@@ -28,3 +28,19 @@ inline void startLibrary()
 }
 
 } // namespace velfuzz
+
+/* A libFuzzer target: the library started as above, then walk(data, size) on
+ * each input; a walk that answers false (an invariant broken, such as an
+ * accepted message whose new encoding does not decode) aborts. */
+#define VELFUZZ_TARGET(walk)                                                                \
+    extern "C" int LLVMFuzzerInitialize(int *, char ***)                                    \
+    {                                                                                       \
+        velfuzz::startLibrary();                                                            \
+        return 0;                                                                           \
+    }                                                                                       \
+    extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)       \
+    {                                                                                       \
+        if (!(walk)(data, size))                                                            \
+            std::abort();                                                                   \
+        return 0;                                                                           \
+    }

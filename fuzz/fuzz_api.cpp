@@ -8,15 +8,4 @@
 #include "apiWalk.h"
 #include "fuzzSetup.h"
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
-{
-    velfuzz::startLibrary();
-    return 0;
-}
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
-{
-    if (!velfuzz::runProgram(data, size))
-        __builtin_trap();
-    return 0;
-}
+VELFUZZ_TARGET(velfuzz::runProgram)

@@ -6,14 +6,7 @@
 #include "containerWalk.h"
 #include "fuzzSetup.h"
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
-{
-    velfuzz::startLibrary();
-    return 0;
-}
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
-{
+VELFUZZ_TARGET([](const std::uint8_t *data, std::size_t size) {
     velfuzz::walkContainer(data, size);
-    return 0;
-}
+    return true;
+})

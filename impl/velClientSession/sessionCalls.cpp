@@ -6,6 +6,7 @@
  * broker session hands each call to its connection.
  */
 #include <cstring>
+#include <iterator>
 
 #include "velClientAmqp/amqpConnection.h"
 #include "velClientLog/logPrivate.h"
@@ -119,33 +120,17 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_session_disconnect(vel
     return VELCLIENT_OK;
 }
 
-extern "C" VELCLIENT_API velClient_returnCode_t velClient_session_topicSubscribe(velClient_opaqueSession_pt session,
-                                                                                const char *topic)
-{
-    return subscription(session, topic, false, true, "velClient_session_topicSubscribe",
-                        "Bad session pointer (%p) in velClient_session_topicSubscribe");
-}
+/* An export that starts or ends a topic or queue subscription. */
+#define VEL_SUBSCRIPTION_EXPORT(function, name, queue, subscribe)                                               \
+    extern "C" VELCLIENT_API velClient_returnCode_t function(velClient_opaqueSession_pt session, const char *name) \
+    {                                                                                                          \
+        return subscription(session, name, queue, subscribe, #function, "Bad session pointer (%p) in " #function); \
+    }
 
-extern "C" VELCLIENT_API velClient_returnCode_t velClient_session_topicUnsubscribe(velClient_opaqueSession_pt session,
-                                                                                  const char *topic)
-{
-    return subscription(session, topic, false, false, "velClient_session_topicUnsubscribe",
-                        "Bad session pointer (%p) in velClient_session_topicUnsubscribe");
-}
-
-extern "C" VELCLIENT_API velClient_returnCode_t velClient_session_queueSubscribe(velClient_opaqueSession_pt session,
-                                                                                const char *queueName)
-{
-    return subscription(session, queueName, true, true, "velClient_session_queueSubscribe",
-                        "Bad session pointer (%p) in velClient_session_queueSubscribe");
-}
-
-extern "C" VELCLIENT_API velClient_returnCode_t velClient_session_queueUnsubscribe(velClient_opaqueSession_pt session,
-                                                                                  const char *queueName)
-{
-    return subscription(session, queueName, true, false, "velClient_session_queueUnsubscribe",
-                        "Bad session pointer (%p) in velClient_session_queueUnsubscribe");
-}
+VEL_SUBSCRIPTION_EXPORT(velClient_session_topicSubscribe, topic, false, true)
+VEL_SUBSCRIPTION_EXPORT(velClient_session_topicUnsubscribe, topic, false, false)
+VEL_SUBSCRIPTION_EXPORT(velClient_session_queueSubscribe, queueName, true, true)
+VEL_SUBSCRIPTION_EXPORT(velClient_session_queueUnsubscribe, queueName, true, false)
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_session_ack(velClient_opaqueSession_pt session,
                                                                      velClient_msgId_t msgId)
@@ -174,15 +159,9 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_session_setEventCallba
 
 extern "C" VELCLIENT_API const char *velClient_session_eventToString(velClient_session_event_t event)
 {
-    switch (event) {
-    case VELCLIENT_SESSION_EVENT_UP_NOTICE: return "UP_NOTICE";
-    case VELCLIENT_SESSION_EVENT_DOWN_ERROR: return "DOWN_ERROR";
-    case VELCLIENT_SESSION_EVENT_RECONNECTING_NOTICE: return "RECONNECTING_NOTICE";
-    case VELCLIENT_SESSION_EVENT_RECONNECTED_NOTICE: return "RECONNECTED_NOTICE";
-    case VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT: return "ACKNOWLEDGEMENT";
-    case VELCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR: return "REJECTED_MSG_ERROR";
-    case VELCLIENT_SESSION_EVENT_CAN_SEND: return "CAN_SEND";
-    case VELCLIENT_SESSION_EVENT_SUBSCRIPTION_ERROR: return "SUBSCRIPTION_ERROR";
-    }
-    return "Unknown";
+    static constexpr const char *kNames[] = {"UP_NOTICE",          "DOWN_ERROR",      "RECONNECTING_NOTICE",
+                                             "RECONNECTED_NOTICE", "ACKNOWLEDGEMENT", "REJECTED_MSG_ERROR",
+                                             "CAN_SEND",           "SUBSCRIPTION_ERROR"};
+    auto index = static_cast<unsigned>(event);
+    return index < std::size(kNames) ? kNames[index] : "Unknown";
 }
