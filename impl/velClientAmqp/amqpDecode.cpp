@@ -236,11 +236,9 @@ velClient_returnCode_t vel::amqp::decode(const char *bytes, std::size_t size, co
         _velClient_msg_free(msg);
         return VELCLIENT_FAIL;
     }
-    msg->opaqueMsg_p = _velClient_safePtr_alloc(msg, _MSG_PTR_TYPE);
-    if (msg->opaqueMsg_p == nullptr) {
+    if (vel::msg::issueHandle(msg, "the AMQP receive path") != VELCLIENT_OK) {
         _velClient_msg_free(msg);
-        return VEL_FAIL(VELCLIENT_SUBCODE_OUT_OF_MEMORY, VELCLIENT_LOG_CRITICAL,
-                        "Could not allocate pointer for new velClient_msg in the AMQP receive path");
+        return VELCLIENT_FAIL;
     }
     *msg_p = msg;
     return VELCLIENT_OK;

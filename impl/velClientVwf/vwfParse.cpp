@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "velClientMsg/container/tlvCodec.h"
+#include "velClientMsg/message/recordApi.h"
 #include "velClientTime/clock.h"
 #include "velClientVwf/vwf.h"
 
@@ -138,11 +139,7 @@ velClient_returnCode_t buildMessage(_velClient_vwfParsing *parse, std::uint8_t *
     if (rc != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     markSharedPartsReadOnly(msg);
-    msg->opaqueMsg_p = _velClient_safePtr_alloc(msg, _MSG_PTR_TYPE);
-    if (msg->opaqueMsg_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_OUT_OF_MEMORY, VELCLIENT_LOG_CRITICAL,
-                        "Could not allocate pointer for new velClient_msg in _velClient_vwfParse");
-    return VELCLIENT_OK;
+    return vel::msg::issueHandle(msg, "_velClient_vwfParse");
 }
 
 /* Releases a message the callback did not take (or that failed to build). */

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "velClientMsg/memory/poolAccounting.h"
+#include "velClientMsg/message/recordApi.h"
 
 namespace {
 
@@ -73,6 +74,15 @@ velClient_opaqueMsg_pt issueHandle(_velClient_msg *msg)
 }
 
 } // namespace
+
+velClient_returnCode_t vel::msg::issueHandle(_velClient_msg *msg, const char *caller)
+{
+    msg->opaqueMsg_p = _velClient_safePtr_alloc(msg, _MSG_PTR_TYPE);
+    if (msg->opaqueMsg_p == nullptr)
+        return VEL_FAIL(VELCLIENT_SUBCODE_OUT_OF_MEMORY, VELCLIENT_LOG_CRITICAL,
+                        "Could not allocate pointer for new velClient_msg in %s", caller);
+    return VELCLIENT_OK;
+}
 
 velClient_returnCode_t _velClient_msg_alloc(_velClient_msg **msg_p)
 {

@@ -12,6 +12,10 @@
 
 namespace vel::msg {
 
+/* Gives a message built from received bytes its handle; the out-of-memory
+ * failure's text names caller. */
+velClient_returnCode_t issueHandle(_velClient_msg *msg, const char *caller);
+
 /* ---- Delivery properties kept in the record -------------------------------- */
 velClient_returnCode_t classOfService(_velClient_msg *msg, velClient_uint32_t *cos_p);
 velClient_returnCode_t deliveryMode(_velClient_msg *msg, velClient_uint32_t *mode_p);
