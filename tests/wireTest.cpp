@@ -196,7 +196,8 @@ TEST(SessionSend, TheDefaultClientNameCountsSessionsAndExpirationIsComputed)
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_getExpiration(m.h, &expiration));
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_deleteSenderId(m.h));
     ASSERT_EQ(VELCLIENT_OK, velClient_session_sendMsg(b.h, m.h));
-    const std::string pid = "/" + std::to_string(getpid()) + "/";
+    std::string pid = "/";
+    pid.append(std::to_string(getpid())).append("/");
     const std::string &x = a.inbox.senders.at(0), &y = b.inbox.senders.at(0);
     ASSERT_NE(std::string::npos, x.find(pid)) << x;
     const std::string nx = x.substr(x.find(pid) + pid.size()), ny = y.substr(y.find(pid) + pid.size());
