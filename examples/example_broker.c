@@ -18,13 +18,7 @@
 
 #include "velclient/velClientMsg.h"
 
-#define CHECK(call)                                                                                       \
-    do {                                                                                                  \
-        if ((call) != VELCLIENT_OK) {                                                                     \
-            fprintf(stderr, "%s failed: %s\n", #call, velClient_getLastErrorInfo()->errorStr);           \
-            return 1;                                                                                     \
-        }                                                                                                 \
-    } while (0)
+#include "exampleCheck.h"
 
 /* One session, what its callbacks have counted (guarded by lock_s) and what it does with a message. */
 typedef struct Peer {

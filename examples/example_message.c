@@ -14,13 +14,7 @@
 
 #include "velclient/velClientMsg.h"
 
-#define CHECK(call)                                                                                       \
-    do {                                                                                                  \
-        if ((call) != VELCLIENT_OK) {                                                                     \
-            fprintf(stderr, "%s failed: %s\n", #call, velClient_getLastErrorInfo()->errorStr);           \
-            return 1;                                                                                     \
-        }                                                                                                 \
-    } while (0)
+#include "exampleCheck.h"
 
 static const char *wireFile_s = "message.vwf";
 static int received_s = 0;
