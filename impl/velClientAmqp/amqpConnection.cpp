@@ -62,7 +62,11 @@ Connection::Connection(_velClient_session *session) : session_(session), proacto
     const auto &rules = session->broker.addressing;
     std::string inbox = session->p2pTopicBase;
     inbox.append("/>");
-    subscriptions_.insert({topicAddress(rules, inbox, true), false, inbox});
+    Subscription subscription{topicAddress(rules, inbox, true), false, inbox};
+    subscriptions_.insert(subscription);
+    /* connect returns once the inbox is attached. */
+    unansweredTickets_.insert(++ticketsIssued_);
+    attaching_.emplace(subscription, ticketsIssued_);
 }
 
 Connection::~Connection()
@@ -92,6 +96,8 @@ velClient_returnCode_t Connection::open(_velClient_session *session, std::shared
     std::unique_lock lock(c->mutex_);
     c->changed_.wait(lock, [c] { return c->phase_ != Phase::connecting; });
     if (c->phase_ == Phase::up) {
+        lock.unlock();
+        c->waitForTicket(1);
         out.reset(c);
         return VELCLIENT_OK;
     }
@@ -156,6 +162,10 @@ void Connection::handle(pn_event_t *event)
     case PN_SESSION_REMOTE_CLOSE:
         if (pn_event_session(event) == amqpSession_ && opened_ && !closing_)
             sessionEnded();
+        break;
+    case PN_LINK_REMOTE_OPEN:
+        if (auto found = receivers_.find(pn_event_link(event)); found != receivers_.end())
+            attachAnswered(found->second);
         break;
     case PN_LINK_REMOTE_CLOSE:
         linkClosed(pn_event_link(event), remoteReason(pn_link_remote_condition(pn_event_link(event))));
@@ -249,6 +259,10 @@ void Connection::transportClosed(pn_event_t *event)
     senders_.clear();
     receivers_.clear();
     clientAcks_.clear();
+    while (!attaching_.empty()) {
+        Subscription waited = attaching_.begin()->first;
+        attachAnswered(waited);
+    }
     if (closing_) {
         finished_ = true;
         return;

@@ -54,6 +54,7 @@ struct Command {
     Outgoing message;
     Subscription subscription;
     velClient_msgId_t msgId = 0;
+    std::uint64_t ticket = 0; /* a subscribe whose caller waits for the broker's answer */
 };
 
 enum class Phase : std::uint8_t { connecting, up, reconnecting, down, closed };
@@ -78,7 +79,10 @@ public:
      * released (TIMEOUT), a non-blocking one (or a send from the I/O thread)
      * returns VELCLIENT_WOULD_BLOCK and CAN_SEND follows. */
     velClient_returnCode_t send(Outgoing &&message, std::unique_lock<std::recursive_mutex> &sessionLock);
-    /* Adds or ends a subscription; refusals by the broker arrive as events. */
+    /* Adds or ends a subscription; refusals by the broker arrive as events.
+     * An added one returns once the broker has answered its attach (or after
+     * the connect timeout), so that what is published afterwards reaches it;
+     * from the I/O thread it returns at once. */
     velClient_returnCode_t subscribe(Subscription subscription, bool add, const char *call);
     /* Accepts the queue message received with msgId; PARAM_OUT_OF_RANGE when
      * no such message awaits acknowledgement. */
@@ -110,6 +114,9 @@ private:
     pn_link_t *senderFor(const Outgoing &message);
     void pump(SenderLink &sender);
     void subscribeNow(const Subscription &subscription, bool add);
+    void awaitAttach(const Subscription &subscription, std::uint64_t ticket);
+    void attachAnswered(const Subscription &subscription);
+    void waitForTicket(std::uint64_t ticket);
     void received(pn_delivery_t *delivery);
     void deliverMessage(pn_delivery_t *delivery, const char *bytes, std::size_t size, const Subscription &from);
     void settled(pn_delivery_t *delivery);
@@ -135,6 +142,8 @@ private:
     bool canSendOwed_ = false;       /* a send returned WOULD_BLOCK */
     std::atomic<bool> closing_{false};
     std::set<velClient_msgId_t> awaitingAck_; /* client acknowledgement */
+    std::uint64_t ticketsIssued_ = 0;
+    std::set<std::uint64_t> unansweredTickets_; /* subscribers waiting for an attach */
 
     /* The I/O thread's own. */
     pn_connection_t *connection_ = nullptr;
@@ -152,6 +161,7 @@ private:
     std::map<std::string, SenderLink> senders_;
     std::map<pn_link_t *, Subscription> receivers_;
     std::set<Subscription> subscriptions_;
+    std::multimap<Subscription, std::uint64_t> attaching_; /* waiting subscribers' tickets */
     std::uint64_t nextTag_ = 1;
     std::map<std::uint64_t, Outgoing> unsettled_; /* sent or waiting, guaranteed, by tag */
     std::map<std::uint64_t, Outgoing> direct_;    /* waiting direct messages, by tag */

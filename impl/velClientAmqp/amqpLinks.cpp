@@ -138,10 +138,28 @@ velClient_returnCode_t Connection::subscribe(Subscription subscription, bool add
         return VEL_FAIL(VELCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED, VELCLIENT_LOG_WARNING,
                         "Session not connected in %s", call);
     }
-    commands_.push_back({add ? Command::Kind::subscribe : Command::Kind::unsubscribe, {}, std::move(subscription), 0});
+    std::uint64_t ticket = 0;
+    if (add && !onIoThread()) {
+        ticket = ++ticketsIssued_;
+        unansweredTickets_.insert(ticket);
+    }
+    commands_.push_back({add ? Command::Kind::subscribe : Command::Kind::unsubscribe, {}, std::move(subscription), 0,
+                         ticket});
     lock.unlock();
     wake();
+    if (ticket != 0)
+        waitForTicket(ticket);
     return VELCLIENT_OK;
+}
+
+/* Waits until the I/O thread has answered the ticket, the connection has
+ * gone down, or the connect timeout has passed. */
+void Connection::waitForTicket(std::uint64_t ticket)
+{
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, std::chrono::milliseconds(session_->broker.connectTimeoutMs),
+                      [&] { return !unansweredTickets_.contains(ticket) || isDown(phase_); });
+    unansweredTickets_.erase(ticket);
 }
 
 velClient_returnCode_t Connection::ack(velClient_msgId_t msgId)
@@ -191,6 +209,8 @@ void Connection::runQueued()
             bool add = command.kind == Command::Kind::subscribe;
             if (add ? subscriptions_.insert(command.subscription).second : subscriptions_.erase(command.subscription))
                 subscribeNow(command.subscription, add);
+            if (command.ticket != 0)
+                awaitAttach(command.subscription, command.ticket);
             break;
         }
         case Command::Kind::ack: {
@@ -273,12 +293,39 @@ void Connection::subscribeNow(const Subscription &subscription, bool add)
         receivers_[link] = subscription;
         return;
     }
+    attachAnswered(subscription);
     for (auto it = receivers_.begin(); it != receivers_.end(); ++it)
         if (it->second == subscription) {
             pn_link_close(it->first);
             receivers_.erase(it);
             return;
         }
+}
+
+/* A subscriber waits for the broker's answer to its link's attach, unless
+ * the link is already attached (a second subscribe to the same topic). */
+void Connection::awaitAttach(const Subscription &subscription, std::uint64_t ticket)
+{
+    attaching_.emplace(subscription, ticket);
+    for (auto &[link, wanted] : receivers_)
+        if (wanted == subscription && (pn_link_state(link) & PN_REMOTE_ACTIVE))
+            attachAnswered(subscription);
+}
+
+/* The broker attached or refused the subscription's link, or the connection
+ * went: whoever waits for it goes on. */
+void Connection::attachAnswered(const Subscription &subscription)
+{
+    auto [first, last] = attaching_.equal_range(subscription);
+    if (first == last)
+        return;
+    {
+        std::lock_guard lock(mutex_);
+        for (auto it = first; it != last; ++it)
+            unansweredTickets_.erase(it->second);
+        changed_.notify_all();
+    }
+    attaching_.erase(first, last);
 }
 
 /* The broker's outcome of a guaranteed message. */
@@ -392,6 +439,7 @@ void Connection::linkClosed(pn_link_t *link, const std::string &reason)
 {
     auto found = receivers_.find(link);
     if (found != receivers_.end()) {
+        attachAnswered(found->second);
         std::string info = found->second.address + ": " + reason;
         subscriptions_.erase(found->second);
         receivers_.erase(found);

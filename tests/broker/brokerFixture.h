@@ -58,8 +58,7 @@ public:
     std::vector<velClient_opaqueMsg_pt> messages();
     std::vector<Event> events();
     std::size_t countEvents(velClient_session_event_t event);
-    /* Subscribes and returns once the broker delivers on a probe topic
-     * subscribed after it (subscriptions take effect in order). */
+    /* Subscribes; the broker has attached the link when it returns. */
     void subscribeAndSync(const std::string &topic, bool queue = false);
     /* Called on the I/O thread for each message before it is kept. */
     std::function<void(velClient_opaqueSession_pt, velClient_opaqueMsg_pt)> onMessage;
