@@ -14,7 +14,7 @@
  *
  * Usage: bench_broker --port PORT [--rounds 3] [--direct 50000]
  *        [--persistent 20000] [--window 255] [--requests 3000] [--warmup 300]
- *        [--only direct|persistent|latency]
+ *        [--only direct|persistent|latency] [--contender velclient|Proton-C]
  * The broker must be running (scripts/bench_broker.sh starts one).
  */
 #include <algorithm>
@@ -23,6 +23,7 @@
 #include <cstring>
 #include <functional>
 
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include "broker/brokerBench.h"
@@ -36,6 +37,7 @@ struct Options {
     Settings settings;
     int rounds = 3;
     std::string only;
+    std::string contender; /* run only this one (for profiling) */
 };
 
 bool parse(int argc, char **argv, Options &o)
@@ -52,6 +54,7 @@ bool parse(int argc, char **argv, Options &o)
         else if (name == "--requests") o.settings.requests = number;
         else if (name == "--warmup") o.settings.warmup = number;
         else if (name == "--only") o.only = value;
+        else if (name == "--contender") o.contender = value;
         else return false;
     }
     return argc % 2 == 1 && o.settings.port > 0 && o.rounds > 0 && o.settings.window >= 1 && o.settings.window <= 255;
@@ -73,12 +76,38 @@ double median(std::vector<double> v)
     return n == 0 ? 0 : n % 2 == 1 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
 }
 
+/* What this process has used, every thread together: CPU time and the times
+ * a thread gave up the processor to wait (each is a wake-up later). */
+struct Usage {
+    double cpuSeconds = 0;
+    double waits = 0;
+
+    static Usage now()
+    {
+        rusage r{};
+        getrusage(RUSAGE_SELF, &r);
+        auto seconds = [](const timeval &t) { return static_cast<double>(t.tv_sec) + t.tv_usec / 1e6; };
+        return {seconds(r.ru_utime) + seconds(r.ru_stime), static_cast<double>(r.ru_nvcsw)};
+    }
+    Usage operator-(const Usage &earlier) const { return {cpuSeconds - earlier.cpuSeconds, waits - earlier.waits}; }
+    /* "client CPU x us, y waits per <what>" */
+    std::string per(double count, const char *what) const
+    {
+        char text[96];
+        std::snprintf(text, sizeof text, "client CPU %.1f us, %.1f waits per %s", count > 0 ? cpuSeconds * 1e6 / count : 0.0,
+                      count > 0 ? waits / count : 0.0, what);
+        return text;
+    }
+};
+
 void runThroughput(const Contender &c, const char *kind, Throughput (*fn)(const Settings &, const std::string &),
                    const Options &o, const std::string &tag, Figure &figure, int slot)
 {
+    Usage before = Usage::now();
     Throughput t = fn(o.settings, tag);
-    std::printf("  %-10s %-10s %10.0f msg/s  (%ld of %ld in %.2f s)\n", kind, c.name, t.perSecond(), t.received,
-                t.expected, t.seconds);
+    Usage used = Usage::now() - before;
+    std::printf("  %-10s %-10s %10.0f msg/s  (%ld of %ld in %.2f s; %s)\n", kind, c.name, t.perSecond(), t.received,
+                t.expected, t.seconds, used.per(static_cast<double>(t.received), "message").c_str());
     if (t.received < t.expected)
         std::printf("  %-10s %-10s lost %ld messages\n", kind, c.name, t.expected - t.received);
     figure.values[slot].push_back(t.perSecond());
@@ -86,9 +115,12 @@ void runThroughput(const Contender &c, const char *kind, Throughput (*fn)(const 
 
 void runLatency(const Contender &c, const Options &o, const std::string &tag, Figure &p50, Figure &p99, int slot)
 {
+    Usage before = Usage::now();
     Latency l = c.requestReply(o.settings, tag);
-    std::printf("  %-10s %-10s p50 %7.1f us  p99 %7.1f us  (%zu round trips)\n", "latency", c.name,
-                l.percentile(50), l.percentile(99), l.samples.size());
+    Usage used = Usage::now() - before;
+    double rounds = static_cast<double>(o.settings.warmup + o.settings.requests);
+    std::printf("  %-10s %-10s p50 %7.1f us  p99 %7.1f us  (%zu round trips; %s)\n", "latency", c.name,
+                l.percentile(50), l.percentile(99), l.samples.size(), used.per(rounds, "round trip").c_str());
     p50.values[slot].push_back(l.percentile(50));
     p99.values[slot].push_back(l.percentile(99));
 }
@@ -98,7 +130,7 @@ void summarise(const std::vector<Figure> &figures, int rounds)
     std::printf("\n=== medians of %d rounds [min - max]; ratio = velclient / Proton-C (per round in brackets)\n", rounds);
     std::printf("%-22s %-34s %-34s %-22s %s\n", "figure", "velclient", "Proton-C", "ratio", "goal");
     for (const Figure &f : figures) {
-        if (f.values[0].empty())
+        if (f.values[0].empty() || f.values[1].empty())
             continue;
         char cells[2][64];
         for (int slot = 0; slot < 2; ++slot) {
@@ -137,6 +169,8 @@ int run(const Options &o)
         auto forBoth = [&](const std::function<void(const Contender &, const std::string &, int)> &work) {
             for (int k = 0; k < 2; ++k) {
                 int slot = (round + k) % 2;
+                if (!o.contender.empty() && o.contender != contenders[slot]->name)
+                    continue;
                 work(*contenders[slot], std::to_string(getpid()) + "." + std::to_string(round) + "." +
                                             std::to_string(slot), slot);
             }
@@ -167,7 +201,7 @@ int main(int argc, char **argv)
     if (!parse(argc, argv, options)) {
         std::fprintf(stderr,
                      "usage: %s --port PORT [--rounds N] [--direct N] [--persistent N] [--window 1..255] "
-                     "[--requests N] [--warmup N] [--only direct|persistent|latency]\n",
+                     "[--requests N] [--warmup N] [--only direct|persistent|latency] [--contender velclient|Proton-C]\n",
                      argv[0]);
         return 2;
     }
