@@ -68,16 +68,23 @@ protected:
     virtual void onEvent(pn_event_t *event) = 0;
     virtual void onWake() {}
 
-    /* Grants credit again once half of it is used, as velclient's receiver does. */
-    void topUp(pn_link_t *link)
+    /* Settles the arrived message with outcome, and grants credit again once
+     * half of it is used, as velclient's receiver does. */
+    void settleIncoming(pn_event_t *event, std::uint64_t outcome)
     {
+        pn_delivery_update(pn_event_delivery(event), outcome);
+        pn_delivery_settle(pn_event_delivery(event));
+        pn_link_t *link = pn_event_link(event);
         int credit = pn_link_credit(link);
         if (credit < settings_.receiveCredit / 2)
             pn_link_flow(link, settings_.receiveCredit - credit);
     }
-    /* The bytes of a complete incoming delivery, or null. */
-    const std::vector<char> *take(pn_delivery_t *delivery)
+    /* The bytes of a complete message arriving on a receiver link, or null. */
+    const std::vector<char> *incoming(pn_event_t *event)
     {
+        if (pn_event_type(event) != PN_DELIVERY || pn_link_is_sender(pn_event_link(event)))
+            return nullptr;
+        pn_delivery_t *delivery = pn_event_delivery(event);
         if (!pn_delivery_readable(delivery) || pn_delivery_partial(delivery))
             return nullptr;
         received_.resize(pn_delivery_pending(delivery));
@@ -274,17 +281,12 @@ private:
     }
     void onEvent(pn_event_t *event) override
     {
-        if (pn_event_type(event) != PN_DELIVERY)
-            return;
-        pn_delivery_t *delivery = pn_event_delivery(event);
-        const std::vector<char> *bytes = take(delivery);
+        const std::vector<char> *bytes = incoming(event);
         if (bytes == nullptr)
             return;
         bool decoded = pn_message_decode(message_, bytes->data(), bytes->size()) == 0 && bodySize(message_) > 0;
-        pn_delivery_update(delivery, decoded ? PN_ACCEPTED : PN_REJECTED);
-        pn_delivery_settle(delivery);
+        settleIncoming(event, decoded ? PN_ACCEPTED : PN_REJECTED);
         messages.add();
-        topUp(pn_event_link(event));
     }
 
     std::string address_;
@@ -356,17 +358,12 @@ private:
     {
         if (pn_event_type(event) == PN_LINK_FLOW && owed_)
             send();
-        if (pn_event_type(event) != PN_DELIVERY || pn_link_is_sender(pn_event_link(event)))
-            return;
-        pn_delivery_t *delivery = pn_event_delivery(event);
-        const std::vector<char> *bytes = take(delivery);
+        const std::vector<char> *bytes = incoming(event);
         if (bytes == nullptr)
             return;
         auto now = Clock::now();
         pn_message_decode(reply_, bytes->data(), bytes->size());
-        pn_delivery_update(delivery, PN_ACCEPTED);
-        pn_delivery_settle(delivery);
-        topUp(pn_event_link(event));
+        settleIncoming(event, PN_ACCEPTED);
         if (bodySize(reply_) == 0)
             return;
         if (done_ >= settings_.warmup)
@@ -433,16 +430,11 @@ private:
                 if (sender.link == pn_event_link(event))
                     pump(address, sender);
         }
-        if (pn_event_type(event) != PN_DELIVERY || pn_link_is_sender(pn_event_link(event)))
-            return;
-        pn_delivery_t *delivery = pn_event_delivery(event);
-        const std::vector<char> *bytes = take(delivery);
+        const std::vector<char> *bytes = incoming(event);
         if (bytes == nullptr)
             return;
         pn_message_decode(request_, bytes->data(), bytes->size());
-        pn_delivery_update(delivery, PN_ACCEPTED);
-        pn_delivery_settle(delivery);
-        topUp(pn_event_link(event));
+        settleIncoming(event, PN_ACCEPTED);
         const char *replyTo = pn_message_get_reply_to(request_);
         pn_atom_t id = pn_message_get_correlation_id(request_);
         if (replyTo == nullptr || id.type != PN_STRING)
