@@ -4,6 +4,9 @@
 # repetitions each, then prints the medians. Installs what is missing first.
 # Extra arguments go to bench_peers (e.g. --benchmark_filter=W2).
 # The full output is kept in build/bench/bench_peers.txt and .json.
+# Then the broker step, scripts/bench_broker.sh: broker sessions beside a
+# plain Proton-C program on a throwaway RabbitMQ (VELCLIENT_BENCH_BROKER=0
+# leaves it out).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -47,3 +50,10 @@ awk '/_median/ {
        name = $1; sub(/_median$/, "", name)
        printf "%-56s %12s %-3s %12s %s\n", name, $2, $3, $4, $5
      }' "$out.txt" | sort
+
+if [ "${VELCLIENT_BENCH_BROKER:-1}" = 1 ]; then
+  install_missing rabbitmq-server
+  echo
+  echo "=== broker sessions beside plain Proton-C (scripts/bench_broker.sh)"
+  bash scripts/bench_broker.sh
+fi

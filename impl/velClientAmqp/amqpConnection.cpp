@@ -126,9 +126,19 @@ void Connection::close()
     changed_.notify_all();
 }
 
+/* Has the I/O thread run the queued commands. From the I/O thread itself (a
+ * callback) they run as soon as the event being handled is done; from another
+ * thread Proton wakes the connection, once until the I/O thread looks. */
 void Connection::wake()
 {
+    if (onIoThread()) {
+        queuedByCallback_ = true;
+        return;
+    }
     std::lock_guard lock(mutex_);
+    if (wakePending_)
+        return;
+    wakePending_ = true;
     if (live_ != nullptr)
         pn_connection_wake(live_);
     else
@@ -140,10 +150,37 @@ void Connection::run()
     startAttempt();
     while (!finished_) {
         pn_event_batch_t *batch = pn_proactor_wait(proactor_);
-        while (pn_event_t *event = pn_event_batch_next(batch))
+        while (pn_event_t *event = pn_event_batch_next(batch)) {
+            pn_connection_t *owner = pn_event_connection(event);
             handle(event);
+            if (queuedByCallback_)
+                runQueuedByCallback(owner);
+        }
+        if (windowOpened_) { /* waiters for room in the publish window wake once per batch */
+            windowOpened_ = false;
+            changed_.notify_all();
+        }
         pn_proactor_done(proactor_, batch);
     }
+}
+
+/* Commands a callback queued while the I/O thread handled an event of the
+ * current connection run at once, so that they leave with the output of the
+ * same batch (a reply with the acceptance of its request); otherwise Proton
+ * wakes the connection for them. */
+void Connection::runQueuedByCallback(pn_connection_t *owner)
+{
+    queuedByCallback_ = false;
+    if (connection_ != nullptr && owner == connection_) {
+        runCommands();
+        return;
+    }
+    std::lock_guard lock(mutex_);
+    wakePending_ = true;
+    if (live_ != nullptr)
+        pn_connection_wake(live_);
+    else
+        pn_proactor_interrupt(proactor_);
 }
 
 void Connection::handle(pn_event_t *event)
@@ -252,6 +289,7 @@ void Connection::transportClosed(pn_event_t *event)
     {
         std::lock_guard lock(mutex_);
         live_ = nullptr;
+        wakePending_ = false; /* a wake of the closed connection never arrives */
         awaitingAck_.clear();
     }
     connection_ = nullptr;

@@ -96,6 +96,7 @@ private:
 
     explicit Connection(_velClient_session *session);
     void run();
+    void runQueuedByCallback(pn_connection_t *owner);
     void handle(pn_event_t *event);
     void startAttempt();
     void transportClosed(pn_event_t *event);
@@ -140,6 +141,7 @@ private:
     std::string failText_;
     std::uint32_t inWindow_ = 0;     /* guaranteed messages not yet acknowledged */
     bool canSendOwed_ = false;       /* a send returned WOULD_BLOCK */
+    bool wakePending_ = false;       /* the I/O thread is woken and has not yet looked at commands_ */
     std::atomic<bool> closing_{false};
     std::set<velClient_msgId_t> awaitingAck_; /* client acknowledgement */
     std::uint64_t ticketsIssued_ = 0;
@@ -155,6 +157,8 @@ private:
     bool opened_ = false;   /* the current connection is open both ways */
     bool finished_ = false; /* the I/O loop ends after this batch */
     bool closeBegun_ = false;
+    bool queuedByCallback_ = false; /* a callback queued commands: run them when its event is done */
+    bool windowOpened_ = false;     /* room was made: notify changed_ when the batch ends */
     std::string attemptHost_;
     std::string attemptTimeout_; /* set when the current attempt timed out */
     std::string failures_;       /* "host (reason)" of each failed attempt of this pass */

@@ -18,6 +18,7 @@
 
 #include <chrono>
 #include <cstring>
+#include <memory>
 
 #include "velClientAmqp/amqpConnection.h"
 #include "velClientLog/logPrivate.h"
@@ -37,7 +38,15 @@ constexpr int kReceiveCredit = 256;
  * (delivery-count above 0, or first-acquirer false). */
 bool headerSaysRedelivered(const char *bytes, std::size_t size)
 {
-    pn_data_t *data = pn_data(0);
+    /* One decoder kept by the I/O thread: a fresh one per message costs more than the decoding. */
+    struct Free {
+        void operator()(pn_data_t *d) const { pn_data_free(d); }
+    };
+    thread_local std::unique_ptr<pn_data_t, Free> kept(pn_data(0));
+    pn_data_t *data = kept.get();
+    if (data == nullptr)
+        return false;
+    pn_data_clear(data);
     bool redelivered = false;
     if (pn_data_decode(data, bytes, size) > 0 && (pn_data_rewind(data), pn_data_next(data)) &&
         pn_data_is_described(data) && pn_data_enter(data) && pn_data_next(data) &&
@@ -50,7 +59,6 @@ bool headerSaysRedelivered(const char *bytes, std::size_t size)
                 redelivered = true;
         }
     }
-    pn_data_free(data);
     return redelivered;
 }
 
@@ -180,6 +188,10 @@ velClient_returnCode_t Connection::ack(velClient_msgId_t msgId)
 
 void Connection::runCommands()
 {
+    {
+        std::lock_guard lock(mutex_);
+        wakePending_ = false;
+    }
     /* What was queued before a close still goes out first. */
     if (opened_ && !closeBegun_)
         runQueued();
@@ -367,8 +379,8 @@ void Connection::acknowledged(std::size_t count)
         owed = canSendOwed_ && inWindow_ < session_->broker.pubWindowSize;
         if (owed)
             canSendOwed_ = false;
-        changed_.notify_all();
     }
+    windowOpened_ = true; /* waiters wake when the batch ends */
     if (owed)
         emit(VELCLIENT_SESSION_EVENT_CAN_SEND, "room in the publish window", nullptr);
 }
