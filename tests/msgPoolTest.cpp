@@ -6,6 +6,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "support/velTestSupport.h"
@@ -33,12 +34,23 @@ velClient_opaqueDatablock_pt block(velClient_uint32_t size)
     return b;
 }
 
-velClient_uint32_t capacityOf(velClient_opaqueDatablock_pt b)
+/* The block's data area and its capacity. */
+std::pair<void *, velClient_uint32_t> areaOf(velClient_opaqueDatablock_pt b)
 {
     void *p = nullptr;
     velClient_uint32_t size = 0;
     EXPECT_EQ(VELCLIENT_OK, velClient_datablock_getDataPtr(b, &p, &size));
-    return size;
+    return {p, size};
+}
+
+velClient_uint32_t capacityOf(velClient_opaqueDatablock_pt b)
+{
+    return areaOf(b).second;
+}
+
+void *dataOf(velClient_opaqueDatablock_pt b)
+{
+    return areaOf(b).first;
 }
 
 } // namespace
@@ -153,18 +165,6 @@ TEST(DataBlocks, ReferencesAndExtractionHandTheMessagesReferenceOver)
               veltest::bytesAt(static_cast<std::uint8_t *>(info.buf_p) + 4, info.bufSize - 4));
     velClient_datablock_free(&b);
 }
-
-namespace {
-
-void *dataOf(velClient_opaqueDatablock_pt b)
-{
-    void *p = nullptr;
-    velClient_uint32_t size = 0;
-    EXPECT_EQ(VELCLIENT_OK, velClient_datablock_getDataPtr(b, &p, &size));
-    return p;
-}
-
-} // namespace
 
 /* A freed oversize block leaves every counter as if its memory went back to
  * the system; the thread keeps its last two such chunks and hands one out
