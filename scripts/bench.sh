@@ -1,12 +1,15 @@
 #!/usr/bin/env bash
-# Builds the optimised benchmark preset and runs bench_peers: velclient beside
-# msgpack-c, Qpid Proton-C, libbson and a malloc/memcpy baseline, 5
-# repetitions each, then prints the medians. Installs what is missing first.
-# Extra arguments go to bench_peers (e.g. --benchmark_filter=W2).
-# The full output is kept in build/bench/bench_peers.txt and .json.
+# Builds the optimised benchmark preset, installs the library, builds
+# bench/peers against the installed package and runs bench_peers: velclient
+# (shared library) beside msgpack-c, Qpid Proton-C, libbson and a
+# malloc/memcpy baseline, 5 repetitions each; then velclient alone on the
+# static library; then the medians and the ratios against the goals
+# (scripts/bench_goals.py). Installs what is missing first.
+# Extra arguments go to both runs (e.g. --benchmark_filter=W2).
+# The full output is kept in build/bench/bench_peers{,_static}.txt and .json.
 # Then the broker step, scripts/bench_broker.sh: broker sessions beside a
 # plain Proton-C program on a throwaway RabbitMQ (VELCLIENT_BENCH_BROKER=0
-# leaves it out).
+# leaves it out). Exits 1 when a goal of bench_peers is missed.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -34,22 +37,42 @@ install_missing libmsgpack-dev libqpid-proton11-dev libbson-dev ||
 cmake --preset bench
 cmake --build --preset bench -j"$(nproc)"
 
-out=build/bench/bench_peers
+# bench_peers is built the way an application builds against velclient: the
+# library is installed, and bench/peers takes it with find_package.
+prefix=$PWD/build/bench/install
+cmake --install build/bench --prefix "$prefix" >/dev/null
+cmake -S bench/peers -B build/bench/peers -DCMAKE_BUILD_TYPE=Release -DCMAKE_PREFIX_PATH="$prefix" \
+  -DCMAKE_BUILD_RPATH="$prefix/lib"
+cmake --build build/bench/peers -j"$(nproc)"
+
 # Repetitions are interleaved in random order, so that a slow spell of a
 # shared machine falls on every library alike instead of on a few rows.
-./build/bench/bench/bench_peers \
-  --benchmark_repetitions=5 \
-  --benchmark_enable_random_interleaving=true \
-  --benchmark_report_aggregates_only=true \
-  --benchmark_out="$out.json" --benchmark_out_format=json \
-  "$@" | tee "$out.txt"
+run() {
+  local exe=$1 out=$2
+  shift 2
+  "$exe" \
+    --benchmark_repetitions=5 \
+    --benchmark_enable_random_interleaving=true \
+    --benchmark_report_aggregates_only=true \
+    --benchmark_out="$out.json" --benchmark_out_format=json \
+    "$@" | tee "$out.txt"
+  echo
+  echo "=== medians of 5 repetitions (Time = wall clock per operation, CPU = CPU time per operation)"
+  awk '/_median/ {
+         name = $1; sub(/_median$/, "", name)
+         printf "%-56s %12s %-3s %12s %s\n", name, $2, $3, $4, $5
+       }' "$out.txt" | sort
+}
 
+out=build/bench/bench_peers
+echo "=== bench_peers on the installed shared library"
+run build/bench/peers/bench_peers "$out" "$@"
 echo
-echo "=== medians of 5 repetitions (Time = wall clock per operation, CPU = CPU time per operation)"
-awk '/_median/ {
-       name = $1; sub(/_median$/, "", name)
-       printf "%-56s %12s %-3s %12s %s\n", name, $2, $3, $4, $5
-     }' "$out.txt" | sort
+echo "=== bench_peers_static: velclient on the static library"
+run build/bench/peers/bench_peers_static "${out}_static" --benchmark_filter='/velclient' "$@"
+echo
+goals=0
+python3 scripts/bench_goals.py "$out.json" "${out}_static.json" || goals=$?
 
 if [ "${VELCLIENT_BENCH_BROKER:-1}" = 1 ]; then
   install_missing rabbitmq-server
@@ -57,3 +80,4 @@ if [ "${VELCLIENT_BENCH_BROKER:-1}" = 1 ]; then
   echo "=== broker sessions beside plain Proton-C (scripts/bench_broker.sh)"
   bash scripts/bench_broker.sh
 fi
+exit "$goals"

@@ -1,13 +1,19 @@
 /* Data blocks, the pools, their limit, classes and statistics, starting the
  * library and sessions with properties, and the message life cycle (reset, dup, cleanup).
  * Counters are process-wide: compared as differences, defaults restored. */
+#include <cstdint>
 #include <cstring>
+#include <set>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "support/velTestSupport.h"
 
 using veltest::stat;
+
+extern "C" void _velClient_allocFail_arm(std::uint64_t nth);
 
 namespace {
 
@@ -28,12 +34,23 @@ velClient_opaqueDatablock_pt block(velClient_uint32_t size)
     return b;
 }
 
-velClient_uint32_t capacityOf(velClient_opaqueDatablock_pt b)
+/* The block's data area and its capacity. */
+std::pair<void *, velClient_uint32_t> areaOf(velClient_opaqueDatablock_pt b)
 {
     void *p = nullptr;
     velClient_uint32_t size = 0;
     EXPECT_EQ(VELCLIENT_OK, velClient_datablock_getDataPtr(b, &p, &size));
-    return size;
+    return {p, size};
+}
+
+velClient_uint32_t capacityOf(velClient_opaqueDatablock_pt b)
+{
+    return areaOf(b).second;
+}
+
+void *dataOf(velClient_opaqueDatablock_pt b)
+{
+    return areaOf(b).first;
 }
 
 } // namespace
@@ -147,6 +164,48 @@ TEST(DataBlocks, ReferencesAndExtractionHandTheMessagesReferenceOver)
     EXPECT_EQ((veltest::Bytes{0x2B, 0, 0, 0, 12, 0x1C, 0x04, 'p', 0, 0x08, 0x03, 0x01}), /* behind 4 reserved key bytes */
               veltest::bytesAt(static_cast<std::uint8_t *>(info.buf_p) + 4, info.bufSize - 4));
     velClient_datablock_free(&b);
+}
+
+/* A freed oversize block leaves every counter as if its memory went back to
+ * the system; the thread keeps its last two such chunks and hands one out
+ * again for a request of the same size or up to half smaller, on that thread
+ * only, and never past the allocation-failure hook. */
+TEST(DataBlocks, OversizeBlocksAreCountedFreedAndTheirMemoryReusedByTheirThread)
+{
+    constexpr velClient_uint32_t kBig = 5u << 19; /* 2.5 MiB, past the largest class */
+    const velClient_uint64_t total = stat(VELCLIENT_MSG_STATS_TOTAL_MEMORY);
+    const velClient_uint64_t live = stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, 5);
+    velClient_opaqueDatablock_pt a = block(kBig), b = block(kBig), c = block(kBig);
+    EXPECT_EQ(live + 3, stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, 5));
+    void *const pb = dataOf(b), *const pc = dataOf(c);
+    for (velClient_opaqueDatablock_pt *x : {&a, &b, &c})
+        velClient_datablock_free(x);
+    EXPECT_EQ(total, stat(VELCLIENT_MSG_STATS_TOTAL_MEMORY));
+    EXPECT_EQ(live, stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, 5));
+
+    /* Less than half the kept size, or another thread: fresh memory. */
+    velClient_opaqueDatablock_pt small = block((1u << 20) + 1);
+    EXPECT_TRUE(dataOf(small) != pb && dataOf(small) != pc);
+    void *other = nullptr;
+    std::thread([&] {
+        velClient_opaqueDatablock_pt o = block(kBig);
+        other = dataOf(o);
+        velClient_datablock_free(&o);
+    }).join();
+    EXPECT_TRUE(other != pb && other != pc);
+
+    /* The two newest chunks come back (the oldest was given to the system);
+     * the failure hook still counts and fails a request a chunk could serve. */
+    _velClient_allocFail_arm(1);
+    velClient_opaqueDatablock_pt refused = nullptr;
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_datablock_alloc(&refused, kBig));
+    _velClient_allocFail_arm(0);
+    velClient_opaqueDatablock_pt d = block(kBig), e = block(kBig - 1000);
+    const std::set<void *> reused{dataOf(d), dataOf(e)};
+    EXPECT_EQ((std::set<void *>{pb, pc}), reused);
+    for (velClient_opaqueDatablock_pt *x : {&d, &e, &small})
+        velClient_datablock_free(x);
+    EXPECT_EQ(total, stat(VELCLIENT_MSG_STATS_TOTAL_MEMORY));
 }
 
 TEST(MessagePool, TheOlderStatisticsLayoutMirrorsTheCounters)

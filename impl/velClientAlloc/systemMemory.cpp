@@ -30,7 +30,18 @@ void *sysMalloc(std::size_t bytes) noexcept
 
 void *sysAlignedAlloc(std::size_t align, std::size_t bytes) noexcept
 {
-    return shouldFail() ? nullptr : std::aligned_alloc(align, bytes);
+    if (shouldFail())
+        return nullptr;
+    if (bytes >= kKeptChunkMin)
+        if (void *kept = takeKeptChunk(bytes); kept != nullptr)
+            return kept;
+    return std::aligned_alloc(align, bytes);
+}
+
+void sysFreeSized(void *p, std::size_t bytes) noexcept
+{
+    if (p != nullptr && !keepChunk(p, bytes))
+        std::free(p);
 }
 
 } // namespace vel

@@ -55,7 +55,7 @@ bool addPage()
 }
 
 constexpr std::uint32_t kCacheCap = 64;
-thread_local constinit vel::LocalStack myEntries_s{};
+thread_local constinit vel::LocalStack myEntries_s VEL_HOT_TLS{};
 
 /* Gives the thread's cached entries back to the shared stack when it ends. */
 struct EntryCacheReturn {

@@ -10,6 +10,13 @@
 
 #include "velClientLifo/lockFreeStack.h"
 
+/* The model for the few small thread-locals that every call reaches. In the
+ * shared library the default model calls __tls_get_addr on each access;
+ * initial-exec reads them at a fixed offset from the thread pointer. They take
+ * a few dozen bytes of the static TLS space that the loader also keeps for
+ * libraries opened later, so the library can still be dlopen'ed. */
+#define VEL_HOT_TLS [[gnu::tls_model("initial-exec")]]
+
 namespace vel {
 
 struct LocalStack {

@@ -123,7 +123,7 @@ void _velClient_datablock_decRefBy(_velClient_datab *db, std::int32_t count, con
         release(me.blocks[q], blockCacheCap[q], _velClient_msgPool_s.freeDbList[q], &db->entry,
                 me.counters.numFreeDataB[q], bytes);
     else
-        giveToSystem(db, bytes);
+        giveToSystem(db, bytes, true);
 }
 
 void _velClient_datablock_incRef(_velClient_datab *db, std::int32_t count)

@@ -116,6 +116,7 @@ void _velClient_msg_cleanup()
     _velClient_msgPoolStats &st = stats();
     if (pool.initCalled == 0)
         return;
+    vel::releaseKeptChunks();
     spillAllCaches();
     bool live = drainAndReport<_velClient_msg>(pool.freeMsgList, st.numFreeMsg, sumCounter(&_velClient_msgPoolStats::numAllocMsg),
                                                "Currently allocated %d messages not released",

@@ -109,23 +109,35 @@ inline T *take(LocalStack &cache, _velClient_lifoHead &list, std::atomic<std::ui
  * Records start on a cache line of their own and fill whole lines, so two
  * threads working on records obtained one after the other never write to
  * the same line. */
+inline constexpr std::size_t kLine = 64;
+
+/* What obtain() asks the system for: bytes rounded up to whole lines. */
+inline constexpr std::size_t wholeLines(std::size_t bytes) noexcept
+{
+    return (bytes + kLine - 1) / kLine * kLine;
+}
+
 template <typename T>
 inline T *obtain(std::size_t bytes) noexcept
 {
-    constexpr std::size_t kLine = 64;
-    void *mem = vel::sysAlignedAlloc(kLine, (bytes + kLine - 1) / kLine * kLine);
+    void *mem = vel::sysAlignedAlloc(kLine, wholeLines(bytes));
     if (mem != nullptr)
         add(stats().totMemory, static_cast<std::uint64_t>(bytes));
     return static_cast<T *>(mem);
 }
 
 /* Returns bytes obtained for record to the system, once no pop can still
- * read its list link. */
-inline void giveToSystem(void *record, std::size_t bytes) noexcept
+ * read its list link. A large block released in use (keepLarge) may be kept
+ * by the system-memory layer for the thread's next large request; one
+ * drained to lower the pool's memory is freed. */
+inline void giveToSystem(void *record, std::size_t bytes, bool keepLarge = false) noexcept
 {
     _velClient_lifoQuiesce();
     sub(stats().totMemory, static_cast<std::uint64_t>(bytes));
-    vel::sysFree(record);
+    if (keepLarge)
+        vel::sysFreeSized(record, wholeLines(bytes));
+    else
+        vel::sysFree(record);
 }
 
 /* Pools record (in the thread's cache while it has room, else on the shared

@@ -12,7 +12,7 @@
 
 namespace vel::pool {
 
-thread_local constinit ThreadState *tlsStatePtr = nullptr;
+thread_local constinit ThreadState *tlsStatePtr VEL_HOT_TLS = nullptr;
 
 namespace {
 thread_local constinit ThreadState tlsState{};

@@ -25,7 +25,7 @@ struct ThreadState {
 };
 
 /* The calling thread's state, nullptr until its first use. */
-extern thread_local constinit ThreadState *tlsStatePtr;
+extern thread_local constinit ThreadState *tlsStatePtr VEL_HOT_TLS;
 
 /* Registers a state for the calling thread: its own on first use; after the
  * thread's exit step has run (a call from another thread-exit destructor),

@@ -19,9 +19,11 @@ inline constexpr char kTempTopicPrefix[] = "#P2P/TTMP/";
 inline constexpr char kTempQueuePrefix[] = "#P2P/QTMP/";
 inline constexpr std::size_t kQueuePrefixLength = sizeof kQueuePrefix - 1;
 
+/* prefix is one of the non-empty prefixes above: most names differ from it in
+ * their first character, which is tested before any call. */
 inline bool startsWith(const char *text, const char *prefix)
 {
-    return std::strncmp(text, prefix, std::strlen(prefix)) == 0;
+    return text[0] == prefix[0] && std::strncmp(text, prefix, std::strlen(prefix)) == 0;
 }
 
 /* For a name that begins with the queue prefix: the queue name after the
