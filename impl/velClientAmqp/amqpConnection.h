@@ -101,6 +101,8 @@ private:
     void connectionLost(const std::string &reason);
     void goDown(const std::string &reason);
     void beginClose();
+    /* Begins the close that disconnect asked for once no direct message waits for link credit. */
+    void closeWhenFlushed();
     void sessionEnded();
     void restartSession();
     void openLinks();
@@ -145,6 +147,7 @@ private:
     bool everUp_ = false;
     bool opened_ = false;   /* the current connection is open both ways */
     bool finished_ = false; /* the I/O loop ends after this batch */
+    bool closeWanted_ = false; /* disconnect asked, the commands queued before it have run */
     bool closeBegun_ = false;
     std::string attemptHost_;
     std::string attemptTimeout_; /* set when the current attempt timed out */
