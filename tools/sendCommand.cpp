@@ -68,7 +68,7 @@ void usage(const char *program)
                 "Persistent and non-persistent messages on a broker are each acknowledged by it; the command\n"
                 "waits for every outcome and reports each refusal.\n"
                 "Exit status: 0 when every message was sent (and acknowledged where that applies), 1 when the\n"
-                "library failed or a message was refused, 2 for a usage error.\n",
+                "library failed or a message was refused, 2 for a usage or file error.\n",
                 program, kUserPropertyTypes, kSessionOptionsHelp);
 }
 
@@ -132,12 +132,13 @@ bool parse(int argc, char **argv, SendOptions &o)
     return true;
 }
 
+/* The bytes of a file ("-": standard input); a file that cannot be read is refused like a bad option. */
 std::string readFile(const std::string &path)
 {
     const bool stdinput = path == "-";
     FILE *in = stdinput ? stdin : std::fopen(path.c_str(), "rb");
     if (in == nullptr)
-        throw std::runtime_error("cannot open " + path + ": " + std::strerror(errno));
+        throw UsageError("option --file: cannot open " + path + ": " + std::strerror(errno));
     std::string bytes;
     char chunk[65536];
     for (std::size_t n; (n = std::fread(chunk, 1, sizeof chunk, in)) > 0;)
@@ -146,7 +147,7 @@ std::string readFile(const std::string &path)
     if (!stdinput)
         std::fclose(in);
     if (failed)
-        throw std::runtime_error("cannot read " + path);
+        throw UsageError("option --file: cannot read " + path);
     return bytes;
 }
 
