@@ -73,6 +73,7 @@ TEST(CommandTool, RefusedCommandLinesGiveOneLineNamingTheOptionAndStatus2)
         {"send --topic a --user-property n", "'n' is not NAME=VALUE or NAME:TYPE=VALUE"},
         {"receive", "velclient receive: needs --topic or --queue"},
         {"receive --topic a --ack sometimes", "option --ack: 'sometimes' is not auto or client"},
+        {"receive --topic a --count 0", "option --count: '0' is not a whole number from 1 to 9223372036854775807"},
         {"receive --topic a --timeout 0", "option --timeout: '0' is not a whole number from 1 to 2147483647"},
         {"receive --topic a --transport loopback", "receive needs the amqp transport"},
         {"dump --sizes=1", "velclient dump: option --sizes takes no value"},

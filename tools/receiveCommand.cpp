@@ -68,7 +68,7 @@ bool parse(int argc, char **argv, ReceiveOptions &o)
         if (args.is("--topic") || args.is("--queue")) {
             (args.is("--topic") ? o.topics : o.queues).push_back(args.value());
         } else if (args.is("--count")) {
-            o.count = parseUnsigned(args.name(), args.value(), UINT64_MAX);
+            o.count = static_cast<std::uint64_t>(parseInteger(args.name(), args.value(), 1, INT64_MAX));
         } else if (args.is("--timeout")) {
             o.timeoutMs = parseInteger(args.name(), args.value(), 1, kMaxTimeout);
         } else if (args.is("--ack")) {

@@ -186,8 +186,10 @@ void sendOne(CommandSession &session, velclient::Message &msg)
     for (;;) {
         const std::uint64_t canSend = session.state().canSend;
         const velClient_returnCode_t rc = velClient_session_sendMsg(session.handle(), msg.handle());
-        if (rc != VELCLIENT_WOULD_BLOCK)
-            return check(rc);
+        if (rc != VELCLIENT_WOULD_BLOCK) {
+            check(rc);
+            return;
+        }
         session.waitUntil([&](const SessionState &s) { return s.canSend > canSend || s.down; },
                           std::chrono::hours(1));
         if (session.state().down)

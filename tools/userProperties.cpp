@@ -6,6 +6,7 @@
 #include "userProperties.h"
 
 #include <cfloat>
+#include <charconv>
 #include <cmath>
 #include <limits>
 
@@ -74,25 +75,15 @@ PropertyValue character(std::string_view option, std::string_view text)
     return velclient::Wchar{c};
 }
 
-int hexDigit(char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
-
 PropertyValue bytes(std::string_view option, std::string_view text)
 {
     std::vector<std::uint8_t> out;
     for (std::size_t i = 0; i + 1 < text.size(); i += 2) {
-        const int high = hexDigit(text[i]), low = hexDigit(text[i + 1]);
-        if (high < 0 || low < 0)
+        std::uint8_t byte = 0;
+        const char *pair = text.data() + i;
+        if (std::from_chars(pair, pair + 2, byte, 16).ptr != pair + 2)
             break;
-        out.push_back(static_cast<std::uint8_t>(high << 4 | low));
+        out.push_back(byte);
     }
     if (out.size() * 2 != text.size())
         refuseValue(option, text, "bytes as pairs of hex digits");
