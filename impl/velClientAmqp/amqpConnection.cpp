@@ -206,11 +206,13 @@ void Connection::handle(pn_event_t *event)
         break;
     case PN_LINK_REMOTE_CLOSE:
         linkClosed(pn_event_link(event), remoteReason(pn_link_remote_condition(pn_event_link(event))));
+        closeWhenFlushed();
         break;
     case PN_LINK_FLOW:
         for (auto &[address, sender] : senders_)
             if (sender.link == pn_event_link(event))
                 pump(sender);
+        closeWhenFlushed();
         break;
     case PN_DELIVERY: {
         pn_delivery_t *delivery = pn_event_delivery(event);

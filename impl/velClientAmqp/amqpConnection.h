@@ -106,6 +106,8 @@ private:
     void connectionLost(const std::string &reason);
     void goDown(const std::string &reason);
     void beginClose();
+    /* Begins the close that disconnect asked for once no direct message waits for link credit. */
+    void closeWhenFlushed();
     void sessionEnded();
     void restartSession();
     void openLinks();
@@ -156,6 +158,7 @@ private:
     bool everUp_ = false;
     bool opened_ = false;   /* the current connection is open both ways */
     bool finished_ = false; /* the I/O loop ends after this batch */
+    bool closeWanted_ = false; /* disconnect asked, the commands queued before it have run */
     bool closeBegun_ = false;
     bool queuedByCallback_ = false; /* a callback queued commands: run them when its event is done */
     bool windowOpened_ = false;     /* room was made: notify changed_ when the batch ends */

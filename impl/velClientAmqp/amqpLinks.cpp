@@ -195,10 +195,21 @@ void Connection::runCommands()
     /* What was queued before a close still goes out first. */
     if (opened_ && !closeBegun_)
         runQueued();
-    if (closing_ && !closeBegun_) {
-        closeBegun_ = true;
-        beginClose();
+    if (closing_ && !closeWanted_) {
+        closeWanted_ = true;
+        /* Bounds the wait for link credit: timedOut() then ends the connection. */
+        if (opened_ && !direct_.empty())
+            pn_proactor_set_timeout(proactor_, static_cast<pn_millis_t>(session_->broker.sendTimeoutMs));
     }
+    closeWhenFlushed();
+}
+
+void Connection::closeWhenFlushed()
+{
+    if (!closeWanted_ || closeBegun_ || (opened_ && !direct_.empty()))
+        return;
+    closeBegun_ = true;
+    beginClose();
 }
 
 void Connection::runQueued()

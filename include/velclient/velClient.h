@@ -238,8 +238,9 @@ typedef void (*velClient_session_eventCallbackFunc_t)(velClient_opaqueSession_pt
  * session subscribes to its inbox topic base followed by "/>". Loopback and null sessions are up at once.
  * Connecting a connected session is VELCLIENT_OK. */
 VELCLIENT_API velClient_returnCode_t velClient_session_connect(velClient_opaqueSession_pt session);
-/* Waits (bounded by the send timeout) until every guaranteed message sent is acknowledged, then closes the
- * connection and ends the I/O thread. A session that is not connected: VELCLIENT_OK. */
+/* Waits (bounded by the send timeout) until every guaranteed message sent is acknowledged and every direct one
+ * has gone out, then closes the connection and ends the I/O thread. A session that is not connected:
+ * VELCLIENT_OK. */
 VELCLIENT_API velClient_returnCode_t velClient_session_disconnect(velClient_opaqueSession_pt session);
 /* Subscribes to a topic: levels separated by '/', where a level that is exactly "*" matches any one level
  * and a last level that is exactly ">" one or more levels. Subscribing twice is not an error. A broker

@@ -1,7 +1,8 @@
 #!/bin/sh
 # Installs the build tree into a scratch prefix, then builds and runs a small
 # consumer project against it: with find_package (C, C++, static C) and with
-# pkg-config (C and C++). Usage: consumer_test.sh BUILD_DIR WORK_DIR SOURCE_DIR
+# pkg-config (C and C++); the installed commands answer --help.
+# Usage: consumer_test.sh BUILD_DIR WORK_DIR SOURCE_DIR
 set -eu
 build=$1
 work=$2
@@ -10,6 +11,9 @@ rm -rf "$work"
 mkdir -p "$work"
 prefix="$work/prefix"
 cmake --install "$build" --prefix "$prefix" >/dev/null
+# The commands come with the library and run from the installed tree.
+"$prefix/bin/velclient" --help >/dev/null
+"$prefix/bin/velclient-dump" --help >/dev/null
 
 cmake -S "$src" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_BUILD_TYPE=Release >/dev/null
 cmake --build "$work/cmake" >/dev/null

@@ -1,0 +1,213 @@
+/* The velclient command without a broker: refused command lines (one line naming the option, status 2),
+ * help, typed user properties and the other message options as the loopback send dumps them, and
+ * library failures (their text, status 1). */
+#include <algorithm>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "support/toolProcess.h"
+#include "support/velTestSupport.h"
+
+#ifdef VELCLIENT_TOOL
+
+namespace {
+
+veltest::ToolResult run(const std::string &args)
+{
+    return veltest::runTool(VELCLIENT_TOOL, args);
+}
+
+std::size_t lines(const std::string &text)
+{
+    return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
+}
+
+/* A dump without its receive timestamp line, which decoding sets to the time of the run. */
+std::string withoutReceiveTime(const std::string &dump)
+{
+    const std::size_t at = dump.find("RcvTimestamp:");
+    return at == std::string::npos ? dump : dump.substr(0, at) + dump.substr(dump.find('\n', at) + 1);
+}
+
+} // namespace
+
+TEST(CommandTool, RefusedCommandLinesGiveOneLineNamingTheOptionAndStatus2)
+{
+    const struct {
+        const char *args;
+        const char *text;
+    } cases[] = {
+        {"bogus", "velclient: unknown command 'bogus' (see velclient --help)"},
+        {"send --topic a --bogus", "velclient send: unknown option --bogus (see velclient send --help)"},
+        {"send --topic a extra", "unexpected argument 'extra'"},
+        {"send --topic", "option --topic needs a value"},
+        {"send --text hi", "needs --topic or --queue"},
+        {"send --topic a --queue b", "give one --topic or --queue"},
+        {"send --topic a --text x --file y", "give one --text or --file"},
+        {"send --topic a --file /nonexistent/x", "option --file: cannot open /nonexistent/x: No such file"},
+        {"send --topic a --ttl 315360000001", "option --ttl: '315360000001' is not a whole number from 0 to 315360000000"},
+        {"send --topic a --ttl=-1", "option --ttl: '-1' is not a whole number from 0"},
+        {"send --topic a --count 0", "option --count: '0' is not a whole number from 1 to 4294967295"},
+        {"send --topic a --count 5x", "option --count: '5x' is not"},
+        {"send --topic a --mode fast", "option --mode: 'fast' is not direct, persistent or nonpersistent"},
+        {"send --topic a --transport tcp", "option --transport: 'tcp' is not amqp or loopback"},
+        {"send --topic a --property SESSION_SSL", "option --property: 'SESSION_SSL' is not NAME=VALUE"},
+        {"send --topic a --dump=yes", "option --dump takes no value"},
+        {"send --topic a --user-property n:int8=128",
+         "option --user-property n:int8: '128' is not a whole number from -128 to 127"},
+        {"send --topic a --user-property n:uint16=-1", "'-1' is not a whole number from 0 to 65535"},
+        {"send --topic a --user-property n:int64=9223372036854775808", "from -9223372036854775808 to"},
+        {"send --topic a --user-property n:uint64=18446744073709551616", "from 0 to 18446744073709551615"},
+        {"send --topic a --user-property n:bool=yes", "n:bool: 'yes' is not true, false, 1 or 0"},
+        {"send --topic a --user-property n:float=1e39", "'1e39' is not within the range of a float"},
+        {"send --topic a --user-property n:double=1.5.2", "'1.5.2' is not a number"},
+        {"send --topic a --user-property n:char=ab", "'ab' is not one character up to U+FFFF"},
+        {"send --topic a --user-property n:char=", "'' is not one character up to U+FFFF"},
+        {"send --topic a --user-property 'n:char=\xF0\x9F\x98\x80'", "is not one character up to U+FFFF"},
+        {"send --topic a --user-property n:bytes=abc", "'abc' is not bytes as pairs of hex digits"},
+        {"send --topic a --user-property n:bytes=0g", "'0g' is not bytes as pairs of hex digits"},
+        {"send --topic a --user-property n:null=x", "'x' is not empty"},
+        {"send --topic a --user-property n:int33=1", "unknown type 'int33' in 'n:int33=1' (types: string, bool,"},
+        {"send --topic a --user-property =x", "'=x' is not NAME=VALUE or NAME:TYPE=VALUE"},
+        {"send --topic a --user-property n", "'n' is not NAME=VALUE or NAME:TYPE=VALUE"},
+        {"receive", "velclient receive: needs --topic or --queue"},
+        {"receive --topic a --ack sometimes", "option --ack: 'sometimes' is not auto or client"},
+        {"receive --topic a --count 0", "option --count: '0' is not a whole number from 1 to 9223372036854775807"},
+        {"receive --topic a --timeout 0", "option --timeout: '0' is not a whole number from 1 to 2147483647"},
+        {"receive --topic a --transport loopback", "receive needs the amqp transport"},
+        {"dump --sizes=1", "velclient dump: option --sizes takes no value"},
+    };
+    for (const auto &c : cases) {
+        const veltest::ToolResult r = run(c.args);
+        EXPECT_EQ(2, r.status) << c.args;
+        EXPECT_NE(std::string::npos, r.err.find(c.text)) << c.args << "\n" << r.err;
+        EXPECT_EQ(1u, lines(r.err)) << c.args << "\n" << r.err;
+        EXPECT_EQ("", r.out) << c.args;
+    }
+}
+
+TEST(CommandTool, HelpOnStandardOutputAndUsageWithoutCommand)
+{
+    for (const char *args : {"--help", "-h", "send --help", "receive -h", "dump --help"}) {
+        const veltest::ToolResult r = run(args);
+        EXPECT_EQ(0, r.status) << args;
+        EXPECT_EQ(0u, r.out.find("Usage: velclient")) << args << "\n" << r.out;
+        EXPECT_EQ("", r.err) << args;
+    }
+    EXPECT_NE(std::string::npos, run("send --help").out.find("--user-property NAME:TYPE=VALUE"));
+    const veltest::ToolResult none = run("");
+    EXPECT_EQ(2, none.status);
+    EXPECT_EQ(0u, none.err.find("Usage: velclient COMMAND"));
+}
+
+TEST(CommandTool, LoopbackSendDumpsEveryTypedUserPropertyAndMessageOption)
+{
+    const struct {
+        const char *property;
+        const char *line;
+    } cases[] = {
+        {"i8:int8=-128", "Key 'i8' (INT8) -128"},
+        {"u8:uint8=255", "Key 'u8' (UINT8) 255"},
+        {"i16:int16=-32768", "Key 'i16' (INT16) -32768"},
+        {"u16:uint16=65535", "Key 'u16' (UINT16) 65535"},
+        {"i32:int32=-2147483648", "Key 'i32' (INT32) -2147483648"},
+        {"u32:uint32=4294967295", "Key 'u32' (UINT32) 4294967295"},
+        {"i64:int64=-9223372036854775808", "Key 'i64' (INT64) -9223372036854775808"},
+        {"u64:uint64=18446744073709551615", "Key 'u64' (UINT64) 18446744073709551615"},
+        {"t:bool=true", "Key 't' (BOOL) TRUE"},
+        {"f:bool=0", "Key 'f' (BOOL) FALSE"},
+        {"fl:float=1.5", "Key 'fl' (FLOAT) 1.500000"},
+        {"db:double=-2.25", "Key 'db' (DOUBLE) -2.250000"},
+        {"c:char=A", "Key 'c' (WCHAR) A"},
+        {"by:bytes=00fF", "Key 'by' (BYTE ARRAY) len=2"},
+        {"z:null", "Key 'z' (NULL)"},
+        {"tp:topic=x/y", "Key 'tp' (DESTINATION) Topic 'x/y'"},
+        {"qu:queue=qq", "Key 'qu' (DESTINATION) Queue 'qq'"},
+        {"s=a:b=c", "Key 's' (STRING) a:b=c"},
+        {"a:b:string=x", "Key 'a:b' (STRING) x"},
+    };
+    std::string args = "send --transport loopback --topic a/b --text hello --ttl 5000 --mode persistent "
+                       "--reply-to queue:rq --correlation-id cid --count 2 --dump";
+    for (const auto &c : cases)
+        args.append(" --user-property '").append(c.property).append("'");
+    const veltest::ToolResult r = run(args);
+    EXPECT_EQ(0, r.status) << r.err;
+    EXPECT_EQ("velclient send: 2 sent\n", r.err);
+    const std::size_t second = r.out.find("--- message 2\n");
+    ASSERT_NE(std::string::npos, second) << r.out;
+    const std::string first = r.out.substr(0, second);
+    for (const auto &c : cases)
+        EXPECT_NE(std::string::npos, first.find(std::string("  ").append(c.line).append("\n"))) << c.property << "\n" << first;
+    EXPECT_NE(std::string::npos, first.find("len=2\n    00 ff  ")) << first;
+    for (const char *line : {"Destination:                            Topic 'a/b'",
+                             "DeliveryMode:                           PERSISTENT",
+                             "TimeToLive:                             5000", "Reply To:                               Queue 'rq'",
+                             "CorrelationId:                          cid",
+                             "Binary Attachment String:               len=5"})
+        EXPECT_NE(std::string::npos, first.find(std::string(line) + "\n")) << line << "\n" << first;
+    EXPECT_EQ(first.substr(std::string("--- message 1").size()), r.out.substr(second + std::string("--- message 2").size()));
+}
+
+TEST(CommandTool, FileAttachmentFromStandardInputAndReplyToTopic)
+{
+    char name[] = "/tmp/velclient-tool-in.XXXXXX";
+    const int fd = mkstemp(name);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(4, write(fd, "ab\0c", 4));
+    close(fd);
+    const veltest::ToolResult r =
+        run("send --transport loopback --queue q --reply-to re/ply --file - --dump <" + std::string(name));
+    std::remove(name);
+    EXPECT_EQ(0, r.status) << r.err;
+    EXPECT_NE(std::string::npos, r.out.find("Binary Attachment:                      len=4\n  61 62 00 63")) << r.out;
+    EXPECT_NE(std::string::npos, r.out.find("Reply To:                               Topic 're/ply'\n")) << r.out;
+    /* Without --text or --file nothing is read and the message has no attachment. */
+    const veltest::ToolResult bare = run("send --transport loopback --queue q --dump");
+    EXPECT_EQ(0, bare.status) << bare.err;
+    EXPECT_EQ(std::string::npos, bare.out.find("Attachment")) << bare.out;
+}
+
+TEST(CommandTool, LibraryFailuresGiveTheirTextAndStatus1)
+{
+    const struct {
+        std::string args;
+        const char *text;
+    } cases[] = {
+        {"send --host 127.0.0.1:1 --topic a --text x",
+         "velclient send: Could not connect to 127.0.0.1:1 (proton:io: Connection refused"},
+        {"receive --host 127.0.0.1:1 --host 127.0.0.1:1 --queue a", "velclient receive: Could not connect to 127.0.0.1:1"},
+        {"send --transport loopback --text x --topic " + std::string(251, 'x'), "velclient send: "},
+        {"send --property SESSION_NOT_A_PROPERTY=1 --topic a", "velclient send: "},
+    };
+    for (const auto &c : cases) {
+        const veltest::ToolResult r = run(c.args);
+        EXPECT_EQ(1, r.status) << c.args << "\n" << r.err;
+        EXPECT_EQ(0u, r.err.find(c.text)) << c.args << "\n" << r.err;
+        EXPECT_EQ(1u, lines(r.err)) << c.args << "\n" << r.err;
+    }
+}
+
+#ifdef VELCLIENT_DUMP_TOOL
+TEST(CommandTool, DumpCommandPrintsWhatVelclientDumpPrints)
+{
+    veltest::Msg m;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setTopicPtr(m.h, "dumped/topic"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setXml(m.h, "<doc/>", 6));
+    const veltest::Bytes frame = veltest::encode(m.h);
+    char name[] = "/tmp/velclient-tool-vwf.XXXXXX";
+    const int fd = mkstemp(name);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(static_cast<ssize_t>(frame.size()), write(fd, frame.data(), frame.size()));
+    close(fd);
+    for (const std::string &args : {std::string(name), std::string("--sizes ").append(name)}) {
+        const veltest::ToolResult a = run("dump " + args), b = veltest::runTool(VELCLIENT_DUMP_TOOL, args);
+        EXPECT_EQ(0, a.status) << a.err;
+        EXPECT_NE(std::string::npos, a.out.find("Topic 'dumped/topic'")) << a.out;
+        EXPECT_EQ(withoutReceiveTime(b.out), withoutReceiveTime(a.out));
+    }
+    std::remove(name);
+}
+#endif
+
+#endif
