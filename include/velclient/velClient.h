@@ -235,7 +235,8 @@ typedef void (*velClient_session_eventCallbackFunc_t)(velClient_opaqueSession_pt
  * reason; a refused login gives LOGIN_FAILURE). A connected broker session runs one I/O thread of its own,
  * on which its receive and event callbacks run; every call may be made from any thread and from inside those
  * callbacks, except connect, disconnect and destroy of the same session (PARAM_CONFLICT). Once up, the
- * session subscribes to its inbox topic base followed by "/>". Loopback and null sessions are up at once.
+ * session subscribes to its inbox topic base followed by "/>", and connect returns when the broker has attached
+ * it (or after the connect timeout). Loopback and null sessions are up at once.
  * Connecting a connected session is VELCLIENT_OK. */
 VELCLIENT_API velClient_returnCode_t velClient_session_connect(velClient_opaqueSession_pt session);
 /* Waits (bounded by the send timeout) until every guaranteed message sent is acknowledged and every direct one
@@ -244,8 +245,10 @@ VELCLIENT_API velClient_returnCode_t velClient_session_connect(velClient_opaqueS
 VELCLIENT_API velClient_returnCode_t velClient_session_disconnect(velClient_opaqueSession_pt session);
 /* Subscribes to a topic: levels separated by '/', where a level that is exactly "*" matches any one level
  * and a last level that is exactly ">" one or more levels. Subscribing twice is not an error. A broker
- * session that is not connected: SESSION_NOT_ESTABLISHED. A refusal by the broker arrives later as the
- * event SUBSCRIPTION_ERROR. Loopback and null sessions check the topic and record nothing: a loopback
+ * session that is not connected: SESSION_NOT_ESTABLISHED. The call returns when the broker has attached the
+ * subscription, so that what is published afterwards reaches it, or has refused it (the event
+ * SUBSCRIPTION_ERROR), waiting at most the connect timeout; inside the session's own callbacks it returns at
+ * once. Loopback and null sessions check the topic and record nothing: a loopback
  * session receives whatever it sends. An empty topic or one over 250 characters: PARAM_OUT_OF_RANGE. */
 VELCLIENT_API velClient_returnCode_t velClient_session_topicSubscribe(velClient_opaqueSession_pt session,
                                                                       const char *topic);
