@@ -30,14 +30,17 @@ std::string withoutReceiveTime(const std::string &dump)
     return at == std::string::npos ? dump : dump.substr(0, at) + dump.substr(dump.find('\n', at) + 1);
 }
 
+/* What a command line (or one of its options) makes the command print. */
+struct Expect {
+    const char *given;
+    const char *text;
+};
+
 } // namespace
 
 TEST(CommandTool, RefusedCommandLinesGiveOneLineNamingTheOptionAndStatus2)
 {
-    const struct {
-        const char *args;
-        const char *text;
-    } cases[] = {
+    const Expect cases[] = {
         {"bogus", "velclient: unknown command 'bogus' (see velclient --help)"},
         {"send --topic a --bogus", "velclient send: unknown option --bogus (see velclient send --help)"},
         {"send --topic a extra", "unexpected argument 'extra'"},
@@ -79,11 +82,11 @@ TEST(CommandTool, RefusedCommandLinesGiveOneLineNamingTheOptionAndStatus2)
         {"dump --sizes=1", "velclient dump: option --sizes takes no value"},
     };
     for (const auto &c : cases) {
-        const veltest::ToolResult r = run(c.args);
-        EXPECT_EQ(2, r.status) << c.args;
-        EXPECT_NE(std::string::npos, r.err.find(c.text)) << c.args << "\n" << r.err;
-        EXPECT_EQ(1u, lines(r.err)) << c.args << "\n" << r.err;
-        EXPECT_EQ("", r.out) << c.args;
+        const veltest::ToolResult r = run(c.given);
+        EXPECT_EQ(2, r.status) << c.given;
+        EXPECT_NE(std::string::npos, r.err.find(c.text)) << c.given << "\n" << r.err;
+        EXPECT_EQ(1u, lines(r.err)) << c.given << "\n" << r.err;
+        EXPECT_EQ("", r.out) << c.given;
     }
 }
 
@@ -103,10 +106,7 @@ TEST(CommandTool, HelpOnStandardOutputAndUsageWithoutCommand)
 
 TEST(CommandTool, LoopbackSendDumpsEveryTypedUserPropertyAndMessageOption)
 {
-    const struct {
-        const char *property;
-        const char *line;
-    } cases[] = {
+    const Expect cases[] = {
         {"i8:int8=-128", "Key 'i8' (INT8) -128"},
         {"u8:uint8=255", "Key 'u8' (UINT8) 255"},
         {"i16:int16=-32768", "Key 'i16' (INT16) -32768"},
@@ -130,7 +130,7 @@ TEST(CommandTool, LoopbackSendDumpsEveryTypedUserPropertyAndMessageOption)
     std::string args = "send --transport loopback --topic a/b --text hello --ttl 5000 --mode persistent "
                        "--reply-to queue:rq --correlation-id cid --count 2 --dump";
     for (const auto &c : cases)
-        args.append(" --user-property '").append(c.property).append("'");
+        args.append(" --user-property '").append(c.given).append("'");
     const veltest::ToolResult r = run(args);
     EXPECT_EQ(0, r.status) << r.err;
     EXPECT_EQ("velclient send: 2 sent\n", r.err);
@@ -138,7 +138,7 @@ TEST(CommandTool, LoopbackSendDumpsEveryTypedUserPropertyAndMessageOption)
     ASSERT_NE(std::string::npos, second) << r.out;
     const std::string first = r.out.substr(0, second);
     for (const auto &c : cases)
-        EXPECT_NE(std::string::npos, first.find(std::string("  ").append(c.line).append("\n"))) << c.property << "\n" << first;
+        EXPECT_NE(std::string::npos, first.find(std::string("  ").append(c.text).append("\n"))) << c.given << "\n" << first;
     EXPECT_NE(std::string::npos, first.find("len=2\n    00 ff  ")) << first;
     for (const char *line : {"Destination:                            Topic 'a/b'",
                              "DeliveryMode:                           PERSISTENT",
