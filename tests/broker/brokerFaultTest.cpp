@@ -3,6 +3,7 @@
  * was not acknowledged; a broker that stays away ends in DOWN_ERROR; a silent
  * one is noticed through the keepalive; a full publish window blocks, times
  * out or answers WOULD_BLOCK and then CAN_SEND. */
+#include <cstdio>
 #include <set>
 #include <thread>
 
@@ -138,4 +139,59 @@ TEST(BrokerFaults, AFullPublishWindowBlocksOrWouldBlock)
     EXPECT_TRUE(nonBlocking.waitEvents(VELCLIENT_SESSION_EVENT_CAN_SEND, 1));
     EXPECT_EQ(VELCLIENT_OK, send(nonBlocking, queue, true, VELCLIENT_DELIVERY_MODE_PERSISTENT, "3"));
     EXPECT_TRUE(nonBlocking.waitEvents(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, 3));
+}
+
+TEST(BrokerFaults, ABrokerKilledAmidPersistentSendsLosesNoMessage)
+{
+    /* Reconnecting for as long as a restart takes on a loaded machine. */
+    const std::vector<std::string> patient = {"SESSION_RECONNECT_RETRIES", "-1", "SESSION_RECONNECT_RETRY_WAIT_MS", "200",
+                                              "SESSION_SEND_TIMEOUT_MS", "300000"};
+    Client sender(patient), reader(patient);
+    ASSERT_EQ(VELCLIENT_OK, velClient_session_connect(sender.session())) << lastText();
+    ASSERT_EQ(VELCLIENT_OK, velClient_session_connect(reader.session())) << lastText();
+    std::string queue = unique("killed-q");
+    reader.subscribeAndSync(queue, true);
+    int sent = 0;
+    std::size_t round = 0;
+    for (const char *signal : {"TERM", "KILL"}) {
+        ++round;
+        std::atomic<bool> stop{false};
+        std::thread sends([&] {
+            for (; !stop; ++sent) {
+                ASSERT_EQ(VELCLIENT_OK, send(sender, queue, true, VELCLIENT_DELIVERY_MODE_PERSISTENT,
+                                             std::to_string(sent)))
+                    << lastText();
+                std::this_thread::sleep_for(2ms);
+            }
+        });
+        /* Killed while messages go out and come back acknowledged, sent on while it is away and after. */
+        std::size_t acknowledged = sender.countEvents(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT);
+        EXPECT_TRUE(sender.waitEvents(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, acknowledged + 100, 60s));
+        killBroker(signal);
+        restartBroker();
+        EXPECT_TRUE(sender.waitEvents(VELCLIENT_SESSION_EVENT_RECONNECTED_NOTICE, round, 120s)) << signal;
+        acknowledged = sender.countEvents(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT);
+        EXPECT_TRUE(sender.waitEvents(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, acknowledged + 100, 60s));
+        stop = true;
+        sends.join();
+        ASSERT_FALSE(HasFatalFailure()) << signal;
+    }
+    /* Each message has exactly one outcome, an acknowledgement, and the reader has every one. */
+    EXPECT_TRUE(sender.waitEvents(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, sent, 120s));
+    EXPECT_EQ(static_cast<std::size_t>(sent), sender.countEvents(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT));
+    EXPECT_EQ(0u, sender.countEvents(VELCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR));
+    EXPECT_EQ(2u, reader.countEvents(VELCLIENT_SESSION_EVENT_RECONNECTED_NOTICE));
+    EXPECT_TRUE(reader.waitMessages(sent, 120s));
+    std::this_thread::sleep_for(300ms);
+    std::set<int> seen;
+    std::vector<velClient_opaqueMsg_pt> got = reader.messages();
+    for (velClient_opaqueMsg_pt m : got) {
+        seen.insert(std::stoi(attachmentOf(m)));
+        velClient_msg_free(&m);
+    }
+    std::size_t duplicates = got.size() - seen.size();
+    RecordProperty("duplicates", static_cast<int>(duplicates));
+    std::printf("%d persistent messages across SIGTERM and SIGKILL of the broker: %zu duplicates\n", sent, duplicates);
+    EXPECT_EQ(static_cast<std::size_t>(sent), seen.size()) << "lost " << sent - static_cast<int>(seen.size());
+    EXPECT_TRUE(seen.empty() || (*seen.begin() == 0 && *seen.rbegin() == sent - 1));
 }

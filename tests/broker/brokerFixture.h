@@ -7,6 +7,7 @@
 #pragma once
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -34,6 +35,11 @@ std::string host();
 int closedPort();
 /* A name no other test run uses (topics, queues). */
 std::string unique(const std::string &stem);
+/* Ends the broker with signal ("TERM" or "KILL") and waits until it is gone. */
+void killBroker(const char *signal);
+/* Starts the broker again on the same ports with its data: durable queues
+ * and the persistent messages on them survive. */
+void restartBroker();
 
 /* An event as the callback saw it. */
 struct Event {
@@ -53,6 +59,11 @@ public:
     velClient_opaqueSession_pt session() const { return session_; }
     /* Waits up to timeout for at least count messages; false on timeout. */
     bool waitMessages(std::size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(20));
+    /* Waits until count messages in all have arrived, kept or not. */
+    bool waitReceived(std::size_t count, std::chrono::milliseconds timeout);
+    std::size_t received();
+    /* Whether the messages are kept (the default) or left to the library to free. */
+    void keepMessages(bool keep) { keep_ = keep; }
     bool waitEvents(velClient_session_event_t event, std::size_t count,
                     std::chrono::milliseconds timeout = std::chrono::seconds(20));
     std::vector<velClient_opaqueMsg_pt> messages();
@@ -72,6 +83,8 @@ private:
     std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<velClient_opaqueMsg_pt> messages_;
+    std::size_t received_ = 0;
+    std::atomic<bool> keep_{true};
     std::vector<Event> events_;
 };
 

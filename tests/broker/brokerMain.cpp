@@ -19,6 +19,8 @@ namespace {
 int port_s = 0;
 int tlsPort_s = 0;
 std::string tlsDir_s;
+std::string brokerDir_s;
+const std::string kBrokerScript = "bash " VELCLIENT_SOURCE_DIR "/scripts/broker.sh ";
 
 /* Runs command and returns its standard output; status gets its exit status. */
 std::string run(const std::string &command, int &status)
@@ -43,9 +45,9 @@ public:
         char dir[] = "/tmp/velclient-broker-test.XXXXXX";
         ASSERT_NE(nullptr, mkdtemp(dir)) << "no temporary directory";
         dir_ = dir;
+        brokerDir_s = dir_;
         int status = 0;
-        std::string out =
-            run("VELCLIENT_BROKER_TLS=1 bash " VELCLIENT_SOURCE_DIR "/scripts/broker.sh start " + dir_, status);
+        std::string out = run("VELCLIENT_BROKER_TLS=1 " + kBrokerScript + "start " + dir_, status);
         ASSERT_EQ(0, status) << "the broker did not start (is rabbitmq-server installed? set "
                                 "VELCLIENT_SKIP_BROKER_TESTS=1 to skip these tests): "
                              << out;
@@ -62,7 +64,7 @@ public:
         if (dir_.empty())
             return;
         int status = 0;
-        std::string out = run("bash " VELCLIENT_SOURCE_DIR "/scripts/broker.sh stop " + dir_, status);
+        std::string out = run(kBrokerScript + "stop " + dir_, status);
         EXPECT_EQ(0, status) << out;
     }
 
@@ -112,6 +114,21 @@ std::string unique(const std::string &stem)
     return stem + std::to_string(getpid()) + "x" + std::to_string(++uniqueCounter_s);
 }
 
+void killBroker(const char *signal)
+{
+    int status = 0;
+    std::string out = run(kBrokerScript + "kill " + brokerDir_s + " " + signal + " 2>&1", status);
+    ASSERT_EQ(0, status) << out;
+}
+
+void restartBroker()
+{
+    int status = 0;
+    std::string out = run(kBrokerScript + "restart " + brokerDir_s + " 2>&1", status);
+    ASSERT_EQ(0, status) << out;
+    ASSERT_EQ(port_s, std::atoi(out.c_str())) << out;
+}
+
 Client::Client(std::vector<std::string> props)
 {
     std::vector<std::string> all = {"SESSION_TRANSPORT", "amqp", "SESSION_HOST", host(),
@@ -140,8 +157,11 @@ velClient_rxMsgCallback_returnCode_t Client::rx(velClient_opaqueSession_pt s, ve
     if (self->onMessage)
         self->onMessage(s, msg);
     std::lock_guard lock(self->mutex_);
-    self->messages_.push_back(msg);
+    ++self->received_;
     self->changed_.notify_all();
+    if (!self->keep_)
+        return VELCLIENT_CALLBACK_OK;
+    self->messages_.push_back(msg);
     return VELCLIENT_CALLBACK_TAKE_MSG;
 }
 
@@ -157,6 +177,18 @@ bool Client::waitMessages(std::size_t count, std::chrono::milliseconds timeout)
 {
     std::unique_lock lock(mutex_);
     return changed_.wait_for(lock, timeout, [&] { return messages_.size() >= count; });
+}
+
+bool Client::waitReceived(std::size_t count, std::chrono::milliseconds timeout)
+{
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, timeout, [&] { return received_ >= count; });
+}
+
+std::size_t Client::received()
+{
+    std::lock_guard lock(mutex_);
+    return received_;
 }
 
 bool Client::waitEvents(velClient_session_event_t event, std::size_t count, std::chrono::milliseconds timeout)
