@@ -2,7 +2,9 @@
  * a reset connection reconnects, restores its subscriptions and resends what
  * was not acknowledged; a broker that stays away ends in DOWN_ERROR; a silent
  * one is noticed through the keepalive; a full publish window blocks, times
- * out or answers WOULD_BLOCK and then CAN_SEND. */
+ * out or answers WOULD_BLOCK and then CAN_SEND. And the broker itself killed
+ * (SIGTERM, then SIGKILL) and restarted amid persistent sends: none is lost. */
+#include <atomic>
 #include <cstdio>
 #include <set>
 #include <thread>

@@ -2,7 +2,8 @@
  * it receives. main() starts a throwaway RabbitMQ with its AMQP 1.0 plugin on
  * a free port of 127.0.0.1 (scripts/broker.sh, state in a temporary
  * directory) before the first test and stops it, each process by its own pid,
- * after the last. Without the broker every test fails, unless
+ * after the last; a test may kill it and start it again on the same port with
+ * the same data. Without the broker every test fails, unless
  * VELCLIENT_SKIP_BROKER_TESTS=1, which skips them all and says so. */
 #pragma once
 
