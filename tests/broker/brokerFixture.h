@@ -92,6 +92,9 @@ private:
 /* A message to topic or queue with an attachment, sent in delivery mode. */
 velClient_opaqueMsg_pt makeMessage(const std::string &destination, bool queue, velClient_uint32_t mode,
                                    const std::string &attachment = "payload");
+/* Adds one field of each scalar type (bool, u8, i8, u16, i16, u32, i32, u64,
+ * i64, wchar, float, double, string, bytes, null; named so) and closes the map. */
+void addOneOfEachType(velClient_opaqueContainer_pt map);
 /* The dump of a message without the lines that only the receive side sets. */
 std::string dumpWithoutReceiveLines(velClient_opaqueMsg_pt msg);
 std::string attachmentOf(velClient_opaqueMsg_pt msg);

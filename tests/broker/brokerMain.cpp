@@ -259,6 +259,26 @@ velClient_opaqueMsg_pt makeMessage(const std::string &destination, bool queue, v
     return m;
 }
 
+void addOneOfEachType(velClient_opaqueContainer_pt map)
+{
+    EXPECT_EQ(VELCLIENT_OK, velClient_container_addBoolean(map, 1, "bool"));
+    velClient_container_addUint8(map, 200, "u8");
+    velClient_container_addInt8(map, -8, "i8");
+    velClient_container_addUint16(map, 60000, "u16");
+    velClient_container_addInt16(map, -300, "i16");
+    velClient_container_addUint32(map, 4000000000u, "u32");
+    velClient_container_addInt32(map, -42, "i32");
+    velClient_container_addUint64(map, 10000000000ULL, "u64");
+    velClient_container_addInt64(map, -5000000000LL, "i64");
+    velClient_container_addWchar(map, 0x263A, "wchar");
+    velClient_container_addFloat(map, 1.5f, "float");
+    velClient_container_addDouble(map, 2.25, "double");
+    velClient_container_addString(map, "text", "string");
+    velClient_container_addByteArray(map, reinterpret_cast<const velClient_uint8_t *>("\x00\x7f"), 2, "bytes");
+    EXPECT_EQ(VELCLIENT_OK, velClient_container_addNull(map, "null"));
+    EXPECT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&map));
+}
+
 std::string attachmentOf(velClient_opaqueMsg_pt msg)
 {
     void *p = nullptr;

@@ -7,10 +7,9 @@
 #include <proton/event.h>
 #include <proton/link.h>
 #include <proton/proactor.h>
-#include <proton/session.h>
-#include <proton/terminus.h>
 
 #include "broker/brokerFixture.h"
+#include "broker/foreignSender.h"
 
 namespace veltest::broker {
 
@@ -62,19 +61,9 @@ void ForeignReader::run()
 void ForeignReader::handle(pn_event_t *event)
 {
     switch (pn_event_type(event)) {
-    case PN_CONNECTION_INIT: {
-        pn_connection_set_container(connection_, "velclient-foreign-reader");
-        pn_connection_open(connection_);
-        pn_session_t *session = pn_session(connection_);
-        pn_session_open(session);
-        pn_link_t *link = pn_receiver(session, "foreign-reader");
-        pn_terminus_set_address(pn_link_source(link), address_.c_str());
-        if (queue_)
-            pn_terminus_set_durability(pn_link_source(link), PN_CONFIGURATION);
-        pn_link_open(link);
-        pn_link_flow(link, 100);
+    case PN_CONNECTION_INIT:
+        pn_link_flow(openForeignLink(connection_, "velclient-foreign-reader", false, address_, queue_), 100);
         break;
-    }
     case PN_LINK_REMOTE_OPEN: {
         std::lock_guard lock(mutex_);
         attached_ = true;
