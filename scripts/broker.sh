@@ -7,6 +7,12 @@
 #                                   prints that port once it accepts AMQP 1.0
 #   scripts/broker.sh stop [DIR]    ends the broker and its epmd, each by its
 #                                   own pid, and removes DIR
+#   scripts/broker.sh kill DIR TERM|KILL
+#                                   sends the broker that signal and waits
+#                                   until it is gone; epmd and DIR stay
+#   scripts/broker.sh restart DIR   starts the broker of DIR again, on the
+#                                   same ports with the same data (durable
+#                                   queues and persistent messages survive)
 #
 # DIR (default: a new directory under /tmp, remembered in
 # ${TMPDIR:-/tmp}/velclient-broker.last) holds the configuration, the data, the
@@ -83,16 +89,32 @@ start() {
   echo "[rabbitmq_amqp1_0]." >"$dir/enabled_plugins"
   : >"$dir/rabbitmq-env.conf"
   echo "$port" >"$dir/port"
-  export HOME="$dir" RABBITMQ_MNESIA_BASE="$dir/mnesia" RABBITMQ_LOG_BASE="$dir/log" \
-    RABBITMQ_CONFIG_FILE="$dir/rabbitmq.conf" RABBITMQ_ENABLED_PLUGINS_FILE="$dir/enabled_plugins" \
-    RABBITMQ_CONF_ENV_FILE="$dir/rabbitmq-env.conf" RABBITMQ_NODENAME="velclient-$port@localhost" \
-    RABBITMQ_DIST_PORT="$dist" ERL_EPMD_PORT="$epmd_port" ERL_EPMD_ADDRESS=127.0.0.1
-  # epmd runs in the foreground of its own process so that its pid is known.
-  epmd -port "$epmd_port" -address 127.0.0.1 >"$dir/log/epmd.out" 2>&1 &
-  echo $! >"$dir/epmd.pid"
-  "$server" >"$dir/log/server.out" 2>&1 &
+  cat >"$dir/env.sh" <<EOF
+export HOME="$dir" RABBITMQ_MNESIA_BASE="$dir/mnesia" RABBITMQ_LOG_BASE="$dir/log" \\
+  RABBITMQ_CONFIG_FILE="$dir/rabbitmq.conf" RABBITMQ_ENABLED_PLUGINS_FILE="$dir/enabled_plugins" \\
+  RABBITMQ_CONF_ENV_FILE="$dir/rabbitmq-env.conf" RABBITMQ_NODENAME="velclient-$port@localhost" \\
+  RABBITMQ_DIST_PORT="$dist" ERL_EPMD_PORT="$epmd_port" ERL_EPMD_ADDRESS=127.0.0.1
+EOF
+  launch "$dir"
+}
+
+# Starts the broker of DIR (and its epmd, unless that still runs) and prints
+# its port once it accepts AMQP 1.0.
+launch() {
+  local dir=$1 port
+  port=$(cat "$dir/port")
+  # shellcheck source=/dev/null
+  . "$dir/env.sh"
+  if ! { [ -s "$dir/epmd.pid" ] && kill -0 "$(cat "$dir/epmd.pid")" 2>/dev/null; }; then
+    # epmd runs in the foreground of its own process so that its pid is known.
+    epmd -port "$ERL_EPMD_PORT" -address 127.0.0.1 >>"$dir/log/epmd.out" 2>&1 &
+    echo $! >"$dir/epmd.pid"
+  fi
+  "$server" >>"$dir/log/server.out" 2>&1 &
   echo $! >"$dir/server.pid"
-  for _ in $(seq 1 120); do
+  # 6 to 10 s on an idle machine; far longer on a loaded one.
+  local deadline=$((SECONDS + 180))
+  while [ "$SECONDS" -lt "$deadline" ]; do
     if speaks_amqp10 "$port"; then
       pgrep -P "$(cat "$dir/server.pid")" beam.smp >"$dir/beam.pid" || true
       echo "$port"
@@ -135,8 +157,34 @@ stop() {
   [ "${2:-}" = keep ] || rm -rf "$dir"
 }
 
+# Sends the broker (the Erlang VM) signal and waits up to 30 s for it and its
+# launcher to end, then kills both; epmd stays for the restart.
+kill_broker() {
+  local dir=$1 signal=$2 pid
+  case "$signal" in TERM|KILL) ;; *) echo "broker.sh: kill needs TERM or KILL" >&2; exit 2 ;; esac
+  kill -"$signal" "$(cat "$dir/beam.pid")"
+  for pid in $(cat "$dir/beam.pid") $(cat "$dir/server.pid"); do
+    for _ in $(seq 1 300); do
+      kill -0 "$pid" 2>/dev/null || break
+      sleep 0.1
+    done
+    kill -KILL "$pid" 2>/dev/null || true
+  done
+  : >"$dir/beam.pid"
+  : >"$dir/server.pid"
+}
+
+need_dir() {
+  if [ -z "${1:-}" ] || [ ! -s "$1/env.sh" ]; then
+    echo "broker.sh: $2 needs the directory of a broker started by this script" >&2
+    exit 2
+  fi
+}
+
 case "${1:-}" in
   start) start "${2:-}" ;;
   stop) stop "${2:-}" ;;
-  *) echo "usage: $0 start|stop [DIR]" >&2; exit 2 ;;
+  kill) need_dir "${2:-}" kill; kill_broker "$2" "${3:-}" ;;
+  restart) need_dir "${2:-}" restart; launch "$2" ;;
+  *) echo "usage: $0 start|stop [DIR] | kill DIR TERM|KILL | restart DIR" >&2; exit 2 ;;
 esac

@@ -2,11 +2,13 @@
  * it receives. main() starts a throwaway RabbitMQ with its AMQP 1.0 plugin on
  * a free port of 127.0.0.1 (scripts/broker.sh, state in a temporary
  * directory) before the first test and stops it, each process by its own pid,
- * after the last. Without the broker every test fails, unless
+ * after the last; a test may kill it and start it again on the same port with
+ * the same data. Without the broker every test fails, unless
  * VELCLIENT_SKIP_BROKER_TESTS=1, which skips them all and says so. */
 #pragma once
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -34,6 +36,11 @@ std::string host();
 int closedPort();
 /* A name no other test run uses (topics, queues). */
 std::string unique(const std::string &stem);
+/* Ends the broker with signal ("TERM" or "KILL") and waits until it is gone. */
+void killBroker(const char *signal);
+/* Starts the broker again on the same ports with its data: durable queues
+ * and the persistent messages on them survive. */
+void restartBroker();
 
 /* An event as the callback saw it. */
 struct Event {
@@ -53,6 +60,11 @@ public:
     velClient_opaqueSession_pt session() const { return session_; }
     /* Waits up to timeout for at least count messages; false on timeout. */
     bool waitMessages(std::size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(20));
+    /* Waits until count messages in all have arrived, kept or not. */
+    bool waitReceived(std::size_t count, std::chrono::milliseconds timeout);
+    std::size_t received();
+    /* Whether the messages are kept (the default) or left to the library to free. */
+    void keepMessages(bool keep) { keep_ = keep; }
     bool waitEvents(velClient_session_event_t event, std::size_t count,
                     std::chrono::milliseconds timeout = std::chrono::seconds(20));
     std::vector<velClient_opaqueMsg_pt> messages();
@@ -71,12 +83,17 @@ private:
     std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<velClient_opaqueMsg_pt> messages_;
+    std::size_t received_ = 0;
+    std::atomic<bool> keep_{true};
     std::vector<Event> events_;
 };
 
 /* A message to topic or queue with an attachment, sent in delivery mode. */
 velClient_opaqueMsg_pt makeMessage(const std::string &destination, bool queue, velClient_uint32_t mode,
                                    const std::string &attachment = "payload");
+/* Adds one field of each scalar type (bool, u8, i8, u16, i16, u32, i32, u64,
+ * i64, wchar, float, double, string, bytes, null; named so) and closes the map. */
+void addOneOfEachType(velClient_opaqueContainer_pt map);
 /* The dump of a message without the lines that only the receive side sets. */
 std::string dumpWithoutReceiveLines(velClient_opaqueMsg_pt msg);
 std::string attachmentOf(velClient_opaqueMsg_pt msg);

@@ -19,6 +19,8 @@ namespace {
 int port_s = 0;
 int tlsPort_s = 0;
 std::string tlsDir_s;
+std::string brokerDir_s;
+const std::string kBrokerScript = "bash " VELCLIENT_SOURCE_DIR "/scripts/broker.sh ";
 
 /* Runs command and returns its standard output; status gets its exit status. */
 std::string run(const std::string &command, int &status)
@@ -43,9 +45,9 @@ public:
         char dir[] = "/tmp/velclient-broker-test.XXXXXX";
         ASSERT_NE(nullptr, mkdtemp(dir)) << "no temporary directory";
         dir_ = dir;
+        brokerDir_s = dir_;
         int status = 0;
-        std::string out =
-            run("VELCLIENT_BROKER_TLS=1 bash " VELCLIENT_SOURCE_DIR "/scripts/broker.sh start " + dir_, status);
+        std::string out = run("VELCLIENT_BROKER_TLS=1 " + kBrokerScript + "start " + dir_, status);
         ASSERT_EQ(0, status) << "the broker did not start (is rabbitmq-server installed? set "
                                 "VELCLIENT_SKIP_BROKER_TESTS=1 to skip these tests): "
                              << out;
@@ -62,7 +64,7 @@ public:
         if (dir_.empty())
             return;
         int status = 0;
-        std::string out = run("bash " VELCLIENT_SOURCE_DIR "/scripts/broker.sh stop " + dir_, status);
+        std::string out = run(kBrokerScript + "stop " + dir_, status);
         EXPECT_EQ(0, status) << out;
     }
 
@@ -112,6 +114,21 @@ std::string unique(const std::string &stem)
     return stem + std::to_string(getpid()) + "x" + std::to_string(++uniqueCounter_s);
 }
 
+void killBroker(const char *signal)
+{
+    int status = 0;
+    std::string out = run(kBrokerScript + "kill " + brokerDir_s + " " + signal + " 2>&1", status);
+    ASSERT_EQ(0, status) << out;
+}
+
+void restartBroker()
+{
+    int status = 0;
+    std::string out = run(kBrokerScript + "restart " + brokerDir_s + " 2>&1", status);
+    ASSERT_EQ(0, status) << out;
+    ASSERT_EQ(port_s, std::atoi(out.c_str())) << out;
+}
+
 Client::Client(std::vector<std::string> props)
 {
     std::vector<std::string> all = {"SESSION_TRANSPORT", "amqp", "SESSION_HOST", host(),
@@ -140,8 +157,11 @@ velClient_rxMsgCallback_returnCode_t Client::rx(velClient_opaqueSession_pt s, ve
     if (self->onMessage)
         self->onMessage(s, msg);
     std::lock_guard lock(self->mutex_);
-    self->messages_.push_back(msg);
+    ++self->received_;
     self->changed_.notify_all();
+    if (!self->keep_)
+        return VELCLIENT_CALLBACK_OK;
+    self->messages_.push_back(msg);
     return VELCLIENT_CALLBACK_TAKE_MSG;
 }
 
@@ -157,6 +177,18 @@ bool Client::waitMessages(std::size_t count, std::chrono::milliseconds timeout)
 {
     std::unique_lock lock(mutex_);
     return changed_.wait_for(lock, timeout, [&] { return messages_.size() >= count; });
+}
+
+bool Client::waitReceived(std::size_t count, std::chrono::milliseconds timeout)
+{
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, timeout, [&] { return received_ >= count; });
+}
+
+std::size_t Client::received()
+{
+    std::lock_guard lock(mutex_);
+    return received_;
 }
 
 bool Client::waitEvents(velClient_session_event_t event, std::size_t count, std::chrono::milliseconds timeout)
@@ -208,6 +240,26 @@ velClient_opaqueMsg_pt makeMessage(const std::string &destination, bool queue, v
     EXPECT_EQ(VELCLIENT_OK,
               velClient_msg_setBinaryAttachment(m, attachment.data(), static_cast<velClient_uint32_t>(attachment.size())));
     return m;
+}
+
+void addOneOfEachType(velClient_opaqueContainer_pt map)
+{
+    EXPECT_EQ(VELCLIENT_OK, velClient_container_addBoolean(map, 1, "bool"));
+    velClient_container_addUint8(map, 200, "u8");
+    velClient_container_addInt8(map, -8, "i8");
+    velClient_container_addUint16(map, 60000, "u16");
+    velClient_container_addInt16(map, -300, "i16");
+    velClient_container_addUint32(map, 4000000000u, "u32");
+    velClient_container_addInt32(map, -42, "i32");
+    velClient_container_addUint64(map, 10000000000ULL, "u64");
+    velClient_container_addInt64(map, -5000000000LL, "i64");
+    velClient_container_addWchar(map, 0x263A, "wchar");
+    velClient_container_addFloat(map, 1.5f, "float");
+    velClient_container_addDouble(map, 2.25, "double");
+    velClient_container_addString(map, "text", "string");
+    velClient_container_addByteArray(map, reinterpret_cast<const velClient_uint8_t *>("\x00\x7f"), 2, "bytes");
+    EXPECT_EQ(VELCLIENT_OK, velClient_container_addNull(map, "null"));
+    EXPECT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&map));
 }
 
 std::string attachmentOf(velClient_opaqueMsg_pt msg)

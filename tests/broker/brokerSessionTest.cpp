@@ -29,17 +29,7 @@ velClient_opaqueMsg_pt richMessage(const std::string &destination, bool queue, v
     velClient_opaqueMsg_pt m = makeMessage(destination, queue, mode);
     velClient_opaqueContainer_pt map = nullptr;
     EXPECT_EQ(VELCLIENT_OK, velClient_msg_createBinaryAttachmentMap(m, &map, 256));
-    velClient_container_addBoolean(map, 1, "bool");
-    velClient_container_addUint8(map, 200, "u8");
-    velClient_container_addInt16(map, -300, "i16");
-    velClient_container_addUint32(map, 4000000000u, "u32");
-    velClient_container_addInt64(map, -5000000000LL, "i64");
-    velClient_container_addWchar(map, 0x263A, "wchar");
-    velClient_container_addDouble(map, 2.5, "double");
-    velClient_container_addString(map, "text", "string");
-    velClient_container_addByteArray(map, reinterpret_cast<const velClient_uint8_t *>("\x00\x01\xff"), 3, "bytes");
-    velClient_container_addNull(map, "null");
-    velClient_container_closeMapStream(&map);
+    addOneOfEachType(map);
     velClient_opaqueContainer_pt props = nullptr;
     EXPECT_EQ(VELCLIENT_OK, velClient_msg_createUserPropertyMap(m, &props, 128));
     velClient_container_addInt32(props, 42, "answer");

@@ -16,6 +16,22 @@
 
 namespace veltest::broker {
 
+pn_link_t *openForeignLink(pn_connection_t *connection, const char *name, bool sending, const std::string &address,
+                           bool durable)
+{
+    pn_connection_set_container(connection, name);
+    pn_connection_open(connection);
+    pn_session_t *session = pn_session(connection);
+    pn_session_open(session);
+    pn_link_t *link = sending ? pn_sender(session, name) : pn_receiver(session, name);
+    pn_terminus_t *terminus = sending ? pn_link_target(link) : pn_link_source(link);
+    pn_terminus_set_address(terminus, address.c_str());
+    if (durable)
+        pn_terminus_set_durability(terminus, PN_CONFIGURATION);
+    pn_link_open(link);
+    return link;
+}
+
 bool sendForeign(const std::string &address, const std::function<void(pn_message_t *)> &fill)
 {
     pn_message_t *message = pn_message();
@@ -36,18 +52,9 @@ bool sendForeign(const std::string &address, const std::function<void(pn_message
         pn_event_batch_t *batch = pn_proactor_wait(proactor);
         while (pn_event_t *e = pn_event_batch_next(batch)) {
             switch (pn_event_type(e)) {
-            case PN_CONNECTION_INIT: {
-                pn_connection_t *c = pn_event_connection(e);
-                pn_connection_set_container(c, "velclient-foreign-sender");
-                pn_connection_open(c);
-                pn_session_t *s = pn_session(c);
-                pn_session_open(s);
-                pn_link_t *l = pn_sender(s, "foreign");
-                pn_terminus_set_address(pn_link_target(l), address.c_str());
-                pn_terminus_set_durability(pn_link_target(l), PN_CONFIGURATION);
-                pn_link_open(l);
+            case PN_CONNECTION_INIT:
+                openForeignLink(pn_event_connection(e), "velclient-foreign-sender", true, address, true);
                 break;
-            }
             case PN_LINK_FLOW: {
                 pn_link_t *l = pn_event_link(e);
                 if (!sent && pn_link_credit(l) > 0) {
