@@ -38,8 +38,7 @@ TEST(BrokerFaults, AResetConnectionReconnectsResendsAndRestoresSubscriptions)
     Proxy proxy(port());
     Client through({"SESSION_HOST", proxy.host(), "SESSION_RECONNECT_RETRY_WAIT_MS", "100"});
     Client reader;
-    ASSERT_EQ(VELCLIENT_OK, velClient_session_connect(through.session())) << lastText();
-    ASSERT_EQ(VELCLIENT_OK, velClient_session_connect(reader.session())) << lastText();
+    ASSERT_TRUE(connectAll(through, reader));
     std::string queue = unique("resend-q"), topic = unique("restored/t");
     reader.subscribeAndSync(queue, true);
     through.subscribeAndSync(topic);
@@ -78,7 +77,7 @@ TEST(BrokerFaults, ABrokerThatStaysAwayEndsInDownError)
     Proxy proxy(port());
     Client through({"SESSION_HOST", proxy.host(), "SESSION_RECONNECT_RETRY_WAIT_MS", "50",
                     "SESSION_RECONNECT_RETRIES", "3"});
-    ASSERT_EQ(VELCLIENT_OK, velClient_session_connect(through.session())) << lastText();
+    ASSERT_TRUE(connectAll(through));
     static int tag;
     proxy.pause(true); /* the message below stays unacknowledged */
     velClient_opaqueMsg_pt m = makeMessage(unique("down-q"), true, VELCLIENT_DELIVERY_MODE_PERSISTENT);
@@ -105,7 +104,7 @@ TEST(BrokerFaults, ASilentBrokerIsNoticedThroughTheKeepalive)
     Proxy proxy(port());
     /* With the default keepalive of 30 s the wait below would run out first. */
     Client through({"SESSION_HOST", proxy.host(), "SESSION_KEEPALIVE_MS", "1000"});
-    ASSERT_EQ(VELCLIENT_OK, velClient_session_connect(through.session())) << lastText();
+    ASSERT_TRUE(connectAll(through));
     proxy.pause(true);
     EXPECT_TRUE(through.waitEvents(VELCLIENT_SESSION_EVENT_RECONNECTING_NOTICE, 1, 15s));
     proxy.pause(false);
@@ -119,7 +118,7 @@ TEST(BrokerFaults, AFullPublishWindowBlocksOrWouldBlock)
     {
         Client blocking({"SESSION_HOST", proxy.host(), "SESSION_PUB_WINDOW_SIZE", "1", "SESSION_SEND_TIMEOUT_MS",
                          "300"});
-        ASSERT_EQ(VELCLIENT_OK, velClient_session_connect(blocking.session())) << lastText();
+        ASSERT_TRUE(connectAll(blocking));
         proxy.pause(true);
         ASSERT_EQ(VELCLIENT_OK, send(blocking, queue, true, VELCLIENT_DELIVERY_MODE_PERSISTENT, "1"));
         /* Direct messages take no place in the window. */
@@ -131,7 +130,7 @@ TEST(BrokerFaults, AFullPublishWindowBlocksOrWouldBlock)
         EXPECT_TRUE(blocking.waitEvents(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, 1));
     }
     Client nonBlocking({"SESSION_HOST", proxy.host(), "SESSION_PUB_WINDOW_SIZE", "2", "SESSION_SEND_BLOCKING", "0"});
-    ASSERT_EQ(VELCLIENT_OK, velClient_session_connect(nonBlocking.session())) << lastText();
+    ASSERT_TRUE(connectAll(nonBlocking));
     proxy.pause(true);
     EXPECT_EQ(VELCLIENT_OK, send(nonBlocking, queue, true, VELCLIENT_DELIVERY_MODE_PERSISTENT, "1"));
     EXPECT_EQ(VELCLIENT_OK, send(nonBlocking, queue, true, VELCLIENT_DELIVERY_MODE_NONPERSISTENT, "2"));
@@ -149,8 +148,7 @@ TEST(BrokerFaults, ABrokerKilledAmidPersistentSendsLosesNoMessage)
     const std::vector<std::string> patient = {"SESSION_RECONNECT_RETRIES", "-1", "SESSION_RECONNECT_RETRY_WAIT_MS", "200",
                                               "SESSION_SEND_BLOCKING", "0"};
     Client sender(patient), reader(patient);
-    ASSERT_EQ(VELCLIENT_OK, velClient_session_connect(sender.session())) << lastText();
-    ASSERT_EQ(VELCLIENT_OK, velClient_session_connect(reader.session())) << lastText();
+    ASSERT_TRUE(connectAll(sender, reader));
     std::string queue = unique("killed-q");
     reader.subscribeAndSync(queue, true);
     int sent = 0;

@@ -58,6 +58,8 @@ public:
     Client &operator=(const Client &) = delete;
 
     velClient_opaqueSession_pt session() const { return session_; }
+    /* Connects; false, with the library's text as a test failure, when it fails. */
+    bool connect();
     /* Waits up to timeout for at least count messages; false on timeout. */
     bool waitMessages(std::size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(20));
     /* Waits until count messages in all have arrived, kept or not. */
@@ -87,6 +89,13 @@ private:
     std::atomic<bool> keep_{true};
     std::vector<Event> events_;
 };
+
+/* Connects each client in turn; false at the first that fails. */
+template <typename... Clients>
+bool connectAll(Clients &...clients)
+{
+    return (... && clients.connect());
+}
 
 /* A message to topic or queue with an attachment, sent in delivery mode. */
 velClient_opaqueMsg_pt makeMessage(const std::string &destination, bool queue, velClient_uint32_t mode,

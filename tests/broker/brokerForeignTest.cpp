@@ -135,7 +135,7 @@ TEST(BrokerForeignClient, APlainAmqpReaderSeesTheStandardFields)
     ASSERT_TRUE(queueReader.waitAttached());
     ASSERT_TRUE(topicReader.waitAttached());
     Client sender;
-    ASSERT_EQ(VELCLIENT_OK, velClient_session_connect(sender.session())) << velClient_getLastErrorInfo()->errorStr;
+    ASSERT_TRUE(connectAll(sender));
     for (velClient_opaqueMsg_pt m : {propertiesMessage(queue), mapMessage(topic)}) {
         EXPECT_EQ(VELCLIENT_OK, velClient_session_sendMsg(sender.session(), m));
         velClient_msg_free(&m);

@@ -221,6 +221,14 @@ std::size_t Client::countEvents(velClient_session_event_t event)
         std::count_if(events_.begin(), events_.end(), [&](const Event &e) { return e.event == event; }));
 }
 
+bool Client::connect()
+{
+    if (velClient_session_connect(session_) == VELCLIENT_OK)
+        return true;
+    ADD_FAILURE() << "velClient_session_connect: " << velClient_getLastErrorInfo()->errorStr;
+    return false;
+}
+
 void Client::subscribeAndSync(const std::string &name, bool queue)
 {
     /* A subscribe returns once the broker has attached the link: what is

@@ -126,7 +126,7 @@ TEST(BrokerConnect, PlainLoginAnonymousAndFailoverComeUp)
     };
     for (const auto &props : rows) {
         Client c(props);
-        ASSERT_EQ(VELCLIENT_OK, velClient_session_connect(c.session())) << lastText();
+        ASSERT_TRUE(connectAll(c));
         EXPECT_TRUE(c.waitEvents(VELCLIENT_SESSION_EVENT_UP_NOTICE, 1));
         EXPECT_EQ(VELCLIENT_OK, velClient_session_connect(c.session())); /* already up */
         EXPECT_EQ(VELCLIENT_OK, velClient_session_disconnect(c.session()));
@@ -137,8 +137,7 @@ TEST(BrokerConnect, PlainLoginAnonymousAndFailoverComeUp)
 TEST(BrokerMessages, ReadBackAsOnALoopbackSession)
 {
     Client receiver, sender;
-    ASSERT_EQ(VELCLIENT_OK, velClient_session_connect(receiver.session())) << lastText();
-    ASSERT_EQ(VELCLIENT_OK, velClient_session_connect(sender.session())) << lastText();
+    ASSERT_TRUE(connectAll(receiver, sender));
     std::string topic = unique("fidelity/t"), queue = unique("fidelity-q");
     receiver.subscribeAndSync(topic);
     receiver.subscribeAndSync(queue, true);
@@ -170,8 +169,7 @@ TEST(BrokerMessages, ReadBackAsOnALoopbackSession)
 TEST(BrokerTopics, WildcardsLevelsAndUnsubscribe)
 {
     Client receiver, sender;
-    ASSERT_EQ(VELCLIENT_OK, velClient_session_connect(receiver.session())) << lastText();
-    ASSERT_EQ(VELCLIENT_OK, velClient_session_connect(sender.session())) << lastText();
+    ASSERT_TRUE(connectAll(receiver, sender));
     std::string root = unique("w");
     receiver.subscribeAndSync(root + "/*/new");
     receiver.subscribeAndSync(root + "/stock/>");
@@ -210,11 +208,11 @@ TEST(BrokerQueues, ClientAcknowledgementKeepsWhatWasNotAcknowledged)
 {
     std::string queue = unique("ack-q");
     Client sender;
-    ASSERT_EQ(VELCLIENT_OK, velClient_session_connect(sender.session())) << lastText();
+    ASSERT_TRUE(connectAll(sender));
     std::vector<std::string> bodies = {"one", "two", "three"};
     {
         Client first({"SESSION_RECEIVE_ACK_MODE", "client"});
-        ASSERT_EQ(VELCLIENT_OK, velClient_session_connect(first.session())) << lastText();
+        ASSERT_TRUE(connectAll(first));
         first.subscribeAndSync(queue, true);
         for (const std::string &b : bodies) {
             velClient_opaqueMsg_pt m = makeMessage(queue, true, VELCLIENT_DELIVERY_MODE_PERSISTENT, b);
@@ -242,7 +240,7 @@ TEST(BrokerQueues, ClientAcknowledgementKeepsWhatWasNotAcknowledged)
     /* The messages not acknowledged come back, marked redelivered; the acknowledged one does not. */
     {
         Client second;
-        ASSERT_EQ(VELCLIENT_OK, velClient_session_connect(second.session())) << lastText();
+        ASSERT_TRUE(connectAll(second));
         second.subscribeAndSync(queue, true);
         ASSERT_TRUE(second.waitMessages(2));
         std::this_thread::sleep_for(300ms);
@@ -256,7 +254,7 @@ TEST(BrokerQueues, ClientAcknowledgementKeepsWhatWasNotAcknowledged)
     }
     /* Accepted automatically: nothing left for a third reader. */
     Client third;
-    ASSERT_EQ(VELCLIENT_OK, velClient_session_connect(third.session())) << lastText();
+    ASSERT_TRUE(connectAll(third));
     third.subscribeAndSync(queue, true);
     EXPECT_FALSE(third.waitMessages(1, 500ms));
 }
@@ -264,7 +262,7 @@ TEST(BrokerQueues, ClientAcknowledgementKeepsWhatWasNotAcknowledged)
 TEST(BrokerSends, EachGuaranteedMessageGetsOneOutcomeWithItsTag)
 {
     Client sender;
-    ASSERT_EQ(VELCLIENT_OK, velClient_session_connect(sender.session())) << lastText();
+    ASSERT_TRUE(connectAll(sender));
     std::string queue = unique("outcome-q");
     static int tags[20];
     for (int i = 0; i < 20; ++i) {
@@ -288,8 +286,7 @@ TEST(BrokerSends, EachGuaranteedMessageGetsOneOutcomeWithItsTag)
 TEST(BrokerThreads, SendsFromThreadsAndFromInsideTheCallbacks)
 {
     Client echo, sender;
-    ASSERT_EQ(VELCLIENT_OK, velClient_session_connect(echo.session())) << lastText();
-    ASSERT_EQ(VELCLIENT_OK, velClient_session_connect(sender.session())) << lastText();
+    ASSERT_TRUE(connectAll(echo, sender));
     std::string in = unique("echo/in"), out = unique("echo/out");
     /* The echo session answers every message from inside its receive callback. */
     echo.onMessage = [&](velClient_opaqueSession_pt s, velClient_opaqueMsg_pt msg) {
@@ -370,7 +367,7 @@ TEST(BrokerSubscriptions, ARefusedSubscriptionIsReportedAndTrafficGoesOn)
 {
     /* A prefix naming an exchange that does not exist makes every topic address a bad one. */
     Client bad({"SESSION_AMQP_TOPIC_PREFIX", "/exchange/velclient-missing/"});
-    ASSERT_EQ(VELCLIENT_OK, velClient_session_connect(bad.session())) << lastText();
+    ASSERT_TRUE(connectAll(bad));
     std::string queue = unique("after-refusal-q");
     ASSERT_EQ(VELCLIENT_OK, velClient_session_queueSubscribe(bad.session(), queue.c_str()));
     ASSERT_EQ(VELCLIENT_OK, velClient_session_topicSubscribe(bad.session(), "some/topic"));
@@ -391,8 +388,7 @@ TEST(BrokerSubscriptions, ARefusedSubscriptionIsReportedAndTrafficGoesOn)
 TEST(BrokerInbox, AReplyToTheInboxReachesTheRequester)
 {
     Client requester, responder;
-    ASSERT_EQ(VELCLIENT_OK, velClient_session_connect(requester.session())) << lastText();
-    ASSERT_EQ(VELCLIENT_OK, velClient_session_connect(responder.session())) << lastText();
+    ASSERT_TRUE(connectAll(requester, responder));
     std::string service = unique("service/t");
     /* The responder answers to the reply-to of each request (probes have none), from inside its callback. */
     responder.onMessage = [](velClient_opaqueSession_pt s, velClient_opaqueMsg_pt request) {
@@ -421,7 +417,7 @@ TEST(BrokerHostilePeers, AMessageThatDoesNotConvertIsRefusedAndTheSessionGoesOn)
 {
     std::string queue = unique("hostile-q");
     Client reader;
-    ASSERT_EQ(VELCLIENT_OK, velClient_session_connect(reader.session())) << lastText();
+    ASSERT_TRUE(connectAll(reader));
     reader.subscribeAndSync(queue, true);
     /* An amqp-value body holding an int: no message of this library has such a body. */
     ASSERT_TRUE(sendForeign("/queue/" + queue, [](pn_message_t *m) {
@@ -433,7 +429,7 @@ TEST(BrokerHostilePeers, AMessageThatDoesNotConvertIsRefusedAndTheSessionGoesOn)
     expectOneMessage(reader, "good");
     /* Rejected, not left on the queue: a new reader finds nothing. */
     Client next;
-    ASSERT_EQ(VELCLIENT_OK, velClient_session_connect(next.session())) << lastText();
+    ASSERT_TRUE(connectAll(next));
     next.subscribeAndSync(queue, true);
     EXPECT_FALSE(next.waitMessages(1, 500ms));
 }

@@ -31,7 +31,7 @@ TEST(BrokerVolume, AHundredThousandMessagesLeaveNoRecordBehind)
     std::vector<velClient_uint64_t> before = liveRecords();
     {
         Client c;
-        ASSERT_EQ(VELCLIENT_OK, velClient_session_connect(c.session())) << velClient_getLastErrorInfo()->errorStr;
+        ASSERT_TRUE(connectAll(c));
         std::string topic = unique("volume/t");
         c.subscribeAndSync(topic);
         c.keepMessages(false);
