@@ -21,6 +21,7 @@
 #include <memory>
 
 #include "velClientAmqp/amqpConnection.h"
+#include "velClientAmqp/amqpFields.h"
 #include "velClientLog/logPrivate.h"
 #include "velClientMsg/message/recordApi.h"
 #include "velClientMsg/velClientMsgPrivate.h"
@@ -33,34 +34,6 @@ namespace {
 
 /* Credit a receiver link keeps granted; topped up when half is used. */
 constexpr int kReceiveCredit = 256;
-
-/* True when the message's header section counts an earlier delivery
- * (delivery-count above 0, or first-acquirer false). */
-bool headerSaysRedelivered(const char *bytes, std::size_t size)
-{
-    /* One decoder kept by the I/O thread: a fresh one per message costs more than the decoding. */
-    struct Free {
-        void operator()(pn_data_t *d) const { pn_data_free(d); }
-    };
-    thread_local std::unique_ptr<pn_data_t, Free> kept(pn_data(0));
-    pn_data_t *data = kept.get();
-    if (data == nullptr)
-        return false;
-    pn_data_clear(data);
-    bool redelivered = false;
-    if (pn_data_decode(data, bytes, size) > 0 && (pn_data_rewind(data), pn_data_next(data)) &&
-        pn_data_is_described(data) && pn_data_enter(data) && pn_data_next(data) &&
-        pn_data_type(data) == PN_ULONG && pn_data_get_ulong(data) == 0x70 && pn_data_next(data) &&
-        pn_data_type(data) == PN_LIST && pn_data_enter(data)) {
-        for (int field = 0; field < 5 && pn_data_next(data); ++field) {
-            if (field == 3 && pn_data_type(data) == PN_BOOL && !pn_data_get_bool(data))
-                redelivered = true;
-            if (field == 4 && pn_data_type(data) == PN_UINT && pn_data_get_uint(data) > 0)
-                redelivered = true;
-        }
-    }
-    return redelivered;
-}
 
 /* Whether topic matches the subscription pattern: a level "*" matches any
  * one level, a last level ">" one or more (brokers whose wildcard also
@@ -437,7 +410,7 @@ void Connection::deliverMessage(pn_delivery_t *delivery, const char *bytes, std:
     bool queue = from.queue;
     velClient_msgId_t id = nextMsgId_++;
     _velClient_msg_setMsgId(msg->opaqueMsg_p, id);
-    if (headerSaysRedelivered(bytes, size))
+    if (headerSaysRedelivered(reinterpret_cast<const std::uint8_t *>(bytes), size))
         msg->msgInfo.flags |= _VELCLIENT_RX_FLAG_REDELIVERED_MASK;
     if (msg->msgInfo.rcvTimestamp == 0)
         msg->msgInfo.rcvTimestamp = _velClient_getTimeInUs() / 1000;
