@@ -19,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "velClientAmqp/amqpByTag.h"
 #include "velclient/velClient.h"
 
 struct _velClient_session;
@@ -170,8 +171,8 @@ private:
     std::set<Subscription> subscriptions_;
     std::multimap<Subscription, std::uint64_t> attaching_; /* waiting subscribers' tickets */
     std::uint64_t nextTag_ = 1;
-    std::map<std::uint64_t, Outgoing> unsettled_; /* sent or waiting, guaranteed, by tag */
-    std::map<std::uint64_t, Outgoing> direct_;    /* waiting direct messages, by tag */
+    ByTag<Outgoing> unsettled_; /* sent or waiting, guaranteed */
+    ByTag<Outgoing> direct_;    /* waiting direct messages */
     std::map<velClient_msgId_t, pn_delivery_t *> clientAcks_;
     velClient_msgId_t nextMsgId_ = 1;
     std::vector<char> receiveBuffer_;

@@ -16,6 +16,7 @@
 #include <proton/session.h>
 #include <proton/terminus.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <memory>
@@ -196,7 +197,7 @@ void Connection::runQueued()
         switch (command.kind) {
         case Command::Kind::send: {
             std::uint64_t tag = nextTag_++;
-            (command.message.settled ? direct_ : unsettled_)[tag] = std::move(command.message);
+            (command.message.settled ? direct_ : unsettled_).add(tag, std::move(command.message));
             queueSend(tag);
             break;
         }
@@ -227,27 +228,27 @@ void Connection::openLinks()
 {
     for (const Subscription &subscription : subscriptions_)
         subscribeNow(subscription, true);
-    std::map<std::uint64_t, bool> again;
-    for (auto &[tag, message] : unsettled_)
-        again[tag] = true;
-    for (auto &[tag, message] : direct_)
-        again[tag] = true;
-    for (auto &[tag, unused] : again)
+    std::vector<std::uint64_t> again;
+    auto add = [&](std::uint64_t tag, const Outgoing &) { again.push_back(tag); };
+    unsettled_.forEach(add);
+    direct_.forEach(add);
+    std::sort(again.begin(), again.end());
+    for (std::uint64_t tag : again)
         queueSend(tag);
 }
 
 void Connection::queueSend(std::uint64_t tag)
 {
-    auto found = unsettled_.find(tag);
-    if (found == unsettled_.end())
-        found = direct_.find(tag);
-    SenderLink &sender = senders_[found->second.address];
+    Outgoing *message = unsettled_.find(tag);
+    if (message == nullptr)
+        message = direct_.find(tag);
+    SenderLink &sender = senders_[message->address];
     if (sender.link == nullptr) {
-        std::string name = "send:" + found->second.address;
+        std::string name = "send:" + message->address;
         sender.link = pn_sender(amqpSession_, name.c_str());
         pn_terminus_t *target = pn_link_target(sender.link);
-        pn_terminus_set_address(target, found->second.address.c_str());
-        if (found->second.toQueue)
+        pn_terminus_set_address(target, message->address.c_str());
+        if (message->toQueue)
             pn_terminus_set_durability(target, PN_CONFIGURATION);
         pn_link_open(sender.link);
     }
@@ -261,16 +262,16 @@ void Connection::pump(SenderLink &sender)
     while (pn_link_credit(sender.link) > 0 && !sender.waiting.empty()) {
         std::uint64_t tag = sender.waiting.front();
         sender.waiting.pop_front();
-        auto found = unsettled_.find(tag);
-        bool guaranteed = found != unsettled_.end();
-        if (!guaranteed && (found = direct_.find(tag)) == direct_.end())
+        Outgoing *message = unsettled_.find(tag);
+        bool guaranteed = message != nullptr;
+        if (!guaranteed && (message = direct_.find(tag)) == nullptr)
             continue;
         pn_delivery_t *delivery = pn_delivery(sender.link, pn_dtag(reinterpret_cast<const char *>(&tag), sizeof tag));
-        pn_link_send(sender.link, found->second.bytes.data(), found->second.bytes.size());
+        pn_link_send(sender.link, message->bytes.data(), message->bytes.size());
         pn_link_advance(sender.link);
         if (!guaranteed) {
             pn_delivery_settle(delivery);
-            direct_.erase(found);
+            direct_.take(tag);
         }
     }
 }
@@ -334,13 +335,12 @@ void Connection::settled(pn_delivery_t *delivery)
     std::uint64_t key = 0;
     if (tag.size == sizeof key)
         std::memcpy(&key, tag.start, sizeof key);
-    auto found = unsettled_.find(key);
-    if (found == unsettled_.end()) {
+    std::optional<Outgoing> found = unsettled_.take(key);
+    if (!found) {
         pn_delivery_settle(delivery);
         return;
     }
-    void *correlation_p = found->second.correlation_p;
-    unsettled_.erase(found);
+    void *correlation_p = found->correlation_p;
     std::string info = remote == PN_ACCEPTED ? "accepted"
                        : remote == PN_REJECTED ? "rejected"
                        : remote == PN_RELEASED ? "released"
@@ -452,15 +452,13 @@ void Connection::linkClosed(pn_link_t *link, const std::string &reason)
 
 void Connection::refuseMessagesTo(const std::string &address, const std::string &info)
 {
-    std::erase_if(direct_, [&](const auto &entry) { return entry.second.address == address; });
+    direct_.eraseIf([&](const Outgoing &message) { return message.address == address; });
     std::vector<void *> refused;
-    for (auto it = unsettled_.begin(); it != unsettled_.end();)
-        if (it->second.address == address) {
-            refused.push_back(it->second.correlation_p);
-            it = unsettled_.erase(it);
-        } else {
-            ++it;
-        }
+    unsettled_.eraseIf([&](const Outgoing &message) {
+        if (message.address == address)
+            refused.push_back(message.correlation_p);
+        return message.address == address;
+    });
     acknowledged(refused.size());
     for (void *correlation_p : refused)
         emit(VELCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR, info.c_str(), correlation_p);

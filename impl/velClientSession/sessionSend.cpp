@@ -68,7 +68,7 @@ velClient_returnCode_t sendToBroker(_velClient_session *s, std::uint32_t flags, 
     out.settled = (flags & _VELCLIENT_RX_FLAG_DELIVERY_MODE_MASK) == 0;
     out.toQueue = queue;
     out.correlation_p = msg->bufInfo_a[VELCLIENT_BUFINFO_CORRELATION_TAG_PART].buf_p;
-    if (vel::amqp::encode(msg, rules, out.bytes) != VELCLIENT_OK)
+    if (vel::amqp::encode(msg, rules, out.bytes, &out.address) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     std::unique_lock<std::recursive_mutex> sessionLock(s->mutex, std::adopt_lock);
     velClient_returnCode_t rc = connection->send(std::move(out), sessionLock);
