@@ -35,7 +35,7 @@ namespace vel::amqp {
 /* A message on its way to the broker: its encoded bytes and where they go. */
 struct Outgoing {
     std::vector<char> bytes;
-    std::string address;
+    std::shared_ptr<const std::string> address; /* shared by messages to the same target */
     bool settled = false;           /* direct: sent pre-settled */
     bool toQueue = false;           /* the target is a queue (durable terminus) */
     void *correlation_p = nullptr;  /* reported with the acknowledgement */

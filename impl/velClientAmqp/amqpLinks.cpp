@@ -242,12 +242,13 @@ void Connection::queueSend(std::uint64_t tag)
     Outgoing *message = unsettled_.find(tag);
     if (message == nullptr)
         message = direct_.find(tag);
-    SenderLink &sender = senders_[message->address];
+    const std::string &address = *message->address;
+    SenderLink &sender = senders_[address];
     if (sender.link == nullptr) {
-        std::string name = "send:" + message->address;
+        std::string name = "send:" + address;
         sender.link = pn_sender(amqpSession_, name.c_str());
         pn_terminus_t *target = pn_link_target(sender.link);
-        pn_terminus_set_address(target, message->address.c_str());
+        pn_terminus_set_address(target, address.c_str());
         if (message->toQueue)
             pn_terminus_set_durability(target, PN_CONFIGURATION);
         pn_link_open(sender.link);
@@ -452,12 +453,12 @@ void Connection::linkClosed(pn_link_t *link, const std::string &reason)
 
 void Connection::refuseMessagesTo(const std::string &address, const std::string &info)
 {
-    direct_.eraseIf([&](const Outgoing &message) { return message.address == address; });
+    direct_.eraseIf([&](const Outgoing &message) { return *message.address == address; });
     std::vector<void *> refused;
     unsettled_.eraseIf([&](const Outgoing &message) {
-        if (message.address == address)
+        if (*message.address == address)
             refused.push_back(message.correlation_p);
-        return message.address == address;
+        return *message.address == address;
     });
     acknowledged(refused.size());
     for (void *correlation_p : refused)
