@@ -25,6 +25,7 @@ struct Addressing {
     std::string levelSeparator = ".";
     std::string wildcardOne = "*";
     std::string wildcardMore = "#";
+    bool operator==(const Addressing &) const = default;
 };
 
 /* The address of a topic. Levels are separated by '/'; a level holding the

@@ -106,7 +106,7 @@ velClient_returnCode_t Connection::send(Outgoing &&message, std::unique_lock<std
     }
     if (!message.settled)
         ++inWindow_;
-    commands_.push_back({Command::Kind::send, std::move(message), {}, 0});
+    commands_.emplace_back(Command::Kind::send, std::move(message));
     lock.unlock();
     wake();
     return VELCLIENT_OK;

@@ -117,6 +117,27 @@ bool namesKnownType(const velClient_destination_t &dest)
     }
 }
 
+/* The reply-to address. A requester names the same inbox in every request:
+ * the last one worked out on this thread is kept. */
+const std::string &replyToAddress(const vel::amqp::Addressing &rules, const velClient_destination_t &dest)
+{
+    struct Last {
+        vel::amqp::Addressing rules;
+        int type = -1;
+        std::string name;
+        std::string address;
+    };
+    thread_local Last last;
+    int type = vel::enumValue(dest.destType);
+    if (type != last.type || last.name != dest.dest || !(last.rules == rules)) {
+        last.address = addressOf(rules, dest);
+        last.type = type;
+        last.name = dest.dest;
+        last.rules = rules;
+    }
+    return last.address;
+}
+
 /* Sets an address property unless the address is empty. */
 void setAddress(pn_message_t *out, int (*set)(pn_message_t *, const char *), const std::string &address)
 {
@@ -192,7 +213,7 @@ void writeProperties(Encoder &e)
         pn_message_set_expiry_time(e.out, ms);
     velClient_destination_t replyTo{};
     if (vel::msg::replyTo(e.msg, &replyTo) == VELCLIENT_OK && replyTo.dest != nullptr)
-        setAddress(e.out, pn_message_set_reply_to, addressOf(e.rules, replyTo));
+        setAddress(e.out, pn_message_set_reply_to, replyToAddress(e.rules, replyTo));
 }
 
 /* The header map whole, and the two of its fields only annotations can carry. */
