@@ -41,8 +41,7 @@ class ByTag {
         std::optional<T> out = std::move(slot->value);
         slot->value.reset();
         --count_;
-        while (!slots_.empty() && !slots_.front().value)
-            slots_.pop_front();
+        dropEmptyFront();
         return out;
     }
 
@@ -66,8 +65,7 @@ class ByTag {
                 slot.value.reset();
                 --count_;
             }
-        while (!slots_.empty() && !slots_.front().value)
-            slots_.pop_front();
+        dropEmptyFront();
     }
 
     void clear()
@@ -81,6 +79,12 @@ class ByTag {
         std::uint64_t tag;
         std::optional<T> value;
     };
+
+    void dropEmptyFront()
+    {
+        while (!slots_.empty() && !slots_.front().value)
+            slots_.pop_front();
+    }
 
     Slot *slotOf(std::uint64_t tag)
     {
