@@ -106,7 +106,9 @@ velClient_returnCode_t Connection::send(Outgoing &&message, std::unique_lock<std
     }
     if (!message.settled)
         ++inWindow_;
-    commands_.emplace_back(Command::Kind::send, std::move(message));
+    Command &command = commands_.emplace_back();
+    command.kind = Command::Kind::send;
+    command.message = std::move(message);
     lock.unlock();
     wake();
     return VELCLIENT_OK;
