@@ -22,32 +22,52 @@
  */
 #include "velClientAmqp/amqpCodec.h"
 
+#include <algorithm>
+
 namespace {
 
 using vel::amqp::Addressing;
 
 constexpr char kHex[] = "0123456789ABCDEF";
 
-bool isSpecial(const Addressing &rules, char ch)
+void appendEscaped(std::string &out, char ch)
 {
-    return ch == '%' || rules.levelSeparator.find(ch) != std::string::npos;
+    auto byte = static_cast<unsigned char>(ch);
+    out.push_back('%');
+    out.push_back(kHex[byte >> 4]);
+    out.push_back(kHex[byte & 0x0F]);
+}
+
+/* Where the next byte of the separator is in level, from at (npos: none). */
+std::size_t nextSeparatorByte(const Addressing &rules, std::string_view level, std::size_t at)
+{
+    const std::string &sep = rules.levelSeparator;
+    return sep.size() == 1 ? level.find(sep[0], at) : level.find_first_of(sep, at);
 }
 
 /* A level that is a wildcard's text has every byte encoded; any other level
- * only its '%' and separator bytes. */
+ * only its '%' and separator bytes, the bytes between them appended in runs. */
 void appendEncoded(const Addressing &rules, std::string &out, std::string_view level)
 {
-    const bool all = level == rules.wildcardOne || level == rules.wildcardMore;
-    for (char ch : level) {
-        if (!all && !isSpecial(rules, ch)) {
-            out.push_back(ch);
-            continue;
-        }
-        auto byte = static_cast<unsigned char>(ch);
-        out.push_back('%');
-        out.push_back(kHex[byte >> 4]);
-        out.push_back(kHex[byte & 0x0F]);
+    if (level == rules.wildcardOne || level == rules.wildcardMore) {
+        for (char ch : level)
+            appendEscaped(out, ch);
+        return;
     }
+    std::size_t percent = level.find('%'), separator = nextSeparatorByte(rules, level, 0), plain = 0;
+    for (;;) {
+        std::size_t at = std::min(percent, separator);
+        if (at == std::string_view::npos)
+            break;
+        out.append(level.substr(plain, at - plain));
+        appendEscaped(out, level[at]);
+        plain = at + 1;
+        if (at == percent)
+            percent = level.find('%', plain);
+        if (at == separator)
+            separator = nextSeparatorByte(rules, level, plain);
+    }
+    out.append(level.substr(plain));
 }
 
 /* The level a subscription writes for one topic level (last: the topic's last level). */

@@ -25,6 +25,7 @@ struct Addressing {
     std::string levelSeparator = ".";
     std::string wildcardOne = "*";
     std::string wildcardMore = "#";
+    bool operator==(const Addressing &) const = default;
 };
 
 /* The address of a topic. Levels are separated by '/'; a level holding the
@@ -39,8 +40,11 @@ bool destinationOf(const Addressing &rules, std::string_view address, velClient_
 
 /* The message, as the send path has prepared it (generated fields and the
  * sequence number in place), encoded as one AMQP 1.0 message into out. On
- * failure out is empty and the last error is recorded. */
-velClient_returnCode_t encode(_velClient_msg *msg, const Addressing &rules, std::vector<char> &out);
+ * failure out is empty and the last error is recorded. address, when given,
+ * is the address of the message's destination as the caller has worked it
+ * out; otherwise encode works it out. */
+velClient_returnCode_t encode(_velClient_msg *msg, const Addressing &rules, std::vector<char> &out,
+                              const std::string *address = nullptr);
 
 /* A new received message, owned by the caller, from one encoded AMQP 1.0
  * message: every part, property and field that encode wrote reads back as it

@@ -404,8 +404,7 @@ void Connection::goDown(const std::string &reason)
     }
     finished_ = true;
     std::vector<void *> refused;
-    for (auto &[tag, message] : unsettled_)
-        refused.push_back(message.correlation_p);
+    unsettled_.forEach([&](std::uint64_t, const Outgoing &message) { refused.push_back(message.correlation_p); });
     for (const Command &command : queued)
         if (command.kind == Command::Kind::send && !command.message.settled)
             refused.push_back(command.message.correlation_p);

@@ -19,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "velClientAmqp/amqpByTag.h"
 #include "velclient/velClient.h"
 
 struct _velClient_session;
@@ -34,7 +35,7 @@ namespace vel::amqp {
 /* A message on its way to the broker: its encoded bytes and where they go. */
 struct Outgoing {
     std::vector<char> bytes;
-    std::string address;
+    std::shared_ptr<const std::string> address; /* shared by messages to the same target */
     bool settled = false;           /* direct: sent pre-settled */
     bool toQueue = false;           /* the target is a queue (durable terminus) */
     void *correlation_p = nullptr;  /* reported with the acknowledgement */
@@ -170,8 +171,8 @@ private:
     std::set<Subscription> subscriptions_;
     std::multimap<Subscription, std::uint64_t> attaching_; /* waiting subscribers' tickets */
     std::uint64_t nextTag_ = 1;
-    std::map<std::uint64_t, Outgoing> unsettled_; /* sent or waiting, guaranteed, by tag */
-    std::map<std::uint64_t, Outgoing> direct_;    /* waiting direct messages, by tag */
+    ByTag<Outgoing> unsettled_; /* sent or waiting, guaranteed */
+    ByTag<Outgoing> direct_;    /* waiting direct messages */
     std::map<velClient_msgId_t, pn_delivery_t *> clientAcks_;
     velClient_msgId_t nextMsgId_ = 1;
     std::vector<char> receiveBuffer_;

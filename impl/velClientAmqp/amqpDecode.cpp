@@ -93,7 +93,7 @@ velClient_returnCode_t setDestination(_velClient_msg *msg, pn_message_t *pm, con
         return setText(msg, VELCLIENT_BUFINFO_TOPIC_PART, n.topic.start, n.topic.size);
     const char *address = pn_message_get_address(pm);
     velClient_destinationType_t type{};
-    std::string name;
+    thread_local std::string name; /* kept: no allocation per message */
     if (address == nullptr || !vel::amqp::destinationOf(rules, address, &type, &name))
         return VELCLIENT_OK;
     int part = type == VELCLIENT_QUEUE_DESTINATION ? VELCLIENT_BUFINFO_QUEUENAME_PART : VELCLIENT_BUFINFO_TOPIC_PART;

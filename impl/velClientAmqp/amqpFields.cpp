@@ -15,6 +15,7 @@
 #include "velClientAmqp/amqpFields.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <string_view>
 
@@ -346,4 +347,98 @@ bool vel::amqp::shallowAmqp(const std::uint8_t *p, std::size_t size)
         ends[depth++] = at + static_cast<std::size_t>(length);
         at += width;
     }
+}
+
+/* ---- The header section, read in place --------------------------------------- */
+namespace {
+
+constexpr std::size_t kNoValue = SIZE_MAX;
+constexpr std::uint64_t kHeaderCode = 0x70;
+constexpr std::string_view kHeaderName = "amqp:header:list";
+constexpr int kDescribedDepth = 4;
+
+/* The end of the value whose constructor is at at, or kNoValue when it does
+ * not fit before limit. */
+std::size_t valueEnd(const std::uint8_t *p, std::size_t at, std::size_t limit, int depth = kDescribedDepth)
+{
+    if (at >= limit)
+        return kNoValue;
+    std::uint8_t code = p[at++];
+    if (code == 0x00) {
+        std::size_t descriptor = depth > 0 ? valueEnd(p, at, limit, depth - 1) : kNoValue;
+        return descriptor == kNoValue ? kNoValue : valueEnd(p, descriptor, limit, depth - 1);
+    }
+    int fixed = fixedWidth(code);
+    if (fixed >= 0)
+        return limit - at >= static_cast<std::size_t>(fixed) ? at + static_cast<std::size_t>(fixed) : kNoValue;
+    if ((code >> 4) < 0xA)
+        return kNoValue;
+    unsigned width = (code >> 4) % 2 == 0 ? 1u : 4u;
+    if (limit - at < width)
+        return kNoValue;
+    std::uint64_t length = sizeAt(p + at, width);
+    at += width;
+    return length <= limit - at ? at + static_cast<std::size_t>(length) : kNoValue;
+}
+
+/* true when the descriptor at at names the header section; *next is set past it. */
+bool isHeaderDescriptor(const std::uint8_t *p, std::size_t at, std::size_t size, std::size_t *next)
+{
+    *next = valueEnd(p, at, size);
+    if (*next == kNoValue)
+        return false;
+    switch (p[at]) {
+    case 0x53: return p[at + 1] == kHeaderCode;
+    case 0x80: return sizeAt(p + at + 1, 8) == kHeaderCode;
+    case 0xA3:
+    case 0xB3: {
+        std::size_t width = p[at] == 0xA3 ? 1 : 4;
+        return std::string_view(reinterpret_cast<const char *>(p + at + 1 + width), *next - at - 1 - width) ==
+               kHeaderName;
+    }
+    default: return false;
+    }
+}
+
+/* The unsigned integer field at at; 0 for uint0, null or another type. */
+std::uint64_t uintField(const std::uint8_t *p, std::size_t at)
+{
+    switch (p[at]) {
+    case 0x52: return p[at + 1]; /* smalluint */
+    case 0x70: return sizeAt(p + at + 1, 4);
+    default: return 0;
+    }
+}
+
+/* true for a boolean field holding false. */
+bool isFalse(const std::uint8_t *p, std::size_t at)
+{
+    return p[at] == 0x42 || (p[at] == 0x56 && p[at + 1] == 0);
+}
+
+} // namespace
+
+bool vel::amqp::headerSaysRedelivered(const std::uint8_t *p, std::size_t size)
+{
+    std::size_t at = 0;
+    if (size < 2 || p[0] != 0x00 || !isHeaderDescriptor(p, 1, size, &at) || at >= size)
+        return false;
+    std::size_t end = valueEnd(p, at, size);
+    std::uint8_t list = p[at];
+    if (end == kNoValue || (list != 0xC0 && list != 0xD0))
+        return false; /* list0 (0x45): every field left at its default */
+    std::size_t width = list == 0xC0 ? 1 : 4;
+    if (end - at < 1 + 2 * width)
+        return false;
+    std::uint64_t count = sizeAt(p + at + 1 + width, width);
+    at += 1 + 2 * width;
+    for (std::uint64_t field = 0; field < count && field < 5; ++field) {
+        std::size_t next = valueEnd(p, at, end);
+        if (next == kNoValue)
+            return false;
+        if ((field == 3 && isFalse(p, at)) || (field == 4 && uintField(p, at) > 0))
+            return true; /* first-acquirer false, delivery-count above 0 */
+        at = next;
+    }
+    return false;
 }

@@ -102,4 +102,10 @@ bool wellFormedFields(const std::uint8_t *p, const std::uint8_t *end, bool keyed
  * not recurse without bound. Only structure is checked. */
 bool shallowAmqp(const std::uint8_t *p, std::size_t size);
 
+/* true when the message in size bytes at p opens with a header section that
+ * counts an earlier delivery: first-acquirer false or delivery-count above 0.
+ * Read from the bytes without decoding the message; false when the header is
+ * absent, and every field encoding AMQP allows is understood. */
+bool headerSaysRedelivered(const std::uint8_t *p, std::size_t size);
+
 } // namespace vel::amqp

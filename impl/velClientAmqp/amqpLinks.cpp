@@ -16,11 +16,13 @@
 #include <proton/session.h>
 #include <proton/terminus.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <memory>
 
 #include "velClientAmqp/amqpConnection.h"
+#include "velClientAmqp/amqpFields.h"
 #include "velClientLog/logPrivate.h"
 #include "velClientMsg/message/recordApi.h"
 #include "velClientMsg/velClientMsgPrivate.h"
@@ -33,34 +35,6 @@ namespace {
 
 /* Credit a receiver link keeps granted; topped up when half is used. */
 constexpr int kReceiveCredit = 256;
-
-/* True when the message's header section counts an earlier delivery
- * (delivery-count above 0, or first-acquirer false). */
-bool headerSaysRedelivered(const char *bytes, std::size_t size)
-{
-    /* One decoder kept by the I/O thread: a fresh one per message costs more than the decoding. */
-    struct Free {
-        void operator()(pn_data_t *d) const { pn_data_free(d); }
-    };
-    thread_local std::unique_ptr<pn_data_t, Free> kept(pn_data(0));
-    pn_data_t *data = kept.get();
-    if (data == nullptr)
-        return false;
-    pn_data_clear(data);
-    bool redelivered = false;
-    if (pn_data_decode(data, bytes, size) > 0 && (pn_data_rewind(data), pn_data_next(data)) &&
-        pn_data_is_described(data) && pn_data_enter(data) && pn_data_next(data) &&
-        pn_data_type(data) == PN_ULONG && pn_data_get_ulong(data) == 0x70 && pn_data_next(data) &&
-        pn_data_type(data) == PN_LIST && pn_data_enter(data)) {
-        for (int field = 0; field < 5 && pn_data_next(data); ++field) {
-            if (field == 3 && pn_data_type(data) == PN_BOOL && !pn_data_get_bool(data))
-                redelivered = true;
-            if (field == 4 && pn_data_type(data) == PN_UINT && pn_data_get_uint(data) > 0)
-                redelivered = true;
-        }
-    }
-    return redelivered;
-}
 
 /* Whether topic matches the subscription pattern: a level "*" matches any
  * one level, a last level ">" one or more (brokers whose wildcard also
@@ -132,7 +106,9 @@ velClient_returnCode_t Connection::send(Outgoing &&message, std::unique_lock<std
     }
     if (!message.settled)
         ++inWindow_;
-    commands_.push_back({Command::Kind::send, std::move(message), {}, 0});
+    Command &command = commands_.emplace_back();
+    command.kind = Command::Kind::send;
+    command.message = std::move(message);
     lock.unlock();
     wake();
     return VELCLIENT_OK;
@@ -223,7 +199,7 @@ void Connection::runQueued()
         switch (command.kind) {
         case Command::Kind::send: {
             std::uint64_t tag = nextTag_++;
-            (command.message.settled ? direct_ : unsettled_)[tag] = std::move(command.message);
+            (command.message.settled ? direct_ : unsettled_).add(tag, std::move(command.message));
             queueSend(tag);
             break;
         }
@@ -254,27 +230,28 @@ void Connection::openLinks()
 {
     for (const Subscription &subscription : subscriptions_)
         subscribeNow(subscription, true);
-    std::map<std::uint64_t, bool> again;
-    for (auto &[tag, message] : unsettled_)
-        again[tag] = true;
-    for (auto &[tag, message] : direct_)
-        again[tag] = true;
-    for (auto &[tag, unused] : again)
+    std::vector<std::uint64_t> again;
+    auto add = [&](std::uint64_t tag, const Outgoing &) { again.push_back(tag); };
+    unsettled_.forEach(add);
+    direct_.forEach(add);
+    std::sort(again.begin(), again.end());
+    for (std::uint64_t tag : again)
         queueSend(tag);
 }
 
 void Connection::queueSend(std::uint64_t tag)
 {
-    auto found = unsettled_.find(tag);
-    if (found == unsettled_.end())
-        found = direct_.find(tag);
-    SenderLink &sender = senders_[found->second.address];
+    Outgoing *message = unsettled_.find(tag);
+    if (message == nullptr)
+        message = direct_.find(tag);
+    const std::string &address = *message->address;
+    SenderLink &sender = senders_[address];
     if (sender.link == nullptr) {
-        std::string name = "send:" + found->second.address;
+        std::string name = "send:" + address;
         sender.link = pn_sender(amqpSession_, name.c_str());
         pn_terminus_t *target = pn_link_target(sender.link);
-        pn_terminus_set_address(target, found->second.address.c_str());
-        if (found->second.toQueue)
+        pn_terminus_set_address(target, address.c_str());
+        if (message->toQueue)
             pn_terminus_set_durability(target, PN_CONFIGURATION);
         pn_link_open(sender.link);
     }
@@ -288,16 +265,16 @@ void Connection::pump(SenderLink &sender)
     while (pn_link_credit(sender.link) > 0 && !sender.waiting.empty()) {
         std::uint64_t tag = sender.waiting.front();
         sender.waiting.pop_front();
-        auto found = unsettled_.find(tag);
-        bool guaranteed = found != unsettled_.end();
-        if (!guaranteed && (found = direct_.find(tag)) == direct_.end())
+        Outgoing *message = unsettled_.find(tag);
+        bool guaranteed = message != nullptr;
+        if (!guaranteed && (message = direct_.find(tag)) == nullptr)
             continue;
         pn_delivery_t *delivery = pn_delivery(sender.link, pn_dtag(reinterpret_cast<const char *>(&tag), sizeof tag));
-        pn_link_send(sender.link, found->second.bytes.data(), found->second.bytes.size());
+        pn_link_send(sender.link, message->bytes.data(), message->bytes.size());
         pn_link_advance(sender.link);
         if (!guaranteed) {
             pn_delivery_settle(delivery);
-            direct_.erase(found);
+            direct_.take(tag);
         }
     }
 }
@@ -361,13 +338,12 @@ void Connection::settled(pn_delivery_t *delivery)
     std::uint64_t key = 0;
     if (tag.size == sizeof key)
         std::memcpy(&key, tag.start, sizeof key);
-    auto found = unsettled_.find(key);
-    if (found == unsettled_.end()) {
+    std::optional<Outgoing> found = unsettled_.take(key);
+    if (!found) {
         pn_delivery_settle(delivery);
         return;
     }
-    void *correlation_p = found->second.correlation_p;
-    unsettled_.erase(found);
+    void *correlation_p = found->correlation_p;
     std::string info = remote == PN_ACCEPTED ? "accepted"
                        : remote == PN_REJECTED ? "rejected"
                        : remote == PN_RELEASED ? "released"
@@ -437,7 +413,7 @@ void Connection::deliverMessage(pn_delivery_t *delivery, const char *bytes, std:
     bool queue = from.queue;
     velClient_msgId_t id = nextMsgId_++;
     _velClient_msg_setMsgId(msg->opaqueMsg_p, id);
-    if (headerSaysRedelivered(bytes, size))
+    if (headerSaysRedelivered(reinterpret_cast<const std::uint8_t *>(bytes), size))
         msg->msgInfo.flags |= _VELCLIENT_RX_FLAG_REDELIVERED_MASK;
     if (msg->msgInfo.rcvTimestamp == 0)
         msg->msgInfo.rcvTimestamp = _velClient_getTimeInUs() / 1000;
@@ -479,15 +455,13 @@ void Connection::linkClosed(pn_link_t *link, const std::string &reason)
 
 void Connection::refuseMessagesTo(const std::string &address, const std::string &info)
 {
-    std::erase_if(direct_, [&](const auto &entry) { return entry.second.address == address; });
+    direct_.eraseIf([&](const Outgoing &message) { return *message.address == address; });
     std::vector<void *> refused;
-    for (auto it = unsettled_.begin(); it != unsettled_.end();)
-        if (it->second.address == address) {
-            refused.push_back(it->second.correlation_p);
-            it = unsettled_.erase(it);
-        } else {
-            ++it;
-        }
+    unsettled_.eraseIf([&](const Outgoing &message) {
+        if (*message.address == address)
+            refused.push_back(message.correlation_p);
+        return *message.address == address;
+    });
     acknowledged(refused.size());
     for (void *correlation_p : refused)
         emit(VELCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR, info.c_str(), correlation_p);

@@ -90,6 +90,7 @@ struct Encoder {
     _velClient_msg *msg;
     const vel::amqp::Addressing &rules;
     pn_message_t *out;
+    const std::string *address; /* the destination's, when the caller has it */
 };
 
 /* The address of a destination; empty for a kind byte that names no known
@@ -105,6 +106,38 @@ std::string addressOf(const vel::amqp::Addressing &rules, const velClient_destin
     }
 }
 
+bool namesKnownType(const velClient_destination_t &dest)
+{
+    switch (vel::enumValue(dest.destType)) {
+    case VELCLIENT_TOPIC_DESTINATION:
+    case VELCLIENT_TOPIC_TEMP_DESTINATION:
+    case VELCLIENT_QUEUE_DESTINATION:
+    case VELCLIENT_QUEUE_TEMP_DESTINATION: return true;
+    default: return false;
+    }
+}
+
+/* The reply-to address. A requester names the same inbox in every request:
+ * the last one worked out on this thread is kept. */
+const std::string &replyToAddress(const vel::amqp::Addressing &rules, const velClient_destination_t &dest)
+{
+    struct Last {
+        vel::amqp::Addressing rules;
+        int type = -1;
+        std::string name;
+        std::string address;
+    };
+    thread_local Last last;
+    int type = vel::enumValue(dest.destType);
+    if (type != last.type || last.name != dest.dest || !(last.rules == rules)) {
+        last.address = addressOf(rules, dest);
+        last.type = type;
+        last.name = dest.dest;
+        last.rules = rules;
+    }
+    return last.address;
+}
+
 /* Sets an address property unless the address is empty. */
 void setAddress(pn_message_t *out, int (*set)(pn_message_t *, const char *), const std::string &address)
 {
@@ -112,11 +145,21 @@ void setAddress(pn_message_t *out, int (*set)(pn_message_t *, const char *), con
         set(out, address.c_str());
 }
 
-void writeDestination(Encoder &e, Annotations &notes)
+/* The address property: the one the caller worked out, if any, else worked out here. */
+void writeAddress(Encoder &e)
 {
     velClient_destination_t dest{};
-    if (vel::msg::destination(e.msg, &dest) == VELCLIENT_OK && dest.dest != nullptr)
+    if (vel::msg::destination(e.msg, &dest) != VELCLIENT_OK || dest.dest == nullptr)
+        return;
+    if (e.address != nullptr && namesKnownType(dest))
+        setAddress(e.out, pn_message_set_address, *e.address);
+    else
         setAddress(e.out, pn_message_set_address, addressOf(e.rules, dest));
+}
+
+void writeDestination(Encoder &e, Annotations &notes)
+{
+    writeAddress(e);
     notes.text(vel::amqp::kKeyTopic, partOf(e.msg, VELCLIENT_BUFINFO_TOPIC_PART));
     notes.text(vel::amqp::kKeyDestPrefix, partOf(e.msg, _VELCLIENT_BUFINFO_DEST_PREFIX_PART));
 }
@@ -170,7 +213,7 @@ void writeProperties(Encoder &e)
         pn_message_set_expiry_time(e.out, ms);
     velClient_destination_t replyTo{};
     if (vel::msg::replyTo(e.msg, &replyTo) == VELCLIENT_OK && replyTo.dest != nullptr)
-        setAddress(e.out, pn_message_set_reply_to, addressOf(e.rules, replyTo));
+        setAddress(e.out, pn_message_set_reply_to, replyToAddress(e.rules, replyTo));
 }
 
 /* The header map whole, and the two of its fields only annotations can carry. */
@@ -291,7 +334,8 @@ pn_message_t *vel::amqp::scratchMessage()
     return scratch.get();
 }
 
-velClient_returnCode_t vel::amqp::encode(_velClient_msg *msg, const Addressing &rules, std::vector<char> &out)
+velClient_returnCode_t vel::amqp::encode(_velClient_msg *msg, const Addressing &rules, std::vector<char> &out,
+                                         const std::string *address)
 {
     out.clear();
     /* A received message resent keeps its maps inside part 8 until they are taken apart. */
@@ -301,7 +345,7 @@ velClient_returnCode_t vel::amqp::encode(_velClient_msg *msg, const Addressing &
     if (pm == nullptr)
         return VEL_FAIL(VELCLIENT_SUBCODE_OUT_OF_MEMORY, VELCLIENT_LOG_ERROR,
                         "Could not allocate an AMQP message in velClient_session_sendMsg");
-    Encoder e{msg, rules, pm};
+    Encoder e{msg, rules, pm, address};
     {
         Annotations notes(pn_message_annotations(pm));
         writeDestination(e, notes);

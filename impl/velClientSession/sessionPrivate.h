@@ -59,6 +59,14 @@ struct BrokerSettings {
     vel::amqp::Addressing addressing;
 };
 
+/* The target of the last message sent to the broker: sends mostly go to one
+ * destination, whose address is then not worked out again. */
+struct LastTarget {
+    bool queue = false;
+    std::string name;
+    std::shared_ptr<const std::string> address;
+};
+
 /* The event callback and its argument, replaced together. */
 struct EventSink {
     velClient_session_eventCallbackFunc_t callback_p = nullptr;
@@ -93,6 +101,7 @@ struct _velClient_session {
     /* Held around the send path; recursive because a receive callback may
      * send again on the same session. */
     std::recursive_mutex mutex;
+    vel::session::LastTarget lastTarget; /* under mutex */
 };
 
 namespace vel {

@@ -49,6 +49,21 @@ velClient_returnCode_t loopBack(_velClient_session *s, const _velClient_vwfChunk
     return rc;
 }
 
+/* The address of the topic or queue name, shared with the last message sent
+ * there. */
+std::shared_ptr<const std::string> targetAddress(_velClient_session *s, bool queue, const char *name)
+{
+    vel::session::LastTarget &last = s->lastTarget;
+    if (last.address == nullptr || last.queue != queue || last.name != name) {
+        const vel::amqp::Addressing &rules = s->broker.addressing;
+        last.address = std::make_shared<const std::string>(queue ? vel::amqp::queueAddress(rules, name)
+                                                                 : vel::amqp::topicAddress(rules, name, false));
+        last.queue = queue;
+        last.name = name;
+    }
+    return last.address;
+}
+
 /* Encodes msg for its topic or queue and hands it to the connection; the
  * caller holds the session mutex once (released while waiting for room in
  * the publish window). */
@@ -64,11 +79,11 @@ velClient_returnCode_t sendToBroker(_velClient_session *s, std::uint32_t flags, 
     bool queue = dest.destType == VELCLIENT_QUEUE_DESTINATION || dest.destType == VELCLIENT_QUEUE_TEMP_DESTINATION;
     const vel::amqp::Addressing &rules = s->broker.addressing;
     vel::amqp::Outgoing out;
-    out.address = queue ? vel::amqp::queueAddress(rules, dest.dest) : vel::amqp::topicAddress(rules, dest.dest, false);
+    out.address = targetAddress(s, queue, dest.dest);
     out.settled = (flags & _VELCLIENT_RX_FLAG_DELIVERY_MODE_MASK) == 0;
     out.toQueue = queue;
     out.correlation_p = msg->bufInfo_a[VELCLIENT_BUFINFO_CORRELATION_TAG_PART].buf_p;
-    if (vel::amqp::encode(msg, rules, out.bytes) != VELCLIENT_OK)
+    if (vel::amqp::encode(msg, rules, out.bytes, out.address.get()) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     std::unique_lock<std::recursive_mutex> sessionLock(s->mutex, std::adopt_lock);
     velClient_returnCode_t rc = connection->send(std::move(out), sessionLock);

@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <fstream>
 #include <string>
+#include <string_view>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -13,6 +15,7 @@
 #include "corpusFiles.h"
 #include "support/velTestSupport.h"
 #include "velClientAmqp/amqpCodec.h"
+#include "velClientAmqp/amqpFields.h"
 #include "velClientMsg/header/headerMaps.h"
 #include "velClientMsg/velClientMsgPrivate.h"
 
@@ -617,4 +620,65 @@ TEST(AmqpCodec, SeedCorpusDecodesAndSurvivesARoundTrip)
         }
     }
     before.expectBalanced();
+}
+
+/* The redelivered flag is read from the header section's bytes in every
+ * encoding a sender may choose; anything else counts as a first delivery. */
+TEST(AmqpCodec, RedeliveredIsReadFromTheHeaderBytes)
+{
+    using Bytes = std::vector<std::uint8_t>;
+    auto header = [](Bytes descriptor, Bytes list) {
+        Bytes out{0x00};
+        out.insert(out.end(), descriptor.begin(), descriptor.end());
+        out.insert(out.end(), list.begin(), list.end());
+        out.insert(out.end(), {0x00, 0x53, 0x77, 0xA1, 0x01, 'x'}); /* a body after it */
+        return out;
+    };
+    const Bytes code{0x53, 0x70}, code64{0x80, 0, 0, 0, 0, 0, 0, 0, 0x70};
+    Bytes name{0xA3, 0x10};
+    for (char c : std::string_view("amqp:header:list"))
+        name.push_back(static_cast<std::uint8_t>(c));
+    const struct {
+        const char *name;
+        Bytes bytes;
+        bool redelivered;
+    } cases[] = {
+        {"no header", {0x00, 0x53, 0x77, 0xA1, 0x01, 'x'}, false},
+        {"empty header", header(code, {0x45}), false},
+        {"first-acquirer false", header(code, {0xC0, 0x05, 0x04, 0x40, 0x40, 0x40, 0x42}), true},
+        {"first-acquirer true", header(code, {0xC0, 0x05, 0x04, 0x40, 0x40, 0x40, 0x41}), false},
+        {"first-acquirer false, one byte", header(code, {0xC0, 0x06, 0x04, 0x40, 0x40, 0x40, 0x56, 0x00}), true},
+        {"first-acquirer true, one byte", header(code, {0xC0, 0x06, 0x04, 0x40, 0x40, 0x40, 0x56, 0x01}), false},
+        {"delivery-count 0", header(code, {0xC0, 0x06, 0x05, 0x40, 0x40, 0x40, 0x40, 0x43}), false},
+        {"delivery-count small", header(code, {0xC0, 0x07, 0x05, 0x40, 0x40, 0x40, 0x40, 0x52, 0x02}), true},
+        {"delivery-count uint", header(code, {0xC0, 0x0A, 0x05, 0x40, 0x40, 0x40, 0x40, 0x70, 0, 0, 1, 0}), true},
+        {"fields before it skipped",
+         header(code, {0xC0, 0x0D, 0x05, 0x41, 0x50, 0x04, 0x70, 0x00, 0x00, 0x03, 0xE8, 0x41, 0x52, 0x03}), true},
+        {"list32", header(code, {0xD0, 0, 0, 0, 0x0A, 0, 0, 0, 0x05, 0x40, 0x40, 0x40, 0x40, 0x52, 0x01}), true},
+        {"ulong descriptor, first field only", header(code64, {0xC0, 0x02, 0x01, 0x42}), false},
+        {"ulong descriptor", header(code64, {0xC0, 0x07, 0x05, 0x40, 0x40, 0x40, 0x40, 0x52, 0x01}), true},
+        {"symbol descriptor", header(name, {0xC0, 0x05, 0x04, 0x40, 0x40, 0x40, 0x42}), true},
+        {"other section first", header({0x53, 0x71}, {0xC0, 0x05, 0x04, 0x40, 0x40, 0x40, 0x42}), false},
+        {"fewer fields than counted", {0x00, 0x53, 0x70, 0xC0, 0x03, 0x05, 0x40, 0x40}, false},
+        {"list longer than the bytes", {0x00, 0x53, 0x70, 0xC0, 0x20, 0x05, 0x40, 0x40, 0x40, 0x42}, false},
+        {"delivery-count cut short", {0x00, 0x53, 0x70, 0xC0, 0x07, 0x05, 0x40, 0x40, 0x40, 0x40, 0x70, 0x01}, false},
+        {"descriptor cut short", {0x00, 0x80, 0x00, 0x00}, false},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(vel::amqp::headerSaysRedelivered(c.bytes.data(), c.bytes.size()), c.redelivered) << c.name;
+
+    /* And as Proton writes the header (a false first-acquirer as null). */
+    const std::tuple<unsigned, bool, bool> written[] = {{0, true, false}, {3, true, true}, {0, false, false}};
+    for (const auto &[count, first, redelivered] : written) {
+        pn_message_t *pm = pn_message();
+        pn_message_set_durable(pm, true);
+        pn_message_set_delivery_count(pm, count);
+        pn_message_set_first_acquirer(pm, first);
+        char out[256];
+        std::size_t size = sizeof out;
+        ASSERT_EQ(pn_message_encode(pm, out, &size), 0);
+        pn_message_free(pm);
+        EXPECT_EQ(vel::amqp::headerSaysRedelivered(reinterpret_cast<const std::uint8_t *>(out), size), redelivered)
+            << "delivery-count " << count << ", first-acquirer " << first;
+    }
 }
