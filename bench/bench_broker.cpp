@@ -100,11 +100,13 @@ struct Usage {
     }
 };
 
-void runThroughput(const Contender &c, const char *kind, Throughput (*fn)(const Settings &, const std::string &),
-                   const Options &o, const std::string &tag, Figure &figure, int slot)
+void runThroughput(const Contender &c, bool persistent, const Options &o, const std::string &tag, Figure &figure,
+                   int slot)
 {
+    const char *kind = persistent ? "persistent" : "direct";
     Usage before = Usage::now();
-    Throughput t = fn(o.settings, tag);
+    Throughput t = c.publish(o.settings, tag, persistent ? o.settings.persistentMessages : o.settings.directMessages,
+                             persistent);
     Usage used = Usage::now() - before;
     std::printf("  %-10s %-10s %10.0f msg/s  (%ld of %ld in %.2f s; %s)\n", kind, c.name, t.perSecond(), t.received,
                 t.expected, t.seconds, used.per(static_cast<double>(t.received), "message").c_str());
@@ -177,11 +179,11 @@ int run(const Options &o)
         };
         if (wanted("direct"))
             forBoth([&](const Contender &c, const std::string &tag, int slot) {
-                runThroughput(c, "direct", c.direct, o, "d" + tag, figures[0], slot);
+                runThroughput(c, false, o, "d" + tag, figures[0], slot);
             });
         if (wanted("persistent"))
             forBoth([&](const Contender &c, const std::string &tag, int slot) {
-                runThroughput(c, "persistent", c.persistent, o, "p" + tag, figures[1], slot);
+                runThroughput(c, true, o, "p" + tag, figures[1], slot);
             });
         if (wanted("latency"))
             forBoth([&](const Contender &c, const std::string &tag, int slot) {

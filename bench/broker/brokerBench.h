@@ -76,8 +76,8 @@ struct Failure : std::runtime_error {
 /* One contender's three workloads; tag makes its addresses unique to the run. */
 struct Contender {
     const char *name;
-    Throughput (*direct)(const Settings &settings, const std::string &tag);
-    Throughput (*persistent)(const Settings &settings, const std::string &tag);
+    /* count messages, direct (pre-settled, to a topic) or persistent (unsettled, to a queue). */
+    Throughput (*publish)(const Settings &settings, const std::string &tag, long count, bool persistent);
     Latency (*requestReply)(const Settings &settings, const std::string &tag);
 };
 

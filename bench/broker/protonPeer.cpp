@@ -314,16 +314,6 @@ Throughput publish(const Settings &settings, const std::string &tag, long count,
     return result;
 }
 
-Throughput direct(const Settings &settings, const std::string &tag)
-{
-    return publish(settings, tag, settings.directMessages, false);
-}
-
-Throughput persistent(const Settings &settings, const std::string &tag)
-{
-    return publish(settings, tag, settings.persistentMessages, true);
-}
-
 /* Sends a request with a reply-to and a correlation id, times the reply and
  * sends the next, warmup + requests times. */
 class Requester : public Client {
@@ -489,6 +479,6 @@ Latency requestReply(const Settings &settings, const std::string &tag)
 
 } // namespace
 
-const Contender kProton = {"Proton-C", direct, persistent, requestReply};
+const Contender kProton = {"Proton-C", publish, requestReply};
 
 } // namespace velbench

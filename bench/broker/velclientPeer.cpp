@@ -57,8 +57,22 @@ void countEvent(velClient_opaqueSession_pt, velClient_session_eventCallbackInfo_
     }
 }
 
-/* A connected broker session that dies with its scope. */
-class Session {
+/* A handle of the library that dies with its scope. */
+template <typename Handle, velClient_returnCode_t (*Free)(Handle *)>
+class Owned {
+public:
+    Owned() = default;
+    ~Owned() { Free(&handle_); }
+    Owned(const Owned &) = delete;
+    Owned &operator=(const Owned &) = delete;
+    operator Handle() const { return handle_; }
+
+protected:
+    Handle handle_ = nullptr;
+};
+
+/* A connected broker session. */
+class Session : public Owned<velClient_opaqueSession_pt, velClient_session_destroy> {
 public:
     Session(const Settings &settings, const std::string &name, velClient_session_rxMsgCallbackFunc_t onMessage,
             void *user)
@@ -68,30 +82,16 @@ public:
         const char *props[] = {"SESSION_TRANSPORT", "amqp", "SESSION_HOST", host.c_str(), "SESSION_CLIENT_NAME",
                                name.c_str(), "SESSION_PUB_WINDOW_SIZE", window.c_str(), "SESSION_SEND_TIMEOUT_MS",
                                "30000", nullptr};
-        check(velClient_session_create(props, onMessage, user, &session_), "session_create");
-        check(velClient_session_setEventCallback(session_, countEvent, user), "setEventCallback");
-        check(velClient_session_connect(session_), "session_connect");
+        check(velClient_session_create(props, onMessage, user, &handle_), "session_create");
+        check(velClient_session_setEventCallback(handle_, countEvent, user), "setEventCallback");
+        check(velClient_session_connect(handle_), "session_connect");
     }
-    ~Session() { velClient_session_destroy(&session_); }
-    Session(const Session &) = delete;
-    Session &operator=(const Session &) = delete;
-    operator velClient_opaqueSession_pt() const { return session_; }
-
-private:
-    velClient_opaqueSession_pt session_ = nullptr;
 };
 
-/* A message that dies with its scope. */
-class Message {
+/* A new message. */
+class Message : public Owned<velClient_opaqueMsg_pt, velClient_msg_free> {
 public:
-    Message() { check(velClient_msg_alloc(&msg_), "msg_alloc"); }
-    ~Message() { velClient_msg_free(&msg_); }
-    Message(const Message &) = delete;
-    Message &operator=(const Message &) = delete;
-    operator velClient_opaqueMsg_pt() const { return msg_; }
-
-private:
-    velClient_opaqueMsg_pt msg_ = nullptr;
+    Message() { check(velClient_msg_alloc(&handle_), "msg_alloc"); }
 };
 
 /* Sends a probe from sender to dest every 100 ms until receiver's callbacks have seen one. */
@@ -141,16 +141,6 @@ Throughput publish(const Settings &settings, const std::string &tag, long count,
     if (persistent && !out.acks.waitFor(count + out.probes.count(), settings.stall))
         std::fprintf(stderr, "velclient: %ld of %ld acknowledgements\n", out.acks.count(), count);
     return result;
-}
-
-Throughput direct(const Settings &settings, const std::string &tag)
-{
-    return publish(settings, tag, settings.directMessages, false);
-}
-
-Throughput persistent(const Settings &settings, const std::string &tag)
-{
-    return publish(settings, tag, settings.persistentMessages, true);
 }
 
 /* The requester's side of request/reply: each reply's callback times the
@@ -253,6 +243,6 @@ Latency requestReply(const Settings &settings, const std::string &tag)
 
 } // namespace
 
-const Contender kVelclient = {"velclient", direct, persistent, requestReply};
+const Contender kVelclient = {"velclient", publish, requestReply};
 
 } // namespace velbench
