@@ -2,7 +2,8 @@
  * velClient.hpp - the C++17 layer over the C API: owners that free what they
  * hold (library start, messages, containers, data blocks, sessions), a
  * destination value type, typed adds and getters, range-for over fields with
- * each value as a std::variant, wire bytes and the dump as standard types.
+ * each value as a std::variant, wire bytes and the dump as standard types,
+ * and sessions on a broker with their subscriptions, acknowledgements and events.
  *
  * Header-only. Every member is one or a few calls of the C API and adds no
  * behaviour of its own. Failures throw velclient::Error carrying the return
@@ -20,6 +21,7 @@
 #include <initializer_list>
 #include <iterator>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -900,13 +902,25 @@ private:
 
 /* ---- Sessions ---------------------------------------------------------------------- */
 
-/* A session; its callback gets each received message and may keep it by moving it out. */
+/* What a broker session tells its event callback. */
+struct SessionEvent {
+    velClient_session_event_t event;
+    std::int32_t response_code;
+    std::string info;
+    void *correlation; /* the tag of the message concerned, or nullptr */
+    std::string name() const { return velClient_session_eventToString(event); }
+};
+
+/* A session; its callback gets each received message and may keep it by moving it out.
+ * On a broker session the callbacks run on the session's I/O thread; an exception one of them throws
+ * comes out of the next send on this object. */
 class Session {
 public:
     using Callback = std::function<void(Message &)>;
+    using EventCallback = std::function<void(const SessionEvent &)>;
     using Properties = std::initializer_list<std::pair<const char *, const char *>>;
 
-    Session(Properties props, Callback callback) : state_(new State{std::move(callback), nullptr})
+    Session(Properties props, Callback callback) : state_(new State{std::move(callback), {}, {}, nullptr})
     {
         std::vector<const char *> list;
         for (const auto &p : props) {
@@ -926,18 +940,67 @@ public:
 
     velClient_opaqueSession_pt handle() const noexcept { return h_; }
     ReturnCode try_send(const Message &m) noexcept { return velClient_session_sendMsg(h_, m.handle()); }
-    /* Sends m; an exception the callback threw on a loopback delivery comes out here. */
-    void send(const Message &m)
+    /* Sends m; an exception a callback threw (on a loopback delivery, or earlier on the I/O thread) comes out
+     * here. VELCLIENT_WOULD_BLOCK is returned, not thrown. */
+    ReturnCode send(const Message &m)
     {
-        detail::check(try_send(m));
-        if (auto e = std::exchange(state_->pending, nullptr))
+        ReturnCode rc = detail::check(try_send(m));
+        std::exception_ptr e;
+        {
+            std::lock_guard<std::mutex> lock(state_->mutex);
+            e = std::exchange(state_->pending, nullptr);
+        }
+        if (e)
             std::rethrow_exception(e);
+        return rc;
+    }
+
+    void connect() { detail::check(velClient_session_connect(h_)); }
+    void disconnect() { detail::check(velClient_session_disconnect(h_)); }
+    void subscribe_topic(std::string_view topic)
+    {
+        detail::check(velClient_session_topicSubscribe(h_, detail::CStr(topic)));
+    }
+    void unsubscribe_topic(std::string_view topic)
+    {
+        detail::check(velClient_session_topicUnsubscribe(h_, detail::CStr(topic)));
+    }
+    void subscribe_queue(std::string_view queue)
+    {
+        detail::check(velClient_session_queueSubscribe(h_, detail::CStr(queue)));
+    }
+    void unsubscribe_queue(std::string_view queue)
+    {
+        detail::check(velClient_session_queueUnsubscribe(h_, detail::CStr(queue)));
+    }
+    /* Accepts a queue message received with client acknowledgement. */
+    void ack(const Message &m)
+    {
+        velClient_msgId_t id = 0;
+        detail::check(velClient_msg_getMsgId(m.handle(), &id));
+        detail::check(velClient_session_ack(h_, id));
+    }
+    /* Replaces the event callback (an empty one stops the events). */
+    void on_event(EventCallback callback)
+    {
+        {
+            std::lock_guard<std::mutex> lock(state_->mutex);
+            state_->events = std::move(callback);
+        }
+        detail::check(velClient_session_setEventCallback(h_, &Session::onEvent, state_.get()));
     }
 
 private:
     struct State {
         Callback callback;
+        EventCallback events;
+        std::mutex mutex; /* events and pending, which the I/O thread and the application share */
         std::exception_ptr pending;
+        void keep(std::exception_ptr e)
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            pending = std::move(e);
+        }
     };
 
     static velClient_rxMsgCallback_returnCode_t onMessage(velClient_opaqueSession_pt, velClient_opaqueMsg_pt msg,
@@ -949,12 +1012,29 @@ private:
             if (s->callback)
                 s->callback(m);
         } catch (...) {
-            s->pending = std::current_exception();
+            s->keep(std::current_exception());
         }
         /* A message the callback moved out is the application's now. */
         bool kept = !m;
         m.release();
         return kept ? VELCLIENT_CALLBACK_TAKE_MSG : VELCLIENT_CALLBACK_OK;
+    }
+
+    static void onEvent(velClient_opaqueSession_pt, velClient_session_eventCallbackInfo_pt info, void *user) noexcept
+    {
+        State *s = static_cast<State *>(user);
+        try {
+            EventCallback events;
+            {
+                std::lock_guard<std::mutex> lock(s->mutex);
+                events = s->events;
+            }
+            if (events)
+                events(SessionEvent{info->event, info->responseCode, std::string(detail::view(info->info_p)),
+                                    info->correlation_p});
+        } catch (...) {
+            s->keep(std::current_exception());
+        }
     }
 
     std::unique_ptr<State> state_;
