@@ -45,11 +45,12 @@ TEST(BrokerCppLayer, SubscribeSendAcknowledgeAndEvents)
     m.set_correlation_tag(&tag, 0);
     ASSERT_EQ(VELCLIENT_OK, sender.send(m));
     std::unique_lock lock(mutex);
-    ASSERT_TRUE(changed.wait_for(lock, std::chrono::seconds(20), [&] { return !kept.empty() && !events.empty(); }));
+    ASSERT_TRUE(changed.wait_for(lock, std::chrono::seconds(20), [&] { return !kept.empty() && events.size() >= 2; }));
     const vc::Bytes body = kept[0].attachment().value_or(vc::Bytes{});
     EXPECT_EQ("from C++", std::string(reinterpret_cast<const char *>(body.data), body.size));
     EXPECT_EQ(VELCLIENT_SESSION_EVENT_UP_NOTICE, events[0].event);
     EXPECT_EQ("UP_NOTICE", events[0].name());
+    EXPECT_EQ(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, events[1].event); /* before throwNext, or it would throw */
     receiver.ack(kept[0]);
     EXPECT_THROW(receiver.ack(kept[0]), vc::Error); /* acknowledged already */
     /* The acknowledgement's callback throws on the I/O thread: the next send rethrows it, once. */
