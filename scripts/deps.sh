@@ -4,7 +4,7 @@
 # valgrind, ...). Does nothing when they are all present already.
 set -euo pipefail
 pkgs=(cmake g++ make pkg-config binutils libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev
-      libqpid-proton11-dev rabbitmq-server "$@")
+      libqpid-proton11-dev rabbitmq-server libmosquitto-dev mosquitto mosquitto-clients "$@")
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
