@@ -75,7 +75,8 @@ inline bool walkMqtt(const std::uint8_t *data, std::size_t size)
     std::vector<char> bytes;
     vel::mqtt::Properties properties;
     velClient_destination_t dest{};
-    if (vel::meta::prepareForWire(m, false) == VELCLIENT_OK && vel::mqtt::encode(m, bytes, properties) == VELCLIENT_OK &&
+    if (vel::meta::prepareForWire(m, false) == VELCLIENT_OK &&
+        vel::mqtt::encode(m, bytes, properties) == VELCLIENT_OK &&
         velClient_msg_getDestination(h, &dest, sizeof dest) == VELCLIENT_OK) {
         _velClient_msg *again = nullptr;
         ok = vel::mqtt::decode(vel::mqtt::topicName(dest.dest), bytes.data(), bytes.size(), properties.get(), nullptr,

@@ -70,7 +70,7 @@ bool vel::mqtt::decodeBase64(std::string_view text, std::uint8_t *out)
         const int c = pad3 ? 0 : valueOf(text[at + 2]), d = pad4 ? 0 : valueOf(text[at + 3]);
         if ((a | b | c | d) < 0)
             return false;
-        const std::uint32_t v = std::uint32_t(a) << 18 | std::uint32_t(b) << 12 | std::uint32_t(c) << 6 | std::uint32_t(d);
+        const auto v = static_cast<std::uint32_t>(a << 18 | b << 12 | c << 6 | d);
         *out++ = static_cast<std::uint8_t>(v >> 16);
         if (!pad3)
             *out++ = static_cast<std::uint8_t>(v >> 8);

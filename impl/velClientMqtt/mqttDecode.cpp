@@ -45,7 +45,8 @@ bool frameTextOf(const mosquitto_property *properties, std::string &text, bool *
         if (mosquitto_property_identifier(p) != MQTT_PROP_USER_PROPERTY)
             continue;
         Pair pair;
-        if (mosquitto_property_read_string_pair(p, MQTT_PROP_USER_PROPERTY, &pair.name, &pair.value, false) == nullptr) {
+        if (mosquitto_property_read_string_pair(p, MQTT_PROP_USER_PROPERTY, &pair.name, &pair.value, false) ==
+            nullptr) {
             *noMemory = true;
             return found;
         }

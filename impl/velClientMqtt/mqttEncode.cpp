@@ -45,7 +45,8 @@ struct ListBuilder {
 /* A text MQTT accepts as a string property: UTF-8 without control characters, short enough. */
 bool isMqttText(const char *text, std::size_t n)
 {
-    return n <= vel::mqtt::kMaxPropertyValue && mosquitto_validate_utf8(text, static_cast<int>(n)) == MOSQ_ERR_SUCCESS;
+    return n <= vel::mqtt::kMaxPropertyValue &&
+           mosquitto_validate_utf8(text, static_cast<int>(n)) == MOSQ_ERR_SUCCESS;
 }
 
 bool isMqttText(const char *text)
@@ -53,23 +54,27 @@ bool isMqttText(const char *text)
     return isMqttText(text, std::strlen(text));
 }
 
-/* The frame without the left-out parts, as base64 in text. A guaranteed
- * message is framed as a direct one and then marked guaranteed, so that the
- * frame holds no message id (the receiving transport numbers deliveries). */
+/* Receive flags that are the receiving transport's to set, and the mark of a frame without a message. */
+constexpr std::uint32_t kFlagsLeftOut =
+    _VELCLIENT_RX_FLAG_MSG_ID | _VELCLIENT_RX_FLAG_REDELIVERED_MASK | vel::vwf::kFlagControlFrame;
+
+/* The frame without the left-out parts and flags, as base64 in text. A
+ * guaranteed message is framed as a direct one and then marked guaranteed,
+ * so that the frame holds no message id. */
 velClient_returnCode_t frameText(_velClient_msg *msg, std::string &text)
 {
     velClient_bufInfo_t parts[_VELCLIENT_BUFINFO_NUM_PARTS];
     std::memcpy(parts, msg->bufInfo_a, sizeof parts);
     for (int part : kPartsLeftOut)
         parts[part] = velClient_bufInfo_t{nullptr, 0};
-    const std::uint32_t flags = msg->msgInfo.flags;
+    const std::uint32_t flags = msg->msgInfo.flags & ~kFlagsLeftOut;
     vel::vwf::Frame frame;
     if (frame.build(parts, _VELCLIENT_BUFINFO_NUM_PARTS, flags & ~_VELCLIENT_RX_FLAG_DELIVERY_MODE_MASK, 0, msg) !=
         VELCLIENT_OK)
         return VELCLIENT_FAIL;
     if (flags & _VELCLIENT_RX_FLAG_DELIVERY_MODE_MASK) {
         frame.scratch.bytes[1] = vel::vwf::kProtocolGuaranteed;
-        vel::tlv::putBE(frame.scratch.bytes + 2, flags & ~vel::vwf::kFlagControlFrame, 4);
+        vel::tlv::putBE(frame.scratch.bytes + 2, flags, 4);
     }
     thread_local std::string flat; /* kept: no allocation per message */
     flat.clear();

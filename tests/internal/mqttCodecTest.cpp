@@ -58,7 +58,8 @@ TEST(MqttCodec, EveryByteOfALevelSurvivesTheTopicName)
 {
     for (int b = 1; b < 256; ++b) {
         const char c = static_cast<char>(b);
-        for (const std::string &topic : {std::string(1, c) + "x/y", "x/" + std::string(1, c) + "y" + std::string(1, c)}) {
+        const std::string b1(1, c);
+        for (const std::string &topic : {b1 + "x/y", "x/" + b1 + "y" + b1}) {
             const std::string name = vel::mqtt::topicName(topic);
             EXPECT_EQ(std::string::npos, name.find_first_of("+#")) << b;
             EXPECT_NE('$', name[0]) << b;
@@ -87,8 +88,10 @@ TEST(MqttCodec, TopicNamesThatDoNotDecodeAreRefused)
 
 TEST(MqttCodec, Base64OfTheFrameProperty)
 {
-    const std::pair<std::string, std::string> cases[] = {{"", ""},         {"f", "Zg=="},         {"fo", "Zm8="},
-                                                         {"foo", "Zm9v"}, {"foob", "Zm9vYg=="}, {std::string("\xff\xfe\x00", 3), "//4A"}};
+    const std::pair<std::string, std::string> cases[] = {
+        {"", ""},         {"f", "Zg=="},         {"fo", "Zm8="},
+        {"foo", "Zm9v"}, {"foob", "Zm9vYg=="}, {std::string("\xff\xfe\x00", 3), "//4A"},
+    };
     for (const auto &[bytes, text] : cases) {
         std::string out;
         vel::mqtt::appendBase64(reinterpret_cast<const std::uint8_t *>(bytes.data()), bytes.size(), out);
@@ -201,7 +204,7 @@ TEST(MqttCodec, EveryPartPropertyAndFieldSurvivesEncodeAndDecode)
         EXPECT_EQ(sent.payload, again.payload);
         EXPECT_EQ(frameText(sent.properties.get()), frameText(again.properties.get()));
         /* With VEL_WRITE_MQTT_CORPUS naming a folder, the publishes are written there as the fuzz
-         * target reads them (how the seeds in fuzz/corpus/mqtt were made). */
+         * target reads them (how the seeds in fuzz/corpus/mqtt were made, then named for their case). */
         if (const char *dir = std::getenv("VEL_WRITE_MQTT_CORPUS")) {
             const Bytes seed = velfuzz::mqttInput(sent.name, frameBytes(sent.properties.get()), sent.payload);
             std::ofstream(std::string(dir) + "/seed" + std::to_string(&c - kCases), std::ios::binary)
@@ -237,6 +240,24 @@ TEST(MqttCodec, LargeFrameTravelsInSeveralProperties)
         EXPECT_EQ(xml, std::string(static_cast<char *>(p), n));
     }
     before.expectBalanced();
+}
+
+/* The message id and the redelivered flag are the receiving transport's: they do not travel. */
+TEST(MqttCodec, ReceiveSideFlagsDoNotTravel)
+{
+    Owned m;
+    m.h = receivedOnLoopback(kCases[1]);
+    ASSERT_NE(nullptr, m.h);
+    vel::msgOf(m.h)->msgInfo.flags |= _VELCLIENT_RX_FLAG_REDELIVERED_MASK;
+    velClient_msgId_t id = 0;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getMsgId(m.h, &id));
+    Owned back(decoded(published(m.h)));
+    ASSERT_NE(nullptr, back.h);
+    EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getMsgId(back.h, &id));
+    EXPECT_FALSE(velClient_msg_isRedelivered(back.h));
+    velClient_uint32_t mode = 0;
+    EXPECT_EQ(VELCLIENT_OK, velClient_msg_getDeliveryMode(back.h, &mode));
+    EXPECT_EQ(VELCLIENT_DELIVERY_MODE_PERSISTENT, mode);
 }
 
 /* ---- The plain MQTT 5 client's view ---------------------------------------------------------------------- */
@@ -306,8 +327,9 @@ TEST(MqttCodec, StandardPropertiesMqttCannotHoldTravelOnlyInTheFrame)
         ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&map));
         const Published p = published(m.h);
         char *text = nullptr;
-        EXPECT_EQ(c.responseTopic != nullptr,
-                  mosquitto_property_read_string(p.properties.get(), MQTT_PROP_RESPONSE_TOPIC, &text, false) != nullptr);
+        const bool hasTopic =
+            mosquitto_property_read_string(p.properties.get(), MQTT_PROP_RESPONSE_TOPIC, &text, false) != nullptr;
+        EXPECT_EQ(c.responseTopic != nullptr, hasTopic);
         EXPECT_EQ(c.responseTopic != nullptr ? c.responseTopic : "", std::string(text != nullptr ? text : ""));
         std::free(text);
         std::uint32_t seconds = 0;
