@@ -21,10 +21,10 @@
 #include <string>
 #include <vector>
 
+#include "codecWalk.h"
 #include "velClientMqtt/mqttCodec.h"
 #include "velClientMqtt/mqttPublish.h"
-#include "velClientMsg/header/headerMaps.h"
-#include "vwfWalk.h"
+#include "velClientMsg/message/recordApi.h"
 
 namespace velfuzz {
 
@@ -69,25 +69,16 @@ inline bool walkMqtt(const std::uint8_t *data, std::size_t size)
     if (vel::mqtt::decode(name, payload, static_cast<std::size_t>(data + size - payload), frame.get(), nullptr, &m) !=
         VELCLIENT_OK)
         return true;
-    velClient_opaqueMsg_pt h = m->opaqueMsg_p;
-    readEverything(h);
-    bool ok = true;
-    std::vector<char> bytes;
-    vel::mqtt::Properties properties;
-    velClient_destination_t dest{};
-    if (vel::meta::prepareForWire(m, false) == VELCLIENT_OK &&
-        vel::mqtt::encode(m, bytes, properties) == VELCLIENT_OK &&
-        velClient_msg_getDestination(h, &dest, sizeof dest) == VELCLIENT_OK) {
-        _velClient_msg *again = nullptr;
-        ok = vel::mqtt::decode(vel::mqtt::topicName(dest.dest), bytes.data(), bytes.size(), properties.get(), nullptr,
-                               &again) == VELCLIENT_OK;
-        if (again != nullptr) {
-            velClient_opaqueMsg_pt a = again->opaqueMsg_p;
-            velClient_msg_free(&a);
-        }
-    }
-    velClient_msg_free(&h);
-    return ok;
+    return walkAccepted(m, [](_velClient_msg *accepted, _velClient_msg **back) {
+        std::vector<char> bytes;
+        vel::mqtt::Properties properties;
+        velClient_destination_t dest{};
+        if (vel::mqtt::encode(accepted, bytes, properties) != VELCLIENT_OK ||
+            vel::msg::destination(accepted, &dest) != VELCLIENT_OK)
+            return true;
+        return vel::mqtt::decode(vel::mqtt::topicName(dest.dest), bytes.data(), bytes.size(), properties.get(),
+                                 nullptr, back) == VELCLIENT_OK;
+    });
 }
 
 } // namespace velfuzz

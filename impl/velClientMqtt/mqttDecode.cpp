@@ -12,7 +12,6 @@
 #include <mosquitto.h>
 #include <mqtt_protocol.h>
 
-#include <cstdlib>
 #include <cstring>
 
 #include "velClientMqtt/mqttPublish.h"
@@ -24,17 +23,6 @@ namespace {
 using vel::mqtt::refuse;
 using namespace vel::vwf;
 
-/* Frees what mosquitto_property_read_string_pair hands out. */
-struct Pair {
-    char *name = nullptr;
-    char *value = nullptr;
-    ~Pair()
-    {
-        std::free(name);
-        std::free(value);
-    }
-};
-
 /* Gathers the frame property's values, in order, into text; false when
  * there is none. *noMemory tells that a value could not be read. */
 bool frameTextOf(const mosquitto_property *properties, std::string &text, bool *noMemory)
@@ -44,15 +32,15 @@ bool frameTextOf(const mosquitto_property *properties, std::string &text, bool *
     for (const mosquitto_property *p = properties; p != nullptr; p = mosquitto_property_next(p)) {
         if (mosquitto_property_identifier(p) != MQTT_PROP_USER_PROPERTY)
             continue;
-        Pair pair;
-        if (mosquitto_property_read_string_pair(p, MQTT_PROP_USER_PROPERTY, &pair.name, &pair.value, false) ==
+        vel::mqtt::ReadTexts pair;
+        if (mosquitto_property_read_string_pair(p, MQTT_PROP_USER_PROPERTY, &pair.first, &pair.second, false) ==
             nullptr) {
             *noMemory = true;
             return found;
         }
-        if (std::strcmp(pair.name, vel::mqtt::kFrameProperty) == 0) {
+        if (std::strcmp(pair.first, vel::mqtt::kFrameProperty) == 0) {
             found = true;
-            text += pair.value;
+            text += pair.second;
         }
     }
     return found;

@@ -12,7 +12,6 @@
 #include <mosquitto.h>
 #include <mqtt_protocol.h>
 
-#include <cstdlib>
 #include <cstring>
 
 #include "velClientMqtt/mqttPublish.h"
@@ -27,17 +26,6 @@ using vel::mqtt::refuse;
 constexpr char kReplyToKey[] = "rt";
 /* Room asked for when the user property map is created; it grows as needed. */
 constexpr std::uint32_t kUserPropertyRoom = 128;
-
-/* Frees what the mosquitto_property_read_* calls hand out. */
-struct Freed {
-    char *text = nullptr;
-    char *second = nullptr;
-    ~Freed()
-    {
-        std::free(text);
-        std::free(second);
-    }
-};
 
 velClient_returnCode_t noMemory()
 {
@@ -66,11 +54,11 @@ velClient_returnCode_t setTopic(_velClient_msg *msg, std::string_view topic)
 
 velClient_returnCode_t setReplyTo(_velClient_msg *msg, const mosquitto_property *p)
 {
-    Freed name;
-    if (mosquitto_property_read_string(p, MQTT_PROP_RESPONSE_TOPIC, &name.text, false) == nullptr)
+    vel::mqtt::ReadTexts name;
+    if (mosquitto_property_read_string(p, MQTT_PROP_RESPONSE_TOPIC, &name.first, false) == nullptr)
         return noMemory();
     thread_local std::string topic;
-    if (!vel::mqtt::topicOf(name.text, topic))
+    if (!vel::mqtt::topicOf(name.first, topic))
         return refuse("response topic does not map to a topic");
     const velClient_destination_t dest{VELCLIENT_TOPIC_DESTINATION, topic.c_str()};
     return vel::hdr::set(msg, kReplyToKey, _VELCLIENT_MSG_FLAG_REPLY_TO, _VELCLIENT_MSG_FLAG_REPLY_TO,
@@ -81,22 +69,22 @@ velClient_returnCode_t setReplyTo(_velClient_msg *msg, const mosquitto_property 
 
 velClient_returnCode_t setCorrelationId(_velClient_msg *msg, const mosquitto_property *p)
 {
-    Freed data;
+    vel::mqtt::ReadTexts data;
     std::uint16_t n = 0;
-    if (mosquitto_property_read_binary(p, MQTT_PROP_CORRELATION_DATA, reinterpret_cast<void **>(&data.text), &n,
+    if (mosquitto_property_read_binary(p, MQTT_PROP_CORRELATION_DATA, reinterpret_cast<void **>(&data.first), &n,
                                        false) == nullptr)
         return noMemory();
-    if (n == 0 || std::memchr(data.text, 0, n) != nullptr)
+    if (n == 0 || std::memchr(data.first, 0, n) != nullptr)
         return VELCLIENT_OK; /* no text of this library: dropped */
-    return vel::msg::setHeaderString(msg, vel::msg::HeaderProperty::correlationId, data.text);
+    return vel::msg::setHeaderString(msg, vel::msg::HeaderProperty::correlationId, data.first);
 }
 
 velClient_returnCode_t setContentType(_velClient_msg *msg, const mosquitto_property *p)
 {
-    Freed type;
-    if (mosquitto_property_read_string(p, MQTT_PROP_CONTENT_TYPE, &type.text, false) == nullptr)
+    vel::mqtt::ReadTexts type;
+    if (mosquitto_property_read_string(p, MQTT_PROP_CONTENT_TYPE, &type.first, false) == nullptr)
         return noMemory();
-    const char *text = type.text;
+    const char *text = type.first;
     return vel::hdr::set(msg, vel::mqtt::kContentTypeKey, _VELCLIENT_MSG_FLAG_HTTP_CONTENT_TYPE,
                          _VELCLIENT_MSG_FLAG_HTTP_CONTENT_TYPE, [&](_velClient_container *map) {
                              return vel::container::addString(map, text, vel::mqtt::kContentTypeKey);
@@ -113,16 +101,16 @@ velClient_returnCode_t setExpiration(_velClient_msg *msg, const mosquitto_proper
 
 velClient_returnCode_t addUserProperty(_velClient_msg *msg, const mosquitto_property *p)
 {
-    Freed pair;
-    if (mosquitto_property_read_string_pair(p, MQTT_PROP_USER_PROPERTY, &pair.text, &pair.second, false) == nullptr)
+    vel::mqtt::ReadTexts pair;
+    if (mosquitto_property_read_string_pair(p, MQTT_PROP_USER_PROPERTY, &pair.first, &pair.second, false) == nullptr)
         return noMemory();
-    if (pair.text[0] == '\0')
+    if (pair.first[0] == '\0')
         return VELCLIENT_OK; /* a map entry needs a name: dropped */
     if (msg->userPropertyMap_p == nullptr &&
         _velClient_msg_createContainer(msg, VELCLIENT_BUFINFO_USER_PROPERTY_PART, &msg->userPropertyMap_p,
                                        kUserPropertyRoom, VELCLIENT_CONTAINER_MAP) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
-    return vel::container::addString(msg->userPropertyMap_p, pair.second, pair.text);
+    return vel::container::addString(msg->userPropertyMap_p, pair.second, pair.first);
 }
 
 velClient_returnCode_t setProperty(_velClient_msg *msg, const mosquitto_property *p)

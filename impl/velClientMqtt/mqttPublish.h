@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <string>
 #include <string_view>
 
@@ -26,6 +27,20 @@ inline constexpr std::size_t kMaxPropertyValue = 65535;
 inline constexpr std::size_t kFrameChunk = kMaxPropertyValue / 4 * 4;
 /* Header map key of the HTTP content type. */
 inline constexpr char kContentTypeKey[] = "ct";
+
+/* Frees the texts that the mosquitto_property_read_* calls hand out. */
+struct ReadTexts {
+    char *first = nullptr;
+    char *second = nullptr;
+    ReadTexts() = default;
+    ReadTexts(const ReadTexts &) = delete;
+    ReadTexts &operator=(const ReadTexts &) = delete;
+    ~ReadTexts()
+    {
+        std::free(first);
+        std::free(second);
+    }
+};
 
 /* Records what makes a received publish unusable (PROTOCOL_ERROR) and
  * returns VELCLIENT_FAIL. */

@@ -171,6 +171,20 @@ inline velClient_opaqueMsg_pt receivedOnLoopback(const Case &c)
 }
 
 /* The full dump without the lines the receive path owns. */
+inline std::string dumpOf(velClient_opaqueMsg_pt m);
+
+/* Case c's message as a loopback session receives it, into received, and its dump, checked to run to its
+ * last line. */
+inline std::string receivedWithDump(const Case &c, Owned &received)
+{
+    received.h = receivedOnLoopback(c);
+    if (received.h == nullptr)
+        return {};
+    const std::string dump = dumpOf(received.h);
+    EXPECT_NE(std::string::npos, dump.find("XML:")) << "the dump ran to its last line:\n" << dump;
+    return dump;
+}
+
 inline std::string dumpOf(velClient_opaqueMsg_pt m)
 {
     std::vector<char> buf(1 << 16);
