@@ -52,8 +52,9 @@ velClient_returnCode_t encode(_velClient_msg *msg, std::vector<char> &payload, P
  * properties. The destination is the topic of `name`. The receive-side
  * properties (receive timestamp, message id, redelivered) are the
  * transport's to set. Bytes that do not convert are refused with
- * VELCLIENT_FAIL (PROTOCOL_ERROR) and the last error recorded; nothing leaks,
- * nothing outside the given bytes is read. */
+ * VELCLIENT_FAIL and the last error recorded (PROTOCOL_ERROR, or
+ * INVALID_VWF_MESSAGE when the wire parser refuses an item of the frame);
+ * nothing leaks, nothing outside the given bytes is read. */
 velClient_returnCode_t decode(std::string_view name, const void *payload, std::size_t size,
                               const mosquitto_property *properties, _velClient_session *session,
                               _velClient_msg **msg_p);
