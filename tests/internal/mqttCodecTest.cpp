@@ -86,31 +86,6 @@ TEST(MqttCodec, TopicNamesThatDoNotDecodeAreRefused)
     EXPECT_EQ("a+/", topic.substr(0, 3)) << "escapes decode in either case";
 }
 
-TEST(MqttCodec, Base64OfTheFrameProperty)
-{
-    const std::pair<std::string, std::string> cases[] = {
-        {"", ""},         {"f", "Zg=="},         {"fo", "Zm8="},
-        {"foo", "Zm9v"}, {"foob", "Zm9vYg=="}, {std::string("\xff\xfe\x00", 3), "//4A"},
-    };
-    for (const auto &[bytes, text] : cases) {
-        std::string out;
-        vel::mqtt::appendBase64(reinterpret_cast<const std::uint8_t *>(bytes.data()), bytes.size(), out);
-        EXPECT_EQ(text, out);
-        std::size_t size = 99;
-        ASSERT_TRUE(vel::mqtt::base64Size(text, size));
-        std::string back(size, '?');
-        EXPECT_TRUE(vel::mqtt::decodeBase64(text, reinterpret_cast<std::uint8_t *>(back.data())));
-        EXPECT_EQ(bytes, back);
-    }
-    for (const char *bad : {"Zg=", "Z===", "Zg=a", "Zm9v!A==", "=Zm9"}) {
-        std::size_t size = 0;
-        std::string out(8, '\0');
-        EXPECT_FALSE(vel::mqtt::base64Size(bad, size) &&
-                     vel::mqtt::decodeBase64(bad, reinterpret_cast<std::uint8_t *>(out.data())))
-            << bad;
-    }
-}
-
 /* ---- Encode and decode --------------------------------------------------------------------------------- */
 
 struct Published {
