@@ -101,8 +101,12 @@ std::uint32_t expirySeconds(_velClient_msg *msg)
 void addStandard(_velClient_msg *msg, ListBuilder &list)
 {
     velClient_destination_t replyTo{};
+    /* A received header map's kind byte may name no known type: read as a number. */
+    const auto isTopic = [](std::int64_t type) {
+        return type == VELCLIENT_TOPIC_DESTINATION || type == VELCLIENT_TOPIC_TEMP_DESTINATION;
+    };
     if (vel::msg::replyTo(msg, &replyTo) == VELCLIENT_OK && replyTo.dest != nullptr &&
-        (replyTo.destType == VELCLIENT_TOPIC_DESTINATION || replyTo.destType == VELCLIENT_TOPIC_TEMP_DESTINATION)) {
+        isTopic(vel::enumValue(replyTo.destType))) {
         const std::string name = vel::mqtt::topicName(replyTo.dest);
         if (isMqttText(name.c_str()))
             list.added(mosquitto_property_add_string(&list.head, MQTT_PROP_RESPONSE_TOPIC, name.c_str()));
