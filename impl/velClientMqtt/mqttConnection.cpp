@@ -146,6 +146,10 @@ void Connection::pollOnce()
         timerAt_.reset();
         timedOut();
     }
+    if (queuedByCallback_ && !finished_) { /* an event raised outside libmosquitto's calls */
+        queuedByCallback_ = false;
+        runCommands();
+    }
 }
 
 /* libmosquitto reads one packet per call while no QoS 1 message is pending:
