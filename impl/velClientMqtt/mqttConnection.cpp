@@ -146,6 +146,8 @@ void Connection::pollOnce()
         timerAt_.reset();
         timedOut();
     }
+    if (client_ != nullptr && lost_) /* the DISCONNECT of a close went out while commands ran */
+        dropped();
     if (queuedByCallback_ && !finished_) { /* an event raised outside libmosquitto's calls */
         queuedByCallback_ = false;
         runCommands();
@@ -185,7 +187,10 @@ void Connection::afterCall(int rc)
 bool Connection::newClient()
 {
     const session::BrokerSettings &b = session_->broker;
-    client_ = mosquitto_new(session_->clientName, !everUp_, this);
+    /* Clean start stays off from the first connect: brokers save only the
+     * sessions of such connections, and a restarted broker must still hold
+     * the subscriptions and the messages queued for them. */
+    client_ = mosquitto_new(session_->clientName, false, this);
     if (client_ == nullptr)
         return false;
     mosquitto_int_option(client_, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
