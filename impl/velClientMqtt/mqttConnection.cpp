@@ -175,8 +175,12 @@ void Connection::afterCall(int rc)
         lost_ = true;
         lostReason_ = resultText(rc, savedErrno);
     }
-    if (lost_)
+    if (lost_) {
         dropped();
+    } else if (accepted_) {
+        accepted_ = false;
+        connectionUp();
+    }
     if (queuedByCallback_) {
         queuedByCallback_ = false;
         runCommands();
@@ -222,6 +226,7 @@ void Connection::startAttempt()
     int port = host.port != 0 ? host.port : (b.ssl ? 8883 : 1883);
     attemptHost_ = host.name + ":" + std::to_string(port);
     lost_ = false;
+    accepted_ = false;
     opened_ = false;
     refusal_.clear();
     refusalCode_ = VELCLIENT_SUBCODE_COMMUNICATION_ERROR;
@@ -304,10 +309,12 @@ void Connection::beginClose()
     setTimer(kCloseGraceMs);
 }
 
+/* The CONNACK, inside libmosquitto's read: a success is acted on once the
+ * read has returned, since libmosquitto must not be called from inside it. */
 void Connection::connected(int reasonCode)
 {
     if (reasonCode == MQTT_RC_SUCCESS) {
-        connectionUp();
+        accepted_ = true;
         return;
     }
     refusal_ = mosquitto_reason_string(reasonCode);

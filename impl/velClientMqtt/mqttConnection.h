@@ -79,6 +79,7 @@ private:
     std::optional<Clock::time_point> timerAt_;
     bool closeBegun_ = false;
     bool lost_ = false;          /* the current client's socket went */
+    bool accepted_ = false;      /* the broker's CONNACK accepted the attempt */
     std::string lostReason_;
     std::string refusal_;        /* the broker's CONNACK refusal of this attempt */
     velClient_subCode_t refusalCode_ = VELCLIENT_SUBCODE_COMMUNICATION_ERROR;
