@@ -156,6 +156,38 @@ TEST(MqttFaults, ABrokerKilledAmidQos1SendsLosesNoMessage)
     EXPECT_TRUE(seen.empty() || (*seen.begin() == 0 && *seen.rbegin() == sent - 1));
 }
 
+TEST(MqttFaults, AResetConnectionResendsWhatWasNotAcknowledged)
+{
+    Proxy proxy(port());
+    Client through({"SESSION_HOST", proxy.host(), "SESSION_RECONNECT_RETRY_WAIT_MS", "100"}), reader;
+    ASSERT_TRUE(connectAll(through, reader));
+    std::string topic = unique("resend/t");
+    reader.subscribeAndSync(topic);
+    constexpr int kCount = 200;
+    for (int i = 0; i < kCount; ++i) {
+        if (i == kCount / 2)
+            proxy.cut();
+        ASSERT_EQ(VELCLIENT_OK, send(through, topic, VELCLIENT_DELIVERY_MODE_PERSISTENT, std::to_string(i)))
+            << veltest::lastErrorText();
+    }
+    ASSERT_TRUE(through.waitEvents(VELCLIENT_SESSION_EVENT_RECONNECTED_NOTICE, 1));
+    EXPECT_TRUE(through.waitEvents(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, kCount));
+    std::vector<std::string> rejections;
+    for (const Event &e : through.events())
+        if (e.event == VELCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR)
+            rejections.push_back(e.info);
+    EXPECT_TRUE(rejections.empty()) << rejections.size() << " rejected, the first: " << (rejections.empty() ? "" : rejections[0]);
+    /* None lost; duplicates are allowed. */
+    ASSERT_TRUE(reader.waitMessages(kCount, 30s)) << reader.received();
+    reader.sync();
+    std::set<std::string> seen;
+    std::vector<velClient_opaqueMsg_pt> got = reader.messages();
+    for (velClient_opaqueMsg_pt m : got)
+        seen.insert(attachmentOf(m));
+    freeAll(got);
+    EXPECT_EQ(static_cast<std::size_t>(kCount), seen.size());
+}
+
 TEST(MqttFaults, ABrokerThatStaysAwayEndsInDownError)
 {
     Proxy proxy(port());
