@@ -112,18 +112,10 @@ launch() {
   "$server" >>"$dir/log/server.out" 2>&1 &
   echo $! >"$dir/server.pid"
   # 6 to 10 s on an idle machine; far longer on a loaded one.
-  local deadline=$((SECONDS + 180))
-  while [ "$SECONDS" -lt "$deadline" ]; do
-    if speaks_amqp10 "$port"; then
-      pgrep -P "$(cat "$dir/server.pid")" beam.smp >"$dir/beam.pid" || true
-      echo "$port"
-      return 0
-    fi
-    if ! kill -0 "$(cat "$dir/server.pid")" 2>/dev/null; then
-      break
-    fi
-    sleep 0.5
-  done
+  if await_port speaks_amqp10 "$port" "$dir/server.pid" 180 0.5; then
+    pgrep -P "$(cat "$dir/server.pid")" beam.smp >"$dir/beam.pid" || true
+    return 0
+  fi
   echo "broker.sh: the broker did not accept AMQP 1.0 on port $port; see $dir/log" >&2
   stop "$dir" keep
   exit 1

@@ -93,17 +93,7 @@ launch() {
   port=$(cat "$dir/port")
   setsid "$broker" -c "$dir/mosquitto.conf" >>"$dir/mosquitto.out" 2>&1 &
   echo $! >"$dir/mosquitto.pid"
-  local deadline=$((SECONDS + 30))
-  while [ "$SECONDS" -lt "$deadline" ]; do
-    if speaks_mqtt "$port"; then
-      echo "$port"
-      return 0
-    fi
-    if ! kill -0 "$(cat "$dir/mosquitto.pid")" 2>/dev/null; then
-      break
-    fi
-    sleep 0.05
-  done
+  await_port speaks_mqtt "$port" "$dir/mosquitto.pid" 30 0.05 && return 0
   echo "mosquitto.sh: the broker did not answer MQTT on port $port; see $dir/mosquitto.out and $dir/mosquitto.log" >&2
   stop "$dir" keep
   exit 1
