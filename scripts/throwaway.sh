@@ -8,6 +8,21 @@ free_port() {
   python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
 }
 
+# Succeeds when 127.0.0.1:PORT answers the bytes SEND with EXPECT (both
+# Python bytes literals).
+answers() {
+  python3 - "$@" <<'PYEOF'
+import ast, socket, sys
+send, expect = ast.literal_eval(sys.argv[2]), ast.literal_eval(sys.argv[3])
+try:
+    with socket.create_connection(("127.0.0.1", int(sys.argv[1])), timeout=2) as s:
+        s.sendall(send)
+        sys.exit(0 if s.recv(len(expect)) == expect else 1)
+except OSError:
+    sys.exit(1)
+PYEOF
+}
+
 # Waits up to TENTHS tenths of a second for the process to end, then kills it.
 wait_gone() {
   local pid=$1 tenths=${2:-300}
