@@ -148,7 +148,7 @@ TEST(MqttFaults, ABrokerKilledAmidQos1SendsLosesNoMessage)
     std::string lost;
     for (int i = 0; i < sent && lost.size() < 200; ++i)
         if (seen.count(i) == 0)
-            lost += " " + std::to_string(i);
+            lost.append(" ").append(std::to_string(i));
     EXPECT_EQ(static_cast<std::size_t>(sent), seen.size())
         << "lost " << sent - static_cast<int>(seen.size()) << ", the first:" << lost;
     EXPECT_TRUE(seen.empty() || (*seen.begin() == 0 && *seen.rbegin() == sent - 1));
