@@ -89,6 +89,11 @@ void Connection::publish(std::uint64_t tag, broker::Outgoing &message)
             inFlight_[mid] = tag;
         return;
     }
+    /* libmosquitto writes a publish at once: a socket that fails then is a
+     * connection going down, which the loop reports next; a guaranteed
+     * message keeps its place and goes again after the reconnect. */
+    if (rc == MOSQ_ERR_NO_CONN || rc == MOSQ_ERR_CONN_LOST || rc == MOSQ_ERR_ERRNO)
+        return;
     std::string info = topic + ": " + mosquitto_strerror(rc);
     VEL_LOG(VELCLIENT_LOG_WARNING, "Publish refused by the client library: %s", info.c_str());
     if (qos == 0)
