@@ -22,24 +22,15 @@
 # a CA that signed nothing.
 set -euo pipefail
 
+name=broker.sh
 last="${TMPDIR:-/tmp}/velclient-broker.last"
 server=/usr/lib/rabbitmq/bin/rabbitmq-server
-
-free_port() {
-  python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
-}
+# shellcheck source=scripts/throwaway.sh
+. "$(dirname "${BASH_SOURCE[0]}")/throwaway.sh"
 
 # Succeeds once the port answers an AMQP 1.0 SASL protocol header in kind.
 speaks_amqp10() {
-  python3 - "$1" <<'EOF'
-import socket, sys
-try:
-    with socket.create_connection(("127.0.0.1", int(sys.argv[1])), timeout=2) as s:
-        s.sendall(b"AMQP\x03\x01\x00\x00")
-        sys.exit(0 if s.recv(8) == b"AMQP\x03\x01\x00\x00" else 1)
-except OSError:
-    sys.exit(1)
-EOF
+  answers "$1" 'b"AMQP\x03\x01\x00\x00"' 'b"AMQP\x03\x01\x00\x00"'
 }
 
 # A CA, a server certificate it signs for 127.0.0.1 and localhost, and an unrelated CA.
@@ -113,78 +104,29 @@ launch() {
   "$server" >>"$dir/log/server.out" 2>&1 &
   echo $! >"$dir/server.pid"
   # 6 to 10 s on an idle machine; far longer on a loaded one.
-  local deadline=$((SECONDS + 180))
-  while [ "$SECONDS" -lt "$deadline" ]; do
-    if speaks_amqp10 "$port"; then
-      pgrep -P "$(cat "$dir/server.pid")" beam.smp >"$dir/beam.pid" || true
-      echo "$port"
-      return 0
-    fi
-    if ! kill -0 "$(cat "$dir/server.pid")" 2>/dev/null; then
-      break
-    fi
-    sleep 0.5
-  done
+  if await_port speaks_amqp10 "$port" "$dir/server.pid" 180 0.5; then
+    pgrep -P "$(cat "$dir/server.pid")" beam.smp >"$dir/beam.pid" || true
+    return 0
+  fi
   echo "broker.sh: the broker did not accept AMQP 1.0 on port $port; see $dir/log" >&2
   stop "$dir" keep
   exit 1
 }
 
-# Ends one process by its pid: TERM, then KILL after 10 s.
-end_pid() {
-  local pid=$1
-  kill -TERM "$pid" 2>/dev/null || return 0
-  for _ in $(seq 1 100); do
-    kill -0 "$pid" 2>/dev/null || return 0
-    sleep 0.1
-  done
-  kill -KILL "$pid" 2>/dev/null || true
-}
-
 stop() {
-  local dir="${1:-}"
-  if [ -z "$dir" ] && [ -f "$last" ]; then
-    dir=$(cat "$last")
-    rm -f "$last"
-  fi
-  if [ -z "$dir" ] || [ ! -d "$dir" ]; then
-    echo "broker.sh: no broker directory to stop" >&2
-    exit 1
-  fi
+  local dir f
+  dir=$(stopped_dir "${1:-}") || exit 1
   for f in server.pid beam.pid epmd.pid; do
     [ -s "$dir/$f" ] && end_pid "$(cat "$dir/$f")"
   done
   [ "${2:-}" = keep ] || rm -rf "$dir"
 }
 
-# Sends the broker (the Erlang VM) signal and waits up to 30 s for it and its
-# launcher to end, then kills both; epmd stays for the restart.
-kill_broker() {
-  local dir=$1 signal=$2 pid
-  case "$signal" in TERM|KILL) ;; *) echo "broker.sh: kill needs TERM or KILL" >&2; exit 2 ;; esac
-  kill -"$signal" "$(cat "$dir/beam.pid")"
-  for pid in $(cat "$dir/beam.pid") $(cat "$dir/server.pid"); do
-    for _ in $(seq 1 300); do
-      kill -0 "$pid" 2>/dev/null || break
-      sleep 0.1
-    done
-    kill -KILL "$pid" 2>/dev/null || true
-  done
-  : >"$dir/beam.pid"
-  : >"$dir/server.pid"
-}
-
-need_dir() {
-  if [ -z "${1:-}" ] || [ ! -s "$1/env.sh" ]; then
-    echo "broker.sh: $2 needs the directory of a broker started by this script" >&2
-    exit 2
-  fi
-}
-
 case "${1:-}" in
   start) start "${2:-}" ;;
   stop) stop "${2:-}" ;;
-  kill) need_dir "${2:-}" kill; kill_broker "$2" "${3:-}" ;;
-  restart) need_dir "${2:-}" restart; launch "$2" ;;
+  # The Erlang VM gets the signal; its launcher ends with it; epmd stays for the restart.
+  kill) need_dir "${2:-}" env.sh kill; signal_and_wait "$2" "${3:-}" beam.pid server.pid ;;
+  restart) need_dir "${2:-}" env.sh restart; launch "$2" ;;
   *) echo "usage: $0 start|stop [DIR] | kill DIR TERM|KILL | restart DIR" >&2; exit 2 ;;
 esac
