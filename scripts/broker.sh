@@ -24,10 +24,8 @@ set -euo pipefail
 
 last="${TMPDIR:-/tmp}/velclient-broker.last"
 server=/usr/lib/rabbitmq/bin/rabbitmq-server
-
-free_port() {
-  python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
-}
+# shellcheck source=scripts/throwaway.sh
+. "$(dirname "${BASH_SOURCE[0]}")/throwaway.sh"
 
 # Succeeds once the port answers an AMQP 1.0 SASL protocol header in kind.
 speaks_amqp10() {
@@ -130,17 +128,6 @@ launch() {
   exit 1
 }
 
-# Ends one process by its pid: TERM, then KILL after 10 s.
-end_pid() {
-  local pid=$1
-  kill -TERM "$pid" 2>/dev/null || return 0
-  for _ in $(seq 1 100); do
-    kill -0 "$pid" 2>/dev/null || return 0
-    sleep 0.1
-  done
-  kill -KILL "$pid" 2>/dev/null || true
-}
-
 stop() {
   local dir="${1:-}"
   if [ -z "$dir" ] && [ -f "$last" ]; then
@@ -164,11 +151,7 @@ kill_broker() {
   case "$signal" in TERM|KILL) ;; *) echo "broker.sh: kill needs TERM or KILL" >&2; exit 2 ;; esac
   kill -"$signal" "$(cat "$dir/beam.pid")"
   for pid in $(cat "$dir/beam.pid") $(cat "$dir/server.pid"); do
-    for _ in $(seq 1 300); do
-      kill -0 "$pid" 2>/dev/null || break
-      sleep 0.1
-    done
-    kill -KILL "$pid" 2>/dev/null || true
+    wait_gone "$pid"
   done
   : >"$dir/beam.pid"
   : >"$dir/server.pid"

@@ -1,0 +1,149 @@
+#!/usr/bin/env bash
+# A throwaway mosquitto (MQTT 5) broker, for tests and trying things out. Its
+# state lives in a temporary directory; nothing touches the system's broker or
+# systemd.
+#
+#   scripts/mosquitto.sh start [DIR]   starts it on a free port of 127.0.0.1
+#                                      and prints that port once it answers
+#                                      an MQTT connect
+#   scripts/mosquitto.sh stop [DIR]    ends the broker by its own pid and
+#                                      removes DIR
+#   scripts/mosquitto.sh kill DIR TERM|KILL
+#                                      sends the broker that signal and waits
+#                                      until it is gone; DIR stays
+#   scripts/mosquitto.sh restart DIR   starts the broker of DIR again, on the
+#                                      same port with the same data
+#
+# DIR (default: a new directory under /dev/shm, or /tmp without it, remembered
+# in ${TMPDIR:-/tmp}/velclient-mosquitto.last) holds the configuration, the
+# persistence file, the log and the pid.
+#
+# The broker saves its state (and fsyncs it) at the end of every pass of its
+# main loop that changed something (autosave_on_changes with an interval of
+# 1), on SIGTERM and on exit; the default saves only every 30 minutes and on
+# exit, so SIGKILL would lose everything since. It acknowledges a QoS 1
+# publish within the pass that takes it, before that save: after SIGKILL, what
+# it acknowledged in its last pass may be gone, while whatever it acknowledged
+# before an acknowledgement the client saw later survives. On a disk the
+# fsyncs make it about 10 times slower than on tmpfs, hence /dev/shm. An
+# offline client's queue holds up to 1,000,000 messages (the default of 1000
+# drops the rest with only a line in the log).
+set -euo pipefail
+
+last="${TMPDIR:-/tmp}/velclient-mosquitto.last"
+broker=/usr/sbin/mosquitto
+# shellcheck source=scripts/throwaway.sh
+. "$(dirname "${BASH_SOURCE[0]}")/throwaway.sh"
+
+# Succeeds once the port answers an MQTT 3.1.1 connect with a connack.
+speaks_mqtt() {
+  python3 - "$1" <<'PYEOF'
+import socket, sys
+try:
+    with socket.create_connection(("127.0.0.1", int(sys.argv[1])), timeout=2) as s:
+        s.sendall(b"\x10\x0c\x00\x04MQTT\x04\x02\x00\x3c\x00\x00")
+        ok = s.recv(4) == b"\x20\x02\x00\x00"
+        s.sendall(b"\xe0\x00")
+        sys.exit(0 if ok else 1)
+except OSError:
+    sys.exit(1)
+PYEOF
+}
+
+start() {
+  if [ ! -x "$broker" ]; then
+    echo "mosquitto.sh: $broker not found (install mosquitto)" >&2
+    exit 1
+  fi
+  local dir="${1:-}"
+  if [ -z "$dir" ]; then
+    local base=/tmp
+    [ -d /dev/shm ] && [ -w /dev/shm ] && base=/dev/shm
+    dir=$(mktemp -d "$base/velclient-mosquitto.XXXXXX")
+    echo "$dir" >"$last"
+  fi
+  mkdir -p "$dir"
+  local port
+  port=$(free_port)
+  echo "$port" >"$dir/port"
+  cat >"$dir/mosquitto.conf" <<CONF
+listener $port 127.0.0.1
+allow_anonymous true
+persistence true
+persistence_location $dir/
+autosave_on_changes true
+autosave_interval 1
+user root
+set_tcp_nodelay true
+max_queued_messages 1000000
+max_queued_bytes 0
+log_dest file $dir/mosquitto.log
+log_type error
+log_type warning
+log_type notice
+connection_messages true
+CONF
+  launch "$dir"
+}
+
+# Starts the broker of DIR and prints its port once it answers MQTT.
+launch() {
+  local dir=$1 port
+  port=$(cat "$dir/port")
+  setsid "$broker" -c "$dir/mosquitto.conf" >>"$dir/mosquitto.out" 2>&1 &
+  echo $! >"$dir/mosquitto.pid"
+  local deadline=$((SECONDS + 30))
+  while [ "$SECONDS" -lt "$deadline" ]; do
+    if speaks_mqtt "$port"; then
+      echo "$port"
+      return 0
+    fi
+    if ! kill -0 "$(cat "$dir/mosquitto.pid")" 2>/dev/null; then
+      break
+    fi
+    sleep 0.05
+  done
+  echo "mosquitto.sh: the broker did not answer MQTT on port $port; see $dir/mosquitto.out and $dir/mosquitto.log" >&2
+  stop "$dir" keep
+  exit 1
+}
+
+stop() {
+  local dir="${1:-}"
+  if [ -z "$dir" ] && [ -f "$last" ]; then
+    dir=$(cat "$last")
+    rm -f "$last"
+  fi
+  if [ -z "$dir" ] || [ ! -d "$dir" ]; then
+    echo "mosquitto.sh: no broker directory to stop" >&2
+    exit 1
+  fi
+  [ -s "$dir/mosquitto.pid" ] && end_pid "$(cat "$dir/mosquitto.pid")"
+  [ "${2:-}" = keep ] || rm -rf "$dir"
+}
+
+# Sends the broker signal and waits up to 30 s for it to end, then kills it.
+kill_broker() {
+  local dir=$1 signal=$2
+  case "$signal" in TERM|KILL) ;; *) echo "mosquitto.sh: kill needs TERM or KILL" >&2; exit 2 ;; esac
+  if [ -s "$dir/mosquitto.pid" ]; then
+    kill -"$signal" "$(cat "$dir/mosquitto.pid")" 2>/dev/null || true
+    wait_gone "$(cat "$dir/mosquitto.pid")"
+  fi
+  : >"$dir/mosquitto.pid"
+}
+
+need_dir() {
+  if [ -z "${1:-}" ] || [ ! -s "$1/mosquitto.conf" ]; then
+    echo "mosquitto.sh: $2 needs the directory of a broker started by this script" >&2
+    exit 2
+  fi
+}
+
+case "${1:-}" in
+  start) start "${2:-}" ;;
+  stop) stop "${2:-}" ;;
+  kill) need_dir "${2:-}" kill; kill_broker "$2" "${3:-}" ;;
+  restart) need_dir "${2:-}" restart; launch "$2" ;;
+  *) echo "usage: $0 start|stop [DIR] | kill DIR TERM|KILL | restart DIR" >&2; exit 2 ;;
+esac
