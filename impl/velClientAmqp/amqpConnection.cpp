@@ -55,18 +55,24 @@ bool isLoginRefusal(pn_condition_t *condition)
     return name != nullptr && std::string_view(name) == "amqp:unauthorized-access";
 }
 
-} // namespace
-
-Connection::Connection(_velClient_session *session) : session_(session), proactor_(pn_proactor())
+/* The session's reply subscription: its inbox topic base and every level below. */
+Subscription inboxOf(_velClient_session *session)
 {
-    const auto &rules = session->broker.addressing;
     std::string inbox = session->p2pTopicBase;
     inbox.append("/>");
-    Subscription subscription{topicAddress(rules, inbox, true), false, inbox};
-    subscriptions_.insert(subscription);
-    /* connect returns once the inbox is attached. */
-    unansweredTickets_.insert(++ticketsIssued_);
-    attaching_.emplace(subscription, ticketsIssued_);
+    return {topicAddress(session->broker.addressing, inbox, true), false, inbox};
+}
+
+} // namespace
+
+Connection::Connection(_velClient_session *session)
+    : broker::Connection(session, inboxOf(session)), proactor_(pn_proactor())
+{
+}
+
+Connection *Connection::create(_velClient_session *session)
+{
+    return new (std::nothrow) Connection(session);
 }
 
 Connection::~Connection()
@@ -77,68 +83,9 @@ Connection::~Connection()
         pn_proactor_free(proactor_);
 }
 
-velClient_returnCode_t Connection::open(_velClient_session *session, std::shared_ptr<Connection> &out)
+/* Proton wakes the connection, or the proactor while there is none. */
+void Connection::wakeIo()
 {
-    out.reset();
-    auto *c = new (std::nothrow) Connection(session);
-    if (c == nullptr || c->proactor_ == nullptr) {
-        delete c;
-        return VEL_FAIL(VELCLIENT_SUBCODE_OUT_OF_MEMORY, VELCLIENT_LOG_ERROR,
-                        "Unable to allocate memory for connection in velClient_session_connect");
-    }
-    try {
-        c->ioThread_ = std::thread(&Connection::run, c);
-    } catch (const std::exception &e) {
-        delete c;
-        return VEL_FAIL(VELCLIENT_SUBCODE_OS_ERROR, VELCLIENT_LOG_ERROR,
-                        "Could not start the I/O thread in velClient_session_connect: %s", e.what());
-    }
-    std::unique_lock lock(c->mutex_);
-    c->changed_.wait(lock, [c] { return c->phase_ != Phase::connecting; });
-    if (c->phase_ == Phase::up) {
-        lock.unlock();
-        c->waitForTicket(1);
-        out.reset(c);
-        return VELCLIENT_OK;
-    }
-    std::string text = c->failText_;
-    velClient_subCode_t code = c->failCode_;
-    lock.unlock();
-    c->ioThread_.join();
-    delete c;
-    return VEL_FAIL(code, VELCLIENT_LOG_WARNING, "Could not connect to %s in velClient_session_connect",
-                    text.c_str());
-}
-
-void Connection::close()
-{
-    {
-        std::unique_lock lock(mutex_);
-        changed_.wait_for(lock, std::chrono::milliseconds(session_->broker.sendTimeoutMs), [this] {
-            return inWindow_ == 0 || (phase_ != Phase::up && phase_ != Phase::reconnecting);
-        });
-        closing_ = true;
-    }
-    wake();
-    ioThread_.join();
-    std::lock_guard lock(mutex_);
-    phase_ = Phase::closed;
-    changed_.notify_all();
-}
-
-/* Has the I/O thread run the queued commands. From the I/O thread itself (a
- * callback) they run as soon as the event being handled is done; from another
- * thread Proton wakes the connection, once until the I/O thread looks. */
-void Connection::wake()
-{
-    if (onIoThread()) {
-        queuedByCallback_ = true;
-        return;
-    }
-    std::lock_guard lock(mutex_);
-    if (wakePending_)
-        return;
-    wakePending_ = true;
     if (live_ != nullptr)
         pn_connection_wake(live_);
     else
@@ -156,10 +103,7 @@ void Connection::run()
             if (queuedByCallback_)
                 runQueuedByCallback(owner);
         }
-        if (windowOpened_) { /* waiters for room in the publish window wake once per batch */
-            windowOpened_ = false;
-            changed_.notify_all();
-        }
+        notifyWindow();
         pn_proactor_done(proactor_, batch);
     }
 }
@@ -177,10 +121,7 @@ void Connection::runQueuedByCallback(pn_connection_t *owner)
     }
     std::lock_guard lock(mutex_);
     wakePending_ = true;
-    if (live_ != nullptr)
-        pn_connection_wake(live_);
-    else
-        pn_proactor_interrupt(proactor_);
+    wakeIo();
 }
 
 void Connection::handle(pn_event_t *event)
@@ -299,10 +240,7 @@ void Connection::transportClosed(pn_event_t *event)
     senders_.clear();
     receivers_.clear();
     clientAcks_.clear();
-    while (!attaching_.empty()) {
-        Subscription waited = attaching_.begin()->first;
-        attachAnswered(waited);
-    }
+    answerAll();
     if (closing_) {
         finished_ = true;
         return;
@@ -319,102 +257,27 @@ void Connection::transportClosed(pn_event_t *event)
     attemptFailed(reason, code);
 }
 
-/* One host refused or did not answer: the next one, the next pass, or giving up. */
-void Connection::attemptFailed(const std::string &reason, velClient_subCode_t subCode)
+void Connection::setTimer(std::int64_t ms)
 {
-    VEL_LOG(VELCLIENT_LOG_INFO, "Connecting to %s failed: %s", attemptHost_.c_str(), reason.c_str());
-    if (!failures_.empty())
-        failures_.append("; ");
-    failures_.append(attemptHost_).append(" (").append(reason).append(")");
-    const auto &b = session_->broker;
-    hostIndex_ = (hostIndex_ + 1) % b.hosts.size();
-    if (++hostsTried_ < b.hosts.size()) {
-        startAttempt();
-        return;
-    }
-    hostsTried_ = 0;
-    if (!everUp_) {
-        std::lock_guard lock(mutex_);
-        phase_ = Phase::down;
-        failCode_ = subCode;
-        failText_ = failures_;
-        finished_ = true;
-        changed_.notify_all();
-        return;
-    }
-    ++retriesDone_;
-    if (b.reconnectRetries != -1 && retriesDone_ >= b.reconnectRetries) {
-        goDown(failures_);
-        return;
-    }
-    failures_.clear();
-    pn_proactor_set_timeout(proactor_, static_cast<pn_millis_t>(b.reconnectRetryWaitMs));
+    pn_proactor_set_timeout(proactor_, static_cast<pn_millis_t>(ms));
 }
 
-void Connection::connectionUp()
+void Connection::cancelTimer()
 {
-    opened_ = true;
     pn_proactor_cancel_timeout(proactor_);
-    hostsTried_ = 0;
-    retriesDone_ = 0;
-    failures_.clear();
-    bool again = everUp_;
-    everUp_ = true;
-    {
-        std::lock_guard lock(mutex_);
-        phase_ = Phase::up;
-        changed_.notify_all();
-    }
-    std::string info = "connected to " + attemptHost_;
-    emit(again ? VELCLIENT_SESSION_EVENT_RECONNECTED_NOTICE : VELCLIENT_SESSION_EVENT_UP_NOTICE, info.c_str(),
-         nullptr);
+}
+
+void Connection::resume()
+{
     openLinks();
     runCommands();
 }
 
-void Connection::connectionLost(const std::string &reason)
+void Connection::dropOutgoing(std::vector<void *> &refused)
 {
-    opened_ = false;
-    VEL_LOG(VELCLIENT_LOG_NOTICE, "Connection to %s lost: %s", attemptHost_.c_str(), reason.c_str());
-    if (session_->broker.reconnectRetries == 0) {
-        goDown(attemptHost_ + " (" + reason + ")");
-        return;
-    }
-    {
-        std::lock_guard lock(mutex_);
-        phase_ = Phase::reconnecting;
-    }
-    std::string info = "connection to " + attemptHost_ + " lost (" + reason + ")";
-    emit(VELCLIENT_SESSION_EVENT_RECONNECTING_NOTICE, info.c_str(), nullptr);
-    hostsTried_ = 0;
-    retriesDone_ = 0;
-    failures_.clear();
-    pn_proactor_set_timeout(proactor_, static_cast<pn_millis_t>(session_->broker.reconnectRetryWaitMs));
-}
-
-/* Gives up: every guaranteed message not acknowledged, sent or still queued,
- * is reported refused, then DOWN_ERROR. */
-void Connection::goDown(const std::string &reason)
-{
-    std::deque<Command> queued;
-    {
-        std::lock_guard lock(mutex_);
-        phase_ = Phase::down;
-        queued.swap(commands_);
-    }
-    finished_ = true;
-    std::vector<void *> refused;
     unsettled_.forEach([&](std::uint64_t, const Outgoing &message) { refused.push_back(message.correlation_p); });
-    for (const Command &command : queued)
-        if (command.kind == Command::Kind::send && !command.message.settled)
-            refused.push_back(command.message.correlation_p);
     unsettled_.clear();
     direct_.clear();
-    acknowledged(refused.size());
-    for (void *correlation_p : refused)
-        emit(VELCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR, "session down", correlation_p);
-    std::string info = "given up on every host: " + reason;
-    emit(VELCLIENT_SESSION_EVENT_DOWN_ERROR, info.c_str(), nullptr);
 }
 
 void Connection::beginClose()
@@ -457,20 +320,6 @@ void Connection::restartSession()
     amqpSession_ = pn_session(connection_);
     pn_session_open(amqpSession_);
     openLinks();
-}
-
-void Connection::emit(velClient_session_event_t event, const char *info, void *correlation_p,
-                      std::int32_t responseCode)
-{
-    session::EventSink sink;
-    {
-        std::lock_guard lock(session_->eventMutex);
-        sink = session_->events;
-    }
-    if (sink.callback_p == nullptr)
-        return;
-    velClient_session_eventCallbackInfo_t details{event, responseCode, info, correlation_p};
-    sink.callback_p(session_->opaqueSession_p, &details, sink.user_p);
 }
 
 } // namespace vel::amqp

@@ -36,141 +36,22 @@ namespace {
 /* Credit a receiver link keeps granted; topped up when half is used. */
 constexpr int kReceiveCredit = 256;
 
-/* Whether topic matches the subscription pattern: a level "*" matches any
- * one level, a last level ">" one or more (brokers whose wildcard also
- * matches no level at all deliver more; this keeps the library's meaning). */
-bool topicMatches(std::string_view pattern, std::string_view topic)
-{
-    while (true) {
-        std::size_t p = pattern.find('/'), t = topic.find('/');
-        std::string_view level = pattern.substr(0, p);
-        if (level == ">" && p == std::string_view::npos)
-            return true; /* topic still holds at least one level here */
-        if (level != "*" && level != topic.substr(0, t))
-            return false;
-        if (p == std::string_view::npos || t == std::string_view::npos)
-            return p == t;
-        pattern.remove_prefix(p + 1);
-        topic.remove_prefix(t + 1);
-    }
-}
-
-void freeReceived(_velClient_msg *msg)
-{
-    if (msg->opaqueMsg_p != nullptr)
-        _velClient_safePtr_free(msg->opaqueMsg_p);
-    _velClient_msg_free(msg);
-}
-
 void settle(pn_delivery_t *delivery, std::uint64_t outcome)
 {
     pn_delivery_update(delivery, outcome);
     pn_delivery_settle(delivery);
 }
 
-bool isDown(Phase phase)
-{
-    return phase == Phase::down || phase == Phase::closed;
-}
-
 } // namespace
-
-/* ---- Application threads ------------------------------------------------ */
-
-velClient_returnCode_t Connection::send(Outgoing &&message, std::unique_lock<std::recursive_mutex> &sessionLock)
-{
-    const session::BrokerSettings &b = session_->broker;
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(b.sendTimeoutMs);
-    std::unique_lock lock(mutex_);
-    while (!message.settled && inWindow_ >= b.pubWindowSize && !isDown(phase_)) {
-        if (!b.sendBlocking || onIoThread()) {
-            canSendOwed_ = true;
-            return VELCLIENT_WOULD_BLOCK;
-        }
-        sessionLock.unlock();
-        bool room = changed_.wait_until(lock, deadline, [&] { return inWindow_ < b.pubWindowSize || isDown(phase_); });
-        lock.unlock();
-        sessionLock.lock();
-        lock.lock();
-        if (!room && inWindow_ >= b.pubWindowSize) {
-            lock.unlock();
-            return VEL_FAIL(VELCLIENT_SUBCODE_TIMEOUT, VELCLIENT_LOG_WARNING,
-                            "No room in the publish window within %lld ms in velClient_session_sendMsg",
-                            static_cast<long long>(b.sendTimeoutMs));
-        }
-    }
-    if (isDown(phase_)) {
-        lock.unlock();
-        return VEL_FAIL(VELCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED, VELCLIENT_LOG_WARNING,
-                        "Session not connected in velClient_session_sendMsg");
-    }
-    if (!message.settled)
-        ++inWindow_;
-    Command &command = commands_.emplace_back();
-    command.kind = Command::Kind::send;
-    command.message = std::move(message);
-    lock.unlock();
-    wake();
-    return VELCLIENT_OK;
-}
-
-velClient_returnCode_t Connection::subscribe(Subscription subscription, bool add, const char *call)
-{
-    std::unique_lock lock(mutex_);
-    if (isDown(phase_)) {
-        lock.unlock();
-        return VEL_FAIL(VELCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED, VELCLIENT_LOG_WARNING,
-                        "Session not connected in %s", call);
-    }
-    std::uint64_t ticket = 0;
-    if (add && !onIoThread()) {
-        ticket = ++ticketsIssued_;
-        unansweredTickets_.insert(ticket);
-    }
-    commands_.push_back({add ? Command::Kind::subscribe : Command::Kind::unsubscribe, {}, std::move(subscription), 0,
-                         ticket});
-    lock.unlock();
-    wake();
-    if (ticket != 0)
-        waitForTicket(ticket);
-    return VELCLIENT_OK;
-}
-
-/* Waits until the I/O thread has answered the ticket, the connection has
- * gone down, or the connect timeout has passed. */
-void Connection::waitForTicket(std::uint64_t ticket)
-{
-    std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, std::chrono::milliseconds(session_->broker.connectTimeoutMs),
-                      [&] { return !unansweredTickets_.contains(ticket) || isDown(phase_); });
-    unansweredTickets_.erase(ticket);
-}
-
-velClient_returnCode_t Connection::ack(velClient_msgId_t msgId)
-{
-    std::unique_lock lock(mutex_);
-    if (awaitingAck_.erase(msgId) == 0) {
-        lock.unlock();
-        return VEL_FAIL_RANGE("No message with id %llu awaits acknowledgement in velClient_session_ack",
-                              static_cast<unsigned long long>(msgId));
-    }
-    commands_.push_back({Command::Kind::ack, {}, {}, msgId});
-    lock.unlock();
-    wake();
-    return VELCLIENT_OK;
-}
 
 /* ---- The I/O thread --------------------------------------------------------- */
 
 void Connection::runCommands()
 {
-    {
-        std::lock_guard lock(mutex_);
-        wakePending_ = false;
-    }
-    /* What was queued before a close still goes out first. */
-    if (opened_ && !closeBegun_)
-        runQueued();
+    /* What was queued before a close still goes out first; while not
+     * connected the commands wait. */
+    std::deque<Command> batch = takeCommands(opened_ && !closeBegun_);
+    runQueued(batch);
     if (closing_ && !closeWanted_) {
         closeWanted_ = true;
         /* Bounds the wait for link credit: timedOut() then ends the connection. */
@@ -188,13 +69,8 @@ void Connection::closeWhenFlushed()
     beginClose();
 }
 
-void Connection::runQueued()
+void Connection::runQueued(std::deque<Command> &batch)
 {
-    std::deque<Command> batch;
-    {
-        std::lock_guard lock(mutex_);
-        batch.swap(commands_);
-    }
     for (Command &command : batch) {
         switch (command.kind) {
         case Command::Kind::send: {
@@ -306,26 +182,10 @@ void Connection::subscribeNow(const Subscription &subscription, bool add)
  * the link is already attached (a second subscribe to the same topic). */
 void Connection::awaitAttach(const Subscription &subscription, std::uint64_t ticket)
 {
-    attaching_.emplace(subscription, ticket);
+    awaitAnswer(subscription, ticket);
     for (auto &[link, wanted] : receivers_)
         if (wanted == subscription && (pn_link_state(link) & PN_REMOTE_ACTIVE))
             attachAnswered(subscription);
-}
-
-/* The broker attached or refused the subscription's link, or the connection
- * went: whoever waits for it goes on. */
-void Connection::attachAnswered(const Subscription &subscription)
-{
-    auto [first, last] = attaching_.equal_range(subscription);
-    if (first == last)
-        return;
-    {
-        std::lock_guard lock(mutex_);
-        for (auto it = first; it != last; ++it)
-            unansweredTickets_.erase(it->second);
-        changed_.notify_all();
-    }
-    attaching_.erase(first, last);
 }
 
 /* The broker's outcome of a guaranteed message. */
@@ -355,21 +215,6 @@ void Connection::settled(pn_delivery_t *delivery)
     acknowledged(1);
     emit(remote == PN_ACCEPTED ? VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT : VELCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR,
          info.c_str(), correlation_p);
-}
-
-void Connection::acknowledged(std::size_t count)
-{
-    bool owed = false;
-    {
-        std::lock_guard lock(mutex_);
-        inWindow_ -= static_cast<std::uint32_t>(count);
-        owed = canSendOwed_ && inWindow_ < session_->broker.pubWindowSize;
-        if (owed)
-            canSendOwed_ = false;
-    }
-    windowOpened_ = true; /* waiters wake when the batch ends */
-    if (owed)
-        emit(VELCLIENT_SESSION_EVENT_CAN_SEND, "room in the publish window", nullptr);
 }
 
 void Connection::received(pn_delivery_t *delivery)
@@ -405,29 +250,16 @@ void Connection::deliverMessage(pn_delivery_t *delivery, const char *bytes, std:
     }
     velClient_destination_t dest{};
     if (!from.queue && vel::msg::destination(msg, &dest) == VELCLIENT_OK && dest.destType == VELCLIENT_TOPIC_DESTINATION &&
-        !topicMatches(from.topic, dest.dest)) {
-        freeReceived(msg);
+        !broker::topicMatches(from.topic, dest.dest)) {
+        broker::freeReceived(msg);
         settle(delivery, PN_ACCEPTED);
         return;
     }
-    bool queue = from.queue;
-    velClient_msgId_t id = nextMsgId_++;
-    _velClient_msg_setMsgId(msg->opaqueMsg_p, id);
-    if (headerSaysRedelivered(reinterpret_cast<const std::uint8_t *>(bytes), size))
-        msg->msgInfo.flags |= _VELCLIENT_RX_FLAG_REDELIVERED_MASK;
-    if (msg->msgInfo.rcvTimestamp == 0)
-        msg->msgInfo.rcvTimestamp = _velClient_getTimeInUs() / 1000;
-    bool clientAck = queue && session_->broker.clientAck;
-    if (clientAck) {
-        std::lock_guard lock(mutex_);
-        awaitingAck_.insert(id);
+    bool clientAck = from.queue && session_->broker.clientAck;
+    bool redelivered = headerSaysRedelivered(reinterpret_cast<const std::uint8_t *>(bytes), size);
+    velClient_msgId_t id = deliver(msg, redelivered, clientAck);
+    if (clientAck)
         clientAcks_[id] = delivery;
-    }
-    velClient_rxMsgCallback_returnCode_t kept = VELCLIENT_CALLBACK_OK;
-    if (session_->rxMsgCallback_p != nullptr)
-        kept = session_->rxMsgCallback_p(session_->opaqueSession_p, msg->opaqueMsg_p, session_->user_p);
-    if (kept != VELCLIENT_CALLBACK_TAKE_MSG)
-        freeReceived(msg);
     if (!clientAck)
         settle(delivery, PN_ACCEPTED);
 }

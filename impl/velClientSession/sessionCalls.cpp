@@ -8,7 +8,7 @@
 #include <cstring>
 #include <iterator>
 
-#include "velClientAmqp/amqpConnection.h"
+#include "velClientBroker/brokerConnection.h"
 #include "velClientLog/logPrivate.h"
 #include "velClientSession/sessionPrivate.h"
 
@@ -51,15 +51,14 @@ velClient_returnCode_t subscription(velClient_opaqueSession_pt session, const ch
         return VELCLIENT_FAIL;
     if (checkName(name, queue ? "queueName" : "topic", call) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
-    if (s->transport != _velClient_transport::amqp)
+    if (!vel::session::onBroker(s))
         return VELCLIENT_OK;
-    std::shared_ptr<vel::amqp::Connection> connection = connectionOf(s);
+    vel::broker::Subscription wanted;
+    if (vel::session::subscriptionOf(s, name, queue, call, wanted) != VELCLIENT_OK)
+        return VELCLIENT_FAIL;
+    std::shared_ptr<vel::broker::Connection> connection = connectionOf(s);
     if (connection == nullptr)
         return notConnected(call);
-    const vel::amqp::Addressing &rules = s->broker.addressing;
-    vel::amqp::Subscription wanted{queue ? vel::amqp::queueAddress(rules, name)
-                                         : vel::amqp::topicAddress(rules, name, true),
-                                   queue, queue ? "" : name};
     return connection->subscribe(std::move(wanted), add, call);
 }
 
@@ -67,11 +66,11 @@ velClient_returnCode_t subscription(velClient_opaqueSession_pt session, const ch
 
 bool vel::session::onOwnIoThread(_velClient_session *s)
 {
-    std::shared_ptr<vel::amqp::Connection> connection = connectionOf(s);
+    std::shared_ptr<vel::broker::Connection> connection = connectionOf(s);
     return connection != nullptr && connection->onIoThread();
 }
 
-std::shared_ptr<vel::amqp::Connection> vel::session::connectionOf(_velClient_session *s)
+std::shared_ptr<vel::broker::Connection> vel::session::connectionOf(_velClient_session *s)
 {
     std::lock_guard lock(s->connectionMutex);
     return s->connection;
@@ -80,7 +79,7 @@ std::shared_ptr<vel::amqp::Connection> vel::session::connectionOf(_velClient_ses
 void vel::session::disconnect(_velClient_session *s)
 {
     std::lock_guard serial(s->connectMutex);
-    std::shared_ptr<vel::amqp::Connection> connection;
+    std::shared_ptr<vel::broker::Connection> connection;
     {
         std::lock_guard lock(s->connectionMutex);
         connection.swap(s->connection);
@@ -94,15 +93,15 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_session_connect(velCli
     _velClient_session *s = vel::sessionOrFail(session, "Bad session pointer (%p) in velClient_session_connect");
     if (s == nullptr)
         return VELCLIENT_FAIL;
-    if (s->transport != _velClient_transport::amqp)
+    if (!vel::session::onBroker(s))
         return VELCLIENT_OK;
     if (vel::session::onOwnIoThread(s))
         return fromOwnCallback("velClient_session_connect");
     std::lock_guard serial(s->connectMutex);
     if (connectionOf(s) != nullptr)
         return VELCLIENT_OK;
-    std::shared_ptr<vel::amqp::Connection> connection;
-    if (vel::amqp::Connection::open(s, connection) != VELCLIENT_OK)
+    std::shared_ptr<vel::broker::Connection> connection;
+    if (vel::session::openConnection(s, connection) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     std::lock_guard lock(s->connectionMutex);
     s->connection = std::move(connection);
@@ -138,7 +137,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_session_ack(velClient_
     _velClient_session *s = vel::sessionOrFail(session, "Bad session pointer (%p) in velClient_session_ack");
     if (s == nullptr)
         return VELCLIENT_FAIL;
-    std::shared_ptr<vel::amqp::Connection> connection = connectionOf(s);
+    std::shared_ptr<vel::broker::Connection> connection = connectionOf(s);
     if (connection == nullptr)
         return VEL_FAIL_RANGE("No message with id %llu awaits acknowledgement in velClient_session_ack",
                               static_cast<unsigned long long>(msgId));

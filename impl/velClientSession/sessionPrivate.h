@@ -24,11 +24,16 @@ inline constexpr std::size_t kSessionMaxTopic = 250;
 enum class _velClient_transport : std::uint8_t {
     loopback, /* sent bytes are parsed back and delivered to this session's callback */
     drop,     /* sent bytes are built and dropped */
-    amqp      /* a broker over AMQP 1.0 */
+    amqp,     /* a broker over AMQP 1.0 */
+    mqtt      /* a broker over MQTT 5 */
 };
 
-namespace vel::amqp {
+struct _velClient_msg;
+
+namespace vel::broker {
 class Connection;
+struct Outgoing;
+struct Subscription;
 }
 
 namespace vel::session {
@@ -93,7 +98,7 @@ struct _velClient_session {
     /* The broker connection and its I/O thread while connected, replaced
      * under connectionMutex (held only to copy or swap it); connect and
      * disconnect run one at a time under connectMutex. */
-    std::shared_ptr<vel::amqp::Connection> connection;
+    std::shared_ptr<vel::broker::Connection> connection;
     std::mutex connectionMutex;
     std::mutex connectMutex;
     std::mutex eventMutex; /* guards events */
@@ -121,13 +126,29 @@ namespace vel::session {
 /* True on the I/O thread of the session's connection (inside its callbacks). */
 bool onOwnIoThread(_velClient_session *s);
 /* The session's connection, shared for the length of a call; null when not connected. */
-std::shared_ptr<vel::amqp::Connection> connectionOf(_velClient_session *s);
+std::shared_ptr<vel::broker::Connection> connectionOf(_velClient_session *s);
 /* Closes the session's connection, if any (see velClient_session_disconnect). */
 void disconnect(_velClient_session *s);
 
+/* Whether the session's transport is a broker's. */
+inline bool onBroker(const _velClient_session *s)
+{
+    return s->transport == _velClient_transport::amqp || s->transport == _velClient_transport::mqtt;
+}
+/* Starts a connection of the session's transport (see broker::Connection::start). */
+velClient_returnCode_t openConnection(_velClient_session *s, std::shared_ptr<vel::broker::Connection> &out);
+/* The subscription to a topic (wildcards allowed) or queue, as the transport
+ * names it; PARAM_OUT_OF_RANGE, with call named, when the transport has no queues. */
+velClient_returnCode_t subscriptionOf(_velClient_session *s, const char *name, bool queue, const char *call,
+                                      vel::broker::Subscription &out);
+/* The address of a topic or queue a message is sent to (false: the
+ * transport has no queues, recorded as for subscriptionOf). */
+velClient_returnCode_t targetOf(_velClient_session *s, const char *name, bool queue, std::string &out);
+/* The message encoded for the transport into out.bytes (and out.extra). */
+velClient_returnCode_t encodeFor(_velClient_session *s, _velClient_msg *msg, vel::broker::Outgoing &out);
+
 } // namespace vel::session
 
-struct _velClient_msg;
 struct velClient_bufInfo;
 
 /* Sends msg on the session's transport; the caller holds the session mutex.

@@ -205,7 +205,8 @@ velClient_returnCode_t readTransport(_velClient_session &s, const char *name_p, 
         _velClient_transport transport;
     } kTransports[] = {{"loopback", _velClient_transport::loopback},
                        {"null", _velClient_transport::drop},
-                       {"amqp", _velClient_transport::amqp}};
+                       {"amqp", _velClient_transport::amqp},
+                       {"mqtt", _velClient_transport::mqtt}};
     for (const auto &t : kTransports)
         if (value_p != nullptr && std::strcmp(value_p, t.name) == 0) {
             s.transport = t.transport;
@@ -249,7 +250,7 @@ velClient_returnCode_t applyProperty(_velClient_session &s, const char *name_p, 
 void defaultTopicBase(_velClient_session &s)
 {
     std::string prefix = "#P2P/v:";
-    prefix.append(s.transport == _velClient_transport::amqp ? s.broker.hosts.front().name : "loopback").append("/");
+    prefix.append(vel::session::onBroker(&s) ? s.broker.hosts.front().name : "loopback").append("/");
     if (prefix.size() > kSessionMaxTopic)
         prefix.resize(kSessionMaxTopic);
     int nameRoom = static_cast<int>(kSessionMaxTopic - prefix.size());

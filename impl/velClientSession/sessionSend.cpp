@@ -2,13 +2,13 @@
  * sessionSend.cpp - a session's send path and its transports: "loopback"
  * builds the wire bytes, parses them back as received bytes and delivers the
  * message to the session's own receive callback; "null" builds the bytes and
- * drops them; "amqp" encodes the message as AMQP 1.0 on the sending thread and
- * hands it to the broker connection. Also the session that encodes and
+ * drops them; "amqp" and "mqtt" encode the message for their protocol on the
+ * sending thread and hand it to the broker connection. Also the session that encodes and
  * decodes outside any connection.
  */
 #include <cstring>
 
-#include "velClientAmqp/amqpConnection.h"
+#include "velClientBroker/brokerConnection.h"
 #include "velClientLog/logPrivate.h"
 #include "velClientMsg/message/recordApi.h"
 
@@ -50,14 +50,15 @@ velClient_returnCode_t loopBack(_velClient_session *s, const _velClient_vwfChunk
 }
 
 /* The address of the topic or queue name, shared with the last message sent
- * there. */
+ * there; null when the transport refuses the destination. */
 std::shared_ptr<const std::string> targetAddress(_velClient_session *s, bool queue, const char *name)
 {
     vel::session::LastTarget &last = s->lastTarget;
     if (last.address == nullptr || last.queue != queue || last.name != name) {
-        const vel::amqp::Addressing &rules = s->broker.addressing;
-        last.address = std::make_shared<const std::string>(queue ? vel::amqp::queueAddress(rules, name)
-                                                                 : vel::amqp::topicAddress(rules, name, false));
+        std::string address;
+        if (vel::session::targetOf(s, name, queue, address) != VELCLIENT_OK)
+            return nullptr;
+        last.address = std::make_shared<const std::string>(std::move(address));
         last.queue = queue;
         last.name = name;
     }
@@ -69,7 +70,7 @@ std::shared_ptr<const std::string> targetAddress(_velClient_session *s, bool que
  * the publish window). */
 velClient_returnCode_t sendToBroker(_velClient_session *s, std::uint32_t flags, _velClient_msg *msg)
 {
-    std::shared_ptr<vel::amqp::Connection> connection = vel::session::connectionOf(s);
+    std::shared_ptr<vel::broker::Connection> connection = vel::session::connectionOf(s);
     if (connection == nullptr)
         return VEL_FAIL(VELCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED, VELCLIENT_LOG_WARNING,
                         "Session not connected in velClient_session_sendMsg");
@@ -77,13 +78,14 @@ velClient_returnCode_t sendToBroker(_velClient_session *s, std::uint32_t flags, 
     if (vel::msg::destination(msg, &dest) != VELCLIENT_OK)
         return VEL_FAIL_RANGE("Message has no destination in velClient_session_sendMsg");
     bool queue = dest.destType == VELCLIENT_QUEUE_DESTINATION || dest.destType == VELCLIENT_QUEUE_TEMP_DESTINATION;
-    const vel::amqp::Addressing &rules = s->broker.addressing;
-    vel::amqp::Outgoing out;
+    vel::broker::Outgoing out;
     out.address = targetAddress(s, queue, dest.dest);
+    if (out.address == nullptr)
+        return VELCLIENT_FAIL;
     out.settled = (flags & _VELCLIENT_RX_FLAG_DELIVERY_MODE_MASK) == 0;
     out.toQueue = queue;
     out.correlation_p = msg->bufInfo_a[VELCLIENT_BUFINFO_CORRELATION_TAG_PART].buf_p;
-    if (vel::amqp::encode(msg, rules, out.bytes, out.address.get()) != VELCLIENT_OK)
+    if (vel::session::encodeFor(s, msg, out) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     std::unique_lock<std::recursive_mutex> sessionLock(s->mutex, std::adopt_lock);
     velClient_returnCode_t rc = connection->send(std::move(out), sessionLock);
@@ -101,7 +103,7 @@ velClient_returnCode_t _velClient_session_fastSend(_velClient_session *s, const 
 {
     if (seqNumPtr != nullptr)
         vel::tlv::putBE(reinterpret_cast<std::uint8_t *>(seqNumPtr), s->sendSeqNum++, 8);
-    if (s->transport == _velClient_transport::amqp)
+    if (vel::session::onBroker(s))
         return sendToBroker(s, flags, msg);
     std::uint64_t msgId = 0;
     if (flags & _VELCLIENT_RX_FLAG_DELIVERY_MODE_MASK)

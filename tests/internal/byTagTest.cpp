@@ -9,7 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include "velClientAmqp/amqpByTag.h"
+#include "velClientBroker/byTag.h"
 
 namespace {
 
@@ -23,7 +23,7 @@ std::string valueOf(std::uint64_t tag)
     return value.append(std::to_string(tag));
 }
 
-Tags tagsOf(vel::amqp::ByTag<std::string> &byTag)
+Tags tagsOf(vel::broker::ByTag<std::string> &byTag)
 {
     Tags out;
     byTag.forEach([&](std::uint64_t tag, const std::string &value) {
@@ -49,7 +49,7 @@ TEST(AmqpByTag, EntriesTakenInAnyOrderLeaveTheOthersFindable)
     };
     const Tags added{2, 3, 5, 7, 9, 11}; /* gaps: other tags went to the other kind of message */
     for (const auto &c : cases) {
-        vel::amqp::ByTag<std::string> byTag;
+        vel::broker::ByTag<std::string> byTag;
         for (std::uint64_t tag : added)
             byTag.add(tag, valueOf(tag));
         Tags left = added;
@@ -72,7 +72,7 @@ TEST(AmqpByTag, EntriesTakenInAnyOrderLeaveTheOthersFindable)
 
 TEST(AmqpByTag, EraseIfKeepsTheRestInOrderAndNewTagsGoAfterThem)
 {
-    vel::amqp::ByTag<std::string> byTag;
+    vel::broker::ByTag<std::string> byTag;
     for (std::uint64_t tag = 1; tag <= 8; ++tag)
         byTag.add(tag, valueOf(tag));
     byTag.eraseIf([](const std::string &value) { return value == "m1" || value == "m4" || value == "m8"; });

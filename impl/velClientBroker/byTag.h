@@ -1,5 +1,5 @@
 /*
- * amqpByTag.h - outgoing messages kept by delivery tag. Tags are handed out
+ * byTag.h - outgoing messages kept by delivery tag. Tags are handed out
  * in increasing order, so the entries sit in a deque in tag order: adding is
  * a push at the back, the broker's outcomes (which mostly arrive in order)
  * find their entry at the front, and any other look-up is a binary search.
@@ -14,7 +14,7 @@
 #include <deque>
 #include <optional>
 
-namespace vel::amqp {
+namespace vel::broker {
 
 template <class T>
 class ByTag {
@@ -101,4 +101,4 @@ class ByTag {
     std::size_t count_ = 0;
 };
 
-} // namespace vel::amqp
+} // namespace vel::broker
