@@ -20,7 +20,6 @@
  *        [--direct 50000] [--persistent 20000] [--window 255]
  *        [--requests 3000] [--warmup 300] [--only direct|persistent|latency]
  *        [--contender velclient|Proton-C|libmosquitto]
- *        [--mosquitto-loop threaded|own]
  * The broker must be running (scripts/bench_broker.sh starts one of each).
  */
 #include <algorithm>
@@ -62,7 +61,6 @@ bool parse(int argc, char **argv, Options &o)
         else if (name == "--only") o.only = value;
         else if (name == "--contender") o.contender = value;
         else if (name == "--transport") o.settings.transport = value;
-        else if (name == "--mosquitto-loop") o.settings.mosquittoOwnLoop = std::strcmp(value, "own") == 0;
         else return false;
     }
     const bool known = o.settings.transport == "amqp" || o.settings.transport == "mqtt";
@@ -214,7 +212,7 @@ int main(int argc, char **argv)
         std::fprintf(stderr,
                      "usage: %s --port PORT [--transport amqp|mqtt] [--rounds N] [--direct N] [--persistent N] "
                      "[--window 1..255] [--requests N] [--warmup N] [--only direct|persistent|latency] "
-                     "[--contender velclient|Proton-C|libmosquitto] [--mosquitto-loop threaded|own]\n",
+                     "[--contender velclient|Proton-C|libmosquitto]\n",
                      argv[0]);
         return 2;
     }

@@ -23,7 +23,6 @@ using Clock = std::chrono::steady_clock;
 struct Settings {
     int port = 0;
     std::string transport = "amqp"; /* velclient's; the plain contender is Proton-C on amqp, libmosquitto on mqtt */
-    bool mosquittoOwnLoop = false;  /* libmosquitto: a thread calling mosquitto_loop instead of its threaded loop */
     long directMessages = 50000;
     long persistentMessages = 20000;
     int window = 255;         /* unacknowledged persistent messages at most, both contenders */
