@@ -182,6 +182,8 @@ TEST(CommandTool, LibraryFailuresGiveTheirTextAndStatus1)
         {"send --host 127.0.0.1:1 --topic a --text x",
          "velclient send: Could not connect to 127.0.0.1:1 (proton:io: Connection refused"},
         {"receive --host 127.0.0.1:1 --host 127.0.0.1:1 --queue a", "velclient receive: Could not connect to 127.0.0.1:1"},
+        {"send --transport mqtt --host 127.0.0.1:1 --topic a", "velclient send: Could not connect to 127.0.0.1:1"},
+        {"receive --transport mqtt --host 127.0.0.1:1 --topic a", "velclient receive: Could not connect to 127.0.0.1:1"},
         {"send --transport loopback --text x --topic " + std::string(251, 'x'), "velclient send: "},
         {"send --property SESSION_NOT_A_PROPERTY=1 --topic a", "velclient send: "},
     };
