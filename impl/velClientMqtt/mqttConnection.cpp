@@ -30,6 +30,8 @@ namespace {
 constexpr std::int64_t kCloseGraceMs = 2000;
 /* libmosquitto's keepalive and retries need a call at least this often. */
 constexpr int kMiscIntervalMs = 1000;
+/* Most packets read in one go before the loop looks at its other work. */
+constexpr int kReadBurst = 64;
 /* How long the broker keeps the session (subscriptions, QoS 1 messages) after
  * the connection is lost, in seconds: at least a minute, at most a day. */
 constexpr std::uint32_t kMinExpiry = 60, kMaxExpiry = 86400;
@@ -139,8 +141,8 @@ void Connection::pollOnce()
         [[maybe_unused]] ssize_t n = read(wakeFd_, &count, sizeof count);
         runCommands();
     }
-    if (sock >= 0 && client_ != nullptr && !lost_ && (fds[1].revents & (POLLIN | POLLERR | POLLHUP)))
-        afterCall(mosquitto_loop_read(client_, 1));
+    if (sock >= 0 && (fds[1].revents & (POLLIN | POLLERR | POLLHUP)))
+        readBurst();
     if (client_ != nullptr && !lost_ && mosquitto_socket(client_) >= 0 && mosquitto_want_write(client_))
         afterCall(mosquitto_loop_write(client_, 1));
     if (client_ != nullptr && !lost_ && mosquitto_socket(client_) >= 0)
@@ -148,6 +150,20 @@ void Connection::pollOnce()
     if (timerAt_ && Clock::now() >= *timerAt_) {
         timerAt_.reset();
         timedOut();
+    }
+}
+
+/* libmosquitto reads one packet per call while no QoS 1 message is pending:
+ * the packets already received are read without polling again in between. */
+void Connection::readBurst()
+{
+    for (int i = 0; i < kReadBurst && client_ != nullptr && !lost_; ++i) {
+        errno = 0;
+        int rc = mosquitto_loop_read(client_, 1);
+        bool drained = errno == EAGAIN || errno == EWOULDBLOCK;
+        afterCall(rc);
+        if (rc != MOSQ_ERR_SUCCESS || drained)
+            return;
     }
 }
 

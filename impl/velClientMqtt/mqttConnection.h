@@ -48,6 +48,7 @@ private:
     bool newClient();
     int pollTimeoutMs() const;
     void pollOnce();
+    void readBurst();
     /* After each libmosquitto call: a dropped connection, then what callbacks queued. */
     void afterCall(int rc);
     void dropped();
