@@ -10,7 +10,7 @@
 #include <thread>
 
 #include "broker/brokerFixture.h"
-#include "broker/brokerProxy.h"
+#include "support/brokerProxy.h"
 
 namespace {
 

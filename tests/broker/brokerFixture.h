@@ -1,110 +1,16 @@
-/* The broker the broker tests share and a client session that collects what
- * it receives. main() starts a throwaway RabbitMQ with its AMQP 1.0 plugin on
- * a free port of 127.0.0.1 (scripts/broker.sh, state in a temporary
- * directory) before the first test and stops it, each process by its own pid,
- * after the last; a test may kill it and start it again on the same port with
- * the same data. Without the broker every test fails, unless
- * VELCLIENT_SKIP_BROKER_TESTS=1, which skips them all and says so. */
+/* The broker the AMQP broker tests share: a throwaway RabbitMQ with its AMQP
+ * 1.0 plugin (scripts/broker.sh) and a TLS listener, and the collecting
+ * client session of support/brokerClient.h on the amqp transport. */
 #pragma once
 
-#include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <condition_variable>
-#include <functional>
-#include <mutex>
-#include <thread>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
-
-#include "velclient/velClientMsg.h"
+#include "support/brokerClient.h"
 
 namespace veltest::broker {
 
-/* The port of the running broker. */
-int port();
 /* The broker's TLS listener, whose certificate names 127.0.0.1 and localhost,
  * and the files of the run's certificates: "ca.pem" signed it, "other-ca.pem"
  * signed nothing. */
 int tlsPort();
 std::string tlsFile(const char *name);
-/* "127.0.0.1:port" of the running broker. */
-std::string host();
-/* A port of 127.0.0.1 on which nothing listens. */
-int closedPort();
-/* A name no other test run uses (topics, queues). */
-std::string unique(const std::string &stem);
-/* Ends the broker with signal ("TERM" or "KILL") and waits until it is gone. */
-void killBroker(const char *signal);
-/* Starts the broker again on the same ports with its data: durable queues
- * and the persistent messages on them survive. */
-void restartBroker();
-
-/* An event as the callback saw it. */
-struct Event {
-    velClient_session_event_t event;
-    std::string info;
-    void *correlation_p;
-};
-
-/* A broker session whose callbacks keep every message (taken) and event. */
-class Client {
-public:
-    explicit Client(std::vector<std::string> props = {});
-    ~Client();
-    Client(const Client &) = delete;
-    Client &operator=(const Client &) = delete;
-
-    velClient_opaqueSession_pt session() const { return session_; }
-    /* Connects; false, with the library's text as a test failure, when it fails. */
-    bool connect();
-    /* Waits up to timeout for at least count messages; false on timeout. */
-    bool waitMessages(std::size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(20));
-    /* Waits until count messages in all have arrived, kept or not. */
-    bool waitReceived(std::size_t count, std::chrono::milliseconds timeout);
-    std::size_t received();
-    /* Whether the messages are kept (the default) or left to the library to free. */
-    void keepMessages(bool keep) { keep_ = keep; }
-    bool waitEvents(velClient_session_event_t event, std::size_t count,
-                    std::chrono::milliseconds timeout = std::chrono::seconds(20));
-    std::vector<velClient_opaqueMsg_pt> messages();
-    std::vector<Event> events();
-    std::size_t countEvents(velClient_session_event_t event);
-    /* Subscribes; the broker has attached the link when it returns. */
-    void subscribeAndSync(const std::string &topic, bool queue = false);
-    /* Called on the I/O thread for each message before it is kept. */
-    std::function<void(velClient_opaqueSession_pt, velClient_opaqueMsg_pt)> onMessage;
-
-private:
-    static velClient_rxMsgCallback_returnCode_t rx(velClient_opaqueSession_pt, velClient_opaqueMsg_pt, void *);
-    static void ev(velClient_opaqueSession_pt, velClient_session_eventCallbackInfo_pt, void *);
-
-    velClient_opaqueSession_pt session_ = nullptr;
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<velClient_opaqueMsg_pt> messages_;
-    std::size_t received_ = 0;
-    std::atomic<bool> keep_{true};
-    std::vector<Event> events_;
-};
-
-/* Connects each client in turn; false at the first that fails. */
-template <typename... Clients>
-bool connectAll(Clients &...clients)
-{
-    return (... && clients.connect());
-}
-
-/* A message to topic or queue with an attachment, sent in delivery mode. */
-velClient_opaqueMsg_pt makeMessage(const std::string &destination, bool queue, velClient_uint32_t mode,
-                                   const std::string &attachment = "payload");
-/* Adds one field of each scalar type (bool, u8, i8, u16, i16, u32, i32, u64,
- * i64, wchar, float, double, string, bytes, null; named so) and closes the map. */
-void addOneOfEachType(velClient_opaqueContainer_pt map);
-/* The dump of a message without the lines that only the receive side sets. */
-std::string dumpWithoutReceiveLines(velClient_opaqueMsg_pt msg);
-std::string attachmentOf(velClient_opaqueMsg_pt msg);
 
 } // namespace veltest::broker

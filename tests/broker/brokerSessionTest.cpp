@@ -51,33 +51,6 @@ velClient_opaqueMsg_pt richMessage(const std::string &destination, bool queue, v
     return m;
 }
 
-velClient_rxMsgCallback_returnCode_t keep(velClient_opaqueSession_pt, velClient_opaqueMsg_pt msg, void *user)
-{
-    static_cast<std::vector<velClient_opaqueMsg_pt> *>(user)->push_back(msg);
-    return VELCLIENT_CALLBACK_TAKE_MSG;
-}
-
-/* The dump of the message as a loopback session receives it. */
-std::string loopbackDump(velClient_opaqueMsg_pt m)
-{
-    std::vector<velClient_opaqueMsg_pt> got;
-    velClient_opaqueSession_pt loop = nullptr;
-    EXPECT_EQ(VELCLIENT_OK, velClient_session_create(nullptr, keep, &got, &loop));
-    EXPECT_EQ(VELCLIENT_OK, velClient_session_sendMsg(loop, m));
-    velClient_session_destroy(&loop);
-    EXPECT_EQ(1u, got.size());
-    std::string dump = got.empty() ? "" : dumpWithoutReceiveLines(got[0]);
-    for (velClient_opaqueMsg_pt r : got)
-        velClient_msg_free(&r);
-    return dump;
-}
-
-void freeAll(std::vector<velClient_opaqueMsg_pt> messages)
-{
-    for (velClient_opaqueMsg_pt m : messages)
-        velClient_msg_free(&m);
-}
-
 /* Waits for exactly one message (nothing more within 300 ms) and checks its attachment. */
 void expectOneMessage(Client &c, const std::string &attachment)
 {

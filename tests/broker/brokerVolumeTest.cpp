@@ -1,34 +1,19 @@
 /* Volume on one broker session: a hundred thousand small messages sent and
  * received leave the message pool's live records where they were. */
 #include "broker/brokerFixture.h"
+#include "support/velTestSupport.h"
 
 namespace {
 
 using namespace veltest::broker;
 using namespace std::chrono_literals;
 
-/* The pool counters of live messages, containers and data blocks of each size class. */
-std::vector<velClient_uint64_t> liveRecords()
-{
-    std::vector<std::pair<velClient_msg_stats_t, velClient_uint32_t>> counters = {
-        {VELCLIENT_MSG_STATS_ALLOC_MSGS, 0}, {VELCLIENT_MSG_STATS_ALLOC_CONTAINERS, 0}};
-    for (velClient_uint32_t sizeClass = 0; sizeClass <= 5; ++sizeClass)
-        counters.emplace_back(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, sizeClass);
-    std::vector<velClient_uint64_t> values;
-    for (auto [type, index] : counters) {
-        velClient_uint64_t value = 0;
-        EXPECT_EQ(VELCLIENT_OK, velClient_msg_getStat(type, index, &value));
-        values.push_back(value);
-    }
-    return values;
-}
-
 } // namespace
 
 TEST(BrokerVolume, AHundredThousandMessagesLeaveNoRecordBehind)
 {
     constexpr std::size_t kMessages = 100000, kBacklog = 10000, kBatch = 1000;
-    std::vector<velClient_uint64_t> before = liveRecords();
+    const veltest::LiveCounts before;
     {
         Client c;
         ASSERT_TRUE(connectAll(c));
@@ -49,5 +34,5 @@ TEST(BrokerVolume, AHundredThousandMessagesLeaveNoRecordBehind)
         std::this_thread::sleep_for(200ms);
         EXPECT_EQ(synced + kMessages, c.received());
     }
-    EXPECT_EQ(before, liveRecords()) << "live messages, containers, then data blocks by size class";
+    before.expectBalanced();
 }

@@ -1,6 +1,6 @@
 /* The TCP relay of the broker tests (see brokerProxy.h): one thread polls the
  * listener and both ends of every relayed connection. */
-#include "broker/brokerProxy.h"
+#include "support/brokerProxy.h"
 
 #include <fcntl.h>
 #include <netinet/in.h>
