@@ -36,6 +36,8 @@ class Client {
 public:
     Client(const Settings &settings, const std::string &id) : settings_(settings)
     {
+        static const int started = mosquitto_lib_init();
+        check(started, "lib_init");
         mosq_ = mosquitto_new(id.c_str(), true, this);
         if (mosq_ == nullptr)
             throw Failure("libmosquitto: mosquitto_new failed");
