@@ -13,8 +13,7 @@
 #include <vector>
 
 #include "velClientAmqp/amqpCodec.h"
-#include "velClientMsg/header/headerMaps.h"
-#include "vwfWalk.h"
+#include "codecWalk.h"
 
 namespace velfuzz {
 
@@ -24,20 +23,11 @@ inline bool walkAmqp(const std::uint8_t *data, std::size_t size)
     _velClient_msg *m = nullptr;
     if (vel::amqp::decode(reinterpret_cast<const char *>(data), size, rules, nullptr, &m) != VELCLIENT_OK)
         return true;
-    velClient_opaqueMsg_pt h = m->opaqueMsg_p;
-    readEverything(h);
-    bool ok = true;
-    std::vector<char> bytes;
-    if (vel::meta::prepareForWire(m, false) == VELCLIENT_OK && vel::amqp::encode(m, rules, bytes) == VELCLIENT_OK) {
-        _velClient_msg *again = nullptr;
-        ok = vel::amqp::decode(bytes.data(), bytes.size(), rules, nullptr, &again) == VELCLIENT_OK;
-        if (again != nullptr) {
-            velClient_opaqueMsg_pt a = again->opaqueMsg_p;
-            velClient_msg_free(&a);
-        }
-    }
-    velClient_msg_free(&h);
-    return ok;
+    return walkAccepted(m, [&](_velClient_msg *accepted, _velClient_msg **back) {
+        std::vector<char> bytes;
+        return vel::amqp::encode(accepted, rules, bytes) != VELCLIENT_OK ||
+               vel::amqp::decode(bytes.data(), bytes.size(), rules, nullptr, back) == VELCLIENT_OK;
+    });
 }
 
 } // namespace velfuzz
