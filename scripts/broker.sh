@@ -22,6 +22,7 @@
 # a CA that signed nothing.
 set -euo pipefail
 
+name=broker.sh
 last="${TMPDIR:-/tmp}/velclient-broker.last"
 server=/usr/lib/rabbitmq/bin/rabbitmq-server
 # shellcheck source=scripts/throwaway.sh
@@ -129,45 +130,19 @@ launch() {
 }
 
 stop() {
-  local dir="${1:-}"
-  if [ -z "$dir" ] && [ -f "$last" ]; then
-    dir=$(cat "$last")
-    rm -f "$last"
-  fi
-  if [ -z "$dir" ] || [ ! -d "$dir" ]; then
-    echo "broker.sh: no broker directory to stop" >&2
-    exit 1
-  fi
+  local dir f
+  dir=$(stopped_dir "${1:-}") || exit 1
   for f in server.pid beam.pid epmd.pid; do
     [ -s "$dir/$f" ] && end_pid "$(cat "$dir/$f")"
   done
   [ "${2:-}" = keep ] || rm -rf "$dir"
 }
 
-# Sends the broker (the Erlang VM) signal and waits up to 30 s for it and its
-# launcher to end, then kills both; epmd stays for the restart.
-kill_broker() {
-  local dir=$1 signal=$2 pid
-  case "$signal" in TERM|KILL) ;; *) echo "broker.sh: kill needs TERM or KILL" >&2; exit 2 ;; esac
-  kill -"$signal" "$(cat "$dir/beam.pid")"
-  for pid in $(cat "$dir/beam.pid") $(cat "$dir/server.pid"); do
-    wait_gone "$pid"
-  done
-  : >"$dir/beam.pid"
-  : >"$dir/server.pid"
-}
-
-need_dir() {
-  if [ -z "${1:-}" ] || [ ! -s "$1/env.sh" ]; then
-    echo "broker.sh: $2 needs the directory of a broker started by this script" >&2
-    exit 2
-  fi
-}
-
 case "${1:-}" in
   start) start "${2:-}" ;;
   stop) stop "${2:-}" ;;
-  kill) need_dir "${2:-}" kill; kill_broker "$2" "${3:-}" ;;
-  restart) need_dir "${2:-}" restart; launch "$2" ;;
+  # The Erlang VM gets the signal; its launcher ends with it; epmd stays for the restart.
+  kill) need_dir "${2:-}" env.sh kill; signal_and_wait "$2" "${3:-}" beam.pid server.pid ;;
+  restart) need_dir "${2:-}" env.sh restart; launch "$2" ;;
   *) echo "usage: $0 start|stop [DIR] | kill DIR TERM|KILL | restart DIR" >&2; exit 2 ;;
 esac

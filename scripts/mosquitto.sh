@@ -30,6 +30,7 @@
 # drops the rest with only a line in the log).
 set -euo pipefail
 
+name=mosquitto.sh
 last="${TMPDIR:-/tmp}/velclient-mosquitto.last"
 broker=/usr/sbin/mosquitto
 # shellcheck source=scripts/throwaway.sh
@@ -109,41 +110,16 @@ launch() {
 }
 
 stop() {
-  local dir="${1:-}"
-  if [ -z "$dir" ] && [ -f "$last" ]; then
-    dir=$(cat "$last")
-    rm -f "$last"
-  fi
-  if [ -z "$dir" ] || [ ! -d "$dir" ]; then
-    echo "mosquitto.sh: no broker directory to stop" >&2
-    exit 1
-  fi
+  local dir
+  dir=$(stopped_dir "${1:-}") || exit 1
   [ -s "$dir/mosquitto.pid" ] && end_pid "$(cat "$dir/mosquitto.pid")"
   [ "${2:-}" = keep ] || rm -rf "$dir"
-}
-
-# Sends the broker signal and waits up to 30 s for it to end, then kills it.
-kill_broker() {
-  local dir=$1 signal=$2
-  case "$signal" in TERM|KILL) ;; *) echo "mosquitto.sh: kill needs TERM or KILL" >&2; exit 2 ;; esac
-  if [ -s "$dir/mosquitto.pid" ]; then
-    kill -"$signal" "$(cat "$dir/mosquitto.pid")" 2>/dev/null || true
-    wait_gone "$(cat "$dir/mosquitto.pid")"
-  fi
-  : >"$dir/mosquitto.pid"
-}
-
-need_dir() {
-  if [ -z "${1:-}" ] || [ ! -s "$1/mosquitto.conf" ]; then
-    echo "mosquitto.sh: $2 needs the directory of a broker started by this script" >&2
-    exit 2
-  fi
 }
 
 case "${1:-}" in
   start) start "${2:-}" ;;
   stop) stop "${2:-}" ;;
-  kill) need_dir "${2:-}" kill; kill_broker "$2" "${3:-}" ;;
-  restart) need_dir "${2:-}" restart; launch "$2" ;;
+  kill) need_dir "${2:-}" mosquitto.conf kill; signal_and_wait "$2" "${3:-}" mosquitto.pid ;;
+  restart) need_dir "${2:-}" mosquitto.conf restart; launch "$2" ;;
   *) echo "usage: $0 start|stop [DIR] | kill DIR TERM|KILL | restart DIR" >&2; exit 2 ;;
 esac

@@ -23,34 +23,6 @@ std::string lastText()
     return velClient_getLastErrorInfo()->errorStr;
 }
 
-/* A message with something in every part and property a sender sets. */
-velClient_opaqueMsg_pt richMessage(const std::string &destination, bool queue, velClient_uint32_t mode)
-{
-    velClient_opaqueMsg_pt m = makeMessage(destination, queue, mode);
-    velClient_opaqueContainer_pt map = nullptr;
-    EXPECT_EQ(VELCLIENT_OK, velClient_msg_createBinaryAttachmentMap(m, &map, 256));
-    addOneOfEachType(map);
-    velClient_opaqueContainer_pt props = nullptr;
-    EXPECT_EQ(VELCLIENT_OK, velClient_msg_createUserPropertyMap(m, &props, 128));
-    velClient_container_addInt32(props, 42, "answer");
-    velClient_container_addString(props, "v", "name");
-    velClient_container_addFloat(props, 1.5f, "f");
-    velClient_container_closeMapStream(&props);
-    velClient_msg_setApplicationMessageId(m, "app-id-1");
-    velClient_msg_setCorrelationId(m, "corr-1");
-    velClient_msg_setHttpContentType(m, "text/plain");
-    velClient_msg_setTimeToLive(m, 60000);
-    velClient_msg_setClassOfService(m, VELCLIENT_COS_2);
-    velClient_msg_setDMQEligible(m, 1);
-    velClient_msg_setSenderTimestamp(m, 1700000000123LL);
-    velClient_msg_setSequenceNumber(m, 77);
-    velClient_msg_setUserData(m, "ud", 2);
-    velClient_msg_setXml(m, "<x/>", 4);
-    velClient_destination_t reply{VELCLIENT_TOPIC_DESTINATION, "replies/here"};
-    velClient_msg_setReplyTo(m, &reply, sizeof reply);
-    return m;
-}
-
 /* Waits for exactly one message (nothing more within 300 ms) and checks its attachment. */
 void expectOneMessage(Client &c, const std::string &attachment)
 {

@@ -135,14 +135,7 @@ TEST(MqttForeign, MosquittoPubReachesASessionAndItsReplyComesBack)
     ASSERT_TRUE(connectAll(responder));
     /* The responder answers to the reply-to with the request's correlation id. */
     responder.onMessage = [](velClient_opaqueSession_pt s, velClient_opaqueMsg_pt request) {
-        velClient_destination_t replyTo{};
-        const char *correlation = nullptr;
-        ASSERT_EQ(VELCLIENT_OK, velClient_msg_getReplyTo(request, &replyTo, sizeof replyTo));
-        ASSERT_EQ(VELCLIENT_OK, velClient_msg_getCorrelationId(request, &correlation));
-        velClient_opaqueMsg_pt reply = makeMessage(replyTo.dest, false, VELCLIENT_DELIVERY_MODE_PERSISTENT, "reply");
-        velClient_msg_setCorrelationId(reply, correlation);
-        EXPECT_EQ(VELCLIENT_OK, velClient_session_sendMsg(s, reply));
-        velClient_msg_free(&reply);
+        reply(s, request, VELCLIENT_DELIVERY_MODE_PERSISTENT, "reply");
     };
     responder.subscribeAndSync(root + "/requests");
     ForeignSubscriber replies(root + "/replies", 1);

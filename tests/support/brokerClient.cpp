@@ -208,6 +208,72 @@ void Client::sync()
     EXPECT_EQ(VELCLIENT_OK, velClient_session_topicUnsubscribe(session_, topic.c_str()));
 }
 
+/* A message with every part and header property a sender sets: a user
+ * property map with one entry of each type, an attachment map holding a
+ * nested map, every text, number and mark of the header. */
+velClient_opaqueMsg_pt richMessage(const std::string &destination, bool queue, velClient_uint32_t mode)
+{
+    velClient_opaqueMsg_pt m = makeMessage(destination, queue, mode);
+    velClient_opaqueContainer_pt map = nullptr, nested = nullptr, props = nullptr;
+    EXPECT_EQ(VELCLIENT_OK, velClient_msg_createBinaryAttachmentMap(m, &map, 512));
+    velClient_container_addString(map, "outer", "level");
+    EXPECT_EQ(VELCLIENT_OK, velClient_container_openSubMap(map, &nested, "nested"));
+    addOneOfEachType(nested);
+    EXPECT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&map));
+    EXPECT_EQ(VELCLIENT_OK, velClient_msg_createUserPropertyMap(m, &props, 256));
+    addOneOfEachType(props);
+    velClient_msg_setApplicationMessageId(m, "app-id-1");
+    velClient_msg_setApplicationMsgType(m, "app-type");
+    velClient_msg_setCorrelationId(m, "corr-1");
+    velClient_msg_setSenderId(m, "sender-1");
+    velClient_msg_setHttpContentType(m, "text/plain");
+    velClient_msg_setHttpContentEncoding(m, "gzip");
+    velClient_msg_setExpiration(m, 4102444800000LL);
+    velClient_msg_setClassOfService(m, VELCLIENT_COS_3);
+    velClient_msg_setDMQEligible(m, 1);
+    velClient_msg_setDeliverToOne(m, 1);
+    velClient_msg_setElidingEligible(m, 1);
+    velClient_msg_setAckImmediately(m, 1);
+    velClient_msg_setAsReplyMsg(m, 1);
+    velClient_msg_setSenderTimestamp(m, 1700000000123LL);
+    velClient_msg_setSequenceNumber(m, 77);
+    velClient_msg_setUserData(m, "ud", 2);
+    velClient_msg_setXml(m, "<x/>", 4);
+    velClient_destination_t reply{VELCLIENT_TOPIC_DESTINATION, "replies/here"};
+    velClient_msg_setReplyTo(m, &reply, sizeof reply);
+    return m;
+}
+
+void reply(velClient_opaqueSession_pt s, velClient_opaqueMsg_pt request, velClient_uint32_t mode,
+           const std::string &body)
+{
+    velClient_destination_t replyTo{};
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getReplyTo(request, &replyTo, sizeof replyTo));
+    velClient_opaqueMsg_pt answer = makeMessage(replyTo.dest, false, mode, body);
+    const char *correlation = nullptr;
+    if (velClient_msg_getCorrelationId(request, &correlation) == VELCLIENT_OK)
+        velClient_msg_setCorrelationId(answer, correlation);
+    velClient_msg_setAsReplyMsg(answer, 1);
+    EXPECT_EQ(VELCLIENT_OK, velClient_session_sendMsg(s, answer));
+    velClient_msg_free(&answer);
+}
+
+void pumpThrough(Client &c, const std::string &topic, std::size_t count, const std::vector<velClient_uint32_t> &modes)
+{
+    const std::size_t backlog = count / 10, batch = backlog / 10, synced = c.received();
+    for (std::size_t i = 0; i < count; ++i) {
+        velClient_opaqueMsg_pt m = makeMessage(topic, false, modes[i % modes.size()], std::to_string(i));
+        ASSERT_EQ(VELCLIENT_OK, velClient_session_sendMsg(c.session(), m)) << velClient_getLastErrorInfo()->errorStr;
+        velClient_msg_free(&m);
+        /* At most backlog on their way, so that neither side piles them up. */
+        if (i % batch == 0 && i >= backlog) {
+            ASSERT_TRUE(c.waitReceived(synced + i - backlog, std::chrono::seconds(60)))
+                << c.received() - synced << " of " << i;
+        }
+    }
+    ASSERT_TRUE(c.waitReceived(synced + count, std::chrono::seconds(60))) << c.received() - synced << " of " << count;
+}
+
 velClient_opaqueMsg_pt makeMessage(const std::string &destination, bool queue, velClient_uint32_t mode,
                                    const std::string &attachment)
 {

@@ -107,6 +107,16 @@ bool connectAll(Clients &...clients)
 /* A message to topic or queue with an attachment, sent in delivery mode. */
 velClient_opaqueMsg_pt makeMessage(const std::string &destination, bool queue, velClient_uint32_t mode,
                                    const std::string &attachment = "payload");
+/* A message with every part and header property a sender sets: a user
+ * property map with one entry of each type, an attachment map holding a
+ * nested one, every text, number and mark of the header. */
+velClient_opaqueMsg_pt richMessage(const std::string &destination, bool queue, velClient_uint32_t mode);
+/* Answers request on s: body to its reply-to, with its correlation id, marked as a reply. */
+void reply(velClient_opaqueSession_pt s, velClient_opaqueMsg_pt request, velClient_uint32_t mode,
+           const std::string &body);
+/* Sends count messages to topic, which c subscribes, in modes by turns, at
+ * most a tenth of them on their way at once, and waits until all came back. */
+void pumpThrough(Client &c, const std::string &topic, std::size_t count, const std::vector<velClient_uint32_t> &modes);
 /* Adds one field of each scalar type (bool, u8, i8, u16, i16, u32, i32, u64,
  * i64, wchar, float, double, string, bytes, null; named so) and closes the map. */
 void addOneOfEachType(velClient_opaqueContainer_pt map);
