@@ -21,6 +21,7 @@
  * one-level wildcard, and a last level that is exactly ">" the many-level one.
  */
 #include "velClientAmqp/amqpCodec.h"
+#include "velClientBroker/percentEscape.h"
 
 #include <algorithm>
 
@@ -28,15 +29,7 @@ namespace {
 
 using vel::amqp::Addressing;
 
-constexpr char kHex[] = "0123456789ABCDEF";
-
-void appendEscaped(std::string &out, char ch)
-{
-    auto byte = static_cast<unsigned char>(ch);
-    out.push_back('%');
-    out.push_back(kHex[byte >> 4]);
-    out.push_back(kHex[byte & 0x0F]);
-}
+using vel::broker::appendEscaped;
 
 /* Where the next byte of the separator is in level, from at (npos: none). */
 std::size_t nextSeparatorByte(const Addressing &rules, std::string_view level, std::size_t at)
@@ -81,17 +74,6 @@ void appendLevel(const Addressing &rules, std::string &out, std::string_view lev
         appendEncoded(rules, out, level);
 }
 
-int hexValue(char ch)
-{
-    if (ch >= '0' && ch <= '9')
-        return ch - '0';
-    if (ch >= 'A' && ch <= 'F')
-        return ch - 'A' + 10;
-    if (ch >= 'a' && ch <= 'f')
-        return ch - 'a' + 10;
-    return -1;
-}
-
 /* One address level back to its topic level; false for a broken escape. */
 bool appendDecoded(const Addressing &rules, std::string &out, std::string_view level)
 {
@@ -108,11 +90,10 @@ bool appendDecoded(const Addressing &rules, std::string &out, std::string_view l
             out.push_back(level[i]);
             continue;
         }
-        int hi = level.size() - i >= 3 ? hexValue(level[i + 1]) : -1;
-        int lo = level.size() - i >= 3 ? hexValue(level[i + 2]) : -1;
-        if (hi < 0 || lo < 0)
+        int byte = vel::broker::escapedByte(level, i);
+        if (byte < 0)
             return false;
-        out.push_back(static_cast<char>(hi << 4 | lo));
+        out.push_back(static_cast<char>(byte));
         i += 2;
     }
     return true;

@@ -70,11 +70,6 @@ Connection::Connection(_velClient_session *session)
 {
 }
 
-Connection *Connection::create(_velClient_session *session)
-{
-    return new (std::nothrow) Connection(session);
-}
-
 Connection::~Connection()
 {
     if (ioThread_.joinable())
@@ -240,21 +235,12 @@ void Connection::transportClosed(pn_event_t *event)
     senders_.clear();
     receivers_.clear();
     clientAcks_.clear();
-    answerAll();
-    if (closing_) {
-        finished_ = true;
-        return;
-    }
-    if (opened_) {
-        connectionLost(reason);
-        return;
-    }
     velClient_subCode_t code = VELCLIENT_SUBCODE_COMMUNICATION_ERROR;
     if (isLoginRefusal(condition))
         code = VELCLIENT_SUBCODE_LOGIN_FAILURE;
     else if (attemptTimeout_.rfind("no answer", 0) == 0)
         code = VELCLIENT_SUBCODE_TIMEOUT;
-    attemptFailed(reason, code);
+    ended(reason, code);
 }
 
 void Connection::setTimer(std::int64_t ms)

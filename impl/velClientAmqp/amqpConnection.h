@@ -32,7 +32,7 @@ using broker::Subscription;
 class Connection final : public broker::Connection {
 public:
     /* A new connection for the session, not yet started (broker::Connection::start). */
-    static Connection *create(_velClient_session *session);
+    explicit Connection(_velClient_session *session);
     ~Connection() override;
 
 private:
@@ -41,7 +41,6 @@ private:
         std::deque<std::uint64_t> waiting; /* tags of messages awaiting credit */
     };
 
-    explicit Connection(_velClient_session *session);
     bool ready() const override { return proactor_ != nullptr; }
     void run() override;
     void wakeIo() override;

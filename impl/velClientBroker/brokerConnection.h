@@ -124,6 +124,10 @@ protected:
 
     /* ---- The I/O thread's shared steps ---- */
     void attemptFailed(const std::string &reason, velClient_subCode_t subCode);
+    /* The current connection or attempt ended (its waiting subscribers go
+     * on): the close is done, the connection was lost, or the attempt failed
+     * with attemptCode. */
+    void ended(const std::string &reason, velClient_subCode_t attemptCode);
     void connectionUp();
     void connectionLost(const std::string &reason);
     void goDown(const std::string &reason);

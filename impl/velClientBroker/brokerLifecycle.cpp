@@ -70,6 +70,17 @@ void Connection::attemptFailed(const std::string &reason, velClient_subCode_t su
     setTimer(b.reconnectRetryWaitMs);
 }
 
+void Connection::ended(const std::string &reason, velClient_subCode_t attemptCode)
+{
+    answerAll();
+    if (closing_)
+        finished_ = true;
+    else if (opened_)
+        connectionLost(reason);
+    else
+        attemptFailed(reason, attemptCode);
+}
+
 void Connection::connectionUp()
 {
     opened_ = true;

@@ -82,12 +82,7 @@ std::once_flag libraryStarted_s;
 Connection::Connection(_velClient_session *session)
     : broker::Connection(session, inboxOf(session)), wakeFd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC))
 {
-}
-
-Connection *Connection::create(_velClient_session *session)
-{
     std::call_once(libraryStarted_s, [] { mosquitto_lib_init(); });
-    return new (std::nothrow) Connection(session);
 }
 
 Connection::~Connection()
@@ -150,6 +145,10 @@ void Connection::pollOnce()
     if (timerAt_ && Clock::now() >= *timerAt_) {
         timerAt_.reset();
         timedOut();
+    }
+    if (queuedByCallback_ && !finished_) { /* an event raised outside libmosquitto's calls */
+        queuedByCallback_ = false;
+        runCommands();
     }
 }
 
@@ -277,19 +276,7 @@ void Connection::dropped()
     client_ = nullptr;
     inFlight_.clear();
     subscribing_.clear();
-    answerAll();
-    if (closing_) {
-        finished_ = true;
-        return;
-    }
-    if (opened_) {
-        connectionLost(lostReason_);
-        return;
-    }
-    if (!refusal_.empty())
-        attemptFailed(refusal_, refusalCode_);
-    else
-        attemptFailed(lostReason_, VELCLIENT_SUBCODE_COMMUNICATION_ERROR);
+    ended(refusal_.empty() ? lostReason_ : refusal_, refusalCode_);
 }
 
 /* Disconnect asked: what was queued goes out, then a DISCONNECT that ends the

@@ -29,13 +29,12 @@ namespace vel::mqtt {
 class Connection final : public broker::Connection {
 public:
     /* A new connection for the session, not yet started (broker::Connection::start). */
-    static Connection *create(_velClient_session *session);
+    explicit Connection(_velClient_session *session);
     ~Connection() override;
 
 private:
     using Clock = std::chrono::steady_clock;
 
-    explicit Connection(_velClient_session *session);
     bool ready() const override { return wakeFd_ >= 0; }
     void run() override;
     void wakeIo() override;

@@ -6,6 +6,7 @@
  * filter a level that is exactly "*" becomes "+" and a last level exactly ">"
  * becomes "#". Example: "#P2P/v:host/me" is published as "%23P2P/v:host/me".
  */
+#include "velClientBroker/percentEscape.h"
 #include "velClientMqtt/mqttCodec.h"
 
 namespace {
@@ -16,15 +17,6 @@ constexpr std::size_t kMaxTopic = 250;
 bool needsEscape(char c, std::size_t at)
 {
     return c == '%' || c == '+' || c == '#' || (c == '$' && at == 0);
-}
-
-void appendEscaped(std::string &out, char c)
-{
-    static constexpr char kHex[] = "0123456789ABCDEF";
-    const auto b = static_cast<unsigned char>(c);
-    out += '%';
-    out += kHex[b >> 4];
-    out += kHex[b & 0x0F];
 }
 
 std::string mapped(std::string_view topic, bool filter)
@@ -43,7 +35,7 @@ std::string mapped(std::string_view topic, bool filter)
         } else {
             for (std::size_t i = 0; i < level.size(); ++i) {
                 if (needsEscape(level[i], start + i))
-                    appendEscaped(out, level[i]);
+                    vel::broker::appendEscaped(out, level[i]);
                 else
                     out += level[i];
             }
@@ -53,17 +45,6 @@ std::string mapped(std::string_view topic, bool filter)
         out += '/';
         start = end + 1;
     }
-}
-
-int hexValue(char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    return -1;
 }
 
 } // namespace
@@ -88,11 +69,10 @@ bool vel::mqtt::topicOf(std::string_view name, std::string &topic)
             topic += name[i];
             continue;
         }
-        const int high = i + 2 < name.size() ? hexValue(name[i + 1]) : -1;
-        const int low = high >= 0 ? hexValue(name[i + 2]) : -1;
-        if (low < 0 || (high | low) == 0)
+        const int byte = vel::broker::escapedByte(name, i);
+        if (byte <= 0)
             return false;
-        topic += static_cast<char>(high << 4 | low);
+        topic += static_cast<char>(byte);
         i += 2;
     }
     return !topic.empty() && topic.size() <= kMaxTopic;

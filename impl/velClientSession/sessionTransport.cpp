@@ -6,6 +6,8 @@
  */
 #include <mosquitto.h>
 
+#include <new>
+
 #include "velClientAmqp/amqpCodec.h"
 #include "velClientAmqp/amqpConnection.h"
 #include "velClientLog/logPrivate.h"
@@ -33,9 +35,9 @@ velClient_returnCode_t openConnection(_velClient_session *s, std::shared_ptr<vel
 {
     vel::broker::Connection *c = nullptr;
     if (s->transport == _velClient_transport::mqtt)
-        c = vel::mqtt::Connection::create(s);
+        c = new (std::nothrow) vel::mqtt::Connection(s);
     else
-        c = vel::amqp::Connection::create(s);
+        c = new (std::nothrow) vel::amqp::Connection(s);
     return vel::broker::Connection::start(c, out);
 }
 
