@@ -30,15 +30,7 @@ server=/usr/lib/rabbitmq/bin/rabbitmq-server
 
 # Succeeds once the port answers an AMQP 1.0 SASL protocol header in kind.
 speaks_amqp10() {
-  python3 - "$1" <<'EOF'
-import socket, sys
-try:
-    with socket.create_connection(("127.0.0.1", int(sys.argv[1])), timeout=2) as s:
-        s.sendall(b"AMQP\x03\x01\x00\x00")
-        sys.exit(0 if s.recv(8) == b"AMQP\x03\x01\x00\x00" else 1)
-except OSError:
-    sys.exit(1)
-EOF
+  answers "$1" 'b"AMQP\x03\x01\x00\x00"' 'b"AMQP\x03\x01\x00\x00"'
 }
 
 # A CA, a server certificate it signs for 127.0.0.1 and localhost, and an unrelated CA.
@@ -112,18 +104,10 @@ launch() {
   "$server" >>"$dir/log/server.out" 2>&1 &
   echo $! >"$dir/server.pid"
   # 6 to 10 s on an idle machine; far longer on a loaded one.
-  local deadline=$((SECONDS + 180))
-  while [ "$SECONDS" -lt "$deadline" ]; do
-    if speaks_amqp10 "$port"; then
-      pgrep -P "$(cat "$dir/server.pid")" beam.smp >"$dir/beam.pid" || true
-      echo "$port"
-      return 0
-    fi
-    if ! kill -0 "$(cat "$dir/server.pid")" 2>/dev/null; then
-      break
-    fi
-    sleep 0.5
-  done
+  if await_port speaks_amqp10 "$port" "$dir/server.pid" 180 0.5; then
+    pgrep -P "$(cat "$dir/server.pid")" beam.smp >"$dir/beam.pid" || true
+    return 0
+  fi
   echo "broker.sh: the broker did not accept AMQP 1.0 on port $port; see $dir/log" >&2
   stop "$dir" keep
   exit 1

@@ -38,17 +38,7 @@ broker=/usr/sbin/mosquitto
 
 # Succeeds once the port answers an MQTT 3.1.1 connect with a connack.
 speaks_mqtt() {
-  python3 - "$1" <<'PYEOF'
-import socket, sys
-try:
-    with socket.create_connection(("127.0.0.1", int(sys.argv[1])), timeout=2) as s:
-        s.sendall(b"\x10\x0c\x00\x04MQTT\x04\x02\x00\x3c\x00\x00")
-        ok = s.recv(4) == b"\x20\x02\x00\x00"
-        s.sendall(b"\xe0\x00")
-        sys.exit(0 if ok else 1)
-except OSError:
-    sys.exit(1)
-PYEOF
+  answers "$1" 'b"\x10\x0c\x00\x04MQTT\x04\x02\x00\x3c\x00\x00"' 'b"\x20\x02\x00\x00"'
 }
 
 start() {
@@ -93,17 +83,7 @@ launch() {
   port=$(cat "$dir/port")
   setsid "$broker" -c "$dir/mosquitto.conf" >>"$dir/mosquitto.out" 2>&1 &
   echo $! >"$dir/mosquitto.pid"
-  local deadline=$((SECONDS + 30))
-  while [ "$SECONDS" -lt "$deadline" ]; do
-    if speaks_mqtt "$port"; then
-      echo "$port"
-      return 0
-    fi
-    if ! kill -0 "$(cat "$dir/mosquitto.pid")" 2>/dev/null; then
-      break
-    fi
-    sleep 0.05
-  done
+  await_port speaks_mqtt "$port" "$dir/mosquitto.pid" 30 0.05 && return 0
   echo "mosquitto.sh: the broker did not answer MQTT on port $port; see $dir/mosquitto.out and $dir/mosquitto.log" >&2
   stop "$dir" keep
   exit 1

@@ -8,25 +8,50 @@ free_port() {
   python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
 }
 
-# Ends one process by its pid: TERM, then KILL after 10 s.
-end_pid() {
-  local pid=$1
-  kill -TERM "$pid" 2>/dev/null || return 0
-  for _ in $(seq 1 100); do
+# Succeeds when 127.0.0.1:PORT answers the bytes SEND with EXPECT (both
+# Python bytes literals).
+answers() {
+  python3 - "$@" <<'PYEOF'
+import ast, socket, sys
+send, expect = ast.literal_eval(sys.argv[2]), ast.literal_eval(sys.argv[3])
+try:
+    with socket.create_connection(("127.0.0.1", int(sys.argv[1])), timeout=2) as s:
+        s.sendall(send)
+        sys.exit(0 if s.recv(len(expect)) == expect else 1)
+except OSError:
+    sys.exit(1)
+PYEOF
+}
+
+# Waits up to TENTHS tenths of a second for the process to end, then kills it.
+wait_gone() {
+  local pid=$1 tenths=${2:-300}
+  for _ in $(seq 1 "$tenths"); do
     kill -0 "$pid" 2>/dev/null || return 0
     sleep 0.1
   done
   kill -KILL "$pid" 2>/dev/null || true
 }
 
-# Waits up to 30 s for the process to end, then kills it.
-wait_gone() {
-  local pid=$1
-  for _ in $(seq 1 300); do
-    kill -0 "$pid" 2>/dev/null || return 0
-    sleep 0.1
+# Ends one process by its pid: TERM, then KILL after 10 s.
+end_pid() {
+  kill -TERM "$1" 2>/dev/null || return 0
+  wait_gone "$1" 100
+}
+
+# Prints PORT once CHECK PORT succeeds; fails when the process of PIDFILE
+# ends first or SECONDS pass. PAUSE: the wait between two checks.
+await_port() {
+  local check=$1 port=$2 pidfile=$3 deadline=$((SECONDS + $4)) pause=$5
+  while [ "$SECONDS" -lt "$deadline" ]; do
+    if "$check" "$port"; then
+      echo "$port"
+      return 0
+    fi
+    kill -0 "$(cat "$pidfile")" 2>/dev/null || return 1
+    sleep "$pause"
   done
-  kill -KILL "$pid" 2>/dev/null || true
+  return 1
 }
 
 # The directory given, or the one the last start without one made (then

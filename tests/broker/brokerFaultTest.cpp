@@ -23,15 +23,6 @@ std::string lastText()
     return velClient_getLastErrorInfo()->errorStr;
 }
 
-velClient_returnCode_t send(Client &c, const std::string &to, bool queue, velClient_uint32_t mode,
-                            const std::string &body)
-{
-    velClient_opaqueMsg_pt m = makeMessage(to, queue, mode, body);
-    velClient_returnCode_t rc = velClient_session_sendMsg(c.session(), m);
-    velClient_msg_free(&m);
-    return rc;
-}
-
 } // namespace
 
 TEST(BrokerFaults, AResetConnectionReconnectsResendsAndRestoresSubscriptions)

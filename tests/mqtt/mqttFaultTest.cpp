@@ -18,14 +18,6 @@ using namespace std::chrono_literals;
 /* Reconnecting for as long as a restart takes. */
 const std::vector<std::string> kPatient = {"SESSION_RECONNECT_RETRIES", "-1", "SESSION_RECONNECT_RETRY_WAIT_MS", "100"};
 
-velClient_returnCode_t send(Client &c, const std::string &topic, velClient_uint32_t mode, const std::string &body)
-{
-    velClient_opaqueMsg_pt m = makeMessage(topic, false, mode, body);
-    velClient_returnCode_t rc = velClient_session_sendMsg(c.session(), m);
-    velClient_msg_free(&m);
-    return rc;
-}
-
 std::vector<std::string> withProps(std::vector<std::string> props, const std::vector<std::string> &more)
 {
     props.insert(props.end(), more.begin(), more.end());
@@ -43,7 +35,7 @@ public:
         thread_ = std::thread([this] {
             while (!stop_) {
                 velClient_returnCode_t rc =
-                    send(client_, topic_, VELCLIENT_DELIVERY_MODE_PERSISTENT, std::to_string(sent_.load()));
+                    send(client_, topic_, false, VELCLIENT_DELIVERY_MODE_PERSISTENT, std::to_string(sent_.load()));
                 EXPECT_NE(VELCLIENT_FAIL, rc) << veltest::lastErrorText();
                 sent_ += rc == VELCLIENT_OK;
                 std::this_thread::sleep_for(1ms);
@@ -89,9 +81,9 @@ TEST(MqttFaults, ABrokerRestartedWithoutItsStateGetsTheSubscriptionsBack)
         EXPECT_EQ(0u, c->countEvents(VELCLIENT_SESSION_EVENT_DOWN_ERROR));
     }
     reader.sync();
-    ASSERT_EQ(VELCLIENT_OK, send(writer, root + "/a/b", VELCLIENT_DELIVERY_MODE_PERSISTENT, "topic"));
+    ASSERT_EQ(VELCLIENT_OK, send(writer, root + "/a/b", false, VELCLIENT_DELIVERY_MODE_PERSISTENT, "topic"));
     ASSERT_EQ(VELCLIENT_OK,
-              send(writer, "#P2P/v:127.0.0.1/" + name + "/x", VELCLIENT_DELIVERY_MODE_DIRECT, "inbox"));
+              send(writer, "#P2P/v:127.0.0.1/" + name + "/x", false, VELCLIENT_DELIVERY_MODE_DIRECT, "inbox"));
     ASSERT_TRUE(reader.waitMessages(2));
     std::vector<velClient_opaqueMsg_pt> got = reader.messages();
     ASSERT_EQ(2u, got.size());
@@ -125,7 +117,7 @@ TEST(MqttFaults, ABrokerKilledAmidQos1SendsLosesNoMessage)
              * later pass, says the save is done. Sends go on while it is away. */
             sends.stop();
             ASSERT_TRUE(sender.waitEvents(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, sends.sent() + markers, 30s));
-            ASSERT_EQ(VELCLIENT_OK, send(sender, unique("marker/t"), VELCLIENT_DELIVERY_MODE_PERSISTENT, "m"));
+            ASSERT_EQ(VELCLIENT_OK, send(sender, unique("marker/t"), false, VELCLIENT_DELIVERY_MODE_PERSISTENT, "m"));
             ++markers;
             ASSERT_TRUE(sender.waitEvents(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, sends.sent() + markers, 30s));
         }
@@ -156,8 +148,9 @@ TEST(MqttFaults, ABrokerKilledAmidQos1SendsLosesNoMessage)
     std::string lost;
     for (int i = 0; i < sent && lost.size() < 200; ++i)
         if (seen.count(i) == 0)
-            lost += " " + std::to_string(i);
-    EXPECT_EQ(static_cast<std::size_t>(sent), seen.size()) << "lost " << sent - static_cast<int>(seen.size()) << ":" << lost;
+            lost.append(" ").append(std::to_string(i));
+    EXPECT_EQ(static_cast<std::size_t>(sent), seen.size())
+        << "lost " << sent - static_cast<int>(seen.size()) << ", the first:" << lost;
     EXPECT_TRUE(seen.empty() || (*seen.begin() == 0 && *seen.rbegin() == sent - 1));
 }
 

@@ -18,14 +18,6 @@ using namespace std::chrono_literals;
 constexpr velClient_uint32_t kModes[] = {VELCLIENT_DELIVERY_MODE_DIRECT, VELCLIENT_DELIVERY_MODE_PERSISTENT,
                                          VELCLIENT_DELIVERY_MODE_NONPERSISTENT};
 
-velClient_returnCode_t send(Client &c, const std::string &topic, velClient_uint32_t mode, const std::string &body)
-{
-    velClient_opaqueMsg_pt m = makeMessage(topic, false, mode, body);
-    velClient_returnCode_t rc = velClient_session_sendMsg(c.session(), m);
-    velClient_msg_free(&m);
-    return rc;
-}
-
 /* The attachments of what c received: waits for expected messages, then a
  * little longer for any beyond them; checks each destination is its topic. */
 std::multiset<std::string> receivedBodies(Client &c, std::size_t expected, const std::string &root)
@@ -77,7 +69,7 @@ TEST(MqttConnect, FailoverComesUpOnTheNextHost)
     EXPECT_EQ(VELCLIENT_OK, velClient_session_connect(c.session())); /* already up */
     std::string root = unique("failover");
     c.subscribeAndSync(root + "/over");
-    ASSERT_EQ(VELCLIENT_OK, send(c, root + "/over", VELCLIENT_DELIVERY_MODE_PERSISTENT, "over"));
+    ASSERT_EQ(VELCLIENT_OK, send(c, root + "/over", false, VELCLIENT_DELIVERY_MODE_PERSISTENT, "over"));
     EXPECT_EQ((std::multiset<std::string>{"over"}), receivedBodies(c, 1, root));
     EXPECT_EQ(VELCLIENT_OK, velClient_session_disconnect(c.session()));
     EXPECT_EQ(VELCLIENT_OK, velClient_session_disconnect(c.session()));
@@ -120,15 +112,15 @@ TEST(MqttTopics, WildcardsAndReservedCharactersArriveUnchanged)
                                        "a+b/#c/%d", "a+b/#c/%25d", "aXb/#c/%d", "+/p", "q/p", "h/#", "h/z",
                                        "x*/lit", "xy/lit"};
     for (const std::string &t : topics)
-        ASSERT_EQ(VELCLIENT_OK, send(sender, root + "/" + t, VELCLIENT_DELIVERY_MODE_DIRECT, t));
-    ASSERT_EQ(VELCLIENT_OK, send(sender, dollar, VELCLIENT_DELIVERY_MODE_DIRECT, dollar));
+        ASSERT_EQ(VELCLIENT_OK, send(sender, root + "/" + t, false, VELCLIENT_DELIVERY_MODE_DIRECT, t));
+    ASSERT_EQ(VELCLIENT_OK, send(sender, dollar, false, VELCLIENT_DELIVERY_MODE_DIRECT, dollar));
     EXPECT_EQ((std::multiset<std::string>{"orders/new", "x/new", "stock/a", "stock/a/b", "a+b/#c/%d", "+/p", "h/#",
                                           "x*/lit", dollar}),
               receivedBodies(receiver, 9, root));
     ASSERT_EQ(VELCLIENT_OK, velClient_session_topicUnsubscribe(receiver.session(), (root + "/*/new").c_str()));
     receiver.sync();
-    ASSERT_EQ(VELCLIENT_OK, send(sender, root + "/orders/new", VELCLIENT_DELIVERY_MODE_DIRECT, "orders/new"));
-    ASSERT_EQ(VELCLIENT_OK, send(sender, root + "/stock/z", VELCLIENT_DELIVERY_MODE_DIRECT, "stock/z"));
+    ASSERT_EQ(VELCLIENT_OK, send(sender, root + "/orders/new", false, VELCLIENT_DELIVERY_MODE_DIRECT, "orders/new"));
+    ASSERT_EQ(VELCLIENT_OK, send(sender, root + "/stock/z", false, VELCLIENT_DELIVERY_MODE_DIRECT, "stock/z"));
     EXPECT_EQ((std::multiset<std::string>{"stock/z"}), receivedBodies(receiver, 1, root));
 }
 
@@ -239,7 +231,7 @@ TEST(MqttCallbacks, SendSubscribeAndUnsubscribeFromInsideBothCallbacks)
     peer.subscribeAndSync(root + "/answers");
     peer.subscribeAndSync(root + "/notices");
     for (int i = 0; i < kCount; ++i)
-        ASSERT_EQ(VELCLIENT_OK, send(peer, root + "/requests", kModes[i % 3], "req" + std::to_string(i)));
+        ASSERT_EQ(VELCLIENT_OK, send(peer, root + "/requests", false, kModes[i % 3], "req" + std::to_string(i)));
     ASSERT_TRUE(peer.waitMessages(2 * kCount, 30s)) << "answers and notices: " << peer.received();
     std::multiset<std::string> bodies;
     std::vector<velClient_opaqueMsg_pt> got = peer.messages();
@@ -251,7 +243,7 @@ TEST(MqttCallbacks, SendSubscribeAndUnsubscribeFromInsideBothCallbacks)
     /* The even topics subscribed from the callback are held, the odd ones not. */
     worker.sync();
     for (int n : {kCount - 2, kCount - 1})
-        ASSERT_EQ(VELCLIENT_OK, send(peer, root + "/own/" + std::to_string(n), VELCLIENT_DELIVERY_MODE_DIRECT,
+        ASSERT_EQ(VELCLIENT_OK, send(peer, root + "/own/" + std::to_string(n), false, VELCLIENT_DELIVERY_MODE_DIRECT,
                                      "own" + std::to_string(n)));
     ASSERT_TRUE(worker.waitMessages(kCount + 1));
     std::this_thread::sleep_for(200ms);

@@ -244,6 +244,15 @@ velClient_opaqueMsg_pt richMessage(const std::string &destination, bool queue, v
     return m;
 }
 
+velClient_returnCode_t send(Client &c, const std::string &to, bool queue, velClient_uint32_t mode,
+                            const std::string &body)
+{
+    velClient_opaqueMsg_pt m = makeMessage(to, queue, mode, body);
+    velClient_returnCode_t rc = velClient_session_sendMsg(c.session(), m);
+    velClient_msg_free(&m);
+    return rc;
+}
+
 void reply(velClient_opaqueSession_pt s, velClient_opaqueMsg_pt request, velClient_uint32_t mode,
            const std::string &body)
 {

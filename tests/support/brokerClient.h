@@ -107,6 +107,9 @@ bool connectAll(Clients &...clients)
 /* A message to topic or queue with an attachment, sent in delivery mode. */
 velClient_opaqueMsg_pt makeMessage(const std::string &destination, bool queue, velClient_uint32_t mode,
                                    const std::string &attachment = "payload");
+/* Sends a message made by makeMessage on c's session. */
+velClient_returnCode_t send(Client &c, const std::string &to, bool queue, velClient_uint32_t mode,
+                            const std::string &body);
 /* A message with every part and header property a sender sets: a user
  * property map with one entry of each type, an attachment map holding a
  * nested one, every text, number and mark of the header. */

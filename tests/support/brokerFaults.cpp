@@ -12,15 +12,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-velClient_returnCode_t send(Client &c, const std::string &to, bool queue, velClient_uint32_t mode,
-                            const std::string &body)
-{
-    velClient_opaqueMsg_pt m = makeMessage(to, queue, mode, body);
-    velClient_returnCode_t rc = velClient_session_sendMsg(c.session(), m);
-    velClient_msg_free(&m);
-    return rc;
-}
-
 std::string firstRejection(Client &c)
 {
     for (const Event &e : c.events())
