@@ -1,21 +1,26 @@
 /*
- * bench_broker.cpp - broker sessions beside a plain Qpid Proton-C program on
- * the same AMQP 1.0 broker, in one run:
+ * bench_broker.cpp - broker sessions beside a plain program on the same
+ * broker, in one run: with --transport amqp (the default) a plain Qpid
+ * Proton-C program on an AMQP 1.0 broker, with --transport mqtt a plain
+ * libmosquitto program on an MQTT 5 broker.
  *   direct      messages per second, 100-byte attachment, one publisher and
- *               one subscriber on a topic, pre-settled, counted on arrival;
+ *               one subscriber on a topic, pre-settled (MQTT: QoS 0),
+ *               counted on arrival;
  *   persistent  the same to a queue, durable and unsettled, at most --window
  *               messages awaiting the broker's outcome (both contenders), the
- *               receiver granting the same credit;
+ *               receiver granting the same credit; on MQTT to a topic at
+ *               QoS 1, at most --window awaiting their PUBACK;
  *   latency     request/reply round trips (p50, p99): the requester sends,
  *               the responder answers to the requester's reply address.
  * Each round runs every workload for both contenders, alternating which goes
  * first, so that a slow spell of a shared machine falls on both. The summary
- * gives the median of the rounds, their spread and velclient/Proton.
+ * gives the median of the rounds, their spread and velclient/plain program.
  *
- * Usage: bench_broker --port PORT [--rounds 3] [--direct 50000]
- *        [--persistent 20000] [--window 255] [--requests 3000] [--warmup 300]
- *        [--only direct|persistent|latency] [--contender velclient|Proton-C]
- * The broker must be running (scripts/bench_broker.sh starts one).
+ * Usage: bench_broker --port PORT [--transport amqp|mqtt] [--rounds 3]
+ *        [--direct 50000] [--persistent 20000] [--window 255]
+ *        [--requests 3000] [--warmup 300] [--only direct|persistent|latency]
+ *        [--contender velclient|Proton-C|libmosquitto]
+ * The broker must be running (scripts/bench_broker.sh starts one of each).
  */
 #include <algorithm>
 #include <cstdio>
@@ -55,9 +60,12 @@ bool parse(int argc, char **argv, Options &o)
         else if (name == "--warmup") o.settings.warmup = number;
         else if (name == "--only") o.only = value;
         else if (name == "--contender") o.contender = value;
+        else if (name == "--transport") o.settings.transport = value;
         else return false;
     }
-    return argc % 2 == 1 && o.settings.port > 0 && o.rounds > 0 && o.settings.window >= 1 && o.settings.window <= 255;
+    const bool known = o.settings.transport == "amqp" || o.settings.transport == "mqtt";
+    return argc % 2 == 1 && known && o.settings.port > 0 && o.rounds > 0 && o.settings.window >= 1 &&
+           o.settings.window <= 255;
 }
 
 /* One figure of one workload, per contender, one value per round. */
@@ -65,7 +73,7 @@ struct Figure {
     const char *workload;
     const char *unit;
     bool higherIsBetter;
-    double goal; /* velclient/Proton at least (throughput) or at most (latency) */
+    double goal; /* velclient/plain program at least (throughput) or at most (latency) */
     std::vector<double> values[2];
 };
 
@@ -127,10 +135,10 @@ void runLatency(const Contender &c, const Options &o, const std::string &tag, Fi
     p99.values[slot].push_back(l.percentile(99));
 }
 
-void summarise(const std::vector<Figure> &figures, int rounds)
+void summarise(const std::vector<Figure> &figures, int rounds, const char *plain)
 {
-    std::printf("\n=== medians of %d rounds [min - max]; ratio = velclient / Proton-C (per round in brackets)\n", rounds);
-    std::printf("%-22s %-34s %-34s %-22s %s\n", "figure", "velclient", "Proton-C", "ratio", "goal");
+    std::printf("\n=== medians of %d rounds [min - max]; ratio = velclient / %s (per round in brackets)\n", rounds, plain);
+    std::printf("%-22s %-34s %-34s %-22s %s\n", "figure", "velclient", plain, "ratio", "goal");
     for (const Figure &f : figures) {
         if (f.values[0].empty() || f.values[1].empty())
             continue;
@@ -163,7 +171,7 @@ int run(const Options &o)
                                    {"persistent throughput", "msg/s", true, 0.9, {}},
                                    {"request/reply p50", "us", false, 1.1, {}},
                                    {"request/reply p99", "us", false, 1.1, {}}};
-    const Contender *contenders[2] = {&kVelclient, &kProton};
+    const Contender *contenders[2] = {&kVelclient, o.settings.transport == "mqtt" ? &kMosquitto : &kProton};
     auto wanted = [&](const char *kind) { return o.only.empty() || o.only == kind; };
     for (int round = 0; round < o.rounds; ++round) {
         std::printf("round %d of %d\n", round + 1, o.rounds);
@@ -191,7 +199,7 @@ int run(const Options &o)
             });
         std::fflush(stdout);
     }
-    summarise(figures, o.rounds);
+    summarise(figures, o.rounds, contenders[1]->name);
     return 0;
 }
 
@@ -202,8 +210,9 @@ int main(int argc, char **argv)
     Options options;
     if (!parse(argc, argv, options)) {
         std::fprintf(stderr,
-                     "usage: %s --port PORT [--rounds N] [--direct N] [--persistent N] [--window 1..255] "
-                     "[--requests N] [--warmup N] [--only direct|persistent|latency] [--contender velclient|Proton-C]\n",
+                     "usage: %s --port PORT [--transport amqp|mqtt] [--rounds N] [--direct N] [--persistent N] "
+                     "[--window 1..255] [--requests N] [--warmup N] [--only direct|persistent|latency] "
+                     "[--contender velclient|Proton-C|libmosquitto]\n",
                      argv[0]);
         return 2;
     }

@@ -1,5 +1,5 @@
 /*
- * example_broker.c - four sessions on an AMQP 1.0 broker:
+ * example_broker.c - four sessions on a broker, AMQP 1.0 or MQTT 5:
  *   publish/subscribe: "subscriber" listens on prices/<any region>/widgets
  *     through a one-level wildcard; "publisher" sends two persistent prices
  *     with a user property and waits until the broker acknowledges both;
@@ -8,12 +8,21 @@
  * Callbacks run on each session's I/O thread; main waits for them with a
  * mutex and a condition variable, never longer than a few seconds.
  *
- * Usage: example_broker [host[:port]]   (default: 127.0.0.1)
+ * Usage: example_broker [host[:port] [amqp|mqtt]]
+ *   host defaults to 127.0.0.1 (port 5672 for amqp, 1883 for mqtt), the
+ *   transport to amqp; the environment variable VELCLIENT_EXAMPLE_TRANSPORT
+ *   gives the transport when the second argument does not.
+ * The same calls work on both transports; only "SESSION_TRANSPORT" differs.
+ * Client names must be unique on an MQTT broker (a second connection with a
+ * name takes the first one's place), so each is the peer's name and the pid.
  */
 #define _POSIX_C_SOURCE 200809L
 #include <pthread.h>
 #include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
 #include <time.h>
+#include <unistd.h>
 
 #include "velclient/velClientMsg.h"
 
@@ -31,6 +40,7 @@ static pthread_mutex_t lock_s = PTHREAD_MUTEX_INITIALIZER;
 static pthread_cond_t changed_s = PTHREAD_COND_INITIALIZER;
 static int failures_s = 0;
 static const char *host_s = "127.0.0.1";
+static const char *transport_s = "amqp";
 
 static void count(int *counter)
 {
@@ -131,10 +141,13 @@ static void onEvent(velClient_opaqueSession_pt session, velClient_session_eventC
 /* Creates the peer's broker session and connects it. */
 static int openSession(Peer *peer)
 {
-    const char *props[] = {"SESSION_TRANSPORT", "amqp", "SESSION_HOST", NULL, "SESSION_CLIENT_NAME", NULL,
+    const char *props[] = {"SESSION_TRANSPORT", NULL, "SESSION_HOST", NULL, "SESSION_CLIENT_NAME", NULL,
                            "SESSION_CONNECT_TIMEOUT_MS", "3000", "SESSION_SEND_TIMEOUT_MS", "3000", NULL};
+    char clientName[64];
+    snprintf(clientName, sizeof clientName, "%s-%ld", peer->name, (long)getpid());
+    props[1] = transport_s;
     props[3] = host_s;
-    props[5] = peer->name;
+    props[5] = clientName;
     CHECK(velClient_session_create(props, onMessage, peer, &peer->session));
     CHECK(velClient_session_setEventCallback(peer->session, onEvent, peer));
     CHECK(velClient_session_connect(peer->session));
@@ -180,7 +193,7 @@ static int run(Peer *publisher, Peer *subscriber, Peer *requester, Peer *respond
         return 1;
 
     /* Publish/subscribe: "*" matches exactly one level, so both prices reach the subscriber.
-     * A subscribe returns once the broker has attached it: what is published afterwards arrives. */
+     * A subscribe returns once the broker has confirmed it: what is published afterwards arrives. */
     CHECK(velClient_session_topicSubscribe(subscriber->session, "prices/*/widgets"));
     if (publishPrice(publisher, "prices/eu/widgets", "12.50", "EUR") ||
         publishPrice(publisher, "prices/us/widgets", "13.75", "USD"))
@@ -215,6 +228,14 @@ int main(int argc, char **argv)
 
     if (argc > 1)
         host_s = argv[1];
+    if (argc > 2)
+        transport_s = argv[2];
+    else if (getenv("VELCLIENT_EXAMPLE_TRANSPORT") != NULL)
+        transport_s = getenv("VELCLIENT_EXAMPLE_TRANSPORT");
+    if (strcmp(transport_s, "amqp") != 0 && strcmp(transport_s, "mqtt") != 0) {
+        fprintf(stderr, "usage: %s [host[:port] [amqp|mqtt]]\n", argv[0]);
+        return 2;
+    }
     CHECK(velClient_initialize(VELCLIENT_LOG_ERROR, NULL));
     failed = run(&publisher, &subscriber, &requester, &responder);
     for (i = 0; i < 4; ++i) /* destroying a session disconnects it first */

@@ -8,7 +8,8 @@
 # Extra arguments go to both runs (e.g. --benchmark_filter=W2).
 # The full output is kept in build/bench/bench_peers{,_static}.txt and .json.
 # Then the broker step, scripts/bench_broker.sh: broker sessions beside a
-# plain Proton-C program on a throwaway RabbitMQ (VELCLIENT_BENCH_BROKER=0
+# plain Proton-C program on a throwaway RabbitMQ and beside a plain
+# libmosquitto program on a throwaway mosquitto (VELCLIENT_BENCH_BROKER=0
 # leaves it out). Exits 1 when a goal of bench_peers is missed.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -75,9 +76,9 @@ goals=0
 python3 scripts/bench_goals.py "$out.json" "${out}_static.json" || goals=$?
 
 if [ "${VELCLIENT_BENCH_BROKER:-1}" = 1 ]; then
-  install_missing rabbitmq-server
+  install_missing rabbitmq-server mosquitto
   echo
-  echo "=== broker sessions beside plain Proton-C (scripts/bench_broker.sh)"
+  echo "=== broker sessions beside plain Proton-C and plain libmosquitto (scripts/bench_broker.sh)"
   bash scripts/bench_broker.sh
 fi
 exit "$goals"

@@ -54,7 +54,9 @@ TEST(CommandTool, RefusedCommandLinesGiveOneLineNamingTheOptionAndStatus2)
         {"send --topic a --count 0", "option --count: '0' is not a whole number from 1 to 4294967295"},
         {"send --topic a --count 5x", "option --count: '5x' is not"},
         {"send --topic a --mode fast", "option --mode: 'fast' is not direct, persistent or nonpersistent"},
-        {"send --topic a --transport tcp", "option --transport: 'tcp' is not amqp or loopback"},
+        {"send --topic a --transport tcp", "option --transport: 'tcp' is not amqp, mqtt or loopback"},
+        {"send --queue q --transport mqtt", "option --queue: an mqtt session has no queues (use --topic)"},
+        {"send --transport=mqtt --text x --queue q", "velclient send: option --queue: an mqtt session has no queues"},
         {"send --topic a --property SESSION_SSL", "option --property: 'SESSION_SSL' is not NAME=VALUE"},
         {"send --topic a --dump=yes", "option --dump takes no value"},
         {"send --topic a --user-property n:int8=128",
@@ -78,7 +80,10 @@ TEST(CommandTool, RefusedCommandLinesGiveOneLineNamingTheOptionAndStatus2)
         {"receive --topic a --ack sometimes", "option --ack: 'sometimes' is not auto or client"},
         {"receive --topic a --count 0", "option --count: '0' is not a whole number from 1 to 9223372036854775807"},
         {"receive --topic a --timeout 0", "option --timeout: '0' is not a whole number from 1 to 2147483647"},
-        {"receive --topic a --transport loopback", "receive needs the amqp transport"},
+        {"receive --topic a --transport loopback",
+         "receive needs a broker transport, amqp or mqtt (a loopback session receives only what it sends)"},
+        {"receive --property SESSION_TRANSPORT=null --topic a", "receive needs a broker transport"},
+        {"receive --transport mqtt --topic a --queue q", "velclient receive: option --queue: an mqtt session has no"},
         {"dump --sizes=1", "velclient dump: option --sizes takes no value"},
     };
     for (const auto &c : cases) {
@@ -177,6 +182,8 @@ TEST(CommandTool, LibraryFailuresGiveTheirTextAndStatus1)
         {"send --host 127.0.0.1:1 --topic a --text x",
          "velclient send: Could not connect to 127.0.0.1:1 (proton:io: Connection refused"},
         {"receive --host 127.0.0.1:1 --host 127.0.0.1:1 --queue a", "velclient receive: Could not connect to 127.0.0.1:1"},
+        {"send --transport mqtt --host 127.0.0.1:1 --topic a", "velclient send: Could not connect to 127.0.0.1:1"},
+        {"receive --transport mqtt --host 127.0.0.1:1 --topic a", "velclient receive: Could not connect to 127.0.0.1:1"},
         {"send --transport loopback --text x --topic " + std::string(251, 'x'), "velclient send: "},
         {"send --property SESSION_NOT_A_PROPERTY=1 --topic a", "velclient send: "},
     };

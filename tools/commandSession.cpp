@@ -12,10 +12,12 @@ namespace vel::tool {
 
 const char *const kSessionOptionsHelp =
     "Session:\n"
-    "  --transport amqp|loopback  amqp (the default) connects to a broker; loopback stays in the process\n"
+    "  --transport amqp|mqtt|loopback\n"
+    "                             amqp (the default) connects to an AMQP 1.0 broker, mqtt to an MQTT 5\n"
+    "                             broker (topics only: --queue is refused); loopback stays in the process\n"
     "  --host HOST[:PORT]         a broker; repeat it, or give a comma-separated list, for failover\n"
-    "                             (default 127.0.0.1, port 5672)\n"
-    "  --user NAME                log in with this user name (SASL PLAIN); else anonymously\n"
+    "                             (default 127.0.0.1, port 5672 for amqp, 1883 for mqtt)\n"
+    "  --user NAME                log in with this user name (SASL PLAIN on amqp); else anonymously\n"
     "  --password PASSWORD        the password that goes with --user\n"
     "  --property NAME=VALUE      any other session property, e.g. SESSION_SSL=1,\n"
     "                             SESSION_SSL_TRUST_STORE=ca.pem, SESSION_CONNECT_TIMEOUT_MS=3000\n";
@@ -44,8 +46,8 @@ bool SessionOptions::take(OptionReader &args)
 {
     if (args.is("--transport")) {
         std::string transport = args.value();
-        if (transport != "amqp" && transport != "loopback")
-            refuseValue(args.name(), transport, "amqp or loopback");
+        if (transport != "amqp" && transport != "mqtt" && transport != "loopback")
+            refuseValue(args.name(), transport, "amqp, mqtt or loopback");
         set("SESSION_TRANSPORT", std::move(transport));
     } else if (args.is("--host")) {
         std::string hosts = get("SESSION_HOST");
@@ -64,6 +66,18 @@ bool SessionOptions::take(OptionReader &args)
         return false;
     }
     return true;
+}
+
+bool SessionOptions::isBroker() const
+{
+    const std::string transport = get("SESSION_TRANSPORT");
+    return transport == "amqp" || transport == "mqtt";
+}
+
+void SessionOptions::refuseQueue() const
+{
+    if (get("SESSION_TRANSPORT") == "mqtt")
+        throw UsageError("option --queue: an mqtt session has no queues (use --topic)");
 }
 
 CommandSession::CommandSession(const char *program, const SessionOptions &options, Receiver receiver)

@@ -30,7 +30,10 @@ public:
     void set(std::string_view name, std::string value);
     /* The property's value, "" when it is not set. */
     std::string get(std::string_view name) const;
-    bool isBroker() const { return get("SESSION_TRANSPORT") == "amqp"; }
+    /* True for the transports that connect to a broker, amqp and mqtt. */
+    bool isBroker() const;
+    /* Refuses a --queue on an mqtt session, which has no queues. */
+    void refuseQueue() const;
     const std::vector<std::pair<std::string, std::string>> &properties() const { return props_; }
 
 private:

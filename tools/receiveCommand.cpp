@@ -39,7 +39,7 @@ void usage(const char *program)
                 "\n"
                 "  --topic TOPIC              subscribe to a topic; a level that is * matches any one level,\n"
                 "                             a last level that is > one or more (prices/*/eu, prices/>)\n"
-                "  --queue QUEUE              receive from a queue (the broker creates it when absent)\n"
+                "  --queue QUEUE              receive from a queue (the broker creates it when absent; amqp only)\n"
                 "                             (--topic and --queue may be repeated and mixed)\n"
                 "  --count N                  stop after N messages\n"
                 "  --timeout MS               stop after MS milliseconds without a message\n"
@@ -53,7 +53,8 @@ void usage(const char *program)
                 "\n"
                 "Without --count or --timeout it runs until SIGINT (Ctrl-C) or SIGTERM.\n"
                 "Exit status: 0 when it stopped as asked, 1 when the library failed, a subscription was\n"
-                "refused or --timeout came before --count messages, 2 for a usage error.\n",
+                "refused or --timeout came before --count messages, 2 for a usage error (--queue with\n"
+                "--transport mqtt among them).\n",
                 program, kSessionOptionsHelp);
 }
 
@@ -86,7 +87,10 @@ bool parse(int argc, char **argv, ReceiveOptions &o)
     if (o.topics.empty() && o.queues.empty())
         throw UsageError("needs --topic or --queue");
     if (!o.session.isBroker())
-        throw UsageError("receive needs the amqp transport (a loopback session receives only what it sends)");
+        throw UsageError("receive needs a broker transport, amqp or mqtt (a loopback session receives only what it "
+                         "sends)");
+    if (!o.queues.empty())
+        o.session.refuseQueue();
     o.session.set("SESSION_RECEIVE_ACK_MODE", o.clientAck ? "client" : "auto");
     return true;
 }

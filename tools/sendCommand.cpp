@@ -46,7 +46,7 @@ void usage(const char *program)
                 "\n"
                 "Message:\n"
                 "  --topic TOPIC              the destination: a topic, levels separated by '/'\n"
-                "  --queue QUEUE              the destination: a queue\n"
+                "  --queue QUEUE              the destination: a queue (amqp and loopback only)\n"
                 "  --text STRING              a text attachment\n"
                 "  --file PATH                the bytes of a file as the attachment; - reads standard input\n"
                 "                             (without --text or --file the message has no attachment)\n"
@@ -68,7 +68,8 @@ void usage(const char *program)
                 "Persistent and non-persistent messages on a broker are each acknowledged by it; the command\n"
                 "waits for every outcome and reports each refusal.\n"
                 "Exit status: 0 when every message was sent (and acknowledged where that applies), 1 when the\n"
-                "library failed or a message was refused, 2 for a usage or file error.\n",
+                "library failed or a message was refused, 2 for a usage or file error (--queue with --transport\n"
+                "mqtt among them).\n",
                 program, kUserPropertyTypes, kSessionOptionsHelp);
 }
 
@@ -129,6 +130,8 @@ bool parse(int argc, char **argv, SendOptions &o)
     }
     if (o.destination.type == velclient::DestinationType::Null)
         throw UsageError("needs --topic or --queue");
+    if (o.destination.type == velclient::DestinationType::Queue)
+        o.session.refuseQueue();
     return true;
 }
 

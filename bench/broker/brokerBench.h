@@ -22,6 +22,7 @@ using Clock = std::chrono::steady_clock;
 
 struct Settings {
     int port = 0;
+    std::string transport = "amqp"; /* velclient's; the plain contender is Proton-C on amqp, libmosquitto on mqtt */
     long directMessages = 50000;
     long persistentMessages = 20000;
     int window = 255;         /* unacknowledged persistent messages at most, both contenders */
@@ -76,12 +77,14 @@ struct Failure : std::runtime_error {
 /* One contender's three workloads; tag makes its addresses unique to the run. */
 struct Contender {
     const char *name;
-    /* count messages, direct (pre-settled, to a topic) or persistent (unsettled, to a queue). */
+    /* count messages, direct (pre-settled, to a topic) or persistent (unsettled, to a queue; on MQTT QoS 1 to a
+     * topic). */
     Throughput (*publish)(const Settings &settings, const std::string &tag, long count, bool persistent);
     Latency (*requestReply)(const Settings &settings, const std::string &tag);
 };
 
 extern const Contender kVelclient;
 extern const Contender kProton;
+extern const Contender kMosquitto;
 
 } // namespace velbench

@@ -79,7 +79,7 @@ public:
     {
         std::string host = "127.0.0.1:" + std::to_string(settings.port);
         std::string window = std::to_string(settings.window);
-        const char *props[] = {"SESSION_TRANSPORT", "amqp", "SESSION_HOST", host.c_str(), "SESSION_CLIENT_NAME",
+        const char *props[] = {"SESSION_TRANSPORT", settings.transport.c_str(), "SESSION_HOST", host.c_str(), "SESSION_CLIENT_NAME",
                                name.c_str(), "SESSION_PUB_WINDOW_SIZE", window.c_str(), "SESSION_SEND_TIMEOUT_MS",
                                "30000", nullptr};
         check(velClient_session_create(props, onMessage, user, &handle_), "session_create");
@@ -115,10 +115,11 @@ Throughput publish(const Settings &settings, const std::string &tag, long count,
     Counts in, out;
     Session subscriber(settings, "sub-" + tag, countMessage, &in);
     Session publisher(settings, "pub-" + tag, countMessage, &out);
-    std::string name = (persistent ? "bench." : "bench/") + tag; /* both give the address "/.../bench.<tag>" */
-    velClient_destination_t dest = {persistent ? VELCLIENT_QUEUE_DESTINATION : VELCLIENT_TOPIC_DESTINATION,
-                                    name.c_str()};
-    if (persistent)
+    /* On amqp both give the address "/.../bench.<tag>"; mqtt has no queues, so persistent messages go to a topic. */
+    const bool queue = persistent && settings.transport == "amqp";
+    std::string name = (queue ? "bench." : "bench/") + tag;
+    velClient_destination_t dest = {queue ? VELCLIENT_QUEUE_DESTINATION : VELCLIENT_TOPIC_DESTINATION, name.c_str()};
+    if (queue)
         check(velClient_session_queueSubscribe(subscriber, name.c_str()), "session_queueSubscribe");
     else
         check(velClient_session_topicSubscribe(subscriber, name.c_str()), "session_topicSubscribe");
