@@ -134,7 +134,8 @@ TEST(MqttFaults, ABrokerKilledAmidQos1SendsLosesNoMessage)
     EXPECT_TRUE(sender.waitEvents(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, sent + markers, 30s));
     EXPECT_EQ(sent + markers, sender.countEvents(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT));
     EXPECT_EQ(0u, sender.countEvents(VELCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR));
-    EXPECT_TRUE(reader.waitEvents(VELCLIENT_SESSION_EVENT_RECONNECTED_NOTICE, 2, 30s));
+    /* The reader, slower to come back, may still be away from the first restart at the second. */
+    EXPECT_TRUE(reader.waitEvents(VELCLIENT_SESSION_EVENT_RECONNECTED_NOTICE, 1, 30s));
     EXPECT_TRUE(reader.waitMessages(sent, 30s));
     reader.sync();
     std::set<int> seen;

@@ -9,8 +9,8 @@ namespace veltest::broker {
 
 const Transport &transport()
 {
-    /* A subscribe returns before the broker's answer: Client::sync makes sure. */
-    static const Transport mqtt{"mqtt", false};
+    /* A subscribe returns once the broker's SUBACK has arrived. */
+    static const Transport mqtt{"mqtt", true};
     return mqtt;
 }
 
