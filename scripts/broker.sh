@@ -49,15 +49,9 @@ make_certificates() {
 }
 
 start() {
-  if [ ! -x "$server" ]; then
-    echo "broker.sh: $server not found (install rabbitmq-server)" >&2
-    exit 1
-  fi
-  local dir="${1:-}"
-  if [ -z "$dir" ]; then
-    dir=$(mktemp -d /tmp/velclient-broker.XXXXXX)
-    echo "$dir" >"$last"
-  fi
+  need_program "$server" rabbitmq-server
+  local dir
+  dir=$(start_dir "${1:-}" /tmp broker)
   mkdir -p "$dir/mnesia" "$dir/log"
   local port dist epmd_port
   port=$(free_port); dist=$(free_port); epmd_port=$(free_port)

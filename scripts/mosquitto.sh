@@ -42,17 +42,10 @@ speaks_mqtt() {
 }
 
 start() {
-  if [ ! -x "$broker" ]; then
-    echo "mosquitto.sh: $broker not found (install mosquitto)" >&2
-    exit 1
-  fi
-  local dir="${1:-}"
-  if [ -z "$dir" ]; then
-    local base=/tmp
-    [ -d /dev/shm ] && [ -w /dev/shm ] && base=/dev/shm
-    dir=$(mktemp -d "$base/velclient-mosquitto.XXXXXX")
-    echo "$dir" >"$last"
-  fi
+  need_program "$broker" mosquitto
+  local dir base=/tmp
+  [ -d /dev/shm ] && [ -w /dev/shm ] && base=/dev/shm
+  dir=$(start_dir "${1:-}" "$base" mosquitto)
   mkdir -p "$dir"
   local port
   port=$(free_port)

@@ -3,6 +3,25 @@
 # sourced, not run. The sourcing script sets `name` (for messages) and `last`
 # (the file that remembers the directory of a start without one).
 
+# Fails unless PROGRAM can run; PACKAGE is what installs it.
+need_program() {
+  if [ ! -x "$1" ]; then
+    echo "$name: $1 not found (install $2)" >&2
+    exit 1
+  fi
+}
+
+# Prints DIR, or when it is empty a new directory velclient-KIND.* under BASE,
+# remembered in $last for a stop without one.
+start_dir() {
+  local dir=$1 base=$2 kind=$3
+  if [ -z "$dir" ]; then
+    dir=$(mktemp -d "$base/velclient-$kind.XXXXXX")
+    echo "$dir" >"$last"
+  fi
+  echo "$dir"
+}
+
 # Prints a port of 127.0.0.1 that nothing listens on.
 free_port() {
   python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'

@@ -1,11 +1,12 @@
 /*
  * brokerBench.cpp - the pieces of bench_broker that both contenders use: the
- * attachment, percentiles and the progress counter.
+ * attachment, percentiles, the progress counter and the end of a throughput run.
  */
 #include "broker/brokerBench.h"
 
 #include <algorithm>
 #include <climits>
+#include <cstdio>
 
 namespace velbench {
 
@@ -64,6 +65,23 @@ bool Progress::waitFor(long want, std::chrono::milliseconds stall)
             return false;
         }
     }
+}
+
+Throughput throughputSince(Clock::time_point start, long count, Progress &messages, const Settings &settings)
+{
+    messages.waitFor(count, settings.stall);
+    Throughput result;
+    result.expected = count;
+    result.received = messages.count();
+    result.seconds = std::chrono::duration<double>(messages.last() - start).count();
+    return result;
+}
+
+void awaitAcknowledged(Progress &acks, long want, long count, const Settings &settings, const char *who,
+                       const char *what)
+{
+    if (!acks.waitFor(want, settings.stall))
+        std::fprintf(stderr, "%s: %ld of %ld %s\n", who, acks.count(), count, what);
 }
 
 } // namespace velbench

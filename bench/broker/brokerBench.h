@@ -69,6 +69,14 @@ private:
     std::condition_variable reached_;
 };
 
+/* The figures of count messages sent from start on, once the subscriber's count reaches count or stalls. */
+Throughput throughputSince(Clock::time_point start, long count, Progress &messages, const Settings &settings);
+
+/* Waits for want acknowledgements of count persistent messages; a shortfall is said on stderr as
+ * "<who>: <seen> of <count> <what>". */
+void awaitAcknowledged(Progress &acks, long want, long count, const Settings &settings, const char *who,
+                       const char *what);
+
 /* A failure that ends the benchmark with its text. */
 struct Failure : std::runtime_error {
     using std::runtime_error::runtime_error;

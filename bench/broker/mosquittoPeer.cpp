@@ -131,8 +131,6 @@ Throughput publish(const Settings &settings, const std::string &tag, long count,
     const std::string topic = "bench/" + tag;
     subscriber.subscribe(topic);
     const int qos = persistent ? 1 : 0;
-    Throughput result;
-    result.expected = count;
     auto start = Clock::now();
     for (long i = 0; i < count; ++i) {
         /* A full window waits until half of it is acknowledged: one wake per batch of PUBACKs, not one each. */
@@ -143,11 +141,9 @@ Throughput publish(const Settings &settings, const std::string &tag, long count,
                                    qos, false, nullptr),
               "publish");
     }
-    subscriber.messages.waitFor(count, settings.stall);
-    result.received = subscriber.messages.count();
-    result.seconds = std::chrono::duration<double>(subscriber.messages.last() - start).count();
-    if (persistent && !publisher.published.waitFor(count, settings.stall))
-        std::fprintf(stderr, "libmosquitto: %ld of %ld PUBACKs\n", publisher.published.count(), count);
+    Throughput result = throughputSince(start, count, subscriber.messages, settings);
+    if (persistent)
+        awaitAcknowledged(publisher.published, count, count, settings, "libmosquitto", "PUBACKs");
     return result;
 }
 

@@ -302,15 +302,11 @@ Throughput publish(const Settings &settings, const std::string &tag, long count,
     Running running{&subscriber, &publisher};
     subscriber.awaitLinks(1);
     publisher.awaitLinks(1);
-    Throughput result;
-    result.expected = count;
     auto start = Clock::now();
     publisher.poke();
-    subscriber.messages.waitFor(count, settings.stall);
-    result.received = subscriber.messages.count();
-    result.seconds = std::chrono::duration<double>(subscriber.messages.last() - start).count();
-    if (persistent && !publisher.acks.waitFor(count, settings.stall))
-        std::fprintf(stderr, "Proton: %ld of %ld acknowledgements\n", publisher.acks.count(), count);
+    Throughput result = throughputSince(start, count, subscriber.messages, settings);
+    if (persistent)
+        awaitAcknowledged(publisher.acks, count, count, settings, "Proton", "acknowledgements");
     return result;
 }
 

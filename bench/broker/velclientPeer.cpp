@@ -131,16 +131,12 @@ Throughput publish(const Settings &settings, const std::string &tag, long count,
                                                         : VELCLIENT_DELIVERY_MODE_DIRECT),
           "msg_setDeliveryMode");
     check(velClient_msg_setBinaryAttachment(msg, payload(), kPayloadSize), "msg_setBinaryAttachment");
-    Throughput result;
-    result.expected = count;
     auto start = Clock::now();
     for (long i = 0; i < count; ++i)
         check(velClient_session_sendMsg(publisher, msg), "session_sendMsg");
-    in.messages.waitFor(count, settings.stall);
-    result.received = in.messages.count();
-    result.seconds = std::chrono::duration<double>(in.messages.last() - start).count();
-    if (persistent && !out.acks.waitFor(count + out.probes.count(), settings.stall))
-        std::fprintf(stderr, "velclient: %ld of %ld acknowledgements\n", out.acks.count(), count);
+    Throughput result = throughputSince(start, count, in.messages, settings);
+    if (persistent)
+        awaitAcknowledged(out.acks, count + out.probes.count(), count, settings, "velclient", "acknowledgements");
     return result;
 }
 
