@@ -10,8 +10,6 @@
 
 namespace {
 
-using veltest::Refusal;
-
 velClient_returnCode_t create(std::vector<const char *> props, velClient_opaqueSession_pt *s)
 {
     props.push_back(nullptr);
@@ -22,45 +20,42 @@ velClient_returnCode_t create(std::vector<const char *> props, velClient_opaqueS
 
 TEST(SessionCalls, BrokerPropertiesAreCheckedAtCreation)
 {
-    const std::pair<const char *, const char *> bad[] = {
-        {"SESSION_TRANSPORT", "mqtt5"},          {"SESSION_HOST", ""},
-        {"SESSION_HOST", "a,,b"},                {"SESSION_HOST", "host:0"},
-        {"SESSION_HOST", "host:65536"},          {"SESSION_HOST", "host:12x"},
-        {"SESSION_HOST", "::1"},                 {"SESSION_HOST", "[::1"},
-        {"SESSION_SSL", "yes"},                  {"SESSION_SSL_VALIDATE_CERTIFICATE", "2"},
-        {"SESSION_CONNECT_TIMEOUT_MS", "0"},     {"SESSION_CONNECT_TIMEOUT_MS", "-5"},
-        {"SESSION_RECONNECT_RETRIES", "-2"},     {"SESSION_RECONNECT_RETRY_WAIT_MS", "1e3"},
-        {"SESSION_KEEPALIVE_MS", ""},            {"SESSION_SEND_BLOCKING", "true"},
-        {"SESSION_SEND_TIMEOUT_MS", "99999999999"}, {"SESSION_PUB_WINDOW_SIZE", "0"},
-        {"SESSION_PUB_WINDOW_SIZE", "256"},      {"SESSION_RECEIVE_ACK_MODE", "manual"},
-        {"SESSION_AMQP_TOPIC_PREFIX", ""},       {"SESSION_AMQP_LEVEL_SEPARATOR", ""},
-        {"SESSION_AMQP_WILDCARD_MORE", nullptr},
+    const struct {
+        const char *name, *value;
+        bool accepted;
+    } rows[] = {
+        {"SESSION_TRANSPORT", "mqtt5", false}, {"SESSION_HOST", "", false}, {"SESSION_HOST", "a,,b", false},
+        {"SESSION_HOST", "host:0", false}, {"SESSION_HOST", "host:65536", false}, {"SESSION_HOST", "host:12x", false},
+        {"SESSION_HOST", "::1", false}, {"SESSION_HOST", "[::1", false}, {"SESSION_SSL", "yes", false},
+        {"SESSION_SSL_VALIDATE_CERTIFICATE", "2", false}, {"SESSION_CONNECT_TIMEOUT_MS", "0", false},
+        {"SESSION_CONNECT_TIMEOUT_MS", "-5", false}, {"SESSION_RECONNECT_RETRIES", "-2", false},
+        {"SESSION_RECONNECT_RETRY_WAIT_MS", "1e3", false}, {"SESSION_KEEPALIVE_MS", "", false},
+        {"SESSION_SEND_BLOCKING", "true", false}, {"SESSION_SEND_TIMEOUT_MS", "99999999999", false},
+        {"SESSION_PUB_WINDOW_SIZE", "0", false}, {"SESSION_PUB_WINDOW_SIZE", "256", false},
+        {"SESSION_RECEIVE_ACK_MODE", "manual", false}, {"SESSION_AMQP_TOPIC_PREFIX", "", false},
+        {"SESSION_AMQP_LEVEL_SEPARATOR", "", false}, {"SESSION_AMQP_WILDCARD_MORE", nullptr, false},
+        {"SESSION_TRANSPORT", "amqp", true}, {"SESSION_HOST", "a.example:1,b,[::1]:5671,[fe80::1]", true},
+        {"SESSION_USERNAME", "guest", true}, {"SESSION_PASSWORD", "", true}, {"SESSION_SSL", "1", true},
+        {"SESSION_SSL_TRUST_STORE", "/nowhere/ca.pem", true}, {"SESSION_SSL_VALIDATE_CERTIFICATE", "0", true},
+        {"SESSION_CONNECT_TIMEOUT_MS", "1", true}, {"SESSION_RECONNECT_RETRIES", "-1", true},
+        {"SESSION_RECONNECT_RETRY_WAIT_MS", "0", true}, {"SESSION_KEEPALIVE_MS", "0", true},
+        {"SESSION_SEND_BLOCKING", "0", true}, {"SESSION_SEND_TIMEOUT_MS", "86400000", true},
+        {"SESSION_PUB_WINDOW_SIZE", "255", true}, {"SESSION_PUB_WINDOW_SIZE", "1", true},
+        {"SESSION_RECEIVE_ACK_MODE", "client", true}, {"SESSION_AMQP_QUEUE_PREFIX", "q/", true},
+        {"SESSION_AMQP_WILDCARD_ONE", "+", true},
     };
-    for (auto [name, value] : bad) {
+    for (const auto &r : rows) {
+        const std::string value = r.value != nullptr ? r.value : "(null)";
         velClient_opaqueSession_pt s = nullptr;
         velClient_resetLastErrorInfo();
-        EXPECT_EQ(VELCLIENT_FAIL, create({name, value}, &s)) << name << "=" << (value ? value : "(null)");
-        EXPECT_EQ(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, veltest::lastSubCode());
-        EXPECT_EQ(std::string("Invalid value for property ") + name + " in velClient_session_create: '" +
-                      (value ? value : "(null)") + "'",
-                  veltest::lastErrorText());
+        EXPECT_EQ(r.accepted ? VELCLIENT_OK : VELCLIENT_FAIL, create({r.name, r.value}, &s)) << r.name << "=" << value;
+        if (r.accepted) {
+            EXPECT_EQ(VELCLIENT_OK, velClient_session_destroy(&s));
+            continue;
+        }
         EXPECT_EQ(nullptr, s);
-    }
-    const std::pair<const char *, const char *> good[] = {
-        {"SESSION_TRANSPORT", "amqp"},           {"SESSION_HOST", "a.example:1,b,[::1]:5671,[fe80::1]"},
-        {"SESSION_USERNAME", "guest"},           {"SESSION_PASSWORD", ""},
-        {"SESSION_SSL", "1"},                    {"SESSION_SSL_TRUST_STORE", "/nowhere/ca.pem"},
-        {"SESSION_SSL_VALIDATE_CERTIFICATE", "0"}, {"SESSION_CONNECT_TIMEOUT_MS", "1"},
-        {"SESSION_RECONNECT_RETRIES", "-1"},     {"SESSION_RECONNECT_RETRY_WAIT_MS", "0"},
-        {"SESSION_KEEPALIVE_MS", "0"},           {"SESSION_SEND_BLOCKING", "0"},
-        {"SESSION_SEND_TIMEOUT_MS", "86400000"}, {"SESSION_PUB_WINDOW_SIZE", "255"},
-        {"SESSION_PUB_WINDOW_SIZE", "1"},        {"SESSION_RECEIVE_ACK_MODE", "client"},
-        {"SESSION_AMQP_QUEUE_PREFIX", "q/"},     {"SESSION_AMQP_WILDCARD_ONE", "+"},
-    };
-    for (auto [name, value] : good) {
-        velClient_opaqueSession_pt s = nullptr;
-        EXPECT_EQ(VELCLIENT_OK, create({name, value}, &s)) << name << "=" << value << ": " << veltest::lastErrorText();
-        EXPECT_EQ(VELCLIENT_OK, velClient_session_destroy(&s));
+        EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, std::string("Invalid value for property ") + r.name +
+                                                                    " in velClient_session_create: '" + value + "'");
     }
 }
 
@@ -70,13 +65,11 @@ TEST(SessionCalls, BrokerInboxBaseNamesTheFirstHost)
     ASSERT_EQ(VELCLIENT_OK, create({"SESSION_TRANSPORT", "amqp", "SESSION_HOST", "broker1.example:5673,b2",
                                     "SESSION_CLIENT_NAME", "me"},
                                    &s));
-    velClient_opaqueMsg_pt m = nullptr;
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_alloc(&m));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setReplyToSuffix(m, s, "r/1"));
+    veltest::Msg m;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setReplyToSuffix(m.h, s, "r/1"));
     velClient_destination_t reply{};
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getReplyTo(m, &reply, sizeof reply));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getReplyTo(m.h, &reply, sizeof reply));
     EXPECT_STREQ("#P2P/v:broker1.example/me/r/1", reply.dest);
-    velClient_msg_free(&m);
     velClient_session_destroy(&s);
 }
 
@@ -97,27 +90,19 @@ TEST(SessionCalls, LoopbackAndNullSessionsAreUpAtOnce)
 
 TEST(SessionCalls, BadHandlesAndArgumentsAreRefused)
 {
-    velClient_opaqueSession_pt s = nullptr;
+    velClient_opaqueSession_pt s = nullptr, broker = nullptr;
     ASSERT_EQ(VELCLIENT_OK, velClient_session_create(nullptr, nullptr, nullptr, &s));
-    velClient_opaqueSession_pt broker = nullptr;
     ASSERT_EQ(VELCLIENT_OK, create({"SESSION_TRANSPORT", "amqp"}, &broker));
+    veltest::expectBadHandleRefusals({reinterpret_cast<void *>(0x4242)}, {{"Bad session pointer (%p) in %s", {
+        VEL_BAD_CALL(velClient_session_connect), VEL_BAD_CALL(velClient_session_disconnect),
+        VEL_BAD_CALL(velClient_session_topicSubscribe, "t"), VEL_BAD_CALL(velClient_session_topicUnsubscribe, "t"),
+        VEL_BAD_CALL(velClient_session_queueSubscribe, "q"), VEL_BAD_CALL(velClient_session_queueUnsubscribe, "q"),
+        VEL_BAD_CALL(velClient_session_ack, 1), VEL_BAD_CALL(velClient_session_setEventCallback, nullptr, nullptr),
+    }}});
     const auto N = VELCLIENT_SUBCODE_PARAM_NULL_PTR, R = VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
                E = VELCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED;
-    void *bad = reinterpret_cast<void *>(0x4242);
     const std::string tooLong(251, 't');
-    auto badHandle = [bad](const char *call) { return veltest::format("Bad session pointer (%p) in %s", bad, call); };
     veltest::expectRefusals({
-        {[bad] { return velClient_session_connect(bad); }, N, badHandle("velClient_session_connect")},
-        {[bad] { return velClient_session_disconnect(bad); }, N, badHandle("velClient_session_disconnect")},
-        {[bad] { return velClient_session_topicSubscribe(bad, "t"); }, N, badHandle("velClient_session_topicSubscribe")},
-        {[bad] { return velClient_session_topicUnsubscribe(bad, "t"); }, N,
-         badHandle("velClient_session_topicUnsubscribe")},
-        {[bad] { return velClient_session_queueSubscribe(bad, "q"); }, N, badHandle("velClient_session_queueSubscribe")},
-        {[bad] { return velClient_session_queueUnsubscribe(bad, "q"); }, N,
-         badHandle("velClient_session_queueUnsubscribe")},
-        {[bad] { return velClient_session_ack(bad, 1); }, N, badHandle("velClient_session_ack")},
-        {[bad] { return velClient_session_setEventCallback(bad, nullptr, nullptr); }, N,
-         badHandle("velClient_session_setEventCallback")},
         {[s] { return velClient_session_topicSubscribe(s, nullptr); }, N,
          "Null topic pointer in velClient_session_topicSubscribe"},
         {[s] { return velClient_session_queueUnsubscribe(s, nullptr); }, N,
@@ -132,12 +117,9 @@ TEST(SessionCalls, BadHandlesAndArgumentsAreRefused)
         {[broker] { return velClient_session_queueSubscribe(broker, "q"); }, E,
          "Session not connected in velClient_session_queueSubscribe"},
     });
-    velClient_opaqueMsg_pt m = nullptr;
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_alloc(&m));
-    velClient_resetLastErrorInfo();
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_session_sendMsg(broker, m));
+    veltest::Msg m;
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_session_sendMsg(broker, m.h));
     EXPECT_EQ("Session not connected in velClient_session_sendMsg", veltest::lastErrorText());
-    velClient_msg_free(&m);
     /* A broker session that is not connected disconnects at once. */
     EXPECT_EQ(VELCLIENT_OK, velClient_session_disconnect(broker));
     velClient_session_destroy(&broker);
