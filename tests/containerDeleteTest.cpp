@@ -12,8 +12,6 @@ using veltest::names;
 using Map = veltest::Container;
 using Names = std::vector<std::string>;
 
-#define OK(call) do { ASSERT_EQ(VELCLIENT_OK, (call)); } while (0)
-
 TEST(DeleteField, RemovesEveryEntryOfTheNameAndNothingElse)
 {
     Map m;

@@ -9,10 +9,6 @@ using veltest::BadHandleCall;
 using veltest::format;
 using veltest::Refusal;
 
-/* A refusal row: the call (locals captured by reference), its sub-code and text. */
-#define REFUSE(expr, sub, ...) Refusal{[&]() -> int { return (expr); }, sub, __VA_ARGS__}
-/* The same, for a text that ends " in " and the function called. */
-#define REFUSE_IN(fn, args, sub, text) REFUSE(fn args, sub, std::string(text) + " in " #fn)
 /* The same, for the text "Bad <what> pointer (<p>) in <function>". */
 #define REFUSE_BAD(fn, args, what, p) REFUSE(fn args, N, format("Bad " what " pointer (%p) in " #fn, (const void *)(p)))
 /* An out-of-range flag setting, its text naming `named` and ending in a blank. */

@@ -103,19 +103,14 @@ TEST(SessionCalls, BadHandlesAndArgumentsAreRefused)
                E = VELCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED;
     const std::string tooLong(251, 't');
     veltest::expectRefusals({
-        {[s] { return velClient_session_topicSubscribe(s, nullptr); }, N,
-         "Null topic pointer in velClient_session_topicSubscribe"},
-        {[s] { return velClient_session_queueUnsubscribe(s, nullptr); }, N,
-         "Null queueName pointer in velClient_session_queueUnsubscribe"},
-        {[s] { return velClient_session_topicUnsubscribe(s, ""); }, R, "Empty topic in velClient_session_topicUnsubscribe"},
-        {[s, &tooLong] { return velClient_session_queueSubscribe(s, tooLong.c_str()); }, R,
-         "queueName length of 251 exceeds maximum of 250 in velClient_session_queueSubscribe"},
-        {[s] { return velClient_session_ack(s, 1); }, R,
-         "No message with id 1 awaits acknowledgement in velClient_session_ack"},
-        {[broker] { return velClient_session_topicSubscribe(broker, "t"); }, E,
-         "Session not connected in velClient_session_topicSubscribe"},
-        {[broker] { return velClient_session_queueSubscribe(broker, "q"); }, E,
-         "Session not connected in velClient_session_queueSubscribe"},
+        REFUSE_IN(velClient_session_topicSubscribe, (s, nullptr), N, "Null topic pointer"),
+        REFUSE_IN(velClient_session_queueUnsubscribe, (s, nullptr), N, "Null queueName pointer"),
+        REFUSE_IN(velClient_session_topicUnsubscribe, (s, ""), R, "Empty topic"),
+        REFUSE_IN(velClient_session_queueSubscribe, (s, tooLong.c_str()), R,
+                  "queueName length of 251 exceeds maximum of 250"),
+        REFUSE_IN(velClient_session_ack, (s, 1), R, "No message with id 1 awaits acknowledgement"),
+        REFUSE_IN(velClient_session_topicSubscribe, (broker, "t"), E, "Session not connected"),
+        REFUSE_IN(velClient_session_queueSubscribe, (broker, "q"), E, "Session not connected"),
     });
     veltest::Msg m;
     EXPECT_EQ(VELCLIENT_FAIL, velClient_session_sendMsg(broker, m.h));
