@@ -20,42 +20,44 @@ velClient_returnCode_t create(std::vector<const char *> props, velClient_opaqueS
 
 TEST(SessionCalls, BrokerPropertiesAreCheckedAtCreation)
 {
-    const struct {
-        const char *name, *value;
-        bool accepted;
-    } rows[] = {
-        {"SESSION_TRANSPORT", "mqtt5", false}, {"SESSION_HOST", "", false}, {"SESSION_HOST", "a,,b", false},
-        {"SESSION_HOST", "host:0", false}, {"SESSION_HOST", "host:65536", false}, {"SESSION_HOST", "host:12x", false},
-        {"SESSION_HOST", "::1", false}, {"SESSION_HOST", "[::1", false}, {"SESSION_SSL", "yes", false},
-        {"SESSION_SSL_VALIDATE_CERTIFICATE", "2", false}, {"SESSION_CONNECT_TIMEOUT_MS", "0", false},
-        {"SESSION_CONNECT_TIMEOUT_MS", "-5", false}, {"SESSION_RECONNECT_RETRIES", "-2", false},
-        {"SESSION_RECONNECT_RETRY_WAIT_MS", "1e3", false}, {"SESSION_KEEPALIVE_MS", "", false},
-        {"SESSION_SEND_BLOCKING", "true", false}, {"SESSION_SEND_TIMEOUT_MS", "99999999999", false},
-        {"SESSION_PUB_WINDOW_SIZE", "0", false}, {"SESSION_PUB_WINDOW_SIZE", "256", false},
-        {"SESSION_RECEIVE_ACK_MODE", "manual", false}, {"SESSION_AMQP_TOPIC_PREFIX", "", false},
-        {"SESSION_AMQP_LEVEL_SEPARATOR", "", false}, {"SESSION_AMQP_WILDCARD_MORE", nullptr, false},
-        {"SESSION_TRANSPORT", "amqp", true}, {"SESSION_HOST", "a.example:1,b,[::1]:5671,[fe80::1]", true},
-        {"SESSION_USERNAME", "guest", true}, {"SESSION_PASSWORD", "", true}, {"SESSION_SSL", "1", true},
-        {"SESSION_SSL_TRUST_STORE", "/nowhere/ca.pem", true}, {"SESSION_SSL_VALIDATE_CERTIFICATE", "0", true},
-        {"SESSION_CONNECT_TIMEOUT_MS", "1", true}, {"SESSION_RECONNECT_RETRIES", "-1", true},
-        {"SESSION_RECONNECT_RETRY_WAIT_MS", "0", true}, {"SESSION_KEEPALIVE_MS", "0", true},
-        {"SESSION_SEND_BLOCKING", "0", true}, {"SESSION_SEND_TIMEOUT_MS", "86400000", true},
-        {"SESSION_PUB_WINDOW_SIZE", "255", true}, {"SESSION_PUB_WINDOW_SIZE", "1", true},
-        {"SESSION_RECEIVE_ACK_MODE", "client", true}, {"SESSION_AMQP_QUEUE_PREFIX", "q/", true},
-        {"SESSION_AMQP_WILDCARD_ONE", "+", true},
+    using Rows = std::vector<std::pair<const char *, const char *>>;
+    const Rows refused = {
+        {"SESSION_TRANSPORT", "mqtt5"},          {"SESSION_HOST", ""},
+        {"SESSION_HOST", "a,,b"},                {"SESSION_HOST", "host:0"},
+        {"SESSION_HOST", "host:65536"},          {"SESSION_HOST", "host:12x"},
+        {"SESSION_HOST", "::1"},                 {"SESSION_HOST", "[::1"},
+        {"SESSION_SSL", "yes"},                  {"SESSION_SSL_VALIDATE_CERTIFICATE", "2"},
+        {"SESSION_CONNECT_TIMEOUT_MS", "0"},     {"SESSION_CONNECT_TIMEOUT_MS", "-5"},
+        {"SESSION_RECONNECT_RETRIES", "-2"},     {"SESSION_RECONNECT_RETRY_WAIT_MS", "1e3"},
+        {"SESSION_KEEPALIVE_MS", ""},            {"SESSION_SEND_BLOCKING", "true"},
+        {"SESSION_SEND_TIMEOUT_MS", "99999999999"}, {"SESSION_PUB_WINDOW_SIZE", "0"},
+        {"SESSION_PUB_WINDOW_SIZE", "256"},      {"SESSION_RECEIVE_ACK_MODE", "manual"},
+        {"SESSION_AMQP_TOPIC_PREFIX", ""},       {"SESSION_AMQP_LEVEL_SEPARATOR", ""},
+        {"SESSION_AMQP_WILDCARD_MORE", nullptr},
     };
-    for (const auto &r : rows) {
-        const std::string value = r.value != nullptr ? r.value : "(null)";
-        velClient_opaqueSession_pt s = nullptr;
-        velClient_resetLastErrorInfo();
-        EXPECT_EQ(r.accepted ? VELCLIENT_OK : VELCLIENT_FAIL, create({r.name, r.value}, &s)) << r.name << "=" << value;
-        if (r.accepted) {
-            EXPECT_EQ(VELCLIENT_OK, velClient_session_destroy(&s));
-            continue;
+    const Rows accepted = {
+        {"SESSION_TRANSPORT", "amqp"}, {"SESSION_HOST", "a.example:1,b,[::1]:5671,[fe80::1]"},
+        {"SESSION_USERNAME", "guest"}, {"SESSION_PASSWORD", ""}, {"SESSION_SSL", "1"},
+        {"SESSION_SSL_TRUST_STORE", "/nowhere/ca.pem"}, {"SESSION_SSL_VALIDATE_CERTIFICATE", "0"},
+        {"SESSION_CONNECT_TIMEOUT_MS", "1"}, {"SESSION_RECONNECT_RETRIES", "-1"},
+        {"SESSION_RECONNECT_RETRY_WAIT_MS", "0"}, {"SESSION_KEEPALIVE_MS", "0"}, {"SESSION_SEND_BLOCKING", "0"},
+        {"SESSION_SEND_TIMEOUT_MS", "86400000"}, {"SESSION_PUB_WINDOW_SIZE", "255"}, {"SESSION_PUB_WINDOW_SIZE", "1"},
+        {"SESSION_RECEIVE_ACK_MODE", "client"}, {"SESSION_AMQP_QUEUE_PREFIX", "q/"}, {"SESSION_AMQP_WILDCARD_ONE", "+"},
+    };
+    for (const Rows *rows : {&refused, &accepted}) {
+        for (auto [name, value] : *rows) {
+            const std::string shown = value != nullptr ? value : "(null)";
+            velClient_opaqueSession_pt s = nullptr;
+            velClient_resetLastErrorInfo();
+            EXPECT_EQ(rows == &accepted ? VELCLIENT_OK : VELCLIENT_FAIL, create({name, value}, &s)) << name << "=" << shown;
+            if (rows == &accepted) {
+                EXPECT_EQ(VELCLIENT_OK, velClient_session_destroy(&s));
+                continue;
+            }
+            EXPECT_EQ(nullptr, s);
+            EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, std::string("Invalid value for property ") + name +
+                                                                        " in velClient_session_create: '" + shown + "'");
         }
-        EXPECT_EQ(nullptr, s);
-        EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, std::string("Invalid value for property ") + r.name +
-                                                                    " in velClient_session_create: '" + value + "'");
     }
 }
 
