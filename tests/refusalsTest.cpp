@@ -64,6 +64,8 @@ std::string sizeText(int received, int expected, const char *function)
 #define BAD_AS(fn, args, named, ...) {#fn, [](void *b) -> int { return fn args; }, named __VA_OPT__(, ) __VA_ARGS__}
 /* A message export called with a bad handle and the further arguments given. */
 #define MSG_CALL(fn, ...) VEL_BAD_CALL(velClient_msg_##fn __VA_OPT__(, ) __VA_ARGS__)
+/* The same for a container export. */
+#define CONT_CALL(fn, ...) VEL_BAD_CALL(velClient_container_##fn __VA_OPT__(, ) __VA_ARGS__)
 
 TEST(Refusals, EveryMessageExportRefusesABadHandle)
 {
@@ -246,18 +248,14 @@ TEST(Refusals, EveryContainerExportRefusesABadHandle)
 {
     BadHandles bad;
     veltest::expectBadHandleRefusals(bad.all, {{"Bad Container (%p) in %s", {
-        VEL_BAD_CALL(velClient_container_getField, out, kField, "k"), VEL_BAD_CALL(velClient_container_getSize, out),
-        VEL_BAD_CALL(velClient_container_getContainerPtr, out, out), VEL_BAD_CALL(velClient_container_deleteField, "k"),
-        VEL_BAD_CALL(velClient_container_getBoolean, out, "k"), VEL_BAD_CALL(velClient_container_getUint8, out, "k"),
-        VEL_BAD_CALL(velClient_container_getInt64, out, "k"), VEL_BAD_CALL(velClient_container_getWchar, out, "k"),
-        VEL_BAD_CALL(velClient_container_getDouble, out, "k"), VEL_BAD_CALL(velClient_container_getStringPtr, out, "k"),
-        VEL_BAD_CALL(velClient_container_getByteArrayPtr, out, out, "k"), VEL_BAD_CALL(velClient_container_getNull, "k"),
-        VEL_BAD_CALL(velClient_container_getSubMap, out, "k"),
+        CONT_CALL(getField, out, kField, "k"), CONT_CALL(getSize, out), CONT_CALL(getContainerPtr, out, out),
+        CONT_CALL(deleteField, "k"), CONT_CALL(getBoolean, out, "k"), CONT_CALL(getUint8, out, "k"),
+        CONT_CALL(getInt64, out, "k"), CONT_CALL(getWchar, out, "k"), CONT_CALL(getDouble, out, "k"),
+        CONT_CALL(getStringPtr, out, "k"), CONT_CALL(getByteArrayPtr, out, out, "k"), CONT_CALL(getNull, "k"),
+        CONT_CALL(getSubMap, out, "k"),
     }}, {"Bad container pointer (%p) in velClient_container_paramCheck", { /* every add names the check they share */
-        VEL_BAD_CALL(velClient_container_addNull, "k"), VEL_BAD_CALL(velClient_container_addInt32, 1, "k"),
-        VEL_BAD_CALL(velClient_container_addString, "v", "k"),
-        VEL_BAD_CALL(velClient_container_addDestination, &topicDest, kDest, "k"),
-        VEL_BAD_CALL(velClient_container_addContainer, nullptr, "k"),
+        CONT_CALL(addNull, "k"), CONT_CALL(addInt32, 1, "k"), CONT_CALL(addString, "v", "k"),
+        CONT_CALL(addDestination, &topicDest, kDest, "k"), CONT_CALL(addContainer, nullptr, "k"),
     }}, {"Bad cont_p pointer (%p) in %s", {VEL_BAD_CALL(velClient_container_getNextField, out, kField, out)}},
         {"Bad container pointer (%p) in %s", {BAD_AS(velClient_container_hasNextField, (b), nullptr, 0),
                                               BAD_AS(velClient_container_closeMapStream, (&b), nullptr)}}});
