@@ -30,6 +30,17 @@ std::string withoutReceiveTime(const std::string &dump)
     return at == std::string::npos ? dump : dump.substr(0, at) + dump.substr(dump.find('\n', at) + 1);
 }
 
+/* The bytes in a new temporary file; the caller removes it. */
+std::string tempFile(const void *data, std::size_t size)
+{
+    char name[] = "/tmp/velclient-tool-in.XXXXXX";
+    const int fd = mkstemp(name);
+    EXPECT_GE(fd, 0);
+    EXPECT_EQ(static_cast<ssize_t>(size), write(fd, data, size));
+    close(fd);
+    return name;
+}
+
 /* What a command line (or one of its options) makes the command print. */
 struct Expect {
     const char *given;
@@ -156,14 +167,9 @@ TEST(CommandTool, LoopbackSendDumpsEveryTypedUserPropertyAndMessageOption)
 
 TEST(CommandTool, FileAttachmentFromStandardInputAndReplyToTopic)
 {
-    char name[] = "/tmp/velclient-tool-in.XXXXXX";
-    const int fd = mkstemp(name);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(4, write(fd, "ab\0c", 4));
-    close(fd);
-    const veltest::ToolResult r =
-        run("send --transport loopback --queue q --reply-to re/ply --file - --dump <" + std::string(name));
-    std::remove(name);
+    const std::string name = tempFile("ab\0c", 4);
+    const veltest::ToolResult r = run("send --transport loopback --queue q --reply-to re/ply --file - --dump <" + name);
+    std::remove(name.c_str());
     EXPECT_EQ(0, r.status) << r.err;
     EXPECT_NE(std::string::npos, r.out.find("Binary Attachment:                      len=4\n  61 62 00 63")) << r.out;
     EXPECT_NE(std::string::npos, r.out.find("Reply To:                               Topic 're/ply'\n")) << r.out;
@@ -196,24 +202,62 @@ TEST(CommandTool, LibraryFailuresGiveTheirTextAndStatus1)
 }
 
 #ifdef VELCLIENT_DUMP_TOOL
-TEST(CommandTool, DumpCommandPrintsWhatVelclientDumpPrints)
+namespace {
+
+/* velclient-dump with its standard error on its standard output. */
+veltest::ToolResult dump(const std::string &args)
+{
+    return veltest::runTool(VELCLIENT_DUMP_TOOL, args + " 2>&1");
+}
+
+veltest::Bytes frameWithTopic(const char *topic)
 {
     veltest::Msg m;
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setTopicPtr(m.h, "dumped/topic"));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setXml(m.h, "<doc/>", 6));
-    const veltest::Bytes frame = veltest::encode(m.h);
-    char name[] = "/tmp/velclient-tool-vwf.XXXXXX";
-    const int fd = mkstemp(name);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(static_cast<ssize_t>(frame.size()), write(fd, frame.data(), frame.size()));
-    close(fd);
-    for (const std::string &args : {std::string(name), std::string("--sizes ").append(name)}) {
+    EXPECT_EQ(VELCLIENT_OK, velClient_msg_setTopicPtr(m.h, topic));
+    EXPECT_EQ(VELCLIENT_OK, velClient_msg_setXml(m.h, "<doc/>", 6));
+    return veltest::encode(m.h);
+}
+
+} // namespace
+
+/* velclient dump prints what velclient-dump prints, in full and sizes only. */
+TEST(CommandTool, DumpCommandPrintsWhatVelclientDumpPrints)
+{
+    const veltest::Bytes frame = frameWithTopic("dumped/topic");
+    const std::string name = tempFile(frame.data(), frame.size());
+    for (const std::string &args : {name, "--sizes " + name}) {
         const veltest::ToolResult a = run("dump " + args), b = veltest::runTool(VELCLIENT_DUMP_TOOL, args);
         EXPECT_EQ(0, a.status) << a.err;
         EXPECT_NE(std::string::npos, a.out.find("Topic 'dumped/topic'")) << a.out;
+        EXPECT_EQ(args == name, a.out.find("<doc/>") != std::string::npos) << a.out;
         EXPECT_EQ(withoutReceiveTime(b.out), withoutReceiveTime(a.out));
     }
-    std::remove(name);
+    EXPECT_NE(std::string::npos, dump("--sizes " + name).out.find("XML:" + std::string(36, ' ') + "len=6\n"));
+    std::remove(name.c_str());
+    EXPECT_EQ(0, dump("--help").status);
+    EXPECT_NE(std::string::npos, dump("--help").out.find("Usage: velclient-dump"));
+    EXPECT_EQ(2, dump("--bogus").status);
+}
+
+TEST(DumpTool, FramesInOrderEmptyCorruptAndAbsentFiles)
+{
+    const veltest::Bytes a = frameWithTopic("first/topic"), two = veltest::cat(a, frameWithTopic("second/topic"));
+    veltest::Bytes corrupt = veltest::cat(a, a);
+    corrupt[a.size()] = 9; /* the second frame has an unknown version */
+    const std::string files[] = {tempFile(two.data(), two.size()), tempFile("", 0), tempFile(corrupt.data(), corrupt.size())};
+    const veltest::ToolResult good = dump(files[0]), empty = dump(files[1]), bad = dump(files[2]);
+    for (const std::string &f : files)
+        std::remove(f.c_str());
+    EXPECT_EQ(0, good.status);
+    const std::size_t first = good.out.find("Topic 'first/topic'"), second = good.out.find("Topic 'second/topic'"),
+                      frame2 = good.out.find(veltest::format("frame 2, offset %zu", a.size()));
+    EXPECT_TRUE(first < frame2 && frame2 < second && second != std::string::npos) << good.out;
+    EXPECT_EQ(0, empty.status);
+    EXPECT_EQ(std::string::npos, empty.out.find("frame"));
+    EXPECT_EQ(1, bad.status);
+    EXPECT_NE(std::string::npos, bad.out.find(veltest::format("frame 2 at byte offset %zu is not valid VWF", a.size())))
+        << bad.out;
+    EXPECT_EQ(2, dump("/nonexistent/absent.vwf").status);
 }
 #endif
 

@@ -9,8 +9,6 @@ using veltest::Bytes;
 using veltest::bytesOf;
 using veltest::Msg;
 
-#define OK(call) do { ASSERT_EQ(VELCLIENT_OK, (call)); } while (0)
-
 TEST(Containers, SiblingsOpenedInTurnAndClosedInEitherOrder)
 {
     veltest::Container once(true, 64);

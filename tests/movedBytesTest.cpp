@@ -33,32 +33,6 @@ TEST(MovedBytes, LookupsWriteOnlyTheEntryFound)
         EXPECT_EQ(0, bytes[i]) << "byte " << i << " of the value holds a leftover";
 }
 
-/* A sub-map opened on an entry that is then deleted (the map's last) is
- * closed with it; the map's later adds and deletes stay inside its bytes. */
-TEST(MovedBytes, DeletingTheEntryOfAnOpenSubMapClosesIt)
-{
-    const veltest::LiveCounts before;
-    {
-        veltest::Msg msg;
-        const velClient_uint8_t zeros[16] = {};
-        velClient_opaqueContainer_pt map = nullptr, sub = nullptr;
-        ASSERT_EQ(VELCLIENT_OK, velClient_msg_createUserPropertyMap(msg.h, &map, 256));
-        ASSERT_EQ(VELCLIENT_OK, velClient_container_addVwf(map, zeros, sizeof zeros, "a"));
-        ASSERT_EQ(VELCLIENT_OK, velClient_container_deleteField(map, "a"));
-        ASSERT_EQ(VELCLIENT_OK, velClient_container_openSubMap(map, &sub, "a"));
-        ASSERT_EQ(VELCLIENT_OK, velClient_container_deleteField(map, "a"));
-        EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addBoolean(sub, 1, "x")); /* closed with its entry */
-        ASSERT_EQ(VELCLIENT_OK, velClient_container_addVwf(map, zeros, sizeof zeros, "a"));
-        ASSERT_EQ(VELCLIENT_OK, velClient_container_addBoolean(map, 16, "a"));
-        ASSERT_EQ(VELCLIENT_OK, velClient_container_deleteField(map, "a"));
-        EXPECT_TRUE(veltest::names(map).empty());
-        ASSERT_EQ(VELCLIENT_OK, velClient_container_addBoolean(map, 1, "b"));
-        EXPECT_EQ((std::vector<std::string>{"b"}), veltest::names(map));
-        ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&map));
-    }
-    before.expectBalanced();
-}
-
 /* A container that lives in another message's data block is copied even by
  * the by-reference setter: that block moves when the container grows and
  * goes when its message is freed. */

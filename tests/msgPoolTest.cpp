@@ -37,20 +37,9 @@ velClient_opaqueDatablock_pt block(velClient_uint32_t size)
 /* The block's data area and its capacity. */
 std::pair<void *, velClient_uint32_t> areaOf(velClient_opaqueDatablock_pt b)
 {
-    void *p = nullptr;
-    velClient_uint32_t size = 0;
-    EXPECT_EQ(VELCLIENT_OK, velClient_datablock_getDataPtr(b, &p, &size));
-    return {p, size};
-}
-
-velClient_uint32_t capacityOf(velClient_opaqueDatablock_pt b)
-{
-    return areaOf(b).second;
-}
-
-void *dataOf(velClient_opaqueDatablock_pt b)
-{
-    return areaOf(b).first;
+    std::pair<void *, velClient_uint32_t> area{nullptr, 0};
+    EXPECT_EQ(VELCLIENT_OK, velClient_datablock_getDataPtr(b, &area.first, &area.second));
+    return area;
 }
 
 } // namespace
@@ -79,7 +68,7 @@ TEST(Pools, ClassesAndLimitFromStartPropertiesAndTheirRefusals)
             const velClient_uint64_t live = stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, c[2]);
             b = block(c[0]);
             const velClient_uint64_t pooled = c[2] < 5 ? stat(VELCLIENT_MSG_STATS_FREE_DATA_BLOCKS, c[2]) : 0;
-            out.push_back(capacityOf(b));
+            out.push_back(areaOf(b).second);
             EXPECT_EQ(live + 1, stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, c[2])) << c[0];
             const velClient_uint64_t before = stat(VELCLIENT_MSG_STATS_TOTAL_MEMORY);
             EXPECT_EQ(VELCLIENT_OK, velClient_datablock_free(&b));
@@ -177,7 +166,7 @@ TEST(DataBlocks, OversizeBlocksAreCountedFreedAndTheirMemoryReusedByTheirThread)
     const velClient_uint64_t live = stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, 5);
     velClient_opaqueDatablock_pt a = block(kBig), b = block(kBig), c = block(kBig);
     EXPECT_EQ(live + 3, stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, 5));
-    void *const pb = dataOf(b), *const pc = dataOf(c);
+    void *const pb = areaOf(b).first, *const pc = areaOf(c).first;
     for (velClient_opaqueDatablock_pt *x : {&a, &b, &c})
         velClient_datablock_free(x);
     EXPECT_EQ(total, stat(VELCLIENT_MSG_STATS_TOTAL_MEMORY));
@@ -185,11 +174,11 @@ TEST(DataBlocks, OversizeBlocksAreCountedFreedAndTheirMemoryReusedByTheirThread)
 
     /* Less than half the kept size, or another thread: fresh memory. */
     velClient_opaqueDatablock_pt small = block((1u << 20) + 1);
-    EXPECT_TRUE(dataOf(small) != pb && dataOf(small) != pc);
+    EXPECT_TRUE(areaOf(small).first != pb && areaOf(small).first != pc);
     void *other = nullptr;
     std::thread([&] {
         velClient_opaqueDatablock_pt o = block(kBig);
-        other = dataOf(o);
+        other = areaOf(o).first;
         velClient_datablock_free(&o);
     }).join();
     EXPECT_TRUE(other != pb && other != pc);
@@ -201,7 +190,7 @@ TEST(DataBlocks, OversizeBlocksAreCountedFreedAndTheirMemoryReusedByTheirThread)
     EXPECT_EQ(VELCLIENT_FAIL, velClient_datablock_alloc(&refused, kBig));
     _velClient_allocFail_arm(0);
     velClient_opaqueDatablock_pt d = block(kBig), e = block(kBig - 1000);
-    const std::set<void *> reused{dataOf(d), dataOf(e)};
+    const std::set<void *> reused{areaOf(d).first, areaOf(e).first};
     EXPECT_EQ((std::set<void *>{pb, pc}), reused);
     for (velClient_opaqueDatablock_pt *x : {&d, &e, &small})
         velClient_datablock_free(x);

@@ -9,10 +9,6 @@ using veltest::BadHandleCall;
 using veltest::format;
 using veltest::Refusal;
 
-/* A refusal row: the call (locals captured by reference), its sub-code and text. */
-#define REFUSE(expr, sub, ...) Refusal{[&]() -> int { return (expr); }, sub, __VA_ARGS__}
-/* The same, for a text that ends " in " and the function called. */
-#define REFUSE_IN(fn, args, sub, text) REFUSE(fn args, sub, std::string(text) + " in " #fn)
 /* The same, for the text "Bad <what> pointer (<p>) in <function>". */
 #define REFUSE_BAD(fn, args, what, p) REFUSE(fn args, N, format("Bad " what " pointer (%p) in " #fn, (const void *)(p)))
 /* An out-of-range flag setting, its text naming `named` and ending in a blank. */
@@ -66,6 +62,10 @@ std::string sizeText(int received, int expected, const char *function)
 
 /* A bad-handle row whose text names another function (`named`) or that answers `rc`. */
 #define BAD_AS(fn, args, named, ...) {#fn, [](void *b) -> int { return fn args; }, named __VA_OPT__(, ) __VA_ARGS__}
+/* A message export called with a bad handle and the further arguments given. */
+#define MSG_CALL(fn, ...) VEL_BAD_CALL(velClient_msg_##fn __VA_OPT__(, ) __VA_ARGS__)
+/* The same for a container export. */
+#define CONT_CALL(fn, ...) VEL_BAD_CALL(velClient_container_##fn __VA_OPT__(, ) __VA_ARGS__)
 
 TEST(Refusals, EveryMessageExportRefusesABadHandle)
 {
@@ -74,59 +74,47 @@ TEST(Refusals, EveryMessageExportRefusesABadHandle)
     std::vector<void *> handles = bad.all;
     handles.push_back(bad.live);
     veltest::expectBadHandleRefusals(handles, {{"Bad msg_p pointer (%p) in %s", {
-        VEL_BAD_CALL(velClient_msg_reset), VEL_BAD_CALL(velClient_msg_dup, out),
-        BAD_AS(velClient_msg_free, (&b), nullptr), VEL_BAD_CALL(velClient_msg_setUserData, buf, 1),
-        VEL_BAD_CALL(velClient_msg_setXml, buf, 1), VEL_BAD_CALL(velClient_msg_setCorrelationTag, buf, 1),
-        VEL_BAD_CALL(velClient_msg_setBinaryAttachmentPtr, buf, 1),
-        VEL_BAD_CALL(velClient_msg_setBinaryAttachmentString, "x"), VEL_BAD_CALL(velClient_msg_getUserDataPtr, out, out),
-        VEL_BAD_CALL(velClient_msg_getXmlPtr, out, out), VEL_BAD_CALL(velClient_msg_getCorrelationTagPtr, out, out),
-        VEL_BAD_CALL(velClient_msg_getBinaryAttachmentPtr, out, out),
-        VEL_BAD_CALL(velClient_msg_getBinaryAttachmentString, out), VEL_BAD_CALL(velClient_msg_getConsumerIdCount, out),
+        MSG_CALL(reset), MSG_CALL(dup, out), BAD_AS(velClient_msg_free, (&b), nullptr), MSG_CALL(setUserData, buf, 1),
+        MSG_CALL(setXml, buf, 1), MSG_CALL(setCorrelationTag, buf, 1), MSG_CALL(setBinaryAttachmentPtr, buf, 1),
+        MSG_CALL(setBinaryAttachmentString, "x"), MSG_CALL(getUserDataPtr, out, out), MSG_CALL(getXmlPtr, out, out),
+        MSG_CALL(getCorrelationTagPtr, out, out), MSG_CALL(getBinaryAttachmentPtr, out, out),
+        MSG_CALL(getBinaryAttachmentString, out), MSG_CALL(getConsumerIdCount, out),
         BAD_AS(velClient_msg_getConsumerId, (b, 0, out), "velClient_msg_getConsumerIdCount"),
-        VEL_BAD_CALL(velClient_msg_getVWFPtr, out, out),
-        VEL_BAD_CALL(velClient_msg_extractDatablock, VELCLIENT_BUFINFO_XML_PART, out, out),
-        VEL_BAD_CALL(velClient_msg_getDestination, out, kDest), VEL_BAD_CALL(velClient_msg_getReplyTo, out, kDest),
-        VEL_BAD_CALL(velClient_msg_setReplyTo, &topicDest, kDest), VEL_BAD_CALL(velClient_msg_deleteReplyTo),
-        BAD_AS(velClient_msg_setReplyToSuffix, (b, session, "x"), nullptr),
-        BAD_AS(velClient_session_sendMsg, (session, b), nullptr), VEL_BAD_CALL(velClient_msg_setClassOfService, 0),
+        MSG_CALL(getVWFPtr, out, out), MSG_CALL(extractDatablock, VELCLIENT_BUFINFO_XML_PART, out, out),
+        MSG_CALL(getDestination, out, kDest), MSG_CALL(getReplyTo, out, kDest), MSG_CALL(setReplyTo, &topicDest, kDest),
+        MSG_CALL(deleteReplyTo), BAD_AS(velClient_msg_setReplyToSuffix, (b, session, "x"), nullptr),
+        BAD_AS(velClient_session_sendMsg, (session, b), nullptr), MSG_CALL(setClassOfService, 0),
         BAD_AS(velClient_msg_getClassOfService, (b, out), "velClient_msg_getReceivedClassOfService"),
-        VEL_BAD_CALL(velClient_msg_setDeliveryMode, 0), VEL_BAD_CALL(velClient_msg_getDeliveryMode, out),
-        VEL_BAD_CALL(velClient_msg_setTimeToLive, 0), VEL_BAD_CALL(velClient_msg_getTimeToLive, out),
-        VEL_BAD_CALL(velClient_msg_setExpiration, 0), VEL_BAD_CALL(velClient_msg_getExpiration, out),
-        VEL_BAD_CALL(velClient_msg_getMsgId, out), VEL_BAD_CALL(velClient_msg_getTopicSequenceNumber, out),
-        VEL_BAD_CALL(velClient_msg_getRcvTimestamp, out), VEL_BAD_CALL(velClient_msg_getCacheRequestId, out),
-        VEL_BAD_CALL(velClient_msg_setDiscardIndication, 0), VEL_BAD_CALL(velClient_msg_setDeliverToOne, 0),
-        VEL_BAD_CALL(velClient_msg_setDMQEligible, 0), VEL_BAD_CALL(velClient_msg_setAsReplyMsg, 0),
-        BAD_AS(velClient_msg_setElidingEligible, (b, 0), "velClient_msg_setAsReplyMsg"),
-        VEL_BAD_CALL(velClient_msg_setAckImmediately, 0), BAD_AS(velClient_msg_isReplyMsg, (b), nullptr, 0),
+        MSG_CALL(setDeliveryMode, 0), MSG_CALL(getDeliveryMode, out), MSG_CALL(setTimeToLive, 0),
+        MSG_CALL(getTimeToLive, out), MSG_CALL(setExpiration, 0), MSG_CALL(getExpiration, out), MSG_CALL(getMsgId, out),
+        MSG_CALL(getTopicSequenceNumber, out), MSG_CALL(getRcvTimestamp, out), MSG_CALL(getCacheRequestId, out),
+        MSG_CALL(setDiscardIndication, 0), MSG_CALL(setDeliverToOne, 0), MSG_CALL(setDMQEligible, 0),
+        MSG_CALL(setAsReplyMsg, 0), BAD_AS(velClient_msg_setElidingEligible, (b, 0), "velClient_msg_setAsReplyMsg"),
+        MSG_CALL(setAckImmediately, 0), BAD_AS(velClient_msg_isReplyMsg, (b), nullptr, 0),
         BAD_AS(velClient_msg_isRedelivered, (b), nullptr, 0),
         BAD_AS(velClient_msg_isCacheMsg, (b), "velClient_msg_isRedelivered", VELCLIENT_CACHE_INVALID_MESSAGE),
-        BAD_AS(velClient_msg_isDiscardIndication, (b), nullptr, 0), BAD_AS(velClient_msg_isDeliverToOne, (b), nullptr, 0),
+        BAD_AS(velClient_msg_isDiscardIndication, (b), nullptr, 0),
+        BAD_AS(velClient_msg_isDeliverToOne, (b), nullptr, 0),
         BAD_AS(velClient_msg_isDMQEligible, (b), "velClient_msg_setDMQEligible", 0),
         BAD_AS(velClient_msg_isElidingEligible, (b), "velClient_msg_isDeliverToOne", 0),
-        BAD_AS(velClient_msg_isAckImmediately, (b), nullptr, 0xFF), VEL_BAD_CALL(velClient_msg_getSenderId, out),
-        VEL_BAD_CALL(velClient_msg_deleteSenderId), VEL_BAD_CALL(velClient_msg_getApplicationMsgType, out),
-        VEL_BAD_CALL(velClient_msg_setApplicationMsgType, "x"), VEL_BAD_CALL(velClient_msg_deleteApplicationMsgType),
-        VEL_BAD_CALL(velClient_msg_getApplicationMessageId, out), VEL_BAD_CALL(velClient_msg_setApplicationMessageId, "x"),
-        VEL_BAD_CALL(velClient_msg_deleteApplicationMessageId), VEL_BAD_CALL(velClient_msg_getSequenceNumber, out),
-        VEL_BAD_CALL(velClient_msg_setSequenceNumber, 1), VEL_BAD_CALL(velClient_msg_deleteSequenceNumber),
-        VEL_BAD_CALL(velClient_msg_getCorrelationId, out), VEL_BAD_CALL(velClient_msg_setCorrelationId, "x"),
-        VEL_BAD_CALL(velClient_msg_deleteCorrelationId),
+        BAD_AS(velClient_msg_isAckImmediately, (b), nullptr, 0xFF), MSG_CALL(getSenderId, out),
+        MSG_CALL(deleteSenderId), MSG_CALL(getApplicationMsgType, out), MSG_CALL(setApplicationMsgType, "x"),
+        MSG_CALL(deleteApplicationMsgType), MSG_CALL(getApplicationMessageId, out),
+        MSG_CALL(setApplicationMessageId, "x"), MSG_CALL(deleteApplicationMessageId), MSG_CALL(getSequenceNumber, out),
+        MSG_CALL(setSequenceNumber, 1), MSG_CALL(deleteSequenceNumber), MSG_CALL(getCorrelationId, out),
+        MSG_CALL(setCorrelationId, "x"), MSG_CALL(deleteCorrelationId),
         BAD_AS(velClient_msg_getSenderTimestamp, (b, out), "velClient_msg_getSenderTimeStamp"),
-        VEL_BAD_CALL(velClient_msg_setSenderTimestamp, 1), VEL_BAD_CALL(velClient_msg_deleteSenderTimestamp),
+        MSG_CALL(setSenderTimestamp, 1), MSG_CALL(deleteSenderTimestamp),
         BAD_AS(velClient_msg_getHttpContentType, (b, out), "_velClient_msgHeaderMap_getString"),
         BAD_AS(velClient_msg_setHttpContentEncoding, (b, "x"), "_velClient_msgHeaderMap_setString"),
         BAD_AS(velClient_msg_deleteHttpContentType, (b), "velClient_msgHeaderMap_deleteString"),
-        VEL_BAD_CALL(velClient_msg_createUserPropertyMap, out, 8), VEL_BAD_CALL(velClient_msg_setUserPropertyMap, nullptr),
-        VEL_BAD_CALL(velClient_msg_getUserPropertyMap, out), VEL_BAD_CALL(velClient_msg_createBinaryAttachmentMap, out, 0),
-        VEL_BAD_CALL(velClient_msg_createBinaryAttachmentStream, out, 0),
-        VEL_BAD_CALL(velClient_msg_setBinaryAttachmentContainer, nullptr),
-        VEL_BAD_CALL(velClient_msg_setBinaryAttachmentContainerPtr, nullptr),
-        VEL_BAD_CALL(velClient_msg_getBinaryAttachmentMap, out), VEL_BAD_CALL(velClient_msg_getBinaryAttachmentStream, out),
-        VEL_BAD_CALL(velClient_msg_getBinaryAttachmentContainerSize, out),
-        VEL_BAD_CALL(velClient_msg_getBinaryAttachmentField, out, kField),
-        VEL_BAD_CALL(velClient_msg_encodeToVWF, nullptr, nullptr), VEL_BAD_CALL(velClient_msg_dump, buf, sizeof buf),
-        BAD_AS(velClient_msg_dumpExt, (b, buf, sizeof buf, 0), "velClient_msg_dump"),
+        MSG_CALL(createUserPropertyMap, out, 8), MSG_CALL(setUserPropertyMap, nullptr),
+        MSG_CALL(getUserPropertyMap, out), MSG_CALL(createBinaryAttachmentMap, out, 0),
+        MSG_CALL(createBinaryAttachmentStream, out, 0), MSG_CALL(setBinaryAttachmentContainer, nullptr),
+        MSG_CALL(setBinaryAttachmentContainerPtr, nullptr), MSG_CALL(getBinaryAttachmentMap, out),
+        MSG_CALL(getBinaryAttachmentStream, out), MSG_CALL(getBinaryAttachmentContainerSize, out),
+        MSG_CALL(getBinaryAttachmentField, out, kField), MSG_CALL(encodeToVWF, nullptr, nullptr),
+        MSG_CALL(dump, buf, sizeof buf), BAD_AS(velClient_msg_dumpExt, (b, buf, sizeof buf, 0), "velClient_msg_dump"),
     }}, {"Bad msg_p pointer in %s", {
         VEL_BAD_CALL(velClient_msg_setUserDataPtr, buf, 1), VEL_BAD_CALL(velClient_msg_setXmlPtr, buf, 1),
         VEL_BAD_CALL(velClient_msg_setCorrelationTagPtr, buf, 1), VEL_BAD_CALL(velClient_msg_setTopicPtr, "t"),
@@ -260,18 +248,14 @@ TEST(Refusals, EveryContainerExportRefusesABadHandle)
 {
     BadHandles bad;
     veltest::expectBadHandleRefusals(bad.all, {{"Bad Container (%p) in %s", {
-        VEL_BAD_CALL(velClient_container_getField, out, kField, "k"), VEL_BAD_CALL(velClient_container_getSize, out),
-        VEL_BAD_CALL(velClient_container_getContainerPtr, out, out), VEL_BAD_CALL(velClient_container_deleteField, "k"),
-        VEL_BAD_CALL(velClient_container_getBoolean, out, "k"), VEL_BAD_CALL(velClient_container_getUint8, out, "k"),
-        VEL_BAD_CALL(velClient_container_getInt64, out, "k"), VEL_BAD_CALL(velClient_container_getWchar, out, "k"),
-        VEL_BAD_CALL(velClient_container_getDouble, out, "k"), VEL_BAD_CALL(velClient_container_getStringPtr, out, "k"),
-        VEL_BAD_CALL(velClient_container_getByteArrayPtr, out, out, "k"), VEL_BAD_CALL(velClient_container_getNull, "k"),
-        VEL_BAD_CALL(velClient_container_getSubMap, out, "k"),
+        CONT_CALL(getField, out, kField, "k"), CONT_CALL(getSize, out), CONT_CALL(getContainerPtr, out, out),
+        CONT_CALL(deleteField, "k"), CONT_CALL(getBoolean, out, "k"), CONT_CALL(getUint8, out, "k"),
+        CONT_CALL(getInt64, out, "k"), CONT_CALL(getWchar, out, "k"), CONT_CALL(getDouble, out, "k"),
+        CONT_CALL(getStringPtr, out, "k"), CONT_CALL(getByteArrayPtr, out, out, "k"), CONT_CALL(getNull, "k"),
+        CONT_CALL(getSubMap, out, "k"),
     }}, {"Bad container pointer (%p) in velClient_container_paramCheck", { /* every add names the check they share */
-        VEL_BAD_CALL(velClient_container_addNull, "k"), VEL_BAD_CALL(velClient_container_addInt32, 1, "k"),
-        VEL_BAD_CALL(velClient_container_addString, "v", "k"),
-        VEL_BAD_CALL(velClient_container_addDestination, &topicDest, kDest, "k"),
-        VEL_BAD_CALL(velClient_container_addContainer, nullptr, "k"),
+        CONT_CALL(addNull, "k"), CONT_CALL(addInt32, 1, "k"), CONT_CALL(addString, "v", "k"),
+        CONT_CALL(addDestination, &topicDest, kDest, "k"), CONT_CALL(addContainer, nullptr, "k"),
     }}, {"Bad cont_p pointer (%p) in %s", {VEL_BAD_CALL(velClient_container_getNextField, out, kField, out)}},
         {"Bad container pointer (%p) in %s", {BAD_AS(velClient_container_hasNextField, (b), nullptr, 0),
                                               BAD_AS(velClient_container_closeMapStream, (&b), nullptr)}}});

@@ -10,8 +10,6 @@
 
 namespace {
 
-using veltest::Refusal;
-
 velClient_returnCode_t create(std::vector<const char *> props, velClient_opaqueSession_pt *s)
 {
     props.push_back(nullptr);
@@ -22,7 +20,8 @@ velClient_returnCode_t create(std::vector<const char *> props, velClient_opaqueS
 
 TEST(SessionCalls, BrokerPropertiesAreCheckedAtCreation)
 {
-    const std::pair<const char *, const char *> bad[] = {
+    using Rows = std::vector<std::pair<const char *, const char *>>;
+    const Rows refused = {
         {"SESSION_TRANSPORT", "mqtt5"},          {"SESSION_HOST", ""},
         {"SESSION_HOST", "a,,b"},                {"SESSION_HOST", "host:0"},
         {"SESSION_HOST", "host:65536"},          {"SESSION_HOST", "host:12x"},
@@ -36,31 +35,29 @@ TEST(SessionCalls, BrokerPropertiesAreCheckedAtCreation)
         {"SESSION_AMQP_TOPIC_PREFIX", ""},       {"SESSION_AMQP_LEVEL_SEPARATOR", ""},
         {"SESSION_AMQP_WILDCARD_MORE", nullptr},
     };
-    for (auto [name, value] : bad) {
-        velClient_opaqueSession_pt s = nullptr;
-        velClient_resetLastErrorInfo();
-        EXPECT_EQ(VELCLIENT_FAIL, create({name, value}, &s)) << name << "=" << (value ? value : "(null)");
-        EXPECT_EQ(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, veltest::lastSubCode());
-        EXPECT_EQ(std::string("Invalid value for property ") + name + " in velClient_session_create: '" +
-                      (value ? value : "(null)") + "'",
-                  veltest::lastErrorText());
-        EXPECT_EQ(nullptr, s);
-    }
-    const std::pair<const char *, const char *> good[] = {
-        {"SESSION_TRANSPORT", "amqp"},           {"SESSION_HOST", "a.example:1,b,[::1]:5671,[fe80::1]"},
-        {"SESSION_USERNAME", "guest"},           {"SESSION_PASSWORD", ""},
-        {"SESSION_SSL", "1"},                    {"SESSION_SSL_TRUST_STORE", "/nowhere/ca.pem"},
-        {"SESSION_SSL_VALIDATE_CERTIFICATE", "0"}, {"SESSION_CONNECT_TIMEOUT_MS", "1"},
-        {"SESSION_RECONNECT_RETRIES", "-1"},     {"SESSION_RECONNECT_RETRY_WAIT_MS", "0"},
-        {"SESSION_KEEPALIVE_MS", "0"},           {"SESSION_SEND_BLOCKING", "0"},
-        {"SESSION_SEND_TIMEOUT_MS", "86400000"}, {"SESSION_PUB_WINDOW_SIZE", "255"},
-        {"SESSION_PUB_WINDOW_SIZE", "1"},        {"SESSION_RECEIVE_ACK_MODE", "client"},
-        {"SESSION_AMQP_QUEUE_PREFIX", "q/"},     {"SESSION_AMQP_WILDCARD_ONE", "+"},
+    const Rows accepted = {
+        {"SESSION_TRANSPORT", "amqp"}, {"SESSION_HOST", "a.example:1,b,[::1]:5671,[fe80::1]"},
+        {"SESSION_USERNAME", "guest"}, {"SESSION_PASSWORD", ""}, {"SESSION_SSL", "1"},
+        {"SESSION_SSL_TRUST_STORE", "/nowhere/ca.pem"}, {"SESSION_SSL_VALIDATE_CERTIFICATE", "0"},
+        {"SESSION_CONNECT_TIMEOUT_MS", "1"}, {"SESSION_RECONNECT_RETRIES", "-1"},
+        {"SESSION_RECONNECT_RETRY_WAIT_MS", "0"}, {"SESSION_KEEPALIVE_MS", "0"}, {"SESSION_SEND_BLOCKING", "0"},
+        {"SESSION_SEND_TIMEOUT_MS", "86400000"}, {"SESSION_PUB_WINDOW_SIZE", "255"}, {"SESSION_PUB_WINDOW_SIZE", "1"},
+        {"SESSION_RECEIVE_ACK_MODE", "client"}, {"SESSION_AMQP_QUEUE_PREFIX", "q/"}, {"SESSION_AMQP_WILDCARD_ONE", "+"},
     };
-    for (auto [name, value] : good) {
-        velClient_opaqueSession_pt s = nullptr;
-        EXPECT_EQ(VELCLIENT_OK, create({name, value}, &s)) << name << "=" << value << ": " << veltest::lastErrorText();
-        EXPECT_EQ(VELCLIENT_OK, velClient_session_destroy(&s));
+    for (const Rows *rows : {&refused, &accepted}) {
+        for (auto [name, value] : *rows) {
+            const std::string shown = value != nullptr ? value : "(null)";
+            velClient_opaqueSession_pt s = nullptr;
+            velClient_resetLastErrorInfo();
+            EXPECT_EQ(rows == &accepted ? VELCLIENT_OK : VELCLIENT_FAIL, create({name, value}, &s)) << name << "=" << shown;
+            if (rows == &accepted) {
+                EXPECT_EQ(VELCLIENT_OK, velClient_session_destroy(&s));
+                continue;
+            }
+            EXPECT_EQ(nullptr, s);
+            EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, std::string("Invalid value for property ") + name +
+                                                                        " in velClient_session_create: '" + shown + "'");
+        }
     }
 }
 
@@ -70,13 +67,11 @@ TEST(SessionCalls, BrokerInboxBaseNamesTheFirstHost)
     ASSERT_EQ(VELCLIENT_OK, create({"SESSION_TRANSPORT", "amqp", "SESSION_HOST", "broker1.example:5673,b2",
                                     "SESSION_CLIENT_NAME", "me"},
                                    &s));
-    velClient_opaqueMsg_pt m = nullptr;
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_alloc(&m));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setReplyToSuffix(m, s, "r/1"));
+    veltest::Msg m;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setReplyToSuffix(m.h, s, "r/1"));
     velClient_destination_t reply{};
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getReplyTo(m, &reply, sizeof reply));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getReplyTo(m.h, &reply, sizeof reply));
     EXPECT_STREQ("#P2P/v:broker1.example/me/r/1", reply.dest);
-    velClient_msg_free(&m);
     velClient_session_destroy(&s);
 }
 
@@ -97,47 +92,31 @@ TEST(SessionCalls, LoopbackAndNullSessionsAreUpAtOnce)
 
 TEST(SessionCalls, BadHandlesAndArgumentsAreRefused)
 {
-    velClient_opaqueSession_pt s = nullptr;
+    velClient_opaqueSession_pt s = nullptr, broker = nullptr;
     ASSERT_EQ(VELCLIENT_OK, velClient_session_create(nullptr, nullptr, nullptr, &s));
-    velClient_opaqueSession_pt broker = nullptr;
     ASSERT_EQ(VELCLIENT_OK, create({"SESSION_TRANSPORT", "amqp"}, &broker));
+    veltest::expectBadHandleRefusals({reinterpret_cast<void *>(0x4242)}, {{"Bad session pointer (%p) in %s", {
+        VEL_BAD_CALL(velClient_session_connect), VEL_BAD_CALL(velClient_session_disconnect),
+        VEL_BAD_CALL(velClient_session_topicSubscribe, "t"), VEL_BAD_CALL(velClient_session_topicUnsubscribe, "t"),
+        VEL_BAD_CALL(velClient_session_queueSubscribe, "q"), VEL_BAD_CALL(velClient_session_queueUnsubscribe, "q"),
+        VEL_BAD_CALL(velClient_session_ack, 1), VEL_BAD_CALL(velClient_session_setEventCallback, nullptr, nullptr),
+    }}});
     const auto N = VELCLIENT_SUBCODE_PARAM_NULL_PTR, R = VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
                E = VELCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED;
-    void *bad = reinterpret_cast<void *>(0x4242);
     const std::string tooLong(251, 't');
-    auto badHandle = [bad](const char *call) { return veltest::format("Bad session pointer (%p) in %s", bad, call); };
     veltest::expectRefusals({
-        {[bad] { return velClient_session_connect(bad); }, N, badHandle("velClient_session_connect")},
-        {[bad] { return velClient_session_disconnect(bad); }, N, badHandle("velClient_session_disconnect")},
-        {[bad] { return velClient_session_topicSubscribe(bad, "t"); }, N, badHandle("velClient_session_topicSubscribe")},
-        {[bad] { return velClient_session_topicUnsubscribe(bad, "t"); }, N,
-         badHandle("velClient_session_topicUnsubscribe")},
-        {[bad] { return velClient_session_queueSubscribe(bad, "q"); }, N, badHandle("velClient_session_queueSubscribe")},
-        {[bad] { return velClient_session_queueUnsubscribe(bad, "q"); }, N,
-         badHandle("velClient_session_queueUnsubscribe")},
-        {[bad] { return velClient_session_ack(bad, 1); }, N, badHandle("velClient_session_ack")},
-        {[bad] { return velClient_session_setEventCallback(bad, nullptr, nullptr); }, N,
-         badHandle("velClient_session_setEventCallback")},
-        {[s] { return velClient_session_topicSubscribe(s, nullptr); }, N,
-         "Null topic pointer in velClient_session_topicSubscribe"},
-        {[s] { return velClient_session_queueUnsubscribe(s, nullptr); }, N,
-         "Null queueName pointer in velClient_session_queueUnsubscribe"},
-        {[s] { return velClient_session_topicUnsubscribe(s, ""); }, R, "Empty topic in velClient_session_topicUnsubscribe"},
-        {[s, &tooLong] { return velClient_session_queueSubscribe(s, tooLong.c_str()); }, R,
-         "queueName length of 251 exceeds maximum of 250 in velClient_session_queueSubscribe"},
-        {[s] { return velClient_session_ack(s, 1); }, R,
-         "No message with id 1 awaits acknowledgement in velClient_session_ack"},
-        {[broker] { return velClient_session_topicSubscribe(broker, "t"); }, E,
-         "Session not connected in velClient_session_topicSubscribe"},
-        {[broker] { return velClient_session_queueSubscribe(broker, "q"); }, E,
-         "Session not connected in velClient_session_queueSubscribe"},
+        REFUSE_IN(velClient_session_topicSubscribe, (s, nullptr), N, "Null topic pointer"),
+        REFUSE_IN(velClient_session_queueUnsubscribe, (s, nullptr), N, "Null queueName pointer"),
+        REFUSE_IN(velClient_session_topicUnsubscribe, (s, ""), R, "Empty topic"),
+        REFUSE_IN(velClient_session_queueSubscribe, (s, tooLong.c_str()), R,
+                  "queueName length of 251 exceeds maximum of 250"),
+        REFUSE_IN(velClient_session_ack, (s, 1), R, "No message with id 1 awaits acknowledgement"),
+        REFUSE_IN(velClient_session_topicSubscribe, (broker, "t"), E, "Session not connected"),
+        REFUSE_IN(velClient_session_queueSubscribe, (broker, "q"), E, "Session not connected"),
     });
-    velClient_opaqueMsg_pt m = nullptr;
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_alloc(&m));
-    velClient_resetLastErrorInfo();
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_session_sendMsg(broker, m));
+    veltest::Msg m;
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_session_sendMsg(broker, m.h));
     EXPECT_EQ("Session not connected in velClient_session_sendMsg", veltest::lastErrorText());
-    velClient_msg_free(&m);
     /* A broker session that is not connected disconnects at once. */
     EXPECT_EQ(VELCLIENT_OK, velClient_session_disconnect(broker));
     velClient_session_destroy(&broker);

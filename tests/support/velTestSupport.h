@@ -343,6 +343,14 @@ inline void expectBadHandleRefusals(const std::vector<void *> &handles, const st
 /* An export called with the handle `b` and the further arguments given. */
 #define VEL_BAD_CALL(fn, ...) {#fn, [](void *b) -> int { return fn(b __VA_OPT__(, ) __VA_ARGS__); }}
 
+/* A refusal row: the call (locals captured by reference), its sub-code and text. */
+#define REFUSE(expr, sub, ...) ::veltest::Refusal{[&]() -> int { return (expr); }, sub, __VA_ARGS__}
+/* The same, for a text that ends " in " and the function called. */
+#define REFUSE_IN(fn, args, sub, text) REFUSE(fn args, sub, std::string(text) + " in " #fn)
+
+/* A call that must succeed for the test to go on. */
+#define OK(call) do { ASSERT_EQ(VELCLIENT_OK, (call)); } while (0)
+
 /* The failure's sub-code and exact text. */
 #define EXPECT_LAST_ERROR(subCode, text)                          \
     do {                                                          \
