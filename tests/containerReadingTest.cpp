@@ -208,3 +208,61 @@ TEST(Reading, LookupsAfterDeleteGrowthAndAMalformedEntry)
         EXPECT_EQ(1, int32At(e.h, "a"));
     }
 }
+
+/* Lookups compare keys of 8 to 16 bytes (with their NUL) as two words and
+ * others byte by byte: names of 7 to 18 bytes that differ in one byte
+ * (first, middle or last), names that another one begins with, and a name
+ * long enough for a 2-byte key length are each found, and near misses are
+ * not, in a fresh map and once lookups and reads have remembered entries;
+ * iteration gives every entry in order, a nested map among them. */
+TEST(Reading, LookupsTellApartNamesThatDifferInOneByte)
+{
+    std::vector<std::string> keys;
+    for (std::size_t len : {6u, 7u, 8u, 11u, 15u, 16u, 17u}) {
+        keys.emplace_back(len, 'n');
+        for (std::size_t at : {std::size_t{0}, len / 2, len - 1}) {
+            keys.emplace_back(len, 'n');
+            keys.back()[at] = 'x';
+        }
+    }
+    keys.emplace_back(300, 'L');
+    std::vector<char> mem(4096);
+    velClient_opaqueContainer_pt built = nullptr, sub = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_createMap(&built, mem.data(), mem.size()));
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(built, static_cast<velClient_int32_t>(i), keys[i].c_str()));
+        if (i == 10) { /* a nested map between the entries */
+            ASSERT_EQ(VELCLIENT_OK, velClient_container_openSubMap(built, &sub, "sub"));
+            ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&sub));
+        }
+    }
+    void *bytes = nullptr;
+    velClient_uint32_t size = 0;
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_getContainerPtr(built, &bytes, &size));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&built));
+    velClient_opaqueContainer_pt m = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_openMapFromPtr(&m, bytes, size));
+    for (int round = 0; round < 2; ++round) {
+        for (std::size_t n = 0; n < keys.size(); ++n) { /* backwards first, then forwards */
+            const std::size_t i = round == 0 ? keys.size() - 1 - n : n;
+            EXPECT_EQ(static_cast<velClient_int32_t>(i), int32At(m, keys[i].c_str())) << keys[i];
+            std::string miss = keys[i];
+            miss[miss.size() - 1] = 'y';
+            int32At(m, miss.c_str(), VELCLIENT_NOT_FOUND);
+            int32At(m, (keys[i] + "z").c_str(), VELCLIENT_NOT_FOUND);
+        }
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_rewind(m));
+        std::vector<std::string> read;
+        while (next(m) == VELCLIENT_OK) {
+            read.emplace_back(name);
+            EXPECT_EQ(read.back() == "sub" ? VELCLIENT_MAP : VELCLIENT_INT32, f.type) << read.back();
+            if (f.type == VELCLIENT_MAP) {
+                EXPECT_NE(nullptr, f.value.map);
+            }
+        }
+        std::vector<std::string> expected = keys;
+        expected.insert(expected.begin() + 11, "sub");
+        EXPECT_EQ(expected, read);
+    }
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&m));
+}

@@ -94,7 +94,7 @@ inline void markModified(const _velClient_container *c)
 }
 
 /* Writes the name field (map only) at p; returns where the value goes. */
-std::uint8_t *writeName(std::uint8_t *p, const char *name, std::uint64_t nameLen)
+[[gnu::always_inline]] inline std::uint8_t *writeName(std::uint8_t *p, const char *name, std::uint64_t nameLen)
 {
     if (nameLen == 0)
         return p;
@@ -104,45 +104,47 @@ std::uint8_t *writeName(std::uint8_t *p, const char *name, std::uint64_t nameLen
     return v + len;
 }
 
-/* The last steps of an add with room at p: the name field, write() for the
- * value field, and the advance of curWrPtr. */
+/* The last steps of an add with room at p: the name field, write(where,
+ * value) for the value field, and the advance of curWrPtr. */
 template <typename Write>
-inline velClient_returnCode_t finishAdd(_velClient_container *c, std::uint8_t *p, const char *name,
-                                        std::uint64_t nameLen, std::uint64_t needed, Write &write)
+[[gnu::always_inline]] inline velClient_returnCode_t finishAdd(_velClient_container *c, std::uint8_t *p,
+                                                               const char *name, std::uint64_t nameLen,
+                                                               std::uint64_t needed, const Write &write,
+                                                               const void *value)
 {
-    write(writeName(p, name, nameLen));
+    write(writeName(p, name, nameLen), value);
     c->curWrPtr = p + needed;
     markModified(c);
     return VELCLIENT_OK;
 }
 
-/* An add that must grow c first: the name and *value (valueLen bytes, when
- * value is given) are what the add reads of the caller's. */
+/* An add that must grow c first: the name and value (valueLen bytes) are
+ * what the add reads of the caller's; either may be copied out first. */
 template <typename Write>
 [[gnu::noinline, gnu::cold]] velClient_returnCode_t addGrowing(_velClient_container *c, const char *name,
                                                                std::uint64_t nameLen, std::uint64_t needed,
-                                                               std::int64_t excess, Write &write,
-                                                               const void **value, std::size_t valueLen)
+                                                               std::int64_t excess, const Write &write,
+                                                               const void *value, std::size_t valueLen)
 {
     const void *nameBytes = name;
-    const void *none = nullptr;
     KeptBytes kept;
-    std::uint8_t *p = growFor(c, excess, kept,
-                              {Borrowed{nameBytes, nameLen}, Borrowed{value != nullptr ? *value : none,
-                                                                      value != nullptr ? valueLen : 0}});
+    std::uint8_t *p = growFor(c, excess, kept, {Borrowed{nameBytes, nameLen}, Borrowed{value, valueLen}});
     if (p == nullptr)
         return VELCLIENT_FAIL;
-    return finishAdd(c, p, static_cast<const char *>(nameBytes), nameLen, needed, write);
+    return finishAdd(c, p, static_cast<const char *>(nameBytes), nameLen, needed, write, value);
 }
 
 /* The common frame of every add: the name rule, then the add's own
  * check (which records its failure), room for the name field and valueSize
- * bytes, the name field, write() for the value field, and the advance of
- * curWrPtr. A failure at any step leaves the container as it was. *value
- * (valueLen bytes), when given, is the caller's variable that write() reads. */
+ * bytes, the name field, write(where, value) for the value field, and the
+ * advance of curWrPtr. A failure at any step leaves the container as it was.
+ * value (valueLen bytes), when given, is the caller's bytes that write()
+ * copies: they are passed to it, since growth may first copy them out.
+ * Inline in every add, so that the usual add is one straight path. */
 template <typename Check, typename Write>
-velClient_returnCode_t addField(_velClient_container *c, const char *name, std::uint64_t valueSize, Check check,
-                                Write write, const void **value = nullptr, std::size_t valueLen = 0)
+[[gnu::always_inline]] inline velClient_returnCode_t addField(_velClient_container *c, const char *name,
+                                                              std::uint64_t valueSize, Check check, Write write,
+                                                              const void *value = nullptr, std::size_t valueLen = 0)
 {
     std::uint64_t nameLen = 0;
     if (!nameAccepted(c, name, nameLen) || check() != VELCLIENT_OK)
@@ -151,7 +153,7 @@ velClient_returnCode_t addField(_velClient_container *c, const char *name, std::
     std::int64_t excess = shortOf(c, needed);
     if (excess > 0) [[unlikely]]
         return addGrowing(c, name, nameLen, needed, excess, write, value, valueLen);
-    return finishAdd(c, c->curWrPtr, name, nameLen, needed, write);
+    return finishAdd(c, c->curWrPtr, name, nameLen, needed, write, value);
 }
 
 /* ---- Scalars: one traits row per add ------------------------------------------ */
@@ -202,7 +204,7 @@ velClient_returnCode_t addScalar(_velClient_container *c, T value, const char *n
 {
     return addField(
         c, name, 2 + Bytes, [value] { return Accept(value); },
-        [value](std::uint8_t *p) {
+        [value](std::uint8_t *p, const void *) {
             p[0] = TypeByte;
             p[1] = 2 + Bytes;
             putBE(p + 2, Encode(value), Bytes);
@@ -216,7 +218,7 @@ velClient_returnCode_t addScalar(_velClient_container *c, T value, const char *n
 velClient_returnCode_t addVariable(_velClient_container *c, const char *name, std::uint8_t typeBase,
                                    const void *value_p, std::uint64_t valueLength, const char *nullText)
 {
-    auto check = [&] {
+    auto check = [value_p, valueLength, nullText] {
         if (value_p == nullptr)
             return VEL_FAIL_NULL("%s", nullText);
         if (valueLength > 0x7FFFFFF0u)
@@ -226,12 +228,12 @@ velClient_returnCode_t addVariable(_velClient_container *c, const char *name, st
     auto len = static_cast<std::uint32_t>(valueLength);
     return addField(
         c, name, varFieldSize(valueLength), check,
-        [&](std::uint8_t *p) {
+        [typeBase, len](std::uint8_t *p, const void *value) {
             std::uint8_t *v = writeVarHeader(p, typeBase, len);
             if (len != 0)
-                copyBytes(v, value_p, len);
+                copyBytes(v, value, len);
         },
-        &value_p, len);
+        value_p, len);
 }
 
 /* True when a and b are the same container or one contains the other. */
@@ -388,16 +390,15 @@ velClient_returnCode_t addCheckedDestination(_velClient_container *c, const velC
     std::uint8_t kind = (type == VELCLIENT_QUEUE_DESTINATION || type == VELCLIENT_QUEUE_TEMP_DESTINATION)
                             ? kDestKindQueue
                             : kDestKindTopic;
-    const void *dest = value->dest;
     return addField(
         c, name, destLen + 3, check,
-        [&](std::uint8_t *p) {
+        [kind, destLen](std::uint8_t *p, const void *dest) {
             p[0] = kTypeDestination;
             p[1] = static_cast<std::uint8_t>(destLen + 3);
             p[2] = kind;
             std::memcpy(p + 3, dest, destLen);
         },
-        &dest, destLen);
+        value->dest, destLen);
 }
 
 } // namespace
@@ -437,7 +438,9 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_addContainer
      * its start is read only after the room is made. */
     auto len = static_cast<std::uint64_t>(sub->curWrPtr - sub->startPtr);
     return addField(c, name, len, anyValue<>,
-                    [sub, len](std::uint8_t *p) { std::memmove(p, sub->startPtr, static_cast<std::size_t>(len)); });
+                    [sub, len](std::uint8_t *p, const void *) {
+                        std::memmove(p, sub->startPtr, static_cast<std::size_t>(len));
+                    });
 }
 
 /* Adds a whole field verbatim after checking only that the tlvLength in its
@@ -457,13 +460,12 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_addUnknownFi
                     static_cast<int>(encoded), static_cast<int>(length));
         return VELCLIENT_OK;
     };
-    const void *bytes = field;
     _velClient_container *c = addTarget(opaqueCont_p);
     if (c == nullptr)
         return VELCLIENT_FAIL;
     return addField(
-        c, name, length, check, [&](std::uint8_t *p) { std::memcpy(p, bytes, length); },
-        &bytes, length);
+        c, name, length, check, [length](std::uint8_t *p, const void *bytes) { std::memcpy(p, bytes, length); },
+        field, length);
 }
 
 /* ---- Sub-containers opened in place ------------------------------------------ */

@@ -147,6 +147,18 @@ velClient_returnCode_t readNext(_velClient_container *c, velClient_field_t *fiel
     return rc;
 }
 
+/* The next map entry, at pos, when it is not in the usual form: read as
+ * _velClient_container_readNextField reads it. */
+[[gnu::noinline]] velClient_returnCode_t readOtherMapField(_velClient_container *c, std::uint8_t *pos,
+                                                           velClient_field_t *field_p, const char **name_p)
+{
+    velClient_returnCode_t rc = readAnyEntryAt(c, pos, field_p, name_p);
+    if (rc != VELCLIENT_OK)
+        return rc;
+    noteChecked(c, pos, c->curFieldLength);
+    return _velClient_container_attachSubContainer(c, field_p);
+}
+
 } // namespace
 
 velClient_returnCode_t _velClient_container_readNextValue(_velClient_container *c, velClient_field_t *field_p)
@@ -179,14 +191,68 @@ inline bool keyIs(const std::uint8_t *p, std::ptrdiff_t room, const char *name, 
            sameBytes(p + 1 + width, name, nameSize);
 }
 
+/* The key a lookup looks for, prepared once: the two bytes that begin its
+ * entry in the usual form (type byte, 1-byte length) and, for a name of 8 to
+ * 16 bytes with its NUL, its first and last 8 bytes, so that comparing an
+ * entry's key is two loads of each. */
+class KeyProbe {
+public:
+    KeyProbe(const char *name, std::size_t nameSize) : name_(name), size_(nameSize)
+    {
+        const std::uint8_t head[2] = {kTypeString, static_cast<std::uint8_t>(2 + nameSize)};
+        std::memcpy(&head_, head, 2);
+        shortForm_ = nameSize <= 253;
+        words_ = nameSize >= 8 && nameSize <= 16;
+        if (words_) {
+            std::memcpy(&first_, name, 8);
+            std::memcpy(&last_, name + nameSize - 8, 8);
+        }
+    }
+
+    std::size_t size() const { return size_; }
+
+    /* The nameSize bytes at k are the name. */
+    bool sameName(const std::uint8_t *k) const
+    {
+        if (!words_)
+            return sameBytes(k, name_, size_);
+        std::uint64_t a, b;
+        std::memcpy(&a, k, 8);
+        std::memcpy(&b, k + size_ - 8, 8);
+        return ((a ^ first_) | (b ^ last_)) == 0;
+    }
+
+    /* keyIs(p, room, name, nameSize). */
+    bool keys(const std::uint8_t *p, std::ptrdiff_t room) const
+    {
+        if (shortForm_ && room >= 2) {
+            std::uint16_t head;
+            std::memcpy(&head, p, 2);
+            if (head == head_)
+                return room >= static_cast<std::ptrdiff_t>(2 + size_) && sameName(p + 2);
+            if (p[0] == kTypeString)
+                return false; /* the usual form with another length */
+        }
+        return keyIs(p, room, name_, size_);
+    }
+
+private:
+    const char *name_;
+    std::size_t size_;
+    std::uint16_t head_ = 0;
+    bool shortForm_ = false;
+    bool words_ = false;
+    std::uint64_t first_ = 0, last_ = 0;
+};
+
 /* The entry keyed name among those c remembers as well formed, or nullptr:
  * their keys are compared, nothing else is checked again. */
-std::uint8_t *findChecked(_velClient_container *c, const char *name, std::size_t nameSize)
+std::uint8_t *findChecked(_velClient_container *c, const KeyProbe &key)
 {
     const std::ptrdiff_t size = c->curWrPtr - c->firstFieldPtr;
     for (std::uint32_t i = 0; i < c->checkedCount; ++i) {
         const std::uint32_t at = c->checkedAt[i];
-        if (at < size && keyIs(c->firstFieldPtr + at, size - at, name, nameSize))
+        if (at < size && key.keys(c->firstFieldPtr + at, size - at))
             return c->firstFieldPtr + at;
     }
     return nullptr;
@@ -194,10 +260,11 @@ std::uint8_t *findChecked(_velClient_container *c, const char *name, std::size_t
 
 /* Passes over the entries from pos that are well formed, in the usual form,
  * and not keyed name, checking them as a read would but decoding nothing,
- * and remembers them. Stops at the end, at the entry with that key and at
- * any entry it cannot vouch for: a read then decodes it (and records what
- * is malformed). */
-std::uint8_t *skipOtherEntries(_velClient_container *c, std::uint8_t *pos, const char *name, std::size_t nameSize)
+ * and remembers them. Stops at the end, at the entry with that key (keyed
+ * is then set when it is in the usual form, with a value checkCommon takes)
+ * and at any entry it cannot vouch for: a read then decodes it (and records
+ * what is malformed). */
+std::uint8_t *skipOtherEntries(_velClient_container *c, std::uint8_t *pos, const KeyProbe &key, bool &keyed)
 {
     const std::uint8_t *end = c->curWrPtr;
     while (pos < end) {
@@ -205,36 +272,59 @@ std::uint8_t *skipOtherEntries(_velClient_container *c, std::uint8_t *pos, const
         if (keyLength == 0)
             return pos;
         const std::uint32_t valueLength = checkCommon(pos + keyLength, end - pos - keyLength);
-        if (valueLength == 0 || (keyLength - 2 == nameSize && sameBytes(pos + 2, name, nameSize)))
+        if (valueLength == 0)
             return pos;
+        if (keyLength - 2 == key.size() && key.sameName(pos + 2)) {
+            keyed = true;
+            return pos;
+        }
         noteChecked(c, pos, keyLength + valueLength);
         pos += keyLength + valueLength;
     }
     return pos;
 }
 
+/* Decodes the value of the entry at pos, whose key in the usual form
+ * skipOtherEntries found to be the name, into *field_p when decodeCommon
+ * takes it, and makes it the cursor's entry; false, with nothing written,
+ * for any other value. */
+bool readKeyedValue(_velClient_container *c, std::uint8_t *pos, velClient_field_t *field_p)
+{
+    const std::uint32_t keyLength = pos[1];
+    const std::uint32_t valueLength = decodeCommon(pos + keyLength, c->curWrPtr - pos - keyLength, field_p);
+    if (valueLength == 0)
+        return false;
+    c->curRdPtr = pos;
+    c->curKeyLength = keyLength;
+    c->curFieldLength = keyLength + valueLength;
+    noteChecked(c, pos, keyLength + valueLength);
+    return true;
+}
+
 /* Scans the entries not yet remembered for the first keyed name. Entries
  * decoded on the way go to a scratch field: the caller's field is written
  * only with the entry found. */
-velClient_returnCode_t scanFor(_velClient_container *c, const char *name, std::size_t nameSize,
-                               velClient_field_t *field_p)
+velClient_returnCode_t scanFor(_velClient_container *c, const KeyProbe &key, velClient_field_t *field_p)
 {
-    velClient_field_t scratch{};
     if (c->checkedEnd > static_cast<std::uint64_t>(c->curWrPtr - c->firstFieldPtr))
         forgetCheckedEntries(c);
     for (std::uint8_t *pos = c->firstFieldPtr + c->checkedEnd;; pos = c->curRdPtr + c->curFieldLength) {
-        pos = skipOtherEntries(c, pos, name, nameSize);
+        bool keyed = false;
+        pos = skipOtherEntries(c, pos, key, keyed);
         if (pos >= c->curWrPtr) {
             c->curRdPtr = pos;
             c->curFieldLength = 0;
             c->curKeyLength = 0;
             return VELCLIENT_NOT_FOUND;
         }
-        const char *key = nullptr;
-        if (readEntryAt(c, pos, &scratch, &key) != VELCLIENT_OK)
+        if (keyed && readKeyedValue(c, pos, field_p))
+            return VELCLIENT_OK;
+        velClient_field_t scratch{};
+        const char *name = nullptr;
+        if (readEntryAt(c, pos, &scratch, &name) != VELCLIENT_OK)
             return VELCLIENT_FAIL;
         noteChecked(c, pos, c->curFieldLength);
-        if (keyIs(pos, c->curWrPtr - pos, name, nameSize)) {
+        if (key.keys(pos, c->curWrPtr - pos)) {
             *field_p = scratch;
             return VELCLIENT_OK;
         }
@@ -256,12 +346,12 @@ velClient_returnCode_t _velClient_container_getFieldAndTypeByName(_velClient_con
     if (name_p == nullptr || name_p[0] == '\0')
         return VEL_FAIL_NULL("Null or Empty Name pointer in "
                              "_velClient_container_getFieldAndTypeByName");
-    const std::size_t nameSize = std::strlen(name_p) + 1;
-    if (std::uint8_t *pos = findChecked(c, name_p, nameSize)) {
-        const char *key = nullptr;
-        return readEntryAt(c, pos, field_p, &key);
+    const KeyProbe key(name_p, std::strlen(name_p) + 1);
+    if (std::uint8_t *pos = findChecked(c, key)) {
+        const char *name = nullptr;
+        return readEntryAt(c, pos, field_p, &name);
     }
-    return scanFor(c, name_p, nameSize, field_p);
+    return scanFor(c, key, field_p);
 }
 
 /* ---- Exports
@@ -291,6 +381,15 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getNextField
         return VEL_FAIL_NULL("Null name_p in velClient_container_getNextField");
     if (name_p != nullptr)
         *name_p = nullptr;
+    if (c->type == VELCLIENT_CONTAINER_MAP) {
+        std::uint8_t *pos = nextPosition(c);
+        if (pos < c->curWrPtr) {
+            if (!readCommonEntry(c, pos, field_p, name_p))
+                return readOtherMapField(c, pos, field_p, name_p);
+            noteChecked(c, pos, c->curFieldLength);
+            return VELCLIENT_OK;
+        }
+    }
     return _velClient_container_readNextField(c, field_p, name_p);
 }
 

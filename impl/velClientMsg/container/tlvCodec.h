@@ -143,14 +143,23 @@ inline bool hasZeroByte(std::uint64_t w) noexcept
 }
 
 /* true when the n bytes at v end with their only NUL: a well-formed text.
- * Texts of 8 to 65 bytes (keys, most values) are checked 8 bytes at a time
- * inline, the last word overlapping the one before; longer ones by memchr. */
+ * Texts of 8 to 16 bytes (most keys) are checked as two overlapping words,
+ * up to 65 bytes 8 at a time inline, the last word overlapping the one
+ * before; longer ones by memchr. */
 inline bool isCString(const void *v, std::size_t n) noexcept
 {
     const auto *b = static_cast<const std::uint8_t *>(v);
     if (n == 0 || b[n - 1] != 0)
         return false;
     const std::size_t body = n - 1;
+    constexpr std::uint64_t kNulByte = 0xFF00000000000000ull; /* masks the NUL once loaded */
+    std::uint64_t w;
+    if (n >= 8 && n <= 16) { /* most keys: the first and the last 8 bytes */
+        std::uint64_t first;
+        std::memcpy(&first, b, 8);
+        std::memcpy(&w, b + n - 8, 8);
+        return !hasZeroByte(first | (n == 8 ? kNulByte : 0)) && !hasZeroByte(w | kNulByte);
+    }
     if (body > 64)
         return std::memchr(b, 0, body) == nullptr;
     if (n < 8) {
@@ -159,7 +168,6 @@ inline bool isCString(const void *v, std::size_t n) noexcept
                 return false;
         return true;
     }
-    std::uint64_t w;
     std::size_t i = 0;
     for (; i + 8 <= body; i += 8) {
         std::memcpy(&w, b + i, 8);
@@ -170,7 +178,7 @@ inline bool isCString(const void *v, std::size_t n) noexcept
         return true;
     /* The last 8 bytes end with the NUL (the top byte once loaded): mask it. */
     std::memcpy(&w, b + n - 8, 8);
-    return !hasZeroByte(w | 0xFF00000000000000ull);
+    return !hasZeroByte(w | kNulByte);
 }
 
 /* Length width (1..4) for a variable-size value of valueLength bytes. */

@@ -9,6 +9,7 @@
 #pragma once
 
 #include <array>
+#include <bit>
 #include <initializer_list>
 
 #include "velClientMsg/container/fieldTypes.h"
@@ -25,7 +26,14 @@ inline std::int64_t decodeFixed(const std::uint8_t *p, std::uint32_t len, velCli
     if (type == VELCLIENT_UNKNOWN)
         return -1;
     f->type = type;
-    vel::field::storeFixed(*f, type, getBE(p + 2, n));
+    const std::uint64_t raw = getBE(p + 2, n);
+    if constexpr (std::endian::native == std::endian::little) {
+        /* raw holds n bytes, the size of the type's member: the union reads
+         * it through that member as storeFixed stores it, the rest zero. */
+        f->value.uint64 = type == VELCLIENT_BOOL ? (raw != 0 ? 1 : 0) : raw;
+    } else {
+        vel::field::storeFixed(*f, type, raw);
+    }
     f->length = n;
     return len;
 }
