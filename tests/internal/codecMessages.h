@@ -1,31 +1,30 @@
-/* Messages for the codec tests: one with every part, header property, mark
- * and a user property map or attachment of every field type, as a loopback
- * session receives it, and its dump without the lines the receive path owns. */
+/* What the AMQP and MQTT codec tests share: a message with every part, header property, mark and a user
+ * property map or attachment of every field type, as a loopback session receives it; its dump without the
+ * lines the receive path owns; and each codec's encode and decode behind one interface. */
 #pragma once
 
+#include <cstdlib>
+#include <initializer_list>
+#include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "mqttWalk.h"
+#include "support/velTestSupport.h"
+#include "velClientAmqp/amqpCodec.h"
+#include "velClientMqtt/mqttCodec.h"
+#include "velClientMqtt/mqttPublish.h"
+#include "velClientMsg/header/headerMaps.h"
 #include "velClientMsg/velClientMsgPrivate.h"
 #include "velclient/velClient.h"
 
 namespace codectest {
 
-struct Owned {
-    velClient_opaqueMsg_pt h = nullptr;
-    Owned() = default;
-    explicit Owned(_velClient_msg *m) : h(m != nullptr ? m->opaqueMsg_p : nullptr) {}
-    Owned(const Owned &) = delete;
-    Owned &operator=(const Owned &) = delete;
-    ~Owned()
-    {
-        if (h != nullptr)
-            velClient_msg_free(&h);
-    }
-    _velClient_msg *rec() const { return vel::msgOf(h); }
-};
+using veltest::Bytes;
+using veltest::Msg;
 
 /* ---- Building the messages --------------------------------------------------- */
 
@@ -66,10 +65,9 @@ inline void fillScalars(velClient_opaqueContainer_pt c, bool keyed)
 /* The scalars, then a stream holding the scalars and a map of them. */
 inline void fillNested(velClient_opaqueContainer_pt c, bool keyed)
 {
-    auto n = [keyed](const char *name) { return keyed ? name : nullptr; };
     fillScalars(c, keyed);
     velClient_opaqueContainer_pt stream = nullptr, inner = nullptr;
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_openSubStream(c, &stream, n("stream")));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_openSubStream(c, &stream, keyed ? "stream" : nullptr));
     fillScalars(stream, false);
     ASSERT_EQ(VELCLIENT_OK, velClient_container_openSubMap(stream, &inner, nullptr));
     fillScalars(inner, true);
@@ -133,21 +131,16 @@ inline void build(velClient_opaqueMsg_pt m, const Case &c)
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_setHttpContentEncoding(m, "gzip"));
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_setUserData(m, "ud\0x", 4));
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_setXml(m, "<a/>", 4));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setDMQEligible(m, 1));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setElidingEligible(m, 1));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setDeliverToOne(m, 1));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setAckImmediately(m, 1));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setDiscardIndication(m, 1));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setAsReplyMsg(m, 1));
-    _velClient_msg *rec = vel::msgOf(m);
+    for (auto mark : {velClient_msg_setDMQEligible, velClient_msg_setElidingEligible, velClient_msg_setDeliverToOne,
+                      velClient_msg_setAckImmediately, velClient_msg_setDiscardIndication, velClient_msg_setAsReplyMsg})
+        ASSERT_EQ(VELCLIENT_OK, mark(m, 1));
     const std::uint8_t ids[] = {0, 0, 0, 7, 0, 1, 0, 2};
-    ASSERT_EQ(VELCLIENT_OK, _velClient_msg_setBufinfo(rec, VELCLIENT_BUFINFO_CONSUMER_ID_PART, ids, sizeof ids, 0));
+    ASSERT_EQ(VELCLIENT_OK,
+              _velClient_msg_setBufinfo(vel::msgOf(m), VELCLIENT_BUFINFO_CONSUMER_ID_PART, ids, sizeof ids, 0));
     ASSERT_EQ(VELCLIENT_OK, _velClient_msg_setTopicSequenceNumber(m, 77));
     setProps(m, c.props);
     setAttachment(m, c.attachment);
 }
-
-/* ---- Receiving on loopback, dumping -------------------------------------------- */
 
 inline velClient_rxMsgCallback_returnCode_t keep(velClient_opaqueSession_pt, velClient_opaqueMsg_pt m, void *user)
 {
@@ -155,11 +148,10 @@ inline velClient_rxMsgCallback_returnCode_t keep(velClient_opaqueSession_pt, vel
     return VELCLIENT_CALLBACK_TAKE_MSG;
 }
 
-/* The message as a loopback session receives it (owned by the caller). */
+/* The message of case c as a loopback session receives it (owned by the caller). */
 inline velClient_opaqueMsg_pt receivedOnLoopback(const Case &c)
 {
-    Owned sent;
-    EXPECT_EQ(VELCLIENT_OK, velClient_msg_alloc(&sent.h));
+    Msg sent;
     build(sent.h, c);
     velClient_opaqueMsg_pt got = nullptr;
     velClient_opaqueSession_pt s = nullptr;
@@ -171,33 +163,143 @@ inline velClient_opaqueMsg_pt receivedOnLoopback(const Case &c)
 }
 
 /* The full dump without the lines the receive path owns. */
-inline std::string dumpOf(velClient_opaqueMsg_pt m);
-
-/* Case c's message as a loopback session receives it, into received, and its dump, checked to run to its
- * last line. */
-inline std::string receivedWithDump(const Case &c, Owned &received)
-{
-    received.h = receivedOnLoopback(c);
-    if (received.h == nullptr)
-        return {};
-    const std::string dump = dumpOf(received.h);
-    EXPECT_NE(std::string::npos, dump.find("XML:")) << "the dump ran to its last line:\n" << dump;
-    return dump;
-}
-
 inline std::string dumpOf(velClient_opaqueMsg_pt m)
 {
     std::vector<char> buf(1 << 16);
     EXPECT_EQ(VELCLIENT_OK, velClient_msg_dump(m, buf.data(), buf.size()));
-    std::string out, all(buf.data());
-    for (std::size_t at = 0; at < all.size();) {
-        std::size_t end = all.find('\n', at);
-        std::string line = all.substr(at, end - at);
-        at = end == std::string::npos ? all.size() : end + 1;
+    std::string out, line;
+    std::istringstream all(buf.data());
+    while (std::getline(all, line))
         if (line.rfind("RcvTimestamp:", 0) != 0 && line.rfind("Message Id:", 0) != 0)
-            out += line + "\n";
+            out.append(line).append("\n");
+    return out;
+}
+
+/* Each getter gives its text, and the destination getter its destination. */
+using TextGetter = velClient_returnCode_t (*)(velClient_opaqueMsg_pt, const char **);
+inline void expectTexts(velClient_opaqueMsg_pt m, std::initializer_list<std::pair<TextGetter, const char *>> rows)
+{
+    for (const auto &[get, text] : rows) {
+        const char *s = nullptr;
+        EXPECT_EQ(VELCLIENT_OK, get(m, &s)) << text;
+        EXPECT_STREQ(text, s);
+    }
+}
+
+inline void expectDestination(velClient_opaqueMsg_pt m, decltype(&velClient_msg_getDestination) get,
+                              velClient_destinationType_t type, const char *name)
+{
+    velClient_destination_t d{};
+    ASSERT_EQ(VELCLIENT_OK, get(m, &d, sizeof d)) << name;
+    EXPECT_EQ(type, d.destType) << name;
+    EXPECT_STREQ(name, d.dest);
+}
+
+/* ---- The codecs ----------------------------------------------------------------- */
+
+/* A message on the wire: an AMQP encoding is the payload alone; an MQTT publish has a topic name, a payload
+ * and properties (the frame among them). */
+struct Wire {
+    std::string name;
+    std::vector<char> payload;
+    vel::mqtt::Properties properties;
+};
+
+/* The message encoded after the send path's preparation. */
+inline Wire amqpEncode(velClient_opaqueMsg_pt m)
+{
+    Wire w;
+    EXPECT_EQ(VELCLIENT_OK, vel::meta::prepareForWire(vel::msgOf(m), false));
+    EXPECT_EQ(VELCLIENT_OK, vel::amqp::encode(vel::msgOf(m), {}, w.payload)) << veltest::lastErrorText();
+    return w;
+}
+
+inline Wire mqttEncode(velClient_opaqueMsg_pt m)
+{
+    Wire w;
+    velClient_destination_t dest{};
+    EXPECT_EQ(VELCLIENT_OK, velClient_msg_getDestination(m, &dest, sizeof dest));
+    w.name = vel::mqtt::topicName(dest.dest);
+    EXPECT_EQ(VELCLIENT_OK, vel::meta::prepareForWire(vel::msgOf(m), false));
+    EXPECT_EQ(VELCLIENT_OK, vel::mqtt::encode(vel::msgOf(m), w.payload, w.properties)) << veltest::lastErrorText();
+    return w;
+}
+
+/* The decoded message (owned by the caller), nullptr when refused. */
+inline velClient_opaqueMsg_pt handleOf(velClient_returnCode_t rc, _velClient_msg *m)
+{
+    EXPECT_EQ(VELCLIENT_OK, rc) << veltest::lastErrorText();
+    return m != nullptr ? m->opaqueMsg_p : nullptr;
+}
+
+inline velClient_opaqueMsg_pt amqpDecode(const Wire &w)
+{
+    _velClient_msg *m = nullptr;
+    const auto rc = vel::amqp::decode(w.payload.data(), w.payload.size(), {}, nullptr, &m);
+    return handleOf(rc, m);
+}
+
+inline velClient_opaqueMsg_pt mqttDecode(const Wire &w)
+{
+    _velClient_msg *m = nullptr;
+    auto rc = vel::mqtt::decode(w.name, w.payload.data(), w.payload.size(), w.properties.get(), nullptr, &m);
+    return handleOf(rc, m);
+}
+
+/* The "name=value" user properties of an MQTT property list, in order. */
+inline std::vector<std::pair<std::string, std::string>> userProperties(const mosquitto_property *list)
+{
+    std::vector<std::pair<std::string, std::string>> out;
+    for (const mosquitto_property *p = list; p != nullptr; p = mosquitto_property_next(p)) {
+        char *name = nullptr, *value = nullptr;
+        if (mosquitto_property_read_string_pair(p, MQTT_PROP_USER_PROPERTY, &name, &value, false) == p)
+            out.emplace_back(name, value);
+        std::free(name);
+        std::free(value);
     }
     return out;
 }
+
+/* The frame property's values joined (empty for AMQP), and the frame bytes they carry. */
+inline std::string frameText(const Wire &w)
+{
+    std::string text;
+    for (const auto &[name, value] : userProperties(w.properties.get()))
+        text += name == vel::mqtt::kFrameProperty ? value : "";
+    return text;
+}
+
+inline Bytes frameBytes(const Wire &w)
+{
+    const std::string text = frameText(w);
+    std::size_t size = 0;
+    EXPECT_TRUE(vel::mqtt::base64Size(text, size));
+    Bytes bytes(size);
+    EXPECT_TRUE(vel::mqtt::decodeBase64(text, bytes.data()));
+    return bytes;
+}
+
+/* The wire form as the codec's fuzz target reads it (how its seeds were made). */
+inline Bytes amqpSeed(const Wire &w)
+{
+    return Bytes(w.payload.begin(), w.payload.end());
+}
+
+inline Bytes mqttSeed(const Wire &w)
+{
+    return velfuzz::mqttInput(w.name, frameBytes(w), w.payload);
+}
+
+struct Codec {
+    const char *name;
+    bool queues;                /* whether a destination may be a queue */
+    const char *corpusVariable; /* names a folder for the seeds */
+    Wire (*encode)(velClient_opaqueMsg_pt);
+    velClient_opaqueMsg_pt (*decode)(const Wire &);
+    Bytes (*seed)(const Wire &);
+};
+
+inline const Codec kAmqp{"Amqp", true, "VEL_WRITE_AMQP_CORPUS", amqpEncode, amqpDecode, amqpSeed};
+inline const Codec kMqtt{"Mqtt", false, "VEL_WRITE_MQTT_CORPUS", mqttEncode, mqttDecode, mqttSeed};
 
 } // namespace codectest

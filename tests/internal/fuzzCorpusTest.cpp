@@ -10,9 +10,11 @@
 #include <string>
 #include <vector>
 
+#include "amqpWalk.h"
 #include "apiWalk.h"
 #include "corpusFiles.h"
 #include "metadataWalk.h"
+#include "mqttWalk.h"
 #include "support/velTestSupport.h"
 
 namespace {
@@ -30,6 +32,8 @@ const Target kTargets[] = {
     {"container", 3, [](const std::uint8_t *data, std::size_t size) { return velfuzz::walkContainer(data, size), true; }},
     {"vwf", 3, velfuzz::walkFrame},
     {"metadata", 3, velfuzz::walkMetadata},
+    {"amqp", 4, velfuzz::walkAmqp},
+    {"mqtt", 6, velfuzz::walkMqtt},
 };
 
 /* The seed, then for each byte at: the seed cut before it and its four changes of that byte. */
