@@ -52,25 +52,24 @@ inline Wire mqttEncode(velClient_opaqueMsg_pt m)
     return w;
 }
 
+inline velClient_returnCode_t amqpDecode(const Wire &w, _velClient_msg **m)
+{
+    return vel::amqp::decode(w.payload.data(), w.payload.size(), {}, nullptr, m);
+}
+
+inline velClient_returnCode_t mqttDecode(const Wire &w, _velClient_msg **m)
+{
+    return vel::mqtt::decode(w.name, w.payload.data(), w.payload.size(), w.properties.get(), nullptr, m);
+}
+
+using Decode = decltype(&amqpDecode);
+
 /* The decoded message (owned by the caller), nullptr when refused. */
-inline velClient_opaqueMsg_pt handleOf(velClient_returnCode_t rc, _velClient_msg *m)
+inline velClient_opaqueMsg_pt decoded(Decode decode, const Wire &w)
 {
-    EXPECT_EQ(VELCLIENT_OK, rc) << veltest::lastErrorText();
+    _velClient_msg *m = nullptr;
+    EXPECT_EQ(VELCLIENT_OK, decode(w, &m)) << veltest::lastErrorText();
     return m != nullptr ? m->opaqueMsg_p : nullptr;
-}
-
-inline velClient_opaqueMsg_pt amqpDecode(const Wire &w)
-{
-    _velClient_msg *m = nullptr;
-    const auto rc = vel::amqp::decode(w.payload.data(), w.payload.size(), {}, nullptr, &m);
-    return handleOf(rc, m);
-}
-
-inline velClient_opaqueMsg_pt mqttDecode(const Wire &w)
-{
-    _velClient_msg *m = nullptr;
-    const auto rc = vel::mqtt::decode(w.name, w.payload.data(), w.payload.size(), w.properties.get(), nullptr, &m);
-    return handleOf(rc, m);
 }
 
 /* The "name=value" user properties of an MQTT property list, in order. */
@@ -128,7 +127,7 @@ inline Bytes mqttSeed(const Wire &w)
 struct Codec {
     const char *name; /* also its folder under fuzz/corpus */
     Wire (*encode)(velClient_opaqueMsg_pt);
-    velClient_opaqueMsg_pt (*decode)(const Wire &);
+    Decode decode;
     Wire (*wire)(const Bytes &);
     Bytes (*seed)(const Wire &);
     const char *otherSeed; /* the one seed that is not the codec's own encoding */
@@ -137,17 +136,12 @@ struct Codec {
 inline const Codec kAmqp{"amqp", amqpEncode, amqpDecode, amqpWire, amqpSeed, "empty_map_entries"};
 inline const Codec kMqtt{"mqtt", mqttEncode, mqttDecode, mqttWire, mqttSeed, "foreign_payload"};
 
-/* The codec's seed of the given name, and that seed decoded (owned by the caller). */
+/* The codec's seed of the given name. */
 inline Bytes seedBytes(const Codec &codec, const std::string &name)
 {
     std::ifstream in(std::string(VELCLIENT_SOURCE_DIR "/fuzz/corpus/").append(codec.name).append("/").append(name),
                      std::ios::binary);
     return Bytes(std::istreambuf_iterator<char>(in), {});
-}
-
-inline velClient_opaqueMsg_pt seedMessage(const Codec &codec, const std::string &name)
-{
-    return codec.decode(codec.wire(seedBytes(codec, name)));
 }
 
 /* The full dump without the lines the receive path owns. */
@@ -161,6 +155,18 @@ inline std::string dumpOf(velClient_opaqueMsg_pt m)
         if (line.rfind("RcvTimestamp:", 0) != 0 && line.rfind("Message Id:", 0) != 0)
             out.append(line).append("\n");
     return out;
+}
+
+/* decode's answer for damaged bytes: a message exactly when accepted, which dumps; nothing kept. */
+inline velClient_returnCode_t answer(Decode decode, const Wire &w)
+{
+    _velClient_msg *m = nullptr;
+    const velClient_returnCode_t rc = decode(w, &m);
+    EXPECT_EQ(rc == VELCLIENT_OK, m != nullptr);
+    Msg owned(m != nullptr ? m->opaqueMsg_p : nullptr);
+    if (owned.h != nullptr)
+        dumpOf(owned.h);
+    return rc;
 }
 
 } // namespace codectest

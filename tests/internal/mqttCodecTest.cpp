@@ -30,16 +30,6 @@ Wire publish(const std::vector<std::string> &frames, mosquitto_property *more = 
     return {std::move(name), {'p', 'a', 'y'}, vel::mqtt::Properties(more)};
 }
 
-/* decode's answer for a publish, with nothing kept. */
-velClient_returnCode_t decodeRc(const Wire &w)
-{
-    _velClient_msg *m = nullptr;
-    const auto rc = vel::mqtt::decode(w.name, w.payload.data(), w.payload.size(), w.properties.get(), nullptr, &m);
-    EXPECT_EQ(rc == VELCLIENT_OK, m != nullptr);
-    Msg owned(m != nullptr ? m->opaqueMsg_p : nullptr);
-    return rc;
-}
-
 } // namespace
 
 TEST(MqttCodec, TopicNamesThatDoNotDecodeAreRefused)
@@ -73,7 +63,7 @@ TEST(MqttCodec, LargeFrameTravelsInSeveralProperties)
         EXPECT_LE(value.size(), 65535u);
     }
     EXPECT_EQ(5, frames) << "200,029 frame bytes are 266,708 base64 characters";
-    Msg back(mqttDecode(sent));
+    Msg back(decoded(mqttDecode, sent));
     ASSERT_NE(nullptr, back.h);
     void *p = nullptr;
     velClient_uint32_t n = 0;
@@ -120,7 +110,7 @@ TEST(MqttCodec, StandardPropertiesMqttCannotHoldTravelOnlyInTheFrame)
         mosquitto_property_read_int32(p.properties.get(), MQTT_PROP_MESSAGE_EXPIRY_INTERVAL, &seconds, false);
         EXPECT_EQ(r.expiry, seconds);
         EXPECT_EQ(r.userProperties, userProperties(p.properties.get()).size());
-        Msg back(mqttDecode(p));
+        Msg back(decoded(mqttDecode, p));
         ASSERT_NE(nullptr, back.h);
         EXPECT_EQ(dumpOf(m.h), dumpOf(back.h));
     }
@@ -155,25 +145,25 @@ TEST(MqttCodec, DamagedPublishesAreRefused)
     };
     const veltest::LiveCounts before;
     for (const auto &[what, frames, subCode] : rows) {
-        EXPECT_EQ(VELCLIENT_FAIL, decodeRc(publish(frames))) << what;
+        EXPECT_EQ(VELCLIENT_FAIL, answer(mqttDecode, publish(frames))) << what;
         EXPECT_EQ(subCode, veltest::lastSubCode()) << what << ": " << veltest::lastErrorText();
     }
     mosquitto_property *badResponseTopic = nullptr, *foreignExtras = nullptr;
     mosquitto_property_add_string(&badResponseTopic, MQTT_PROP_RESPONSE_TOPIC, "a/%4");
-    EXPECT_EQ(VELCLIENT_FAIL, decodeRc(publish({}, badResponseTopic)));
-    EXPECT_EQ(VELCLIENT_FAIL, decodeRc(publish({base64(frame)}, nullptr, "a%zz"))) << "topic name";
+    EXPECT_EQ(VELCLIENT_FAIL, answer(mqttDecode, publish({}, badResponseTopic)));
+    EXPECT_EQ(VELCLIENT_FAIL, answer(mqttDecode, publish({base64(frame)}, nullptr, "a%zz"))) << "topic name";
     /* A frame split anywhere over two properties, other properties a publish does not carry, and
      * correlation data that is no text (dropped) are fine. */
     const std::string text = base64(frame);
-    EXPECT_EQ(VELCLIENT_OK, decodeRc(publish({text.substr(0, 4), text.substr(4)})));
+    EXPECT_EQ(VELCLIENT_OK, answer(mqttDecode, publish({text.substr(0, 4), text.substr(4)})));
     mosquitto_property_add_binary(&foreignExtras, MQTT_PROP_CORRELATION_DATA, "a\0b", 3);
     mosquitto_property_add_int32(&foreignExtras, MQTT_PROP_SESSION_EXPIRY_INTERVAL, 9);
-    EXPECT_EQ(VELCLIENT_OK, decodeRc(publish({}, foreignExtras)));
+    EXPECT_EQ(VELCLIENT_OK, answer(mqttDecode, publish({}, foreignExtras)));
     /* Every cut of a real frame is refused. */
     const Bytes whole = frameBytes(mqttWire(seedBytes(kMqtt, "nonpersistent_stream")));
     for (std::size_t n = 0; n < whole.size(); ++n) {
         const Bytes cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(n));
-        EXPECT_EQ(VELCLIENT_FAIL, decodeRc(publish({base64(cut)}))) << n;
+        EXPECT_EQ(VELCLIENT_FAIL, answer(mqttDecode, publish({base64(cut)}))) << n;
     }
     before.expectBalanced();
 }
