@@ -147,7 +147,7 @@ inline Bytes seedBytes(const Codec &codec, const std::string &name)
 /* The full dump without the lines the receive path owns. */
 inline std::string dumpOf(velClient_opaqueMsg_pt m)
 {
-    std::vector<char> buf(1 << 16);
+    std::vector<char> buf(1 << 20);
     EXPECT_EQ(VELCLIENT_OK, velClient_msg_dump(m, buf.data(), buf.size()));
     std::string out, line;
     std::istringstream all(buf.data());
