@@ -40,7 +40,7 @@ void expectLeft(vel::broker::ByTag<std::string> &byTag, const Tags &left)
 
 } // namespace
 
-TEST(AmqpByTag, EntriesTakenInAnyOrderLeaveTheOthersFindable)
+TEST(AmqpByTag, EntriesTakenOrErasedInAnyOrderLeaveTheOthersInOrder)
 {
     const std::pair<const char *, Tags> cases[] = {
         {"in order", {2, 3, 5}},          {"middle first", {5, 9, 3}}, {"last first", {11, 2}},
@@ -60,10 +60,7 @@ TEST(AmqpByTag, EntriesTakenInAnyOrderLeaveTheOthersFindable)
         }
         expectLeft(byTag, left);
     }
-}
-
-TEST(AmqpByTag, EraseIfKeepsTheRestInOrderAndNewTagsGoAfterThem)
-{
+    /* eraseIf keeps the rest in order; tags added afterwards go after them. */
     vel::broker::ByTag<std::string> byTag;
     for (std::uint64_t tag = 1; tag <= 8; ++tag)
         byTag.add(tag, valueOf(tag));

@@ -99,15 +99,10 @@ inline Bytes frameBytes(const Wire &w)
     return bytes;
 }
 
-/* A seed as the wire form it holds, and the wire form as the fuzz target reads it. */
+/* A seed as the wire form it holds. */
 inline Wire amqpWire(const Bytes &seed)
 {
     return {"", std::vector<char>(seed.begin(), seed.end()), nullptr};
-}
-
-inline Bytes amqpSeed(const Wire &w)
-{
-    return Bytes(w.payload.begin(), w.payload.end());
 }
 
 /* name length (1) | topic name | frame length (2, BE) | frame | payload */
@@ -119,22 +114,16 @@ inline Wire mqttWire(const Bytes &seed)
             std::vector<char>(at + frame, seed.data() + seed.size()), velfuzz::frameProperties(at, frame)};
 }
 
-inline Bytes mqttSeed(const Wire &w)
-{
-    return velfuzz::mqttInput(w.name, frameBytes(w), w.payload);
-}
-
 struct Codec {
     const char *name; /* also its folder under fuzz/corpus */
     Wire (*encode)(velClient_opaqueMsg_pt);
     Decode decode;
     Wire (*wire)(const Bytes &);
-    Bytes (*seed)(const Wire &);
     const char *otherSeed; /* the one seed that is not the codec's own encoding */
 };
 
-inline const Codec kAmqp{"amqp", amqpEncode, amqpDecode, amqpWire, amqpSeed, "empty_map_entries"};
-inline const Codec kMqtt{"mqtt", mqttEncode, mqttDecode, mqttWire, mqttSeed, "foreign_payload"};
+inline const Codec kAmqp{"amqp", amqpEncode, amqpDecode, amqpWire, "empty_map_entries"};
+inline const Codec kMqtt{"mqtt", mqttEncode, mqttDecode, mqttWire, "foreign_payload"};
 
 /* The codec's seed of the given name. */
 inline Bytes seedBytes(const Codec &codec, const std::string &name)

@@ -3,10 +3,7 @@
 #include <mosquitto.h>
 #include <mqtt_protocol.h>
 
-#include <string>
 #include <tuple>
-#include <utility>
-#include <vector>
 
 #include "codecMessages.h"
 
