@@ -73,33 +73,6 @@ TEST(AmqpCodec, MessageFromPlainAmqpClientMapsToTheNaturalFields)
               dumpOf(m.h));
 }
 
-TEST(AmqpCodec, QueuesOtherRulesAndAddressesThatDoNotMap)
-{
-    Addressing custom;
-    custom.topicPrefix = "topic://";
-    custom.queuePrefix = "topic://queue/";
-    custom.levelSeparator = "::";
-    custom.wildcardMore = "**";
-    EXPECT_EQ("topic://a::b%3A%3Ac::**", vel::amqp::topicAddress(custom, "a/b::c/>", true));
-    EXPECT_EQ("topic://queue/jobs.eu", vel::amqp::queueAddress(custom, "jobs.eu"));
-    const std::tuple<const char *, velClient_destinationType_t, const char *> rows[] = {
-        {"topic://queue/jobs", VELCLIENT_QUEUE_DESTINATION, "jobs"},
-        {"topic://a::b%3a%3Ac::**", VELCLIENT_TOPIC_DESTINATION, "a/b::c/>"},
-        {"topic://a%", VELCLIENT_NULL_DESTINATION, nullptr}, /* nullptr: refused */
-        {"topic://a%4", VELCLIENT_NULL_DESTINATION, nullptr},
-        {"topic://a%G1", VELCLIENT_NULL_DESTINATION, nullptr},
-        {"/exchange/x", VELCLIENT_NULL_DESTINATION, nullptr}};
-    for (const auto &[address, type, name] : rows) {
-        velClient_destinationType_t got = VELCLIENT_NULL_DESTINATION;
-        std::string back;
-        EXPECT_EQ(name != nullptr, vel::amqp::destinationOf(custom, address, &got, &back)) << address;
-        if (name != nullptr) {
-            EXPECT_EQ(type, got) << address;
-            EXPECT_EQ(name, back) << address;
-        }
-    }
-}
-
 /* ---- Damaged bytes ---------------------------------------------------------------------- */
 namespace {
 

@@ -2,6 +2,7 @@
  * message that goes through decode and encode reads back as it was sent, without the receive side's flags. */
 #include <filesystem>
 #include <string>
+#include <tuple>
 
 #include "codecMessages.h"
 #include "velClientMsg/header/headerMaps.h"
@@ -56,13 +57,36 @@ TEST(CodecTopics, TopicsMapToAddressesNamesAndFiltersAndBack)
         for (const std::string &topic : {c + "x/y", "x/" + c + "y" + c}) {
             const std::string name = vel::mqtt::topicName(topic);
             EXPECT_TRUE(name.find_first_of("+#") == std::string::npos && name[0] != '$') << b;
-            std::string back, again;
+            std::string back;
             EXPECT_TRUE(vel::mqtt::topicOf(name, back) && back == topic) << b;
-            velClient_destinationType_t type{};
-            EXPECT_TRUE(vel::amqp::destinationOf(rules, vel::amqp::topicAddress(rules, topic, false), &type, &again));
-            EXPECT_EQ(topic, again) << b;
         }
     }
+}
+
+/* Other addressing rules; escapes that do not decode, a NUL, and names too long or empty are refused. */
+TEST(CodecTopics, OtherRulesAndNamesThatDoNotDecode)
+{
+    const vel::amqp::Addressing custom{"topic://", "topic://queue/", "::", "*", "**"};
+    EXPECT_EQ("topic://a::b%3A%3Ac::**", vel::amqp::topicAddress(custom, "a/b::c/>", true));
+    EXPECT_EQ("topic://queue/jobs.eu", vel::amqp::queueAddress(custom, "jobs.eu"));
+    const std::tuple<const char *, velClient_destinationType_t, const char *> mapped[] = {
+        {"topic://queue/jobs", VELCLIENT_QUEUE_DESTINATION, "jobs"},
+        {"topic://a::b%3a%3Ac::**", VELCLIENT_TOPIC_DESTINATION, "a/b::c/>"}};
+    velClient_destinationType_t type = VELCLIENT_NULL_DESTINATION;
+    std::string back;
+    for (const auto &[address, expectedType, topic] : mapped) {
+        EXPECT_TRUE(vel::amqp::destinationOf(custom, address, &type, &back)) << address;
+        EXPECT_EQ(expectedType, type);
+        EXPECT_EQ(topic, back);
+    }
+    for (const char *address : {"topic://a%", "topic://a%4", "topic://a%G1", "/exchange/x"})
+        EXPECT_FALSE(vel::amqp::destinationOf(custom, address, &type, &back)) << address;
+    for (const std::string &name : {std::string(251, 'x'), std::string("a%"), std::string("a%2"), std::string("a%G1"),
+                                    std::string("a%00"), std::string("a\0b", 3), std::string()})
+        EXPECT_FALSE(vel::mqtt::topicOf(name, back)) << name;
+    EXPECT_TRUE(vel::mqtt::topicOf(std::string(250, 'x'), back));
+    EXPECT_TRUE(vel::mqtt::topicOf("a%2b/%2F", back));
+    EXPECT_EQ("a+//", back) << "escapes decode in either case";
 }
 
 namespace {

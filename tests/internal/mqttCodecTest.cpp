@@ -29,22 +29,6 @@ Wire publish(const std::vector<std::string> &frames, mosquitto_property *more = 
 
 } // namespace
 
-TEST(MqttCodec, TopicNamesThatDoNotDecodeAreRefused)
-{
-    const std::pair<std::string, const char *> rows[] = {
-        {"a%2b/%2F", "a+//"}, {std::string(250, 'x'), ""}, {std::string(251, 'x'), nullptr}, /* nullptr: refused */
-        {"a%", nullptr},      {"a%2", nullptr},            {"a%G1", nullptr},
-        {"a%00", nullptr},    {std::string("a\0b", 3), nullptr}, {"", nullptr},
-    };
-    for (const auto &[name, topic] : rows) {
-        std::string back;
-        EXPECT_EQ(topic != nullptr, vel::mqtt::topicOf(name, back)) << name;
-        if (topic != nullptr && *topic != '\0') {
-            EXPECT_EQ(topic, back) << "escapes decode in either case";
-        }
-    }
-}
-
 /* What MQTT cannot hold (control characters, a queue as response topic) is left out of its properties and
  * still travels in the frame; the expiry comes from the time-to-live when there is no expiration; a frame
  * longer than one property value holds is split over several frame properties. */
