@@ -13,7 +13,6 @@
 
 #include <gtest/gtest.h>
 
-#include "corpusFiles.h"
 #include "mqttWalk.h"
 #include "support/velTestSupport.h"
 #include "velClientAmqp/amqpCodec.h"

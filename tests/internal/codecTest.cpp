@@ -5,7 +5,6 @@
 #include <tuple>
 
 #include "codecMessages.h"
-#include "velClientMsg/header/headerMaps.h"
 
 using namespace codectest;
 

@@ -49,25 +49,15 @@ std::vector<Bytes> inputsFrom(const Bytes &seed)
     return inputs;
 }
 
-/* Starts the library with the given properties while it lives, and with the defaults again afterwards, as
- * the other tests of this binary expect. */
-struct StartedWith {
-    explicit StartedWith(const char *const *props)
-    {
-        EXPECT_EQ(VELCLIENT_OK, velClient_initialize(VELCLIENT_LOG_EMERGENCY, props));
-    }
-    ~StartedWith() { velClient_initialize(VELCLIENT_LOG_EMERGENCY, nullptr); }
-};
-
 } // namespace
 
 TEST(FuzzCorpus, EveryTargetHandlesItsSeedsAndEveryChangeOfThem)
 {
     for (const char *const *classes : {velfuzz::tinyClasses, static_cast<const char *const *>(nullptr)}) {
-        StartedWith started(classes);
+        EXPECT_EQ(VELCLIENT_OK, velClient_initialize(VELCLIENT_LOG_EMERGENCY, classes)); /* the defaults last */
         for (const Target &target : kTargets) {
             const auto seeds = velfuzz::corpusFiles(VELCLIENT_SOURCE_DIR, target.name);
-            ASSERT_GE(seeds.size(), target.minSeeds) << target.name;
+            EXPECT_GE(seeds.size(), target.minSeeds) << target.name;
             for (std::size_t s = 0; s < seeds.size(); ++s) {
                 const std::vector<Bytes> inputs = inputsFrom(seeds[s]);
                 for (std::size_t i = 0; i < inputs.size(); ++i) {
