@@ -82,19 +82,15 @@ bool accepts(const std::vector<char> &bytes)
     return ok;
 }
 
-/* A message whose annotation key holds the value put by put. */
-template <typename Put>
-std::vector<char> withAnnotation(const char *key, Put put, const char *body = nullptr)
+/* A message with the annotations pn_data_fill makes of format and args, and a binary body when given. */
+template <typename... Args>
+std::vector<char> annotated(const char *body, const char *format, Args... args)
 {
     Pn pn;
-    pn_data_t *a = pn_message_annotations(pn.m);
-    pn_data_put_map(a);
-    pn_data_enter(a);
-    pn_data_put_symbol(a, pn_bytes(std::strlen(key), key));
-    put(a);
-    pn_data_exit(a);
-    if (body != nullptr)
-        pn_data_put_binary(pn_message_body(pn.m), pn_bytes(std::strlen(body), body));
+    EXPECT_EQ(0, pn_data_fill(pn_message_annotations(pn.m), format, args...));
+    if (body != nullptr) {
+        EXPECT_EQ(0, pn_data_fill(pn_message_body(pn.m), "z", std::strlen(body), body));
+    }
     return pn.encoded();
 }
 
@@ -130,26 +126,25 @@ TEST(AmqpCodec, EveryTruncationIsRefusedUnlessItEndsOnASectionBoundary)
 TEST(AmqpCodec, MalformedMessagesAreRefused)
 {
     const veltest::LiveCounts before;
-    auto binary = [](const char *b, std::size_t n) { return [=](pn_data_t *d) { pn_data_put_binary(d, pn_bytes(n, b)); }; };
-    auto ulong = [](pn_data_t *d) { pn_data_put_ulong(d, 1); };
     const char badMap[] = "\x1C\x04" "a\0\x0C\x09\x01"; /* a value whose length runs past the end */
     const std::pair<const char *, std::vector<char>> rows[] = {
         {"empty", {}},
         {"not AMQP", {'h', 'e', 'l', 'l', 'o'}},
         {"absurd size", {0x00, 0x53, 0x75, static_cast<char>(0xB0), 0x7F, -1, -1, -1, 1, 2}},
         {"nested too deep", nestedLists(100)},
-        {"header map of the wrong type", withAnnotation("x-opt-vel-header-map", ulong)},
-        {"malformed header map", withAnnotation("x-opt-vel-header-map", binary(badMap, sizeof badMap - 1))},
-        {"malformed user properties", withAnnotation("x-opt-vel-user-properties", binary(badMap, sizeof badMap - 1))},
-        {"consumer ids not whole", withAnnotation("x-opt-vel-consumer-ids", binary("\0\0\0", 3))},
-        {"topic holding a NUL", withAnnotation("x-opt-vel-topic", binary("a\0b", 3))},
-        {"mark not boolean", withAnnotation("x-opt-vel-reply-message", ulong)},
-        {"map attachment not a map",
-         withAnnotation("x-opt-vel-attachment", [](pn_data_t *d) { pn_data_put_symbol(d, pn_bytes(3, "map")); }, "plain")},
+        {"header map of the wrong type", annotated(nullptr, "{sL}", "x-opt-vel-header-map", std::uint64_t{1})},
+        {"malformed header map", annotated(nullptr, "{sz}", "x-opt-vel-header-map", sizeof badMap - 1, badMap)},
+        {"malformed user properties", annotated(nullptr, "{sz}", "x-opt-vel-user-properties", sizeof badMap - 1, badMap)},
+        {"consumer ids not whole", annotated(nullptr, "{sz}", "x-opt-vel-consumer-ids", std::size_t{3}, "\0\0\0")},
+        {"topic holding a NUL", annotated(nullptr, "{sz}", "x-opt-vel-topic", std::size_t{3}, "a\0b")},
+        {"mark not boolean", annotated(nullptr, "{sL}", "x-opt-vel-reply-message", std::uint64_t{1})},
+        {"map attachment not a map", annotated("plain", "{ss}", "x-opt-vel-attachment", "map")},
     };
     for (const auto &[name, bytes] : rows)
         EXPECT_FALSE(accepts(bytes)) << name;
     EXPECT_TRUE(accepts(nestedLists(20))) << "moderate nesting is fine";
+    EXPECT_TRUE(accepts(annotated("plain", "{szsz}", "x-opt-vel-topic", std::size_t{3}, "a/b", "x-opt-vel-consumer-ids",
+                                  std::size_t{4}, "\0\0\0\1")));
     before.expectBalanced();
 }
 
