@@ -39,10 +39,7 @@ TEST(AmqpCodec, MessageFromPlainAmqpClientMapsToTheNaturalFields)
     pn_message_set_durable(pn.m, true);
     pn_message_set_priority(pn.m, 9);
     pn_message_set_ttl(pn.m, 5000);
-    pn_atom_t id{};
-    id.type = PN_ULONG;
-    id.u.as_ulong = 42;
-    pn_message_set_id(pn.m, id);
+    ASSERT_EQ(0, pn_data_fill(pn_message_id(pn.m), "L", std::uint64_t{42}));
     pn_message_set_subject(pn.m, "quote");
     pn_message_set_reply_to(pn.m, "/queue/answers");
     pn_message_set_content_type(pn.m, "text/plain");

@@ -1,7 +1,6 @@
 /* Which printf texts vel::Format accepts for which argument types (checked
  * when this file compiles), and the record, fail and log entries that print them. */
 #include <cstddef>
-#include <cstdio>
 #include <functional>
 #include <string>
 

@@ -2,7 +2,6 @@
  * message that goes through decode and encode reads back as it was sent, without the receive side's flags. */
 #include <filesystem>
 #include <string>
-#include <tuple>
 
 #include "codecMessages.h"
 
@@ -68,16 +67,12 @@ TEST(CodecTopics, OtherRulesAndNamesThatDoNotDecode)
     const vel::amqp::Addressing custom{"topic://", "topic://queue/", "::", "*", "**"};
     EXPECT_EQ("topic://a::b%3A%3Ac::**", vel::amqp::topicAddress(custom, "a/b::c/>", true));
     EXPECT_EQ("topic://queue/jobs.eu", vel::amqp::queueAddress(custom, "jobs.eu"));
-    const std::tuple<const char *, velClient_destinationType_t, const char *> mapped[] = {
-        {"topic://queue/jobs", VELCLIENT_QUEUE_DESTINATION, "jobs"},
-        {"topic://a::b%3a%3Ac::**", VELCLIENT_TOPIC_DESTINATION, "a/b::c/>"}};
     velClient_destinationType_t type = VELCLIENT_NULL_DESTINATION;
     std::string back;
-    for (const auto &[address, expectedType, topic] : mapped) {
-        EXPECT_TRUE(vel::amqp::destinationOf(custom, address, &type, &back)) << address;
-        EXPECT_EQ(expectedType, type);
-        EXPECT_EQ(topic, back);
-    }
+    EXPECT_TRUE(vel::amqp::destinationOf(custom, "topic://queue/jobs", &type, &back));
+    EXPECT_TRUE(type == VELCLIENT_QUEUE_DESTINATION && back == "jobs") << back;
+    EXPECT_TRUE(vel::amqp::destinationOf(custom, "topic://a::b%3a%3Ac::**", &type, &back));
+    EXPECT_TRUE(type == VELCLIENT_TOPIC_DESTINATION && back == "a/b::c/>") << back;
     for (const char *address : {"topic://a%", "topic://a%4", "topic://a%G1", "/exchange/x"})
         EXPECT_FALSE(vel::amqp::destinationOf(custom, address, &type, &back)) << address;
     for (const std::string &name : {std::string(251, 'x'), std::string("a%"), std::string("a%2"), std::string("a%G1"),
@@ -88,12 +83,7 @@ TEST(CodecTopics, OtherRulesAndNamesThatDoNotDecode)
     EXPECT_EQ("a+//", back) << "escapes decode in either case";
 }
 
-namespace {
-
-class CodecTest : public testing::TestWithParam<const Codec *> {
-};
-
-} // namespace
+using CodecTest = testing::TestWithParam<const Codec *>;
 
 /* A seed decodes into a message whose encoding decodes into the same message; the seeds that are the codec's own
  * encodings (every part, header property, mark and field type, as a session sends them) encode to the very same

@@ -154,12 +154,11 @@ TEST(TlvShortPaths, AgreeWithTheFullDecoderOnEveryTypeLengthAndContent)
                     SCOPED_TRACE(testing::Message() << "type " << tb << " length " << len << " content " << kind
                                                     << " room " << room);
                     Decoded full = decode(Bytes(field.begin(), field.begin() + static_cast<std::ptrdiff_t>(room)));
-                    const std::uint8_t *p = full.at;
                     const auto r = static_cast<std::ptrdiff_t>(room);
-                    const std::uint32_t checked = vel::tlv::checkCommon(p, r);
+                    const std::uint32_t checked = vel::tlv::checkCommon(full.at, r);
                     velClient_field_t quick;
                     std::memset(&quick, 0xA5, sizeof quick); /* as decode() leaves its field */
-                    const std::uint32_t decoded = vel::tlv::decodeCommon(p, r, &quick);
+                    const std::uint32_t decoded = vel::tlv::decodeCommon(full.at, r, &quick);
                     if (checked != 0) {
                         EXPECT_EQ(full.size, checked);
                     }
