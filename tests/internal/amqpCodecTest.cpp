@@ -25,11 +25,6 @@ struct Pn {
     }
 };
 
-std::vector<char> seed(const char *name)
-{
-    return amqpWire(seedBytes(kAmqp, name)).payload;
-}
-
 } // namespace
 
 TEST(AmqpCodec, MessageFromPlainAmqpClientMapsToTheNaturalFields)
@@ -45,7 +40,8 @@ TEST(AmqpCodec, MessageFromPlainAmqpClientMapsToTheNaturalFields)
     pn_message_set_content_type(pn.m, "text/plain");
     pn_message_set_creation_time(pn.m, 1234);
     pn_message_set_expiry_time(pn.m, 1900000000456);
-    ASSERT_EQ(0, pn_data_fill(pn_message_properties(pn.m), "{SiStSs}", "qty", -12, "at", pn_timestamp_t{99}, "kind", "bid"));
+    ASSERT_EQ(0, pn_data_fill(pn_message_properties(pn.m), "{SiStSs}", "qty", -12, "at", pn_timestamp_t{99}, "kind",
+                              "bid"));
     pn_data_put_string(pn_message_body(pn.m), pn_bytes(5, "12.50"));
     Msg m(decoded(amqpDecode, {"", pn.encoded(), nullptr}));
     ASSERT_NE(nullptr, m.h);
@@ -111,7 +107,7 @@ TEST(AmqpCodec, EveryTruncationIsRefusedUnlessItEndsOnASectionBoundary)
 {
     const veltest::LiveCounts before;
     for (const char *name : {"persistent_topic_map", "nonpersistent_topic_stream", "persistent_queue_carried_map"}) {
-        const std::vector<char> whole = seed(name);
+        const std::vector<char> whole = amqpWire(seedBytes(kAmqp, name)).payload;
         int accepted = 0;
         for (std::size_t n = 0; n < whole.size(); ++n)
             accepted += accepts({whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(n)}) ? 1 : 0;
@@ -123,15 +119,15 @@ TEST(AmqpCodec, EveryTruncationIsRefusedUnlessItEndsOnASectionBoundary)
 TEST(AmqpCodec, MalformedMessagesAreRefused)
 {
     const veltest::LiveCounts before;
-    const char badMap[] = "\x1C\x04" "a\0\x0C\x09\x01"; /* a value whose length runs past the end */
+    const char bad[] = "\x1C\x04" "a\0\x0C\x09\x01"; /* a value whose length runs past the end */
     const std::pair<const char *, std::vector<char>> rows[] = {
         {"empty", {}},
         {"not AMQP", {'h', 'e', 'l', 'l', 'o'}},
         {"absurd size", {0x00, 0x53, 0x75, static_cast<char>(0xB0), 0x7F, -1, -1, -1, 1, 2}},
         {"nested too deep", nestedLists(100)},
         {"header map of the wrong type", annotated(nullptr, "{sL}", "x-opt-vel-header-map", std::uint64_t{1})},
-        {"malformed header map", annotated(nullptr, "{sz}", "x-opt-vel-header-map", sizeof badMap - 1, badMap)},
-        {"malformed user properties", annotated(nullptr, "{sz}", "x-opt-vel-user-properties", sizeof badMap - 1, badMap)},
+        {"malformed header map", annotated(nullptr, "{sz}", "x-opt-vel-header-map", sizeof bad - 1, bad)},
+        {"malformed user properties", annotated(nullptr, "{sz}", "x-opt-vel-user-properties", sizeof bad - 1, bad)},
         {"consumer ids not whole", annotated(nullptr, "{sz}", "x-opt-vel-consumer-ids", std::size_t{3}, "\0\0\0")},
         {"topic holding a NUL", annotated(nullptr, "{sz}", "x-opt-vel-topic", std::size_t{3}, "a\0b")},
         {"mark not boolean", annotated(nullptr, "{sL}", "x-opt-vel-reply-message", std::uint64_t{1})},

@@ -79,8 +79,10 @@ TEST(TlvDecode, VariableSizeFieldsTheirWidthsAndTheirRefusals)
         {{0x1C, 0x04, 'a', 'b'}, -1, S, 0, 0}, {{0x1C, 0x05, 'a', 0x00, 0x00}, -1, S, 0, 0},
         {{0x1C, 0x05, 0x00, 'b', 0x00}, -1, S, 0, 0}, {{0x1C, 0x03, 'a'}, -1, S, 0, 0},
         {{0x18, 0x05, 0x00, 0x01, 0x00}, 5, VELCLIENT_BYTEARRAY, 3, 2}, /* NULs are data in a byte array */
-        {{0x27, 0x00, 0x00, 0x00, 0x06, 0x42}, 6, VELCLIENT_VWF, 1, 5}, {{0x25, 0x00, 0x04, 0x09}, 4, VELCLIENT_VWF, 1, 3},
-        {{0x1E, 0x00, 0x00, 0x06, 'a', 0x00}, 6, S, 2, 4}, {{0x1B, 0x00, 0x00, 0x00, 0x07, 0x01, 0x02}, 7, VELCLIENT_BYTEARRAY, 2, 5},
+        {{0x27, 0x00, 0x00, 0x00, 0x06, 0x42}, 6, VELCLIENT_VWF, 1, 5},
+        {{0x25, 0x00, 0x04, 0x09}, 4, VELCLIENT_VWF, 1, 3}, /* 2-byte length */
+        {{0x1E, 0x00, 0x00, 0x06, 'a', 0x00}, 6, S, 2, 4}, /* 3- and 4-byte lengths */
+        {{0x1B, 0x00, 0x00, 0x00, 0x07, 0x01, 0x02}, 7, VELCLIENT_BYTEARRAY, 2, 5},
         /* An empty value is null; a wider form is refused below its own header. */
         {{0x1C, 0x02}, 2, S, 0, -1}, {{0x18, 0x02}, 2, VELCLIENT_BYTEARRAY, 0, -1},
         {{0x24, 0x02}, 2, VELCLIENT_VWF, 0, -1}, {{0x1D, 0x00, 0x03}, 3, S, 0, -1}, {{0x1D, 0x00, 0x02}, -1, S, 0, 0},
@@ -181,8 +183,8 @@ TEST(TlvShortPaths, AgreeWithTheFullDecoderOnEveryTypeLengthAndContent)
                     EXPECT_EQ(row == end ? -1 : std::int64_t{len}, full.size);
                     if (row == end)
                         continue;
-                    for (std::size_t k = 0; k < field.size(); ++k)
-                        EXPECT_EQ(-1, decode(Bytes(field.begin(), field.begin() + static_cast<std::ptrdiff_t>(k))).size);
+                    for (std::ptrdiff_t k = 0; k < std::ssize(field); ++k)
+                        EXPECT_EQ(-1, decode(Bytes(field.begin(), field.begin() + k)).size) << "cut to " << k;
                     EXPECT_EQ(row->type, full.field.type);
                     EXPECT_EQ(len - 2, full.field.length);
                     const bool isBool = row->type == VELCLIENT_BOOL;
