@@ -40,7 +40,6 @@ TEST(AmqpByTag, EntriesTakenOrErasedInAnyOrderLeaveTheOthersInOrder)
     };
     const Tags added{2, 3, 5, 7, 9, 11}; /* gaps: other tags went to the other kind of message */
     for (const auto &[name, taken] : cases) {
-        SCOPED_TRACE(name);
         vel::broker::ByTag<std::string> byTag;
         for (std::uint64_t tag : added)
             byTag.add(tag, std::to_string(tag));

@@ -1,13 +1,12 @@
 /* What the AMQP and MQTT codecs both promise: topics map to addresses, names and filters and back, and a
  * message that goes through decode and encode reads back as it was sent, without the receive side's flags. */
 #include <filesystem>
-#include <string>
 
 #include "codecMessages.h"
 
 using namespace codectest;
 
-TEST(CodecTopics, TopicsMapToAddressesNamesAndFiltersAndBack)
+TEST(CodecTopics, TopicsMapToAddressesNamesAndFiltersAndBackOrAreRefused)
 {
     const struct {
         const char *topic, *address, *subscription, *name, *filter; /* nullptr: as the one before, or no name */
@@ -27,7 +26,6 @@ TEST(CodecTopics, TopicsMapToAddressesNamesAndFiltersAndBack)
         {"#P2P/v:host/me", "/topic/#P2P.v:host.me", nullptr, "%23P2P/v:host/me", nullptr},
         {"", "/topic/", nullptr, nullptr, nullptr},
         {"x*y/a%2E", "/topic/x*y.a%252E", nullptr, "x*y/a%252E", nullptr},
-        {">", "/topic/>", "/topic/#", ">", "#"},
     };
     const vel::amqp::Addressing rules;
     for (const auto &r : rows) {
@@ -60,11 +58,7 @@ TEST(CodecTopics, TopicsMapToAddressesNamesAndFiltersAndBack)
             EXPECT_TRUE(vel::mqtt::topicOf(name, back) && back == topic) << b;
         }
     }
-}
-
-/* Other addressing rules; escapes that do not decode, a NUL, and names too long or empty are refused. */
-TEST(CodecTopics, OtherRulesAndNamesThatDoNotDecode)
-{
+    /* Other addressing rules; escapes that do not decode, a NUL, and names too long or empty are refused. */
     const vel::amqp::Addressing custom{"topic://", "topic://queue/", "::", "*", "**"};
     EXPECT_EQ("topic://a::b%3A%3Ac::**", vel::amqp::topicAddress(custom, "a/b::c/>", true));
     EXPECT_EQ("topic://queue/jobs.eu", vel::amqp::queueAddress(custom, "jobs.eu"));

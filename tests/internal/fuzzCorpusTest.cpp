@@ -5,7 +5,7 @@
  * with the default classes. Every input must be handled (an API program gets consistent answers, an
  * accepted frame or metadata part encodes into a frame that decodes) and give back every record it took.
  * An internal test because the metadata target writes a message's metadata part directly. */
-#include <string>
+#include <tuple>
 #include <vector>
 
 #include "amqpWalk.h"
@@ -19,13 +19,8 @@ namespace {
 
 using veltest::Bytes;
 
-struct Target {
-    const char *name;
-    std::size_t minSeeds;
-    bool (*walk)(const std::uint8_t *, std::size_t);
-};
-
-const Target kTargets[] = {
+/* Each target's folder under fuzz/corpus, how many seeds it has at least, and its walk. */
+const std::tuple<const char *, std::size_t, bool (*)(const std::uint8_t *, std::size_t)> kTargets[] = {
     {"api", 6, velfuzz::runProgram},
     {"container", 3, [](const std::uint8_t *data, std::size_t size) { return velfuzz::walkContainer(data, size), true; }},
     {"vwf", 3, velfuzz::walkFrame},
@@ -55,16 +50,16 @@ TEST(FuzzCorpus, EveryTargetHandlesItsSeedsAndEveryChangeOfThem)
 {
     for (const char *const *classes : {velfuzz::tinyClasses, static_cast<const char *const *>(nullptr)}) {
         EXPECT_EQ(VELCLIENT_OK, velClient_initialize(VELCLIENT_LOG_EMERGENCY, classes)); /* the defaults last */
-        for (const Target &target : kTargets) {
-            const auto seeds = velfuzz::corpusFiles(VELCLIENT_SOURCE_DIR, target.name);
-            EXPECT_GE(seeds.size(), target.minSeeds) << target.name;
+        for (const auto &[name, minSeeds, walk] : kTargets) {
+            const auto seeds = velfuzz::corpusFiles(VELCLIENT_SOURCE_DIR, name);
+            EXPECT_GE(seeds.size(), minSeeds) << name;
             for (std::size_t s = 0; s < seeds.size(); ++s) {
                 const std::vector<Bytes> inputs = inputsFrom(seeds[s]);
                 for (std::size_t i = 0; i < inputs.size(); ++i) {
-                    SCOPED_TRACE(testing::Message() << target.name << " seed " << s << " input " << i
+                    SCOPED_TRACE(testing::Message() << name << " seed " << s << " input " << i
                                                     << (classes != nullptr ? " (tiny classes)" : ""));
                     const veltest::LiveCounts before;
-                    EXPECT_TRUE(target.walk(inputs[i].data(), inputs[i].size()));
+                    EXPECT_TRUE(walk(inputs[i].data(), inputs[i].size()));
                     before.expectBalanced();
                 }
             }

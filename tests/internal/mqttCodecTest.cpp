@@ -1,8 +1,5 @@
 /* The MQTT codec on its own: topic names that do not decode, a frame over several properties, what a plain
  * MQTT 5 client sees of a message and sends, and refusal of damaged publishes. */
-#include <mosquitto.h>
-#include <mqtt_protocol.h>
-
 #include <tuple>
 
 #include "codecMessages.h"
@@ -48,7 +45,6 @@ TEST(MqttCodec, StandardPropertiesMqttCannotHoldTravelOnlyInTheFrame)
         {{VELCLIENT_TOPIC_DESTINATION, "r"}, "c", "t", "v", 0, "r", 0, 6, 200000}, /* 266,708 base64 characters */
     };
     for (const auto &r : rows) {
-        SCOPED_TRACE(r.replyTo.dest);
         Msg m;
         const velClient_destination_t dest{VELCLIENT_TOPIC_DESTINATION, "t"};
         velClient_opaqueContainer_pt map = nullptr;
@@ -93,7 +89,6 @@ TEST(MqttCodec, DamagedPublishesAreRefused)
         {"not base64", {"!!!!"}, protocol},
         {"base64 length", {"QUJD="}, protocol},
         {"padding inside", {"QQ==QUJD"}, protocol},
-        {"frame header only, cut", {base64(Bytes(frame.begin(), frame.begin() + 11))}, protocol},
         {"huge frame length", {base64(huge)}, protocol},
         {"control frame", {base64(control)}, protocol},
         {"item with a huge length", {base64(veltest::frame(13, 0, {0x13, 0xFF, 0xFF, 0xFF, 0xF0, 'x'}))}, protocol},
@@ -120,6 +115,27 @@ TEST(MqttCodec, DamagedPublishesAreRefused)
     mosquitto_property_add_binary(&foreignExtras, MQTT_PROP_CORRELATION_DATA, "a\0b", 3);
     mosquitto_property_add_int32(&foreignExtras, MQTT_PROP_SESSION_EXPIRY_INTERVAL, 9);
     EXPECT_EQ(VELCLIENT_OK, answer(mqttDecode, publish({}, foreignExtras)));
+    /* A plain MQTT 5 client's publish maps to the natural fields; a user property needs a name. */
+    mosquitto_property *plain = nullptr;
+    mosquitto_property_add_byte(&plain, MQTT_PROP_PAYLOAD_FORMAT_INDICATOR, 1);
+    mosquitto_property_add_string(&plain, MQTT_PROP_RESPONSE_TOPIC, "answers/%2Bdesk");
+    mosquitto_property_add_binary(&plain, MQTT_PROP_CORRELATION_DATA, "req-1", 5);
+    mosquitto_property_add_string(&plain, MQTT_PROP_CONTENT_TYPE, "text/plain");
+    mosquitto_property_add_varint(&plain, MQTT_PROP_SUBSCRIPTION_IDENTIFIER, 7);
+    for (const auto &[name, value] : {std::pair{"qty", "12"}, {"", "no name"}, {"qty", ""}})
+        mosquitto_property_add_string_pair(&plain, MQTT_PROP_USER_PROPERTY, name, value);
+    EXPECT_EQ("Destination:                            Topic 'prices/$eu'\n"
+              "CorrelationId:                          req-1\n"
+              "HTTP Content Type:                      text/plain\n"
+              "Class Of Service:                       COS_1\n"
+              "DeliveryMode:                           DIRECT\n"
+              "Reply To:                               Topic 'answers/+desk'\n"
+              "User Property Map:                      \n"
+              "  Key 'qty' (STRING) 12\n"
+              "  Key 'qty' (STRING) \n"
+              "Binary Attachment:                      len=3\n"
+              "  70 61 79                                              pay\n",
+              dumpOf(Msg(decoded(mqttDecode, publish({}, plain, "prices/%24eu"))).h));
     /* Every cut of a real frame is refused. */
     const Bytes whole = frameBytes(mqttWire(seedBytes(kMqtt, "nonpersistent_stream")));
     for (std::size_t n = 0; n < whole.size(); ++n) {

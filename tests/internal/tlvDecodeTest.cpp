@@ -28,8 +28,7 @@ Decoded decode(const Bytes &bytes)
 {
     Decoded d{};
     d.copy.reset(new std::uint8_t[bytes.size()]);
-    if (!bytes.empty())
-        std::memcpy(d.copy.get(), bytes.data(), bytes.size());
+    std::copy(bytes.begin(), bytes.end(), d.copy.get());
     d.at = d.copy.get();
     std::memset(&d.field, 0xA5, sizeof d.field);
     d.size = vel::tlv::decodeField(d.at, d.at + bytes.size(), &d.field);
