@@ -1,203 +1,160 @@
-/* Messages for the codec tests: one with every part, header property, mark
- * and a user property map or attachment of every field type, as a loopback
- * session receives it, and its dump without the lines the receive path owns. */
+/* What the AMQP and MQTT codec tests share: each codec's encode and decode behind one interface, its fuzz
+ * target's seeds (messages with every part, header property, mark and field type, as a session sends them)
+ * in its wire form, and a message's dump without the lines the receive path owns. */
 #pragma once
 
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "mqttWalk.h"
+#include "support/velTestSupport.h"
+#include "velClientAmqp/amqpCodec.h"
 #include "velClientMsg/velClientMsgPrivate.h"
-#include "velclient/velClient.h"
 
 namespace codectest {
 
-struct Owned {
-    velClient_opaqueMsg_pt h = nullptr;
-    Owned() = default;
-    explicit Owned(_velClient_msg *m) : h(m != nullptr ? m->opaqueMsg_p : nullptr) {}
-    Owned(const Owned &) = delete;
-    Owned &operator=(const Owned &) = delete;
-    ~Owned()
-    {
-        if (h != nullptr)
-            velClient_msg_free(&h);
-    }
-    _velClient_msg *rec() const { return vel::msgOf(h); }
+using veltest::Bytes;
+using veltest::Msg;
+
+/* A message on the wire: an AMQP encoding is the payload alone; an MQTT publish has a topic name, a payload
+ * and properties (the frame among them). */
+struct Wire {
+    std::string name;
+    std::vector<char> payload;
+    vel::mqtt::Properties properties;
 };
 
-/* ---- Building the messages --------------------------------------------------- */
+/* The message encoded after the send path's preparation. */
+inline Wire amqpEncode(velClient_opaqueMsg_pt m)
+{
+    Wire w;
+    EXPECT_EQ(VELCLIENT_OK, vel::meta::prepareForWire(vel::msgOf(m), false));
+    EXPECT_EQ(VELCLIENT_OK, vel::amqp::encode(vel::msgOf(m), {}, w.payload)) << veltest::lastErrorText();
+    return w;
+}
 
-enum class Attachment { none, bytes, text, map, stream, mapAmqpCannotHold };
-enum class Props { none, empty, scalars, nested };
+inline Wire mqttEncode(velClient_opaqueMsg_pt m)
+{
+    Wire w;
+    velClient_destination_t dest{};
+    EXPECT_EQ(VELCLIENT_OK, velClient_msg_getDestination(m, &dest, sizeof dest));
+    w.name = vel::mqtt::topicName(dest.dest);
+    EXPECT_EQ(VELCLIENT_OK, vel::meta::prepareForWire(vel::msgOf(m), false));
+    EXPECT_EQ(VELCLIENT_OK, vel::mqtt::encode(vel::msgOf(m), w.payload, w.properties)) << veltest::lastErrorText();
+    return w;
+}
 
-struct Case {
-    const char *name;
-    velClient_uint32_t mode;
-    bool queue;
-    Attachment attachment;
-    Props props;
+inline velClient_returnCode_t amqpDecode(const Wire &w, _velClient_msg **m)
+{
+    return vel::amqp::decode(w.payload.data(), w.payload.size(), {}, nullptr, m);
+}
+
+inline velClient_returnCode_t mqttDecode(const Wire &w, _velClient_msg **m)
+{
+    return vel::mqtt::decode(w.name, w.payload.data(), w.payload.size(), w.properties.get(), nullptr, m);
+}
+
+using Decode = decltype(&amqpDecode);
+
+/* The decoded message (owned by the caller), nullptr when refused. */
+inline velClient_opaqueMsg_pt decoded(Decode decode, const Wire &w)
+{
+    _velClient_msg *m = nullptr;
+    EXPECT_EQ(VELCLIENT_OK, decode(w, &m)) << veltest::lastErrorText();
+    return m != nullptr ? m->opaqueMsg_p : nullptr;
+}
+
+/* The "name=value" user properties of an MQTT property list, in order. */
+inline std::vector<std::pair<std::string, std::string>> userProperties(const mosquitto_property *list)
+{
+    std::vector<std::pair<std::string, std::string>> out;
+    for (const mosquitto_property *p = list; p != nullptr; p = mosquitto_property_next(p)) {
+        char *name = nullptr, *value = nullptr;
+        if (mosquitto_property_read_string_pair(p, MQTT_PROP_USER_PROPERTY, &name, &value, false) == p)
+            out.emplace_back(name, value);
+        std::free(name);
+        std::free(value);
+    }
+    return out;
+}
+
+/* The frame bytes the frame properties carry (none for AMQP). */
+inline Bytes frameBytes(const Wire &w)
+{
+    std::string text;
+    for (const auto &[name, value] : userProperties(w.properties.get()))
+        text += name == vel::mqtt::kFrameProperty ? value : "";
+    std::size_t size = 0;
+    EXPECT_TRUE(vel::mqtt::base64Size(text, size));
+    Bytes bytes(size);
+    EXPECT_TRUE(vel::mqtt::decodeBase64(text, bytes.data()));
+    return bytes;
+}
+
+/* A seed as the wire form it holds. */
+inline Wire amqpWire(const Bytes &seed)
+{
+    return {"", std::vector<char>(seed.begin(), seed.end()), nullptr};
+}
+
+/* name length (1) | topic name | frame length (2, BE) | frame | payload */
+inline Wire mqttWire(const Bytes &seed)
+{
+    const std::size_t n = seed.at(0), frame = std::size_t{seed.at(1 + n)} << 8 | seed.at(2 + n);
+    const std::uint8_t *at = seed.data() + 3 + n;
+    return {std::string(seed.begin() + 1, seed.begin() + 1 + static_cast<std::ptrdiff_t>(n)),
+            std::vector<char>(at + frame, seed.data() + seed.size()), velfuzz::frameProperties(at, frame)};
+}
+
+struct Codec {
+    const char *name; /* also its folder under fuzz/corpus */
+    Wire (*encode)(velClient_opaqueMsg_pt);
+    Decode decode;
+    Wire (*wire)(const Bytes &);
+    const char *otherSeed; /* the one seed that is not the codec's own encoding */
 };
 
-/* Every scalar type, named when keyed (a map). */
-inline void fillScalars(velClient_opaqueContainer_pt c, bool keyed)
-{
-    auto n = [keyed](const char *name) { return keyed ? name : nullptr; };
-    const velClient_uint8_t bytes[] = {0, 1, 0xFE, 0xFF};
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addBoolean(c, 1, n("bool")));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addUint8(c, 250, n("u8")));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt8(c, -7, n("i8")));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addUint16(c, 65000, n("u16")));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt16(c, -300, n("i16")));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addUint32(c, 4000000000u, n("u32")));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(c, -70000, n("i32")));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addUint64(c, 18000000000000000000ull, n("u64")));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt64(c, -5000000000ll, n("i64")));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addWchar(c, L'W', n("wchar")));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addFloat(c, 1.5f, n("float")));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addDouble(c, -2.25, n("double")));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addString(c, "text", n("string")));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addString(c, "", n("empty")));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addByteArray(c, bytes, sizeof bytes, n("bytes")));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addNull(c, n("null")));
-}
+inline const Codec kAmqp{"amqp", amqpEncode, amqpDecode, amqpWire, "empty_map_entries"};
+inline const Codec kMqtt{"mqtt", mqttEncode, mqttDecode, mqttWire, "foreign_payload"};
 
-/* The scalars, then a stream holding the scalars and a map of them. */
-inline void fillNested(velClient_opaqueContainer_pt c, bool keyed)
+/* The codec's seed of the given name. */
+inline Bytes seedBytes(const Codec &codec, const std::string &name)
 {
-    auto n = [keyed](const char *name) { return keyed ? name : nullptr; };
-    fillScalars(c, keyed);
-    velClient_opaqueContainer_pt stream = nullptr, inner = nullptr;
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_openSubStream(c, &stream, n("stream")));
-    fillScalars(stream, false);
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_openSubMap(stream, &inner, nullptr));
-    fillScalars(inner, true);
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&inner));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&stream));
-}
-
-inline void setAttachment(velClient_opaqueMsg_pt m, Attachment kind)
-{
-    velClient_opaqueContainer_pt c = nullptr;
-    const velClient_uint8_t raw[] = {0x2B, 0, 1, 2, 3, 0xFF};
-    switch (kind) {
-    case Attachment::none: return;
-    case Attachment::bytes: ASSERT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachment(m, raw, sizeof raw)); return;
-    case Attachment::text: ASSERT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachmentString(m, "hello")); return;
-    case Attachment::map:
-    case Attachment::mapAmqpCannotHold: ASSERT_EQ(VELCLIENT_OK, velClient_msg_createBinaryAttachmentMap(m, &c, 64)); break;
-    case Attachment::stream: ASSERT_EQ(VELCLIENT_OK, velClient_msg_createBinaryAttachmentStream(m, &c, 64)); break;
-    }
-    fillNested(c, kind != Attachment::stream);
-    if (kind == Attachment::mapAmqpCannotHold) {
-        const velClient_destination_t d{VELCLIENT_QUEUE_DESTINATION, "q"};
-        ASSERT_EQ(VELCLIENT_OK, velClient_container_addDestination(c, &d, sizeof d, "dest"));
-        ASSERT_EQ(VELCLIENT_OK, velClient_container_addString(c, "again", "string")); /* repeated name */
-    }
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&c));
-}
-
-inline void setProps(velClient_opaqueMsg_pt m, Props props)
-{
-    if (props == Props::none)
-        return;
-    velClient_opaqueContainer_pt c = nullptr;
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createUserPropertyMap(m, &c, 64));
-    if (props == Props::scalars)
-        fillScalars(c, true);
-    else if (props == Props::nested)
-        fillNested(c, true);
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&c));
-}
-
-/* Every header property, part and mark, then the case's own choices. */
-inline void build(velClient_opaqueMsg_pt m, const Case &c)
-{
-    velClient_destination_t dest{c.queue ? VELCLIENT_QUEUE_DESTINATION : VELCLIENT_TOPIC_DESTINATION,
-                                 c.queue ? "orders.eu" : "orders/eu.west/50%/*/new"};
-    velClient_destination_t replyTo{VELCLIENT_TOPIC_DESTINATION, "replies/desk.7"};
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setDestination(m, &dest, sizeof dest));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setReplyTo(m, &replyTo, sizeof replyTo));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setDeliveryMode(m, c.mode));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setClassOfService(m, VELCLIENT_COS_2));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setApplicationMessageId(m, "app-id-1"));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setApplicationMsgType(m, "order"));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setCorrelationId(m, "corr-9"));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setSenderId(m, "sender-a"));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setSequenceNumber(m, 41));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setSenderTimestamp(m, 1700000000123));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setExpiration(m, 1900000000456));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setTimeToLive(m, 60000));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setHttpContentType(m, "application/json"));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setHttpContentEncoding(m, "gzip"));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setUserData(m, "ud\0x", 4));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setXml(m, "<a/>", 4));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setDMQEligible(m, 1));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setElidingEligible(m, 1));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setDeliverToOne(m, 1));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setAckImmediately(m, 1));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setDiscardIndication(m, 1));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setAsReplyMsg(m, 1));
-    _velClient_msg *rec = vel::msgOf(m);
-    const std::uint8_t ids[] = {0, 0, 0, 7, 0, 1, 0, 2};
-    ASSERT_EQ(VELCLIENT_OK, _velClient_msg_setBufinfo(rec, VELCLIENT_BUFINFO_CONSUMER_ID_PART, ids, sizeof ids, 0));
-    ASSERT_EQ(VELCLIENT_OK, _velClient_msg_setTopicSequenceNumber(m, 77));
-    setProps(m, c.props);
-    setAttachment(m, c.attachment);
-}
-
-/* ---- Receiving on loopback, dumping -------------------------------------------- */
-
-inline velClient_rxMsgCallback_returnCode_t keep(velClient_opaqueSession_pt, velClient_opaqueMsg_pt m, void *user)
-{
-    *static_cast<velClient_opaqueMsg_pt *>(user) = m;
-    return VELCLIENT_CALLBACK_TAKE_MSG;
-}
-
-/* The message as a loopback session receives it (owned by the caller). */
-inline velClient_opaqueMsg_pt receivedOnLoopback(const Case &c)
-{
-    Owned sent;
-    EXPECT_EQ(VELCLIENT_OK, velClient_msg_alloc(&sent.h));
-    build(sent.h, c);
-    velClient_opaqueMsg_pt got = nullptr;
-    velClient_opaqueSession_pt s = nullptr;
-    const char *props[] = {"SESSION_GENERATE_SEQUENCE_NUMBER", "1", nullptr};
-    EXPECT_EQ(VELCLIENT_OK, velClient_session_create(props, keep, &got, &s));
-    EXPECT_EQ(VELCLIENT_OK, velClient_session_sendMsg(s, sent.h));
-    velClient_session_destroy(&s);
-    return got;
+    std::ifstream in(std::string(VELCLIENT_SOURCE_DIR "/fuzz/corpus/").append(codec.name).append("/").append(name),
+                     std::ios::binary);
+    return Bytes(std::istreambuf_iterator<char>(in), {});
 }
 
 /* The full dump without the lines the receive path owns. */
-inline std::string dumpOf(velClient_opaqueMsg_pt m);
-
-/* Case c's message as a loopback session receives it, into received, and its dump, checked to run to its
- * last line. */
-inline std::string receivedWithDump(const Case &c, Owned &received)
-{
-    received.h = receivedOnLoopback(c);
-    if (received.h == nullptr)
-        return {};
-    const std::string dump = dumpOf(received.h);
-    EXPECT_NE(std::string::npos, dump.find("XML:")) << "the dump ran to its last line:\n" << dump;
-    return dump;
-}
-
 inline std::string dumpOf(velClient_opaqueMsg_pt m)
 {
-    std::vector<char> buf(1 << 16);
+    std::vector<char> buf(1 << 20);
     EXPECT_EQ(VELCLIENT_OK, velClient_msg_dump(m, buf.data(), buf.size()));
-    std::string out, all(buf.data());
-    for (std::size_t at = 0; at < all.size();) {
-        std::size_t end = all.find('\n', at);
-        std::string line = all.substr(at, end - at);
-        at = end == std::string::npos ? all.size() : end + 1;
+    std::string out, line;
+    std::istringstream all(buf.data());
+    while (std::getline(all, line))
         if (line.rfind("RcvTimestamp:", 0) != 0 && line.rfind("Message Id:", 0) != 0)
-            out += line + "\n";
-    }
+            out.append(line).append("\n");
     return out;
+}
+
+/* decode's answer for damaged bytes: a message exactly when accepted, which dumps; nothing kept. */
+inline velClient_returnCode_t answer(Decode decode, const Wire &w)
+{
+    _velClient_msg *m = nullptr;
+    const velClient_returnCode_t rc = decode(w, &m);
+    EXPECT_EQ(rc == VELCLIENT_OK, m != nullptr);
+    Msg owned(m != nullptr ? m->opaqueMsg_p : nullptr);
+    if (owned.h != nullptr)
+        dumpOf(owned.h);
+    return rc;
 }
 
 } // namespace codectest
