@@ -96,6 +96,12 @@ velClient_returnCode_t _velClient_datablock_alloc(_velClient_datab **result, std
     return VELCLIENT_OK;
 }
 
+bool _velClient_datablock_reusableFor(const _velClient_datab *db, std::uint32_t size)
+{
+    return __atomic_load_n(&db->dbRefCount, __ATOMIC_ACQUIRE) == 1 && db->dbQuanta < _VELCLIENT_NUM_QUANTA &&
+           classFor(size) == db->dbQuanta;
+}
+
 void _velClient_datablock_decRef(_velClient_datab *db, const char *file_p, int line)
 {
     _velClient_datablock_decRefBy(db, 1, file_p, line);
