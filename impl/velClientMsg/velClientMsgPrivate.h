@@ -206,6 +206,10 @@ void _velClient_datablock_decRef(_velClient_datab *datab, const char *file_p, in
 void _velClient_datablock_decRefBy(_velClient_datab *datab, std::int32_t count, const char *file_p, int line);
 /* Adds count references (one by default) in one step. */
 void _velClient_datablock_incRef(_velClient_datab *datab, std::int32_t count = 1);
+/* Adds count references for a holder that already holds held of them. When
+ * those are all the block has, nobody else can change the count meanwhile,
+ * and a plain store does it instead of a locked instruction. */
+void _velClient_datablock_addRefs(_velClient_datab *datab, std::int32_t count, std::int32_t held);
 /* Attaches a new block of size bytes to an empty part; buf_p/bufSize = the block. */
 velClient_returnCode_t _velClient_msg_dbAlloc(_velClient_msg *msg, int bufIndex, std::uint32_t size);
 

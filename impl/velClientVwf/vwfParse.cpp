@@ -97,23 +97,17 @@ void markSharedPartsReadOnly(_velClient_msg *msg)
 
 /* Takes, in one step, the references to the parse's block of the parts of
  * msg that point into it (parts of them). In the buffer's last frame the
- * parse's own reference becomes one of them (the parse then holds none):
- * when the parse was the only holder, nobody else can change the count, and
- * a plain store sets it. */
+ * parse's own reference becomes one of them (the parse then holds none). */
 void holdBlock(_velClient_vwfParsing *parse, std::int32_t parts, bool lastFrame)
 {
-    _velClient_datab *block = parse->block;
     if (parts == 0)
         return;
     if (!lastFrame) {
-        _velClient_datablock_incRef(block, parts);
+        _velClient_datablock_incRef(parse->block, parts);
         return;
     }
+    _velClient_datablock_addRefs(parse->block, parts - 1, 1);
     parse->block = nullptr;
-    if (__atomic_load_n(&block->dbRefCount, __ATOMIC_ACQUIRE) == 1)
-        __atomic_store_n(&block->dbRefCount, parts, __ATOMIC_RELAXED);
-    else if (parts > 1)
-        _velClient_datablock_incRef(block, parts - 1);
 }
 
 /* Fills msg from the items of the frame at p, counting in parts the parts it

@@ -215,7 +215,9 @@ std::uint8_t *skipOtherEntries(_velClient_container *c, std::uint8_t *pos, const
 
 /* Scans the entries not yet remembered for the first keyed name. Entries
  * decoded on the way go to a scratch field: the caller's field is written
- * only with the entry found. */
+ * only with the entry found (decoded straight into it: a copy from the
+ * scratch field would wait on the stores that just filled it). A read that
+ * fails writes no field. */
 velClient_returnCode_t scanFor(_velClient_container *c, const char *name, std::size_t nameSize,
                                velClient_field_t *field_p)
 {
@@ -231,13 +233,12 @@ velClient_returnCode_t scanFor(_velClient_container *c, const char *name, std::s
             return VELCLIENT_NOT_FOUND;
         }
         const char *key = nullptr;
-        if (readEntryAt(c, pos, &scratch, &key) != VELCLIENT_OK)
+        const bool found = keyIs(pos, c->curWrPtr - pos, name, nameSize);
+        if (readEntryAt(c, pos, found ? field_p : &scratch, &key) != VELCLIENT_OK)
             return VELCLIENT_FAIL;
         noteChecked(c, pos, c->curFieldLength);
-        if (keyIs(pos, c->curWrPtr - pos, name, nameSize)) {
-            *field_p = scratch;
+        if (found)
             return VELCLIENT_OK;
-        }
     }
 }
 

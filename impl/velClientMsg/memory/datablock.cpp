@@ -137,6 +137,16 @@ void _velClient_datablock_incRef(_velClient_datab *db, std::int32_t count)
     __atomic_fetch_add(&db->dbRefCount, count, __ATOMIC_RELAXED);
 }
 
+void _velClient_datablock_addRefs(_velClient_datab *db, std::int32_t count, std::int32_t held)
+{
+    if (count == 0)
+        return;
+    if (__atomic_load_n(&db->dbRefCount, __ATOMIC_ACQUIRE) == held)
+        __atomic_store_n(&db->dbRefCount, held + count, __ATOMIC_RELAXED);
+    else
+        __atomic_fetch_add(&db->dbRefCount, count, __ATOMIC_RELAXED);
+}
+
 velClient_returnCode_t _velClient_msg_dbAlloc(_velClient_msg *msg, int bufIndex, std::uint32_t size)
 {
     if (bufIndex < 0 || bufIndex >= _VELCLIENT_BUFINFO_NUM_PARTS)

@@ -25,8 +25,9 @@ void emptyVwfPart(_velClient_msg *msg)
 }
 
 /* Hands the image (info, in part 9) and one more reference to its block to
- * the caller. soleHolder: the message holds the block's only reference, so
- * nobody else can change the count meanwhile and a plain store adds one. */
+ * the caller. soleHolder: the message was the block's only holder a moment
+ * ago (a new or reused image), so the count is worth checking for a plain
+ * store. */
 void giveImage(_velClient_msg *msg, velClient_bufInfo_t info, bool soleHolder, velClient_bufInfo_pt bufinfo_p,
                velClient_opaqueDatablock_pt *datab_p)
 {
@@ -35,7 +36,7 @@ void giveImage(_velClient_msg *msg, velClient_bufInfo_t info, bool soleHolder, v
     *bufinfo_p = info;
     _velClient_datab *db = msg->bufDatab_p[kVwfPart];
     if (soleHolder)
-        __atomic_store_n(&db->dbRefCount, 2, __ATOMIC_RELAXED);
+        _velClient_datablock_addRefs(db, 1, 1);
     else
         _velClient_datablock_incRef(db);
     *datab_p = db;
