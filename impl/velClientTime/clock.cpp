@@ -41,8 +41,12 @@ constexpr std::uint64_t kMeasureUs = 20000;
 
 /* Counter ticks per microsecond, rounded down and less a sixteenth: a lower
  * bound of the rate, so that ticks / rate overstates the time gone by. 0
- * until measured, and for good where the counter's rate may change. */
-std::atomic<std::uint64_t> ticksPerUsLow_s{0};
+ * until measured, and for good where the counter's rate may change. Every
+ * thread reads it: it has a cache line to itself. */
+struct alignas(64) Rate {
+    std::atomic<std::uint64_t> ticksPerUsLow{0};
+};
+Rate rate_s;
 
 /* The millisecond a thread read last, the counter when it did, and how many
  * ticks later it surely still holds (0: read the clock again). A counter
@@ -92,7 +96,7 @@ const Reference &reference()
         return 0;
     std::uint64_t rate = (ticks - ref.ticks) / (us - ref.us);
     rate -= rate / 16;
-    ticksPerUsLow_s.store(rate, std::memory_order_relaxed);
+    rate_s.ticksPerUsLow.store(rate, std::memory_order_relaxed);
     return rate;
 }
 
@@ -105,7 +109,7 @@ extern "C" velClient_uint64_t _velClient_getTimeInMs(void)
     if (ticks - last.ticks < last.span)
         return last.ms;
     const std::uint64_t us = _velClient_getTimeInUs();
-    std::uint64_t rate = ticksPerUsLow_s.load(std::memory_order_relaxed);
+    std::uint64_t rate = rate_s.ticksPerUsLow.load(std::memory_order_relaxed);
     if (rate == 0)
         rate = measureRate();
     /* The counter was read before the clock, and the clock's microsecond may
