@@ -2,6 +2,7 @@
  * and null sessions. */
 #include <unistd.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -243,4 +244,96 @@ TEST(WireFormat, SendingKeepsOpenContainersWhereEncodingClosesThem)
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_getBinaryAttachmentMap(r.h, &map));
     EXPECT_EQ(VELCLIENT_OK, velClient_container_getInt32(map, &value, "b"));
     EXPECT_EQ(3, value);
+}
+
+namespace {
+
+/* Data blocks in use, per class (the four pooled classes and oversize). */
+std::vector<velClient_uint64_t> blocksInUse()
+{
+    std::vector<velClient_uint64_t> n;
+    for (velClient_uint32_t q = 0; q <= 5; ++q)
+        n.push_back(veltest::stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, q));
+    return n;
+}
+
+} // namespace
+
+TEST(WireFormat, ANewImageNeverOverwritesOneTheCallerStillHolds)
+{
+    Msg m;
+    const Bytes body(1000, 0x5A);
+    const velClient_destination_t first{VELCLIENT_TOPIC_DESTINATION, "first/topic"};
+    const velClient_destination_t other{VELCLIENT_TOPIC_DESTINATION, "other/topic"};
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setDestination(m.h, &first, sizeof first));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachment(m.h, body.data(), 1000));
+    velClient_bufInfo_t held{};
+    velClient_opaqueDatablock_pt heldBlock = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_encodeToVWF(m.h, &held, &heldBlock));
+    const Bytes before(static_cast<std::uint8_t *>(held.buf_p), static_cast<std::uint8_t *>(held.buf_p) + held.bufSize);
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setDestination(m.h, &other, sizeof other));
+    const Bytes now = encode(m.h);
+    EXPECT_EQ(before, Bytes(static_cast<std::uint8_t *>(held.buf_p),
+                            static_cast<std::uint8_t *>(held.buf_p) + held.bufSize));
+    ASSERT_EQ(before.size(), now.size());
+    EXPECT_EQ('o', now[17]);
+    EXPECT_EQ('f', before[17]);
+    EXPECT_EQ(VELCLIENT_OK, velClient_datablock_free(&heldBlock));
+}
+
+/* Re-encoding a message whose image nobody else holds gives the same pool
+ * statistics as releasing the old image and taking a new block: the image
+ * lands in the class its new size asks for. */
+TEST(WireFormat, ReEncodingKeepsTheImageInTheClassOfItsSize)
+{
+    Msg m;
+    const velClient_destination_t topic{VELCLIENT_TOPIC_DESTINATION, "t/u"};
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setDestination(m.h, &topic, sizeof topic));
+    const std::vector<velClient_uint64_t> base = blocksInUse();
+    const struct {
+        std::size_t attachment; /* by reference: the image is the only new block */
+        std::uint32_t imageClass;
+    } rows[] = {{100, 0}, {1000, 1}, {2022, 1}, {2023, 2}, {3000, 2}, {200, 0}, {1000, 1}, {100, 0}};
+    for (const auto &r : rows) {
+        SCOPED_TRACE(r.attachment);
+        Bytes body(r.attachment, static_cast<std::uint8_t>(r.attachment));
+        ASSERT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachmentPtr(m.h, body.data(),
+                                                                      static_cast<velClient_uint32_t>(body.size())));
+        const Bytes image = encode(m.h); /* the caller's reference is dropped at once */
+        ASSERT_EQ(26 + r.attachment, image.size());
+        EXPECT_TRUE(std::equal(body.begin(), body.end(), image.end() - static_cast<std::ptrdiff_t>(r.attachment)));
+        std::vector<velClient_uint64_t> expected = base;
+        ++expected[r.imageClass];
+        EXPECT_EQ(expected, blocksInUse());
+    }
+}
+
+/* A decoded message's parts share the received block; however many point
+ * into it, and whichever frame of the buffer they came from, the block
+ * lives as long as a message holds it and goes back with the last one. */
+TEST(WireFormat, DecodedMessagesGiveTheReceivedBlockBack)
+{
+    const Bytes topic = item(0x11, {'t', 0});
+    const Bytes parts = veltest::cat(topic, veltest::cat(item(0x10, {1, 2, 3}), item(0x13, {4})));
+    const struct {
+        Bytes bytes;
+        bool accepted;
+        velClient_uint64_t heldBlocks; /* by the decoded message (class 0) */
+    } rows[] = {{frame(16, 0x10, {}), true, 0},
+                {frame(13, 0, topic), true, 1},
+                {frame(13, 0, parts), true, 1},
+                {veltest::cat(frame(13, 0, parts), frame(13, 0, topic)), false, 0}}; /* two frames */
+    const std::vector<velClient_uint64_t> base = blocksInUse();
+    for (const auto &row : rows) {
+        SCOPED_TRACE(&row - rows);
+        Msg r(nullptr), copy(nullptr);
+        ASSERT_EQ(row.accepted ? VELCLIENT_OK : VELCLIENT_FAIL, decode(row.bytes, &r.h));
+        if (row.accepted) {
+            ASSERT_EQ(VELCLIENT_OK, velClient_msg_dup(r.h, &copy.h));
+            ASSERT_EQ(VELCLIENT_OK, velClient_msg_free(&r.h));
+            EXPECT_EQ(base[0] + row.heldBlocks, blocksInUse()[0]); /* the copy keeps it */
+            ASSERT_EQ(VELCLIENT_OK, velClient_msg_free(&copy.h));
+        }
+        EXPECT_EQ(base, blocksInUse());
+    }
 }

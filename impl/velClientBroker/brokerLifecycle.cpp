@@ -203,7 +203,7 @@ velClient_msgId_t Connection::deliver(_velClient_msg *msg, bool redelivered, boo
     if (redelivered)
         msg->msgInfo.flags |= _VELCLIENT_RX_FLAG_REDELIVERED_MASK;
     if (msg->msgInfo.rcvTimestamp == 0)
-        msg->msgInfo.rcvTimestamp = _velClient_getTimeInUs() / 1000;
+        msg->msgInfo.rcvTimestamp = _velClient_getTimeInMs();
     if (clientAck) {
         std::lock_guard lock(mutex_);
         awaitingAck_.insert(id);

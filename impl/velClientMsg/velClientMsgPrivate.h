@@ -193,6 +193,11 @@ void _velClient_msgPool_configure(const std::uint32_t quanta[_VELCLIENT_NUM_QUAN
 
 /* A block of capacity >= size with reference count 1; records the failure. */
 velClient_returnCode_t _velClient_datablock_alloc(_velClient_datab **result, std::uint32_t size);
+/* True when the caller holds db's only reference and a new block for size
+ * would be of db's class: the caller may then write size bytes into db
+ * instead of releasing it and taking another, and every pool statistic reads
+ * as if it had. */
+bool _velClient_datablock_reusableFor(const _velClient_datab *db, std::uint32_t size);
 /* Drops one reference (the one sequence every holder uses); the last holder
  * pools or frees the block. file/line only appear in traces. */
 void _velClient_datablock_decRef(_velClient_datab *datab, const char *file_p, int line);
@@ -201,6 +206,10 @@ void _velClient_datablock_decRef(_velClient_datab *datab, const char *file_p, in
 void _velClient_datablock_decRefBy(_velClient_datab *datab, std::int32_t count, const char *file_p, int line);
 /* Adds count references (one by default) in one step. */
 void _velClient_datablock_incRef(_velClient_datab *datab, std::int32_t count = 1);
+/* Adds count references for a holder that already holds held of them. When
+ * those are all the block has, nobody else can change the count meanwhile,
+ * and a plain store does it instead of a locked instruction. */
+void _velClient_datablock_addRefs(_velClient_datab *datab, std::int32_t count, std::int32_t held);
 /* Attaches a new block of size bytes to an empty part; buf_p/bufSize = the block. */
 velClient_returnCode_t _velClient_msg_dbAlloc(_velClient_msg *msg, int bufIndex, std::uint32_t size);
 

@@ -8,8 +8,9 @@
  *
  *     item: tag (1) | value length (4, BE) | value
  *
- * The encoder hands back a chunk list: generated headers live in a scratch
- * area of the caller's, message parts are referred to in place. The parser
+ * The encoder hands back a chunk list (generated headers live in a scratch
+ * area of the caller's, message parts are referred to in place), or writes
+ * the frame straight into a buffer of its measured size. The parser
  * copies the received bytes once into a data block and points every part of
  * each new message into it. docs/wire-format.md is the full description.
  */
@@ -71,6 +72,17 @@ velClient_returnCode_t _velClient_createMsgForPublish(const velClient_bufInfo_t 
                                                       const _velClient_msg *msg, _velClient_vwfChunk *chunks,
                                                       std::uint32_t *numChunks, std::uint8_t **scratch_pp,
                                                       std::uint32_t *totalLength);
+
+/* The length of msg's frame, as _velClient_createMsgForPublish would build
+ * it; fails as it does. */
+velClient_returnCode_t _velClient_vwfFrameSize(const velClient_bufInfo_t *parts, std::uint32_t numParts,
+                                               std::uint32_t flags, std::uint64_t msgId, const _velClient_msg *msg,
+                                               std::uint32_t *totalLength);
+/* Writes that frame into out (capacity bytes, the length _velClient_vwfFrameSize
+ * gave for the same arguments). Returns 0, or the bytes of the first piece
+ * that did not fit past the end (nothing is written past it). */
+std::uint32_t _velClient_vwfWriteFrame(const velClient_bufInfo_t *parts, std::uint32_t flags, std::uint64_t msgId,
+                                       const _velClient_msg *msg, std::uint8_t *out, std::uint32_t capacity);
 
 namespace vel::vwf {
 

@@ -46,9 +46,10 @@ velClient_returnCode_t malformed(const char *what, std::uint32_t offset)
  * received data); VELCLIENT_FAIL (with the failure recorded) when it is
  * malformed. A part is left pointing into block without a reference of its
  * own: the caller takes them all at once with holdBlock(). seen collects the
- * tags met so far in the frame, so that a repeated item is refused. */
+ * tags met so far in the frame, so that a repeated item is refused, and parts
+ * counts the parts filled (each at most once). */
 velClient_returnCode_t applyItem(_velClient_msg *msg, _velClient_datab *block, std::uint8_t tag, std::uint8_t *value,
-                                 std::uint32_t length, std::uint32_t at, std::uint32_t &seen)
+                                 std::uint32_t length, std::uint32_t at, std::uint32_t &seen, std::int32_t &parts)
 {
     if (tag < 32 && (seen & (1u << tag)))
         return malformed("repeated item", at);
@@ -74,6 +75,7 @@ velClient_returnCode_t applyItem(_velClient_msg *msg, _velClient_datab *block, s
         return malformed("bad part", at);
     msg->bufDatab_p[part] = block;
     msg->bufInfo_a[part] = velClient_bufInfo_t{value, isText(tag) ? length - 1 : length};
+    ++parts;
     return VELCLIENT_OK;
 }
 
@@ -93,19 +95,25 @@ void markSharedPartsReadOnly(_velClient_msg *msg)
             msg->internalFlags |= s.mark;
 }
 
-/* Takes, in one step, the references to block of every part that points into it. */
-void holdBlock(_velClient_msg *msg, _velClient_datab *block)
+/* Takes, in one step, the references to the parse's block of the parts of
+ * msg that point into it (parts of them). In the buffer's last frame the
+ * parse's own reference becomes one of them (the parse then holds none). */
+void holdBlock(_velClient_vwfParsing *parse, std::int32_t parts, bool lastFrame)
 {
-    std::int32_t parts = 0;
-    for (const _velClient_datab *db : msg->bufDatab_p)
-        parts += db == block ? 1 : 0;
-    if (parts > 0)
-        _velClient_datablock_incRef(block, parts);
+    if (parts == 0)
+        return;
+    if (!lastFrame) {
+        _velClient_datablock_incRef(parse->block, parts);
+        return;
+    }
+    _velClient_datablock_addRefs(parse->block, parts - 1, 1);
+    parse->block = nullptr;
 }
 
-/* Fills msg from the items of the frame at p; VELCLIENT_FAIL at the first malformed one. */
+/* Fills msg from the items of the frame at p, counting in parts the parts it
+ * points into the block; VELCLIENT_FAIL at the first malformed one. */
 velClient_returnCode_t readItems(_velClient_vwfParsing *parse, _velClient_msg *msg, std::uint8_t *p,
-                                 std::uint32_t frameLength)
+                                 std::uint32_t frameLength, std::int32_t &parts)
 {
     std::uint32_t seen = 0;
     std::uint32_t at = kFrameHeaderSize;
@@ -115,7 +123,7 @@ velClient_returnCode_t readItems(_velClient_vwfParsing *parse, _velClient_msg *m
         auto length = static_cast<std::uint32_t>(vel::tlv::getBE(p + at + 1, 4));
         if (length > frameLength - at - kItemHeaderSize)
             return malformed("item past frame end", parse->offset + at);
-        if (applyItem(msg, parse->block, p[at], p + at + kItemHeaderSize, length, parse->offset + at, seen) !=
+        if (applyItem(msg, parse->block, p[at], p + at + kItemHeaderSize, length, parse->offset + at, seen, parts) !=
             VELCLIENT_OK)
             return VELCLIENT_FAIL;
         at += kItemHeaderSize + length;
@@ -133,9 +141,10 @@ velClient_returnCode_t buildMessage(_velClient_vwfParsing *parse, std::uint8_t *
         return VELCLIENT_FAIL;
     _velClient_msg *msg = *msg_p;
     msg->msgInfo.flags = parse->internalFlags;
-    msg->msgInfo.rcvTimestamp = _velClient_getTimeInUs() / 1000;
-    velClient_returnCode_t rc = readItems(parse, msg, p, frameLength);
-    holdBlock(msg, parse->block); /* before anything can free the message */
+    msg->msgInfo.rcvTimestamp = _velClient_getTimeInMs();
+    std::int32_t parts = 0;
+    velClient_returnCode_t rc = readItems(parse, msg, p, frameLength, parts);
+    holdBlock(parse, parts, frameLength == parse->bytesInBuf); /* before anything can free the message */
     if (rc != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     markSharedPartsReadOnly(msg);

@@ -224,4 +224,14 @@ TEST(TlvText, CStringsAndCopies)
         vel::tlv::copyBytes(dst.data() + 3, src.data(), n);
         EXPECT_EQ(expected, dst) << "length " << n;
     }
+    /* Keys compare equal only when every byte does, whichever byte differs
+     * and whatever the length (the inline compares change at 4, 8 and 16). */
+    for (std::size_t n = 0; n <= 24; ++n) {
+        EXPECT_TRUE(vel::tlv::sameBytes(src.data(), Bytes(src.begin(), src.begin() + static_cast<std::ptrdiff_t>(n)).data(), n));
+        for (std::size_t at = 0; at < n; ++at) {
+            Bytes other(src.begin(), src.begin() + static_cast<std::ptrdiff_t>(n));
+            other[at] ^= 0x40;
+            EXPECT_FALSE(vel::tlv::sameBytes(src.data(), other.data(), n)) << n << " " << at;
+        }
+    }
 }

@@ -303,7 +303,9 @@ bool readKeyedValue(_velClient_container *c, std::uint8_t *pos, velClient_field_
 
 /* Scans the entries not yet remembered for the first keyed name. Entries
  * decoded on the way go to a scratch field: the caller's field is written
- * only with the entry found. */
+ * only with the entry found (decoded straight into it: a copy from the
+ * scratch field would wait on the stores that just filled it). A read that
+ * fails writes no field. */
 velClient_returnCode_t scanFor(_velClient_container *c, const KeyProbe &key, velClient_field_t *field_p)
 {
     if (c->checkedEnd > static_cast<std::uint64_t>(c->curWrPtr - c->firstFieldPtr))
@@ -321,13 +323,12 @@ velClient_returnCode_t scanFor(_velClient_container *c, const KeyProbe &key, vel
             return VELCLIENT_OK;
         velClient_field_t scratch{};
         const char *name = nullptr;
-        if (readEntryAt(c, pos, &scratch, &name) != VELCLIENT_OK)
+        const bool found = key.keys(pos, c->curWrPtr - pos);
+        if (readEntryAt(c, pos, found ? field_p : &scratch, &name) != VELCLIENT_OK)
             return VELCLIENT_FAIL;
         noteChecked(c, pos, c->curFieldLength);
-        if (key.keys(pos, c->curWrPtr - pos)) {
-            *field_p = scratch;
+        if (found)
             return VELCLIENT_OK;
-        }
     }
 }
 

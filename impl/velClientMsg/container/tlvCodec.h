@@ -98,17 +98,28 @@ inline std::uint64_t getBE(const std::uint8_t *p, unsigned width) noexcept
     }
 }
 
-/* Equal n-byte keys; short ones (16 bytes or fewer) compared inline. */
+/* Equal n-byte keys; short ones (16 bytes or fewer) compared inline, as two
+ * words that overlap in the middle (or, below 4 bytes, the first, middle
+ * and last bytes, which are all of them). */
 inline bool sameBytes(const void *a, const void *b, std::size_t n) noexcept
 {
-    if (n > 16 || n < 8)
+    const auto *x = static_cast<const std::uint8_t *>(a);
+    const auto *y = static_cast<const std::uint8_t *>(b);
+    auto twoWords = [&](auto word) {
+        decltype(word) x0, x1, y0, y1;
+        std::memcpy(&x0, x, sizeof word);
+        std::memcpy(&y0, y, sizeof word);
+        std::memcpy(&x1, x + n - sizeof word, sizeof word);
+        std::memcpy(&y1, y + n - sizeof word, sizeof word);
+        return ((x0 ^ y0) | (x1 ^ y1)) == 0;
+    };
+    if (n > 16)
         return std::memcmp(a, b, n) == 0;
-    std::uint64_t a0, a1, b0, b1;
-    std::memcpy(&a0, a, 8);
-    std::memcpy(&b0, b, 8);
-    std::memcpy(&a1, static_cast<const char *>(a) + n - 8, 8);
-    std::memcpy(&b1, static_cast<const char *>(b) + n - 8, 8);
-    return ((a0 ^ b0) | (a1 ^ b1)) == 0;
+    if (n >= 8)
+        return twoWords(std::uint64_t{});
+    if (n >= 4)
+        return twoWords(std::uint32_t{});
+    return n == 0 || (x[0] == y[0] && x[n / 2] == y[n / 2] && x[n - 1] == y[n - 1]);
 }
 
 /* memcpy for the short names and texts that fields mostly hold: 4 to 32

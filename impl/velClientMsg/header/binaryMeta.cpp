@@ -107,9 +107,12 @@ bool needsMeta(const _velClient_msg *msg)
  * closed with closeAll, else only finalised (their handles stay valid). */
 void finishContainers(_velClient_msg *msg, bool closeAll)
 {
-    _velClient_container_closeMapStream(&msg->binaryAttachContainer_p, closeAll, closeAll, false);
-    _velClient_container_closeMapStream(&msg->hdrMap_p, true, true, false);
-    _velClient_container_closeMapStream(&msg->userPropertyMap_p, closeAll, closeAll, false);
+    if (msg->binaryAttachContainer_p != nullptr)
+        _velClient_container_closeMapStream(&msg->binaryAttachContainer_p, closeAll, closeAll, false);
+    if (msg->hdrMap_p != nullptr)
+        _velClient_container_closeMapStream(&msg->hdrMap_p, true, true, false);
+    if (msg->userPropertyMap_p != nullptr)
+        _velClient_container_closeMapStream(&msg->userPropertyMap_p, closeAll, closeAll, false);
 }
 
 /* Writes (or patches) the header into part 8 and the entry keys into parts 10 and 7. */

@@ -96,6 +96,12 @@ velClient_returnCode_t _velClient_datablock_alloc(_velClient_datab **result, std
     return VELCLIENT_OK;
 }
 
+bool _velClient_datablock_reusableFor(const _velClient_datab *db, std::uint32_t size)
+{
+    return __atomic_load_n(&db->dbRefCount, __ATOMIC_ACQUIRE) == 1 && db->dbQuanta < _VELCLIENT_NUM_QUANTA &&
+           classFor(size) == db->dbQuanta;
+}
+
 void _velClient_datablock_decRef(_velClient_datab *db, const char *file_p, int line)
 {
     _velClient_datablock_decRefBy(db, 1, file_p, line);
@@ -129,6 +135,16 @@ void _velClient_datablock_decRefBy(_velClient_datab *db, std::int32_t count, con
 void _velClient_datablock_incRef(_velClient_datab *db, std::int32_t count)
 {
     __atomic_fetch_add(&db->dbRefCount, count, __ATOMIC_RELAXED);
+}
+
+void _velClient_datablock_addRefs(_velClient_datab *db, std::int32_t count, std::int32_t held)
+{
+    if (count == 0)
+        return;
+    if (__atomic_load_n(&db->dbRefCount, __ATOMIC_ACQUIRE) == held)
+        __atomic_store_n(&db->dbRefCount, held + count, __ATOMIC_RELAXED);
+    else
+        __atomic_fetch_add(&db->dbRefCount, count, __ATOMIC_RELAXED);
 }
 
 velClient_returnCode_t _velClient_msg_dbAlloc(_velClient_msg *msg, int bufIndex, std::uint32_t size)

@@ -28,9 +28,14 @@ constexpr std::uint32_t readOnlyFlagOf(int part) noexcept
  * property map, binary attachment. */
 void closeAllContainers(_velClient_msg *msg)
 {
-    for (_velClient_container **slot : {&msg->hdrMap_p, &msg->userPropertyMap_p, &msg->binaryAttachContainer_p})
-        if (*slot != nullptr)
-            _velClient_container_closeMapStream(slot, true, true, false);
+    /* Three tests, not a loop over a list of the slots, which the compiler
+     * builds on the stack on every call. */
+    if (msg->hdrMap_p != nullptr)
+        _velClient_container_closeMapStream(&msg->hdrMap_p, true, true, false);
+    if (msg->userPropertyMap_p != nullptr)
+        _velClient_container_closeMapStream(&msg->userPropertyMap_p, true, true, false);
+    if (msg->binaryAttachContainer_p != nullptr)
+        _velClient_container_closeMapStream(&msg->binaryAttachContainer_p, true, true, false);
 }
 
 /* Drops every part's block reference and empties the slots. Parts that share

@@ -24,35 +24,60 @@ void emptyVwfPart(_velClient_msg *msg)
     msg->bufInfo_a[kVwfPart] = velClient_bufInfo_t{nullptr, 0};
 }
 
-/* Hands the cached image and one more reference to its block to the caller. */
-void giveImage(_velClient_msg *msg, velClient_bufInfo_pt bufinfo_p, velClient_opaqueDatablock_pt *datab_p)
+/* Hands the image (info, in part 9) and one more reference to its block to
+ * the caller. soleHolder: the message was the block's only holder a moment
+ * ago (a new or reused image), so the count is worth checking for a plain
+ * store. */
+void giveImage(_velClient_msg *msg, velClient_bufInfo_t info, bool soleHolder, velClient_bufInfo_pt bufinfo_p,
+               velClient_opaqueDatablock_pt *datab_p)
 {
     if (bufinfo_p == nullptr)
         return;
-    *bufinfo_p = msg->bufInfo_a[kVwfPart];
-    _velClient_datablock_incRef(msg->bufDatab_p[kVwfPart]);
-    *datab_p = msg->bufDatab_p[kVwfPart];
+    *bufinfo_p = info;
+    _velClient_datab *db = msg->bufDatab_p[kVwfPart];
+    if (soleHolder)
+        _velClient_datablock_addRefs(db, 1, 1);
+    else
+        _velClient_datablock_incRef(db);
+    *datab_p = db;
 }
 
-/* Copies the chunks back to back into part 9 (total bytes). */
-velClient_returnCode_t serialise(_velClient_msg *msg, const _velClient_vwfChunk *chunks, std::uint32_t numChunks,
-                                 std::uint32_t total)
+/* Empties part 9 and returns its block with the message's reference, or nullptr. */
+_velClient_datab *takeImageBlock(_velClient_msg *msg)
 {
-    if (_velClient_msg_dbAlloc(msg, kVwfPart, total) != VELCLIENT_OK)
-        return VELCLIENT_FAIL;
+    _velClient_datab *db = msg->bufDatab_p[kVwfPart];
+    msg->bufDatab_p[kVwfPart] = nullptr;
+    msg->bufInfo_a[kVwfPart] = velClient_bufInfo_t{nullptr, 0};
+    return db;
+}
+
+/* Gives part 9 a block for total bytes: old (the previous image's, whose
+ * reference the caller passes on) when the message is its only holder and a
+ * new block would be of its class, else a new one. */
+velClient_returnCode_t placeImage(_velClient_msg *msg, _velClient_datab *old, std::uint32_t total)
+{
+    if (old != nullptr && _velClient_datablock_reusableFor(old, total)) {
+        msg->bufDatab_p[kVwfPart] = old;
+        msg->bufInfo_a[kVwfPart] = velClient_bufInfo_t{old->dbData_p, old->dbSize};
+        return VELCLIENT_OK;
+    }
+    if (old != nullptr)
+        VEL_DATAB_RELEASE(old);
+    return _velClient_msg_dbAlloc(msg, kVwfPart, total);
+}
+
+/* Writes the frame of msg (total bytes) into part 9. */
+velClient_returnCode_t serialise(_velClient_msg *msg, std::uint32_t total)
+{
     auto *out = static_cast<std::uint8_t *>(msg->bufInfo_a[kVwfPart].buf_p);
-    std::uint32_t offset = 0;
-    for (std::uint32_t i = 0; i < numChunks; ++i) {
-        if (chunks[i].len > total - offset) {
-            VEL_STORE(VELCLIENT_SUBCODE_INTERNAL_ERROR, VELCLIENT_LOG_ERROR,
-                      "_velClient_msg_serialization found byte count mismatch; remaining count %u,  for session "
-                      "'parserSession'",
-                      chunks[i].len - (total - offset));
-            emptyVwfPart(msg);
-            return VELCLIENT_FAIL;
-        }
-        std::memcpy(out + offset, chunks[i].p, chunks[i].len);
-        offset += chunks[i].len;
+    std::uint32_t excess = _velClient_vwfWriteFrame(msg->bufInfo_a, msg->msgInfo.flags, kEncodedMsgId, msg, out, total);
+    if (excess != 0) {
+        VEL_STORE(VELCLIENT_SUBCODE_INTERNAL_ERROR, VELCLIENT_LOG_ERROR,
+                  "_velClient_msg_serialization found byte count mismatch; remaining count %u,  for session "
+                  "'parserSession'",
+                  excess);
+        emptyVwfPart(msg);
+        return VELCLIENT_FAIL;
     }
     msg->bufInfo_a[kVwfPart].bufSize = total;
     return VELCLIENT_OK;
@@ -64,21 +89,24 @@ velClient_returnCode_t _velClient_msg_encodeToVWF(_velClient_msg *msg, velClient
                                                   velClient_opaqueDatablock_pt *datab_p)
 {
     if (msg->bufDatab_p[kVwfPart] != nullptr && (msg->internalFlags & _VELCLIENT_MSG_FLAG_MODIFIED) == 0) {
-        giveImage(msg, bufinfo_p, datab_p);
+        giveImage(msg, msg->bufInfo_a[kVwfPart], false, bufinfo_p, datab_p);
         return VELCLIENT_OK;
     }
-    emptyVwfPart(msg);
-    if (vel::meta::prepareForWire(msg, true) != VELCLIENT_OK)
+    _velClient_datab *old = takeImageBlock(msg);
+    std::uint32_t total = 0;
+    if (vel::meta::prepareForWire(msg, true) != VELCLIENT_OK ||
+        _velClient_vwfFrameSize(msg->bufInfo_a, _VELCLIENT_BUFINFO_NUM_PARTS, msg->msgInfo.flags, kEncodedMsgId, msg,
+                                &total) != VELCLIENT_OK) {
+        if (old != nullptr)
+            VEL_DATAB_RELEASE(old);
         return VELCLIENT_FAIL;
-    vel::vwf::Frame frame;
-    velClient_returnCode_t rc =
-        frame.build(msg->bufInfo_a, _VELCLIENT_BUFINFO_NUM_PARTS, msg->msgInfo.flags, kEncodedMsgId, msg);
-    if (rc != VELCLIENT_OK || frame.total == 0)
-        return rc;
-    if (serialise(msg, frame.chunks, frame.numChunks, frame.total) != VELCLIENT_OK)
+    }
+    if (placeImage(msg, old, total) != VELCLIENT_OK || serialise(msg, total) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     msg->internalFlags &= ~_VELCLIENT_MSG_FLAG_MODIFIED;
-    giveImage(msg, bufinfo_p, datab_p);
+    /* The image is built from locals: reading part 9 back right after its
+     * size was stored would wait on that store. */
+    giveImage(msg, velClient_bufInfo_t{msg->bufDatab_p[kVwfPart]->dbData_p, total}, true, bufinfo_p, datab_p);
     return VELCLIENT_OK;
 }
 
