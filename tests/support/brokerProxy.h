@@ -21,7 +21,7 @@ public:
 
     std::string host() const { return "127.0.0.1:" + std::to_string(port_); }
     /* Resets every connection relayed now. */
-    void cut();
+    void cut() { cutRequested_ = true; }
     void pause(bool on) { paused_ = on; }
     /* New connections are closed at once while on. */
     void refuse(bool on) { refusing_ = on; }
@@ -37,7 +37,6 @@ private:
     int targetPort_;
     int listener_ = -1;
     int port_ = 0;
-    int wakeup_[2] = {-1, -1};
     std::atomic<bool> stop_{false};
     std::atomic<bool> paused_{false};
     std::atomic<bool> refusing_{false};

@@ -1,21 +1,21 @@
-/* MQTT sessions beside plain MQTT 5 clients (mosquitto_sub and mosquitto_pub,
- * each a child process bounded by a message count and a timeout): what a
- * session sends shows the payload, the response topic, the correlation data,
- * the content type, the expiry and the string user properties as MQTT's own;
- * what the foreign client sends reaches a session with those fields mapped,
- * and the session's reply reaches the foreign client's response topic. */
+/* What only MQTT sessions have: queue calls refused, and plain MQTT 5 clients
+ * beside them (mosquitto_sub and mosquitto_pub, each a child process bounded
+ * by a message count and a timeout): what a session sends shows the payload,
+ * the response topic, the correlation data, the content type, the expiry and
+ * the string user properties as MQTT's own; what the foreign client sends
+ * reaches a session with those fields mapped, and the session's reply reaches
+ * the foreign client's response topic. */
 #include <sys/time.h>
 
 #include <sstream>
 
-#include "support/brokerClient.h"
+#include "support/brokerSupport.h"
 #include "support/toolProcess.h"
 #include "support/velTestSupport.h"
 
 namespace {
 
 using namespace veltest::broker;
-using namespace std::chrono_literals;
 
 /* The fields mosquitto_sub prints of each message, in this order. */
 const char kFormat[] = "MSG|%t|%p|%R|%D|%C|%E|%P|%q";
@@ -36,7 +36,7 @@ std::vector<std::string> split(const std::string &line)
 class ForeignSubscriber {
 public:
     ForeignSubscriber(const std::string &filter, int count)
-        : tool_("stdbuf", "-oL mosquitto_sub -V 5 -h 127.0.0.1 -p " + std::to_string(port()) + " -q 1 -d -C " +
+        : tool_("stdbuf", "-oL mosquitto_sub -V 5 -h 127.0.0.1 -p " + std::to_string(broker().port) + " -q 1 -d -C " +
                               std::to_string(count) + " -W 20 -t '" + filter + "' -F '" + kFormat + "'")
     {
         for (std::string line; tool_.readLine(line);)
@@ -79,7 +79,23 @@ std::string stringProperty(velClient_opaqueMsg_pt m, const char *name)
     return text;
 }
 
-} // namespace
+TEST(MqttQueues, QueueCallsAndQueueSendsAreRefused)
+{
+    Client c;
+    ASSERT_TRUE(connectAll(c));
+    velClient_opaqueMsg_pt m = makeMessage(unique("q"), true, VELCLIENT_DELIVERY_MODE_PERSISTENT);
+    velClient_opaqueSession_pt s = c.session();
+    veltest::expectRefusals({
+        {[s] { return velClient_session_queueSubscribe(s, "orders"); }, VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
+         "Queues are not available on an MQTT session in velClient_session_queueSubscribe"},
+        {[s] { return velClient_session_queueUnsubscribe(s, "orders"); }, VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
+         "Queues are not available on an MQTT session in velClient_session_queueUnsubscribe"},
+        {[s, m] { return velClient_session_sendMsg(s, m); }, VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
+         "Queues are not available on an MQTT session in velClient_session_sendMsg"},
+    });
+    velClient_msg_free(&m);
+    EXPECT_EQ(0u, c.countEvents(VELCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR));
+}
 
 TEST(MqttForeign, MosquittoSubSeesWhatASessionSends)
 {
@@ -137,11 +153,11 @@ TEST(MqttForeign, MosquittoPubReachesASessionAndItsReplyComesBack)
     responder.onMessage = [](velClient_opaqueSession_pt s, velClient_opaqueMsg_pt request) {
         reply(s, request, VELCLIENT_DELIVERY_MODE_PERSISTENT, "reply");
     };
-    responder.subscribeAndSync(root + "/requests");
+    responder.subscribe(root + "/requests");
     ForeignSubscriber replies(root + "/replies", 1);
     const std::int64_t sentAt = nowMs();
     veltest::ToolResult pub = veltest::runTool(
-        "mosquitto_pub", "-V 5 -h 127.0.0.1 -p " + std::to_string(port()) + " -q 1 -t '" + root +
+        "mosquitto_pub", "-V 5 -h 127.0.0.1 -p " + std::to_string(broker().port) + " -q 1 -t '" + root +
                              "/requests' -m 'the question' -D publish user-property k1 v1 -D publish user-property "
                              "k2 'v 2' -D publish response-topic '" + root + "/replies' -D publish correlation-data "
                              "corr-9 -D publish content-type text/x -D publish message-expiry-interval 60");
@@ -152,9 +168,8 @@ TEST(MqttForeign, MosquittoPubReachesASessionAndItsReplyComesBack)
     ASSERT_EQ(1u, got.size());
     velClient_opaqueMsg_pt m = got[0];
     EXPECT_EQ("the question", attachmentOf(m));
+    EXPECT_EQ(root + "/requests", destinationOf(m));
     velClient_destination_t d{};
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getDestination(m, &d, sizeof d));
-    EXPECT_EQ(root + "/requests", d.dest);
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_getReplyTo(m, &d, sizeof d));
     EXPECT_EQ(VELCLIENT_TOPIC_DESTINATION, d.destType);
     EXPECT_EQ(root + "/replies", d.dest);
@@ -178,3 +193,5 @@ TEST(MqttForeign, MosquittoPubReachesASessionAndItsReplyComesBack)
     EXPECT_EQ("reply", answers[0][payloadField]);
     EXPECT_EQ("corr-9", answers[0][correlationField]);
 }
+
+} // namespace

@@ -1,51 +1,72 @@
-/* The collecting broker session and the message helpers of the broker tests
- * (see brokerClient.h). */
-#include "support/brokerClient.h"
+/* The broker of the run, the entry point of the broker tests, the collecting
+ * session and the message helpers (see brokerSupport.h). */
+#include "support/brokerSupport.h"
 
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <algorithm>
+#include <fstream>
+#include <sstream>
+
+#include "velclient/velClient.h"
 
 namespace veltest::broker {
 
 namespace {
 
-std::atomic<int> uniqueCounter_s{0};
-
 /* The stem of the topics Client::sync sends its own messages to. */
 const std::string kProbeStem = "velclient-test-sync/";
 
-velClient_rxMsgCallback_returnCode_t keep(velClient_opaqueSession_pt, velClient_opaqueMsg_pt msg, void *user)
-{
-    static_cast<std::vector<velClient_opaqueMsg_pt> *>(user)->push_back(msg);
-    return VELCLIENT_CALLBACK_TAKE_MSG;
-}
+Broker *broker_s = nullptr;
 
 } // namespace
 
-int port()
+void Broker::SetUp()
 {
-    return broker().port();
+    const char *base = amqp || access("/dev/shm", W_OK) != 0 ? "/tmp" : "/dev/shm";
+    std::string made = std::string(base) + "/velclient-broker-test.XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(made.data())) << "no temporary directory in " << base;
+    dir = made;
+    if (amqp)
+        setenv("VELCLIENT_BROKER_TLS", "1", 1);
+    const std::string out = script("start");
+    ASSERT_GT(port = std::atoi(out.c_str()), 0)
+        << "the broker did not start (is " << (amqp ? "rabbitmq-server" : "mosquitto")
+        << " installed? set VELCLIENT_SKIP_BROKER_TESTS=1 to skip these tests): " << out;
+    if (amqp) {
+        ASSERT_TRUE(std::ifstream(dir + "/tls_port") >> tlsPort) << "no TLS listener";
+    }
 }
 
-std::string host()
+void Broker::TearDown()
 {
-    return "127.0.0.1:" + std::to_string(port());
+    if (!dir.empty())
+        script("stop");
 }
 
-void killBroker(const char *signal)
+std::string Broker::script(const std::string &verb, const std::string &more)
 {
-    broker().kill(signal);
+    std::string command = std::string("bash " VELCLIENT_SOURCE_DIR "/scripts/") + (amqp ? "broker.sh " : "mosquitto.sh ");
+    FILE *pipe = popen(command.append(verb).append(" ").append(dir).append(" ").append(more).c_str(), "r");
+    std::string out;
+    char buf[256];
+    while (pipe != nullptr && std::fgets(buf, sizeof buf, pipe) != nullptr)
+        out += buf;
+    EXPECT_EQ(0, pipe == nullptr ? -1 : pclose(pipe)) << command << ": " << out;
+    return out;
 }
 
-void restartBroker()
+Broker &broker()
 {
-    broker().restart();
+    return *broker_s;
 }
 
-int closedPort()
+std::string closedHost()
 {
     int fd = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in addr{};
@@ -55,21 +76,21 @@ int closedPort()
     socklen_t len = sizeof addr;
     getsockname(fd, reinterpret_cast<sockaddr *>(&addr), &len);
     close(fd);
-    return ntohs(addr.sin_port);
+    return "127.0.0.1:" + std::to_string(ntohs(addr.sin_port));
 }
 
 std::string unique(const std::string &stem)
 {
-    return stem + std::to_string(getpid()) + "x" + std::to_string(++uniqueCounter_s);
+    static std::atomic<int> counter{0};
+    return stem + std::to_string(getpid()) + "x" + std::to_string(++counter);
 }
 
 Client::Client(std::vector<std::string> props)
 {
-    std::vector<std::string> all = {"SESSION_TRANSPORT", transport().name, "SESSION_HOST", host(),
-                                    "SESSION_CONNECT_TIMEOUT_MS", "20000"};
-    all.insert(all.end(), props.begin(), props.end());
+    props = with({"SESSION_TRANSPORT", broker().transport(), "SESSION_HOST", broker().host(), "SESSION_CONNECT_TIMEOUT_MS", "20000"},
+                 props);
     std::vector<const char *> list;
-    for (const std::string &p : all)
+    for (const std::string &p : props)
         list.push_back(p.c_str());
     list.push_back(nullptr);
     EXPECT_EQ(VELCLIENT_OK, velClient_session_create(list.data(), &Client::rx, this, &session_));
@@ -81,32 +102,19 @@ Client::~Client()
     if (session_ != nullptr) {
         EXPECT_EQ(VELCLIENT_OK, velClient_session_destroy(&session_));
     }
-    for (velClient_opaqueMsg_pt m : messages_)
-        velClient_msg_free(&m);
-}
-
-bool Client::isProbe(velClient_opaqueMsg_pt msg)
-{
-    velClient_destination_t d{};
-    return velClient_msg_getDestination(msg, &d, sizeof d) == VELCLIENT_OK && d.dest != nullptr &&
-           std::strncmp(d.dest, kProbeStem.c_str(), kProbeStem.size()) == 0;
+    freeAll(messages_);
 }
 
 velClient_rxMsgCallback_returnCode_t Client::rx(velClient_opaqueSession_pt s, velClient_opaqueMsg_pt msg, void *user)
 {
     auto *self = static_cast<Client *>(user);
-    if (self->isProbe(msg)) {
-        std::lock_guard lock(self->mutex_);
-        ++self->probes_;
-        self->changed_.notify_all();
-        return VELCLIENT_CALLBACK_OK;
-    }
-    if (self->onMessage)
+    bool probe = destinationOf(msg).rfind(kProbeStem, 0) == 0;
+    if (!probe && self->onMessage)
         self->onMessage(s, msg);
     std::lock_guard lock(self->mutex_);
-    ++self->received_;
+    ++(probe ? self->probes_ : self->received_);
     self->changed_.notify_all();
-    if (!self->keep_)
+    if (probe || !self->keep_)
         return VELCLIENT_CALLBACK_OK;
     self->messages_.push_back(msg);
     return VELCLIENT_CALLBACK_TAKE_MSG;
@@ -150,12 +158,11 @@ bool Client::waitEvents(velClient_session_event_t event, std::size_t count, std:
     });
 }
 
-std::vector<velClient_opaqueMsg_pt> Client::messages()
+std::size_t Client::countEvents(velClient_session_event_t event)
 {
     std::lock_guard lock(mutex_);
-    std::vector<velClient_opaqueMsg_pt> taken;
-    taken.swap(messages_);
-    return taken;
+    return static_cast<std::size_t>(
+        std::count_if(events_.begin(), events_.end(), [&](const Event &e) { return e.event == event; }));
 }
 
 std::vector<Event> Client::events()
@@ -164,11 +171,22 @@ std::vector<Event> Client::events()
     return events_;
 }
 
-std::size_t Client::countEvents(velClient_session_event_t event)
+std::vector<velClient_opaqueMsg_pt> Client::messages()
 {
     std::lock_guard lock(mutex_);
-    return static_cast<std::size_t>(
-        std::count_if(events_.begin(), events_.end(), [&](const Event &e) { return e.event == event; }));
+    return std::exchange(messages_, {});
+}
+
+std::multiset<std::string> Client::bodies(std::size_t expected, std::chrono::milliseconds timeout)
+{
+    EXPECT_TRUE(waitMessages(expected, timeout)) << "expected " << expected << ", received " << received();
+    std::this_thread::sleep_for(300ms);
+    std::multiset<std::string> seen;
+    std::vector<velClient_opaqueMsg_pt> got = messages();
+    for (velClient_opaqueMsg_pt m : got)
+        seen.insert(attachmentOf(m));
+    freeAll(got);
+    return seen;
 }
 
 bool Client::connect()
@@ -179,12 +197,10 @@ bool Client::connect()
     return false;
 }
 
-void Client::subscribeAndSync(const std::string &name, bool queue)
+void Client::subscribe(const std::string &name, bool queue)
 {
     ASSERT_EQ(VELCLIENT_OK, queue ? velClient_session_queueSubscribe(session_, name.c_str())
                                   : velClient_session_topicSubscribe(session_, name.c_str()));
-    if (!transport().subscribeWaitsForBroker)
-        sync();
 }
 
 void Client::sync()
@@ -198,19 +214,41 @@ void Client::sync()
         before = probes_;
     }
     ASSERT_EQ(VELCLIENT_OK, velClient_session_topicSubscribe(session_, topic.c_str()));
-    velClient_opaqueMsg_pt probe = makeMessage(topic, false, VELCLIENT_DELIVERY_MODE_DIRECT, "sync");
-    ASSERT_EQ(VELCLIENT_OK, velClient_session_sendMsg(session_, probe));
-    velClient_msg_free(&probe);
+    ASSERT_EQ(VELCLIENT_OK, send(*this, topic, false, VELCLIENT_DELIVERY_MODE_DIRECT, "sync"));
     std::unique_lock lock(mutex_);
-    ASSERT_TRUE(changed_.wait_for(lock, std::chrono::seconds(20), [&] { return probes_ > before; }))
-        << "the broker did not send back a message to " << topic;
+    ASSERT_TRUE(changed_.wait_for(lock, 20s, [&] { return probes_ > before; })) << "no message back on " << topic;
     lock.unlock();
     EXPECT_EQ(VELCLIENT_OK, velClient_session_topicUnsubscribe(session_, topic.c_str()));
 }
 
-/* A message with every part and header property a sender sets: a user
- * property map with one entry of each type, an attachment map holding a
- * nested map, every text, number and mark of the header. */
+std::vector<std::string> with(std::vector<std::string> props, const std::vector<std::string> &more)
+{
+    props.insert(props.end(), more.begin(), more.end());
+    return props;
+}
+
+velClient_opaqueMsg_pt makeMessage(const std::string &destination, bool queue, velClient_uint32_t mode,
+                                   const std::string &attachment)
+{
+    velClient_opaqueMsg_pt m = nullptr;
+    EXPECT_EQ(VELCLIENT_OK, velClient_msg_alloc(&m));
+    velClient_destination_t dest{queue ? VELCLIENT_QUEUE_DESTINATION : VELCLIENT_TOPIC_DESTINATION, destination.c_str()};
+    EXPECT_EQ(VELCLIENT_OK, velClient_msg_setDestination(m, &dest, sizeof dest));
+    EXPECT_EQ(VELCLIENT_OK, velClient_msg_setDeliveryMode(m, mode));
+    EXPECT_EQ(VELCLIENT_OK,
+              velClient_msg_setBinaryAttachment(m, attachment.data(), static_cast<velClient_uint32_t>(attachment.size())));
+    return m;
+}
+
+velClient_returnCode_t send(Client &c, const std::string &to, bool queue, velClient_uint32_t mode,
+                            const std::string &body)
+{
+    velClient_opaqueMsg_pt m = makeMessage(to, queue, mode, body);
+    velClient_returnCode_t rc = velClient_session_sendMsg(c.session(), m);
+    velClient_msg_free(&m);
+    return rc;
+}
+
 velClient_opaqueMsg_pt richMessage(const std::string &destination, bool queue, velClient_uint32_t mode)
 {
     velClient_opaqueMsg_pt m = makeMessage(destination, queue, mode);
@@ -244,20 +282,12 @@ velClient_opaqueMsg_pt richMessage(const std::string &destination, bool queue, v
     return m;
 }
 
-velClient_returnCode_t send(Client &c, const std::string &to, bool queue, velClient_uint32_t mode,
-                            const std::string &body)
-{
-    velClient_opaqueMsg_pt m = makeMessage(to, queue, mode, body);
-    velClient_returnCode_t rc = velClient_session_sendMsg(c.session(), m);
-    velClient_msg_free(&m);
-    return rc;
-}
-
 void reply(velClient_opaqueSession_pt s, velClient_opaqueMsg_pt request, velClient_uint32_t mode,
            const std::string &body)
 {
     velClient_destination_t replyTo{};
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getReplyTo(request, &replyTo, sizeof replyTo));
+    if (velClient_msg_getReplyTo(request, &replyTo, sizeof replyTo) != VELCLIENT_OK)
+        return;
     velClient_opaqueMsg_pt answer = makeMessage(replyTo.dest, false, mode, body);
     const char *correlation = nullptr;
     if (velClient_msg_getCorrelationId(request, &correlation) == VELCLIENT_OK)
@@ -265,35 +295,6 @@ void reply(velClient_opaqueSession_pt s, velClient_opaqueMsg_pt request, velClie
     velClient_msg_setAsReplyMsg(answer, 1);
     EXPECT_EQ(VELCLIENT_OK, velClient_session_sendMsg(s, answer));
     velClient_msg_free(&answer);
-}
-
-void pumpThrough(Client &c, const std::string &topic, std::size_t count, const std::vector<velClient_uint32_t> &modes)
-{
-    const std::size_t backlog = count / 10, batch = backlog / 10, synced = c.received();
-    for (std::size_t i = 0; i < count; ++i) {
-        velClient_opaqueMsg_pt m = makeMessage(topic, false, modes[i % modes.size()], std::to_string(i));
-        ASSERT_EQ(VELCLIENT_OK, velClient_session_sendMsg(c.session(), m)) << velClient_getLastErrorInfo()->errorStr;
-        velClient_msg_free(&m);
-        /* At most backlog on their way, so that neither side piles them up. */
-        if (i % batch == 0 && i >= backlog) {
-            ASSERT_TRUE(c.waitReceived(synced + i - backlog, std::chrono::seconds(60)))
-                << c.received() - synced << " of " << i;
-        }
-    }
-    ASSERT_TRUE(c.waitReceived(synced + count, std::chrono::seconds(60))) << c.received() - synced << " of " << count;
-}
-
-velClient_opaqueMsg_pt makeMessage(const std::string &destination, bool queue, velClient_uint32_t mode,
-                                   const std::string &attachment)
-{
-    velClient_opaqueMsg_pt m = nullptr;
-    EXPECT_EQ(VELCLIENT_OK, velClient_msg_alloc(&m));
-    velClient_destination_t dest{queue ? VELCLIENT_QUEUE_DESTINATION : VELCLIENT_TOPIC_DESTINATION, destination.c_str()};
-    EXPECT_EQ(VELCLIENT_OK, velClient_msg_setDestination(m, &dest, sizeof dest));
-    EXPECT_EQ(VELCLIENT_OK, velClient_msg_setDeliveryMode(m, mode));
-    EXPECT_EQ(VELCLIENT_OK,
-              velClient_msg_setBinaryAttachment(m, attachment.data(), static_cast<velClient_uint32_t>(attachment.size())));
-    return m;
 }
 
 void addOneOfEachType(velClient_opaqueContainer_pt map)
@@ -325,24 +326,33 @@ std::string attachmentOf(velClient_opaqueMsg_pt msg)
     return std::string(static_cast<const char *>(p), size);
 }
 
+std::string destinationOf(velClient_opaqueMsg_pt msg)
+{
+    velClient_destination_t d{};
+    if (velClient_msg_getDestination(msg, &d, sizeof d) != VELCLIENT_OK || d.dest == nullptr)
+        return "(none)";
+    return (d.destType == VELCLIENT_QUEUE_DESTINATION ? "queue " : "") + std::string(d.dest);
+}
+
 std::string dumpWithoutReceiveLines(velClient_opaqueMsg_pt msg)
 {
     std::vector<char> buffer(1 << 16);
     EXPECT_EQ(VELCLIENT_OK, velClient_msg_dump(msg, buffer.data(), buffer.size()));
-    std::string dump(buffer.data()), kept, line;
-    for (std::size_t at = 0; at < dump.size();) {
-        std::size_t end = dump.find('\n', at);
-        line = dump.substr(at, end == std::string::npos ? std::string::npos : end - at + 1);
-        at = end == std::string::npos ? dump.size() : end + 1;
+    std::istringstream dump(buffer.data());
+    std::string kept;
+    for (std::string line; std::getline(dump, line);)
         if (line.rfind("RcvTimestamp:", 0) != 0 && line.rfind("Message Id:", 0) != 0)
-            kept += line;
-    }
+            kept.append(line).append("\n");
     return kept;
 }
 
 std::string loopbackDump(velClient_opaqueMsg_pt m)
 {
     std::vector<velClient_opaqueMsg_pt> got;
+    auto keep = [](velClient_opaqueSession_pt, velClient_opaqueMsg_pt msg, void *user) {
+        static_cast<std::vector<velClient_opaqueMsg_pt> *>(user)->push_back(msg);
+        return VELCLIENT_CALLBACK_TAKE_MSG;
+    };
     velClient_opaqueSession_pt loop = nullptr;
     EXPECT_EQ(VELCLIENT_OK, velClient_session_create(nullptr, keep, &got, &loop));
     EXPECT_EQ(VELCLIENT_OK, velClient_session_sendMsg(loop, m));
@@ -353,10 +363,33 @@ std::string loopbackDump(velClient_opaqueMsg_pt m)
     return dump;
 }
 
-void freeAll(std::vector<velClient_opaqueMsg_pt> messages)
+void freeAll(const std::vector<velClient_opaqueMsg_pt> &messages)
 {
     for (velClient_opaqueMsg_pt m : messages)
         velClient_msg_free(&m);
 }
 
 } // namespace veltest::broker
+
+/* velclient_broker_tests [gtest flags] [amqp|mqtt]: exit status 77 (skipped) when
+ * VELCLIENT_SKIP_BROKER_TESTS=1. */
+int main(int argc, char **argv)
+{
+    using namespace veltest::broker;
+    if (const char *skip = std::getenv("VELCLIENT_SKIP_BROKER_TESTS"); skip != nullptr && std::strcmp(skip, "1") == 0) {
+        std::fprintf(stderr, "*** VELCLIENT_SKIP_BROKER_TESTS=1: every broker test is SKIPPED ***\n");
+        return 77;
+    }
+    ::testing::InitGoogleTest(&argc, argv);
+    const bool amqp = argc < 2 || std::strcmp(argv[1], "mqtt") != 0;
+    /* The other transport's own suites are left out. */
+    std::string filter = GTEST_FLAG_GET(filter);
+    filter.append(filter.find('-') == std::string::npos ? "-" : ":").append(amqp ? "Mqtt*" : "Amqp*");
+    GTEST_FLAG_SET(filter, filter);
+    broker_s = new Broker(amqp);
+    ::testing::AddGlobalTestEnvironment(broker_s);
+    velClient_initialize(VELCLIENT_LOG_EMERGENCY, nullptr);
+    if (std::getenv("VEL_TEST_LOG") == nullptr)
+        velClient_log_setFilterLevel(VELCLIENT_LOG_CATEGORY_ALL, VELCLIENT_LOG_EMERGENCY);
+    return RUN_ALL_TESTS();
+}

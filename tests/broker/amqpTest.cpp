@@ -1,0 +1,332 @@
+/* What only AMQP sessions have: queues with client acknowledgement, TLS and
+ * its trust store, a subscription the broker refuses, what a plain AMQP 1.0
+ * client reads of the messages this library sends (the standard header and
+ * properties, typed application properties, a byte attachment as a data
+ * section, an attachment map as an amqp-value map), a message no sender of
+ * this library would make, and the C++ layer on a broker session. */
+#include <map>
+
+#include <proton/codec.h>
+
+#include "broker/amqpPeer.h"
+#include "support/brokerSupport.h"
+#include "support/velTestSupport.h"
+#include "velclient/velClient.hpp"
+
+namespace {
+
+using namespace veltest::broker;
+
+TEST(AmqpQueues, ClientAcknowledgementKeepsWhatWasNotAcknowledged)
+{
+    const std::string queue = unique("ack-q");
+    Client sender, first({"SESSION_RECEIVE_ACK_MODE", "client"});
+    ASSERT_TRUE(connectAll(sender, first));
+    first.subscribe(queue, true);
+    const std::vector<std::string> bodies = {"one", "two", "three"};
+    for (const std::string &b : bodies)
+        ASSERT_EQ(VELCLIENT_OK, send(sender, queue, true, VELCLIENT_DELIVERY_MODE_PERSISTENT, b));
+    ASSERT_TRUE(first.waitMessages(3));
+    std::vector<velClient_opaqueMsg_pt> got = first.messages();
+    ASSERT_EQ(3u, got.size());
+    velClient_msgId_t ids[3] = {};
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(VELCLIENT_OK, velClient_msg_getMsgId(got[i], &ids[i]));
+        EXPECT_EQ(bodies[i], attachmentOf(got[i]));
+    }
+    freeAll(got);
+    EXPECT_EQ(ids[0] + 1, ids[1]);
+    EXPECT_EQ(VELCLIENT_OK, velClient_session_ack(first.session(), ids[1]));
+    for (velClient_msgId_t id : {ids[1], ids[2] + 100}) {
+        velClient_resetLastErrorInfo();
+        EXPECT_EQ(VELCLIENT_FAIL, velClient_session_ack(first.session(), id));
+        EXPECT_EQ(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, veltest::lastSubCode());
+        EXPECT_EQ("No message with id " + std::to_string(id) + " awaits acknowledgement in velClient_session_ack",
+                  veltest::lastErrorText());
+    }
+    ASSERT_EQ(VELCLIENT_OK, velClient_session_disconnect(first.session()));
+    /* The messages not acknowledged come back, marked redelivered; the acknowledged one does not. */
+    Client second;
+    ASSERT_TRUE(connectAll(second));
+    second.subscribe(queue, true);
+    ASSERT_TRUE(second.waitMessages(2));
+    std::this_thread::sleep_for(300ms);
+    got = second.messages();
+    ASSERT_EQ(2u, got.size());
+    EXPECT_EQ("one", attachmentOf(got[0]));
+    EXPECT_EQ("three", attachmentOf(got[1]));
+    for (velClient_opaqueMsg_pt m : got)
+        EXPECT_TRUE(velClient_msg_isRedelivered(m));
+    freeAll(got);
+    ASSERT_EQ(VELCLIENT_OK, velClient_session_disconnect(second.session()));
+    /* Accepted automatically: nothing left for a third reader. */
+    Client third;
+    ASSERT_TRUE(connectAll(third));
+    third.subscribe(queue, true);
+    EXPECT_FALSE(third.waitMessages(1, 500ms));
+}
+
+TEST(AmqpTls, TheTrustStoreDecides)
+{
+    const std::string tlsHost = "127.0.0.1:" + std::to_string(broker().tlsPort);
+    const std::string localhost = "localhost:" + std::to_string(broker().tlsPort);
+    struct Row {
+        std::string host;
+        const char *trustStore;
+        const char *validate;
+        velClient_returnCode_t rc;
+    };
+    for (const Row &row : {Row{tlsHost, "ca.pem", "1", VELCLIENT_OK}, Row{localhost, "ca.pem", "1", VELCLIENT_OK},
+                           Row{tlsHost, "other-ca.pem", "1", VELCLIENT_FAIL},
+                           Row{tlsHost, "missing.pem", "1", VELCLIENT_FAIL},
+                           Row{tlsHost, "other-ca.pem", "0", VELCLIENT_OK}}) {
+        SCOPED_TRACE(row.host + " " + row.trustStore + " validate " + row.validate);
+        Client c({"SESSION_HOST", row.host, "SESSION_SSL_TRUST_STORE", broker().tlsFile(row.trustStore),
+                  "SESSION_SSL_VALIDATE_CERTIFICATE", row.validate, "SESSION_SSL", "1", "SESSION_CONNECT_TIMEOUT_MS",
+                  "5000"});
+        velClient_resetLastErrorInfo();
+        const velClient_returnCode_t rc = velClient_session_connect(c.session());
+        EXPECT_EQ(row.rc, rc) << veltest::lastErrorText();
+        if (rc == VELCLIENT_FAIL) {
+            EXPECT_EQ(VELCLIENT_SUBCODE_COMMUNICATION_ERROR, veltest::lastSubCode());
+            EXPECT_NE(std::string::npos, veltest::lastErrorText().find(row.host)) << veltest::lastErrorText();
+            continue;
+        }
+        /* Messages go round over TLS. */
+        const std::string topic = unique("tls/t");
+        c.subscribe(topic);
+        EXPECT_EQ(VELCLIENT_OK, send(c, topic, false, VELCLIENT_DELIVERY_MODE_PERSISTENT, "secret"));
+        EXPECT_EQ(std::multiset<std::string>{"secret"}, c.bodies(1));
+    }
+}
+
+TEST(AmqpSubscriptions, ARefusedSubscriptionIsReportedAndTrafficGoesOn)
+{
+    /* A prefix naming an exchange that does not exist makes every topic address a bad one. */
+    Client bad({"SESSION_AMQP_TOPIC_PREFIX", "/exchange/velclient-missing/"});
+    ASSERT_TRUE(connectAll(bad));
+    const std::string queue = unique("after-refusal-q");
+    ASSERT_EQ(VELCLIENT_OK, velClient_session_queueSubscribe(bad.session(), queue.c_str()));
+    ASSERT_EQ(VELCLIENT_OK, velClient_session_topicSubscribe(bad.session(), "some/topic"));
+    /* The inbox subscription is refused as well. */
+    ASSERT_TRUE(bad.waitEvents(VELCLIENT_SESSION_EVENT_SUBSCRIPTION_ERROR, 2));
+    bool named = false;
+    for (const Event &e : bad.events())
+        named |= e.event == VELCLIENT_SESSION_EVENT_SUBSCRIPTION_ERROR &&
+                 e.info.find("/exchange/velclient-missing/some.topic") == 0;
+    EXPECT_TRUE(named);
+    /* The queue subscription goes on receiving. */
+    ASSERT_EQ(VELCLIENT_OK, send(bad, queue, true, VELCLIENT_DELIVERY_MODE_PERSISTENT, "still"));
+    EXPECT_EQ(std::multiset<std::string>{"still"}, bad.bodies(1));
+}
+
+TEST(AmqpHostilePeers, AMessageThatDoesNotConvertIsRefusedAndTheSessionGoesOn)
+{
+    const std::string queue = unique("hostile-q");
+    Client reader;
+    ASSERT_TRUE(connectAll(reader));
+    reader.subscribe(queue, true);
+    /* An amqp-value body holding an int: no message of this library has such a body. */
+    ASSERT_TRUE(AmqpPeer("/queue/" + queue, true, true).send([](pn_message_t *m) {
+        pn_data_put_int(pn_message_body(m), 7);
+    }));
+    ASSERT_EQ(VELCLIENT_OK, send(reader, queue, true, VELCLIENT_DELIVERY_MODE_PERSISTENT, "good"));
+    EXPECT_EQ(std::multiset<std::string>{"good"}, reader.bodies(1));
+    /* Rejected, not left on the queue: a new reader finds nothing. */
+    Client next;
+    ASSERT_TRUE(connectAll(next));
+    next.subscribe(queue, true);
+    EXPECT_FALSE(next.waitMessages(1, 500ms));
+}
+
+/* The value in data as Proton prints it, then the type of each value in it, depth first; "none" when empty. */
+std::string typedValue(pn_data_t *d)
+{
+    pn_data_rewind(d);
+    if (!pn_data_next(d))
+        return "none";
+    std::string text(4096, '\0'), types;
+    std::size_t size = text.size();
+    pn_data_format(d, text.data(), &size);
+    text.resize(size);
+    for (pn_data_rewind(d);;) {
+        if (pn_data_next(d)) {
+            types.append(" ").append(pn_type_name(pn_data_type(d)) + 3);
+            if (pn_data_type(d) == PN_CHAR) /* which Proton does not print */
+                types.append("=").append(std::to_string(pn_data_get_char(d)));
+            if (pn_data_type(d) == PN_MAP)
+                pn_data_enter(d);
+        } else if (!pn_data_exit(d)) {
+            break;
+        }
+    }
+    return text + types;
+}
+
+/* Every field of the message a plain client would look at, as text. */
+std::map<std::string, std::string> fieldsOf(const std::string &bytes)
+{
+    pn_message_t *m = pn_message();
+    if (pn_message_decode(m, bytes.data(), bytes.size()) != 0) {
+        pn_message_free(m);
+        return {{"decode", "failed"}};
+    }
+    auto text = [](const char *s) { return std::string(s != nullptr ? s : "none"); };
+    std::map<std::string, std::string> f = {
+        {"to", text(pn_message_get_address(m))},
+        {"durable", pn_message_is_durable(m) ? "true" : "false"},
+        {"ttl", std::to_string(pn_message_get_ttl(m))},
+        {"priority", std::to_string(pn_message_get_priority(m))},
+        {"reply-to", text(pn_message_get_reply_to(m))},
+        {"content-type", text(pn_message_get_content_type(m))},
+        {"message-id", typedValue(pn_message_id(m))},
+        {"correlation-id", typedValue(pn_message_correlation_id(m))},
+        {"application-properties", typedValue(pn_message_properties(m))},
+        /* Proton marks a body read from data sections as inferred. */
+        {"body", (pn_message_is_inferred(m) ? "data " : "amqp-value ") + typedValue(pn_message_body(m))},
+    };
+    pn_message_free(m);
+    return f;
+}
+
+TEST(AmqpForeignClient, APlainAmqpReaderSeesTheStandardFields)
+{
+    const std::string queue = unique("foreign-q"), leaf = unique("t");
+    AmqpPeer queueReader("/queue/" + queue, false, true), topicReader("/topic/foreign." + leaf, false, false);
+    ASSERT_TRUE(queueReader.pump([&] { return queueReader.attached; }));
+    ASSERT_TRUE(topicReader.pump([&] { return topicReader.attached; }));
+    Client sender;
+    ASSERT_TRUE(connectAll(sender));
+    /* A persistent message with every standard property, typed user properties and a byte attachment. */
+    velClient_opaqueMsg_pt m = makeMessage(queue, true, VELCLIENT_DELIVERY_MODE_PERSISTENT, std::string("\0\x01\xff", 3));
+    velClient_opaqueContainer_pt map = nullptr, inner = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createUserPropertyMap(m, &map, 256));
+    addOneOfEachType(map);
+    velClient_msg_setApplicationMessageId(m, "app-id-1");
+    velClient_msg_setCorrelationId(m, "corr-1");
+    velClient_msg_setHttpContentType(m, "text/plain");
+    velClient_msg_setTimeToLive(m, 60000);
+    velClient_msg_setClassOfService(m, VELCLIENT_COS_3);
+    velClient_destination_t replyTo{VELCLIENT_TOPIC_DESTINATION, "replies/here"};
+    velClient_msg_setReplyTo(m, &replyTo, sizeof replyTo);
+    EXPECT_EQ(VELCLIENT_OK, velClient_session_sendMsg(sender.session(), m));
+    velClient_msg_free(&m);
+    /* A direct message whose attachment is a map with a nested map. */
+    m = makeMessage("foreign/" + leaf, false, VELCLIENT_DELIVERY_MODE_DIRECT);
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createBinaryAttachmentMap(m, &map, 256));
+    velClient_container_addInt32(map, 7, "count");
+    velClient_container_addString(map, "eu", "region");
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_openSubMap(map, &inner, "price"));
+    velClient_container_addDouble(inner, 9.5, "bid");
+    velClient_container_closeMapStream(&inner);
+    velClient_container_addByteArray(map, reinterpret_cast<const velClient_uint8_t *>("\x01"), 1, "raw");
+    velClient_container_closeMapStream(&map);
+    EXPECT_EQ(VELCLIENT_OK, velClient_session_sendMsg(sender.session(), m));
+    velClient_msg_free(&m);
+
+    ASSERT_TRUE(queueReader.pump([&] { return !queueReader.received.empty(); }));
+    ASSERT_TRUE(topicReader.pump([&] { return !topicReader.received.empty(); }));
+    const std::map<std::string, std::string> properties = {
+        {"to", "/queue/" + queue},
+        {"durable", "true"},
+        {"ttl", "60000"},
+        {"priority", "6"},
+        {"reply-to", "/topic/replies.here"},
+        {"content-type", "text/plain"},
+        {"message-id", R"("app-id-1" STRING)"},
+        {"correlation-id", R"("corr-1" STRING)"},
+        {"application-properties",
+         R"({"bool"=true, "u8"=200, "i8"=-8, "u16"=60000, "i16"=-300, "u32"=4000000000, "i32"=-42, )"
+         R"("u64"=10000000000, "i64"=-5000000000, "wchar"=:, "float"=1.5, "double"=2.25, "string"="text", )"
+         R"("bytes"=b"\x00\x7f", "null"=null} MAP STRING BOOL STRING UBYTE STRING BYTE STRING USHORT STRING SHORT )"
+         "STRING UINT STRING INT STRING ULONG STRING LONG STRING CHAR=9786 STRING FLOAT STRING DOUBLE STRING STRING "
+         "STRING BINARY STRING NULL"},
+        {"body", R"(data b"\x00\x01\xff" BINARY)"},
+    };
+    EXPECT_EQ(properties, fieldsOf(queueReader.received[0]));
+    const std::map<std::string, std::string> attachmentMap = {
+        {"to", "/topic/foreign." + leaf},
+        {"durable", "false"},
+        {"ttl", "0"},
+        {"priority", "4"},
+        {"reply-to", "none"},
+        {"content-type", "none"},
+        {"message-id", "none"},
+        {"correlation-id", "none"},
+        {"application-properties", "none"},
+        {"body", R"(amqp-value {"count"=7, "region"="eu", "price"={"bid"=9.5}, "raw"=b"\x01"} )"
+                 "MAP STRING INT STRING STRING STRING MAP STRING DOUBLE STRING BINARY"},
+    };
+    EXPECT_EQ(attachmentMap, fieldsOf(topicReader.received[0]));
+}
+
+namespace vc = velclient;
+
+TEST(AmqpCppLayer, SubscribeSendAcknowledgeAndEvents)
+{
+    const std::string queue = unique("cpp-q"), hostText = broker().host();
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<vc::Message> kept;
+    std::vector<vc::SessionEvent> events;
+    bool throwNext = false;
+    vc::Session receiver({{"SESSION_TRANSPORT", "amqp"}, {"SESSION_HOST", hostText.c_str()},
+                          {"SESSION_RECEIVE_ACK_MODE", "client"}},
+                         [&](vc::Message &m) {
+                             std::lock_guard lock(mutex);
+                             kept.push_back(std::move(m));
+                             changed.notify_all();
+                         });
+    vc::Session sender({{"SESSION_TRANSPORT", "amqp"}, {"SESSION_HOST", hostText.c_str()}}, nullptr);
+    sender.on_event([&](const vc::SessionEvent &e) {
+        std::lock_guard lock(mutex);
+        events.push_back(e);
+        changed.notify_all();
+        if (std::exchange(throwNext, false))
+            throw std::runtime_error("from the event callback");
+    });
+    receiver.connect();
+    sender.connect();
+    receiver.subscribe_queue(queue);
+    int tag = 0;
+    vc::Message m = vc::Message::create();
+    m.set_queue(queue);
+    m.set_attachment("from C++");
+    m.set_delivery_mode(VELCLIENT_DELIVERY_MODE_PERSISTENT);
+    m.set_correlation_tag(&tag, 0);
+    ASSERT_EQ(VELCLIENT_OK, sender.send(m));
+    std::unique_lock lock(mutex);
+    ASSERT_TRUE(changed.wait_for(lock, 20s, [&] { return !kept.empty() && events.size() >= 2; }));
+    const vc::Bytes body = kept[0].attachment().value_or(vc::Bytes{});
+    EXPECT_EQ("from C++", std::string(reinterpret_cast<const char *>(body.data), body.size));
+    EXPECT_EQ(VELCLIENT_SESSION_EVENT_UP_NOTICE, events[0].event);
+    EXPECT_EQ("UP_NOTICE", events[0].name());
+    EXPECT_EQ(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, events[1].event); /* before throwNext, or it would throw */
+    receiver.ack(kept[0]);
+    EXPECT_THROW(receiver.ack(kept[0]), vc::Error); /* acknowledged already */
+    /* The acknowledgement's callback throws on the I/O thread: the next send rethrows it, once. */
+    throwNext = true;
+    lock.unlock();
+    ASSERT_EQ(VELCLIENT_OK, sender.send(m));
+    lock.lock();
+    ASSERT_TRUE(changed.wait_for(lock, 20s, [&] { return events.size() >= 3; }));
+    lock.unlock();
+    /* The callback keeps its exception just after it has counted the event:
+     * direct sends, which raise no event, go until one rethrows it. */
+    m.set_delivery_mode(VELCLIENT_DELIVERY_MODE_DIRECT);
+    bool thrown = false;
+    for (int i = 0; i < 400 && !thrown; ++i) {
+        try {
+            sender.send(m);
+            std::this_thread::sleep_for(5ms);
+        } catch (const std::runtime_error &) {
+            thrown = true;
+        }
+    }
+    EXPECT_TRUE(thrown);
+    EXPECT_EQ(VELCLIENT_OK, sender.send(m)); /* once */
+    sender.disconnect();
+    receiver.unsubscribe_queue(queue);
+}
+
+} // namespace

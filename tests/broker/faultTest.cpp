@@ -1,0 +1,243 @@
+/* Broker sessions when the network or the broker fails, through a relay the
+ * test controls: a reset connection reconnects, restores its subscriptions and
+ * resends what was not acknowledged; a broker that stays away ends in
+ * DOWN_ERROR; a silent one is noticed through the keepalive; a full publish
+ * window blocks, times out or answers WOULD_BLOCK and then CAN_SEND. The
+ * broker killed (SIGTERM, then SIGKILL) and restarted amid guaranteed sends
+ * loses none; an MQTT broker restarted without its state gets the
+ * subscriptions and the inbox back from the sessions. */
+#include <cstdio>
+
+#include "support/brokerProxy.h"
+#include "support/brokerSupport.h"
+#include "support/velTestSupport.h"
+
+namespace {
+
+using namespace veltest::broker;
+
+/* A queue on AMQP, a topic on MQTT (which has no queues). */
+std::string target(const std::string &stem)
+{
+    return unique(broker().amqp ? stem + "-q" : stem + "/t");
+}
+
+/* Numbered guaranteed messages sent in a thread of their own until stopped. */
+class NumberedSends {
+public:
+    NumberedSends(Client &c, std::string to) : client_(c), to_(std::move(to)) {}
+    ~NumberedSends() { stop(); }
+    void start()
+    {
+        stop_ = false;
+        thread_ = std::thread([this] {
+            while (!stop_) {
+                velClient_returnCode_t rc =
+                    send(client_, to_, broker().amqp, VELCLIENT_DELIVERY_MODE_PERSISTENT, std::to_string(sent_.load()));
+                EXPECT_NE(VELCLIENT_FAIL, rc) << veltest::lastErrorText();
+                sent_ += rc == VELCLIENT_OK;
+                std::this_thread::sleep_for(1ms);
+            }
+        });
+    }
+    void stop()
+    {
+        stop_ = true;
+        if (thread_.joinable())
+            thread_.join();
+    }
+    int sent() const { return sent_; }
+
+private:
+    Client &client_;
+    std::string to_;
+    std::atomic<bool> stop_{false};
+    std::atomic<int> sent_{0};
+    std::thread thread_;
+};
+
+TEST(BrokerFaults, AResetConnectionReconnectsResendsAndRestoresSubscriptions)
+{
+    Proxy proxy(broker().port);
+    Client through({"SESSION_HOST", proxy.host(), "SESSION_RECONNECT_RETRY_WAIT_MS", "100"}), reader;
+    ASSERT_TRUE(connectAll(through, reader));
+    const std::string to = target("resend"), topic = unique("restored/t");
+    reader.subscribe(to, broker().amqp);
+    through.subscribe(topic);
+    constexpr int kCount = 200;
+    for (int i = 0; i < kCount; ++i) {
+        if (i == kCount / 2)
+            proxy.cut();
+        ASSERT_EQ(VELCLIENT_OK, send(through, to, broker().amqp, VELCLIENT_DELIVERY_MODE_PERSISTENT, std::to_string(i)))
+            << veltest::lastErrorText();
+    }
+    ASSERT_TRUE(through.waitEvents(VELCLIENT_SESSION_EVENT_RECONNECTED_NOTICE, 1));
+    EXPECT_EQ(1u, through.countEvents(VELCLIENT_SESSION_EVENT_RECONNECTING_NOTICE));
+    EXPECT_TRUE(through.waitEvents(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, kCount));
+    EXPECT_EQ(0u, through.countEvents(VELCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR));
+    /* None lost; duplicates are allowed. */
+    std::multiset<std::string> got = reader.bodies(kCount, 30s);
+    EXPECT_EQ(static_cast<std::size_t>(kCount), std::set<std::string>(got.begin(), got.end()).size());
+    /* The topic subscription came back with the connection. */
+    ASSERT_EQ(VELCLIENT_OK, send(reader, topic, false, VELCLIENT_DELIVERY_MODE_DIRECT, "after"));
+    EXPECT_EQ(std::multiset<std::string>{"after"}, through.bodies(1));
+}
+
+TEST(BrokerFaults, ABrokerThatStaysAwayEndsInDownError)
+{
+    Proxy proxy(broker().port);
+    Client through({"SESSION_HOST", proxy.host(), "SESSION_RECONNECT_RETRY_WAIT_MS", "50", "SESSION_RECONNECT_RETRIES",
+                    "3"});
+    ASSERT_TRUE(connectAll(through));
+    static int tag;
+    proxy.pause(true); /* the message below stays unacknowledged */
+    velClient_opaqueMsg_pt m = makeMessage(target("down"), broker().amqp, VELCLIENT_DELIVERY_MODE_PERSISTENT);
+    velClient_msg_setCorrelationTagPtr(m, &tag, 0);
+    ASSERT_EQ(VELCLIENT_OK, velClient_session_sendMsg(through.session(), m));
+    proxy.refuse(true);
+    proxy.cut();
+    ASSERT_TRUE(through.waitEvents(VELCLIENT_SESSION_EVENT_DOWN_ERROR, 1));
+    std::vector<Event> events = through.events();
+    auto rejected = std::find_if(events.begin(), events.end(),
+                                 [](const Event &e) { return e.event == VELCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR; });
+    ASSERT_NE(events.end(), rejected);
+    EXPECT_EQ(&tag, rejected->correlation_p);
+    EXPECT_EQ("session down", rejected->info);
+    velClient_resetLastErrorInfo();
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_session_sendMsg(through.session(), m));
+    EXPECT_EQ(VELCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED, veltest::lastSubCode());
+    velClient_msg_free(&m);
+}
+
+TEST(BrokerFaults, ASilentBrokerIsNoticedThroughTheKeepalive)
+{
+    /* The shortest keepalive each transport takes (5 s for MQTT); the default of 30 s would run out the wait. */
+    Proxy proxy(broker().port);
+    Client through({"SESSION_HOST", proxy.host(), "SESSION_KEEPALIVE_MS", broker().amqp ? "1000" : "5000"});
+    ASSERT_TRUE(connectAll(through));
+    proxy.pause(true);
+    EXPECT_TRUE(through.waitEvents(VELCLIENT_SESSION_EVENT_RECONNECTING_NOTICE, 1, 15s));
+    proxy.pause(false);
+    EXPECT_TRUE(through.waitEvents(VELCLIENT_SESSION_EVENT_RECONNECTED_NOTICE, 1, 30s));
+}
+
+TEST(BrokerFaults, AFullPublishWindowBlocksOrWouldBlock)
+{
+    Proxy proxy(broker().port);
+    const std::string to = target("window");
+    const bool q = broker().amqp;
+    {
+        Client blocking({"SESSION_HOST", proxy.host(), "SESSION_PUB_WINDOW_SIZE", "1", "SESSION_SEND_TIMEOUT_MS", "300"});
+        ASSERT_TRUE(connectAll(blocking));
+        proxy.pause(true);
+        ASSERT_EQ(VELCLIENT_OK, send(blocking, to, q, VELCLIENT_DELIVERY_MODE_PERSISTENT, "1"));
+        /* Direct messages take no place in the window. */
+        EXPECT_EQ(VELCLIENT_OK, send(blocking, to, q, VELCLIENT_DELIVERY_MODE_DIRECT, "d"));
+        EXPECT_EQ(VELCLIENT_FAIL, send(blocking, to, q, VELCLIENT_DELIVERY_MODE_PERSISTENT, "2"));
+        EXPECT_EQ(VELCLIENT_SUBCODE_TIMEOUT, veltest::lastSubCode());
+        EXPECT_EQ("No room in the publish window within 300 ms in velClient_session_sendMsg", veltest::lastErrorText());
+        proxy.pause(false);
+        EXPECT_TRUE(blocking.waitEvents(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, 1));
+    }
+    Client nonBlocking({"SESSION_HOST", proxy.host(), "SESSION_PUB_WINDOW_SIZE", "2", "SESSION_SEND_BLOCKING", "0"});
+    ASSERT_TRUE(connectAll(nonBlocking));
+    proxy.pause(true);
+    EXPECT_EQ(VELCLIENT_OK, send(nonBlocking, to, q, VELCLIENT_DELIVERY_MODE_PERSISTENT, "1"));
+    EXPECT_EQ(VELCLIENT_OK, send(nonBlocking, to, q, VELCLIENT_DELIVERY_MODE_NONPERSISTENT, "2"));
+    EXPECT_EQ(VELCLIENT_WOULD_BLOCK, send(nonBlocking, to, q, VELCLIENT_DELIVERY_MODE_PERSISTENT, "3"));
+    EXPECT_EQ(0u, nonBlocking.countEvents(VELCLIENT_SESSION_EVENT_CAN_SEND));
+    proxy.pause(false);
+    EXPECT_TRUE(nonBlocking.waitEvents(VELCLIENT_SESSION_EVENT_CAN_SEND, 1));
+    EXPECT_EQ(VELCLIENT_OK, send(nonBlocking, to, q, VELCLIENT_DELIVERY_MODE_PERSISTENT, "3"));
+    EXPECT_TRUE(nonBlocking.waitEvents(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, 3));
+}
+
+TEST(BrokerFaults, ABrokerKilledAmidGuaranteedSendsLosesNoMessage)
+{
+    /* Reconnecting for as long as a restart takes; a full window answers at once, so the sends stop at once.
+     * The reader comes back later than the sender: what is sent meanwhile waits for it on the broker. */
+    const std::vector<std::string> patient = {"SESSION_RECONNECT_RETRIES", "-1", "SESSION_RECONNECT_RETRY_WAIT_MS"};
+    Client sender(with(patient, {"100", "SESSION_SEND_BLOCKING", "0"})), reader(with(patient, {"1500"}));
+    ASSERT_TRUE(connectAll(sender, reader));
+    const std::string to = target("killed");
+    reader.subscribe(to, broker().amqp);
+    NumberedSends sends(sender, to);
+    std::size_t markers = 0;
+    auto acknowledgementsFlow = [&] {
+        std::size_t acknowledged = sender.countEvents(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT);
+        return sender.waitEvents(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, acknowledged + 100, 60s);
+    };
+    for (std::size_t round = 1; round <= 2; ++round) {
+        const char *signal = round == 1 ? "TERM" : "KILL";
+        sends.start();
+        ASSERT_TRUE(acknowledgementsFlow()) << signal;
+        if (round == 2) {
+            /* A broker may acknowledge a message before it has saved it, at the end of that pass of its
+             * loop: once all are acknowledged, the acknowledgement of one more, taken in a later pass,
+             * says the save is done. Sends go on while it is away. */
+            sends.stop();
+            ASSERT_TRUE(sender.waitEvents(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, sends.sent() + markers, 30s));
+            ASSERT_EQ(VELCLIENT_OK, send(sender, target("marker"), broker().amqp, VELCLIENT_DELIVERY_MODE_PERSISTENT, "m"));
+            ++markers;
+            ASSERT_TRUE(sender.waitEvents(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, sends.sent() + markers, 30s));
+        }
+        broker().kill(signal);
+        if (round == 2)
+            sends.start();
+        broker().restart();
+        ASSERT_TRUE(sender.waitEvents(VELCLIENT_SESSION_EVENT_RECONNECTED_NOTICE, round, 120s)) << signal;
+        ASSERT_TRUE(acknowledgementsFlow()) << signal << " after the restart";
+        sends.stop();
+    }
+    /* Each message has exactly one outcome, an acknowledgement, and the reader has every one. */
+    const int sent = sends.sent();
+    EXPECT_TRUE(sender.waitEvents(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, sent + markers, 60s));
+    EXPECT_EQ(sent + markers, sender.countEvents(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT));
+    EXPECT_EQ(0u, sender.countEvents(VELCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR));
+    /* The reader, slower to come back, may still be away from the first restart at the second. */
+    EXPECT_TRUE(reader.waitEvents(VELCLIENT_SESSION_EVENT_RECONNECTED_NOTICE, 1, 60s));
+    std::set<int> seen;
+    std::multiset<std::string> got = reader.bodies(sent, 60s);
+    for (const std::string &body : got)
+        seen.insert(std::stoi(body));
+    const std::size_t duplicates = got.size() - seen.size();
+    RecordProperty("duplicates", static_cast<int>(duplicates));
+    std::printf("%d guaranteed messages across SIGTERM and SIGKILL of the broker: %zu duplicates\n", sent, duplicates);
+    std::string lost;
+    for (int i = 0; i < sent && lost.size() < 200; ++i)
+        if (seen.count(i) == 0)
+            lost.append(" ").append(std::to_string(i));
+    EXPECT_EQ(static_cast<std::size_t>(sent), seen.size()) << "lost, the first:" << lost;
+    EXPECT_TRUE(seen.empty() || (*seen.begin() == 0 && *seen.rbegin() == sent - 1));
+}
+
+TEST(MqttFaults, ABrokerRestartedWithoutItsStateGetsTheSubscriptionsBack)
+{
+    const std::vector<std::string> patient = {"SESSION_RECONNECT_RETRIES", "-1", "SESSION_RECONNECT_RETRY_WAIT_MS",
+                                              "100"};
+    const std::string name = unique("restored-"), root = unique("restored");
+    Client reader(with(patient, {"SESSION_CLIENT_NAME", name})), writer(patient);
+    ASSERT_TRUE(connectAll(reader, writer));
+    reader.subscribe(root + "/>");
+    broker().kill("KILL");
+    ASSERT_EQ(0, std::remove((broker().dir + "/mosquitto.db").c_str())) << "no saved state to remove";
+    broker().restart();
+    for (Client *c : {&reader, &writer}) {
+        ASSERT_TRUE(c->waitEvents(VELCLIENT_SESSION_EVENT_RECONNECTED_NOTICE, 1, 30s));
+        std::vector<Event> events = c->events();
+        std::vector<velClient_session_event_t> kinds;
+        for (const Event &e : events)
+            kinds.push_back(e.event);
+        EXPECT_EQ((std::vector<velClient_session_event_t>{VELCLIENT_SESSION_EVENT_UP_NOTICE,
+                                                          VELCLIENT_SESSION_EVENT_RECONNECTING_NOTICE,
+                                                          VELCLIENT_SESSION_EVENT_RECONNECTED_NOTICE}),
+                  kinds);
+    }
+    reader.sync();
+    ASSERT_EQ(VELCLIENT_OK, send(writer, root + "/a/b", false, VELCLIENT_DELIVERY_MODE_PERSISTENT, "topic"));
+    ASSERT_EQ(VELCLIENT_OK, send(writer, "#P2P/v:127.0.0.1/" + name + "/x", false, VELCLIENT_DELIVERY_MODE_DIRECT,
+                                 "inbox"));
+    EXPECT_EQ((std::multiset<std::string>{"topic", "inbox"}), reader.bodies(2));
+}
+
+} // namespace
