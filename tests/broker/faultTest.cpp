@@ -6,9 +6,10 @@
  * broker killed (SIGTERM, then SIGKILL) and restarted amid guaranteed sends
  * loses none; an MQTT broker restarted without its state gets the
  * subscriptions and the inbox back from the sessions. */
+#include <poll.h>
+
 #include <cstdio>
 
-#include "support/brokerProxy.h"
 #include "support/brokerSupport.h"
 #include "support/velTestSupport.h"
 
@@ -16,49 +17,110 @@ namespace {
 
 using namespace veltest::broker;
 
+/* A TCP relay between sessions and the broker, on a free port of 127.0.0.1,
+ * that a test can cut (every relayed connection reset), pause (bytes held
+ * back in both directions, as from a dead peer) or make refuse new
+ * connections: the faults of a network, made on demand. One thread polls the
+ * listener and both ends of every relayed connection. */
+class Proxy {
+public:
+    Proxy() : listener_(listening(port_)), thread_(&Proxy::run, this) {}
+    ~Proxy()
+    {
+        stop_ = true;
+        thread_.join();
+        cutAll();
+        close(listener_);
+    }
+
+    std::string host() const { return "127.0.0.1:" + std::to_string(port_); }
+    /* Resets every connection relayed now, within 10 ms. */
+    void cut() { cut_ = true; }
+    void pause(bool on) { paused_ = on; }
+    /* New connections are closed at once while on. */
+    void refuse(bool on) { refusing_ = on; }
+
+private:
+    static int listening(int &port)
+    {
+        const int fd = boundSocket(port);
+        listen(fd, 16);
+        return fd;
+    }
+    /* Moves what from holds to to; false when either end is gone. */
+    static bool relay(int from, int to)
+    {
+        char buf[16384];
+        ssize_t got = read(from, buf, sizeof buf);
+        for (ssize_t sent = 0, n = 0; sent < got; sent += n)
+            if ((n = write(to, buf + sent, static_cast<std::size_t>(got - sent))) <= 0)
+                return false;
+        return got > 0;
+    }
+    void cutAll()
+    {
+        for (auto [client, toBroker] : pairs_) {
+            linger hard{1, 0}; /* a reset, as from a crashed peer */
+            setsockopt(client, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+            close(client);
+            close(toBroker);
+        }
+        pairs_.clear();
+    }
+    void accept()
+    {
+        int client = ::accept(listener_, nullptr, nullptr), toBroker = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in addr = loopback(broker().port);
+        if (!refusing_ && connect(toBroker, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0) {
+            pairs_.emplace_back(client, toBroker);
+            return;
+        }
+        close(client);
+        close(toBroker);
+    }
+    void run()
+    {
+        while (!stop_) {
+            if (cut_.exchange(false))
+                cutAll();
+            std::vector<pollfd> fds = {{listener_, POLLIN, 0}};
+            for (auto [client, toBroker] : paused_ ? decltype(pairs_){} : pairs_) {
+                fds.push_back({client, POLLIN, 0});
+                fds.push_back({toBroker, POLLIN, 0});
+            }
+            if (poll(fds.data(), fds.size(), 10) <= 0)
+                continue;
+            if (fds[0].revents & POLLIN)
+                accept();
+            for (std::size_t i = 1; i + 1 < fds.size(); i += 2) {
+                auto &[client, toBroker] = pairs_[i / 2];
+                const short ready = POLLIN | POLLHUP | POLLERR;
+                if (((fds[i].revents & ready) && !relay(client, toBroker)) ||
+                    ((fds[i + 1].revents & ready) && !relay(toBroker, client))) {
+                    close(std::exchange(client, -1));
+                    close(toBroker);
+                }
+            }
+            std::erase_if(pairs_, [](const std::pair<int, int> &p) { return p.first < 0; });
+        }
+    }
+
+    int port_ = 0;
+    int listener_;
+    std::atomic<bool> stop_{false}, paused_{false}, refusing_{false}, cut_{false};
+    std::vector<std::pair<int, int>> pairs_; /* client, broker */
+    std::thread thread_;
+};
+
 /* A queue on AMQP, a topic on MQTT (which has no queues). */
 std::string target(const std::string &stem)
 {
     return unique(broker().amqp ? stem + "-q" : stem + "/t");
 }
 
-/* Numbered guaranteed messages sent in a thread of their own until stopped. */
-class NumberedSends {
-public:
-    NumberedSends(Client &c, std::string to) : client_(c), to_(std::move(to)) {}
-    ~NumberedSends() { stop(); }
-    void start()
-    {
-        stop_ = false;
-        thread_ = std::thread([this] {
-            while (!stop_) {
-                velClient_returnCode_t rc =
-                    send(client_, to_, broker().amqp, VELCLIENT_DELIVERY_MODE_PERSISTENT, std::to_string(sent_.load()));
-                EXPECT_NE(VELCLIENT_FAIL, rc) << veltest::lastErrorText();
-                sent_ += rc == VELCLIENT_OK;
-                std::this_thread::sleep_for(1ms);
-            }
-        });
-    }
-    void stop()
-    {
-        stop_ = true;
-        if (thread_.joinable())
-            thread_.join();
-    }
-    int sent() const { return sent_; }
-
-private:
-    Client &client_;
-    std::string to_;
-    std::atomic<bool> stop_{false};
-    std::atomic<int> sent_{0};
-    std::thread thread_;
-};
-
 TEST(BrokerFaults, AResetConnectionReconnectsResendsAndRestoresSubscriptions)
 {
-    Proxy proxy(broker().port);
+    Proxy proxy;
     Client through({"SESSION_HOST", proxy.host(), "SESSION_RECONNECT_RETRY_WAIT_MS", "100"}), reader;
     ASSERT_TRUE(connectAll(through, reader));
     const std::string to = target("resend"), topic = unique("restored/t");
@@ -85,7 +147,7 @@ TEST(BrokerFaults, AResetConnectionReconnectsResendsAndRestoresSubscriptions)
 
 TEST(BrokerFaults, ABrokerThatStaysAwayEndsInDownError)
 {
-    Proxy proxy(broker().port);
+    Proxy proxy;
     Client through({"SESSION_HOST", proxy.host(), "SESSION_RECONNECT_RETRY_WAIT_MS", "50", "SESSION_RECONNECT_RETRIES",
                     "3"});
     ASSERT_TRUE(connectAll(through));
@@ -112,7 +174,7 @@ TEST(BrokerFaults, ABrokerThatStaysAwayEndsInDownError)
 TEST(BrokerFaults, ASilentBrokerIsNoticedThroughTheKeepalive)
 {
     /* The shortest keepalive each transport takes (5 s for MQTT); the default of 30 s would run out the wait. */
-    Proxy proxy(broker().port);
+    Proxy proxy;
     Client through({"SESSION_HOST", proxy.host(), "SESSION_KEEPALIVE_MS", broker().amqp ? "1000" : "5000"});
     ASSERT_TRUE(connectAll(through));
     proxy.pause(true);
@@ -123,7 +185,7 @@ TEST(BrokerFaults, ASilentBrokerIsNoticedThroughTheKeepalive)
 
 TEST(BrokerFaults, AFullPublishWindowBlocksOrWouldBlock)
 {
-    Proxy proxy(broker().port);
+    Proxy proxy;
     const std::string to = target("window");
     const bool q = broker().amqp;
     {
@@ -161,7 +223,18 @@ TEST(BrokerFaults, ABrokerKilledAmidGuaranteedSendsLosesNoMessage)
     ASSERT_TRUE(connectAll(sender, reader));
     const std::string to = target("killed");
     reader.subscribe(to, broker().amqp);
-    NumberedSends sends(sender, to);
+    /* Numbered messages, sent in a thread of their own from sends = std::jthread(numbered) to sends = {}. */
+    std::atomic<int> sent{0};
+    auto numbered = [&](std::stop_token stop) {
+        while (!stop.stop_requested()) {
+            const velClient_returnCode_t rc =
+                send(sender, to, broker().amqp, VELCLIENT_DELIVERY_MODE_PERSISTENT, std::to_string(sent.load()));
+            EXPECT_NE(VELCLIENT_FAIL, rc) << veltest::lastErrorText();
+            sent += rc == VELCLIENT_OK;
+            std::this_thread::sleep_for(1ms);
+        }
+    };
+    std::jthread sends;
     std::size_t markers = 0;
     auto acknowledgementsFlow = [&] {
         std::size_t acknowledged = sender.countEvents(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT);
@@ -169,28 +242,27 @@ TEST(BrokerFaults, ABrokerKilledAmidGuaranteedSendsLosesNoMessage)
     };
     for (std::size_t round = 1; round <= 2; ++round) {
         const char *signal = round == 1 ? "TERM" : "KILL";
-        sends.start();
+        sends = std::jthread(numbered);
         ASSERT_TRUE(acknowledgementsFlow()) << signal;
         if (round == 2) {
             /* A broker may acknowledge a message before it has saved it, at the end of that pass of its
              * loop: once all are acknowledged, the acknowledgement of one more, taken in a later pass,
              * says the save is done. Sends go on while it is away. */
-            sends.stop();
-            ASSERT_TRUE(sender.waitEvents(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, sends.sent() + markers, 30s));
+            sends = {};
+            ASSERT_TRUE(sender.waitEvents(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, sent + markers, 30s));
             ASSERT_EQ(VELCLIENT_OK, send(sender, target("marker"), broker().amqp, VELCLIENT_DELIVERY_MODE_PERSISTENT, "m"));
             ++markers;
-            ASSERT_TRUE(sender.waitEvents(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, sends.sent() + markers, 30s));
+            ASSERT_TRUE(sender.waitEvents(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, sent + markers, 30s));
         }
         broker().kill(signal);
         if (round == 2)
-            sends.start();
+            sends = std::jthread(numbered);
         broker().restart();
         ASSERT_TRUE(sender.waitEvents(VELCLIENT_SESSION_EVENT_RECONNECTED_NOTICE, round, 120s)) << signal;
         ASSERT_TRUE(acknowledgementsFlow()) << signal << " after the restart";
-        sends.stop();
+        sends = {};
     }
     /* Each message has exactly one outcome, an acknowledgement, and the reader has every one. */
-    const int sent = sends.sent();
     EXPECT_TRUE(sender.waitEvents(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, sent + markers, 60s));
     EXPECT_EQ(sent + markers, sender.countEvents(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT));
     EXPECT_EQ(0u, sender.countEvents(VELCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR));
@@ -202,7 +274,8 @@ TEST(BrokerFaults, ABrokerKilledAmidGuaranteedSendsLosesNoMessage)
         seen.insert(std::stoi(body));
     const std::size_t duplicates = got.size() - seen.size();
     RecordProperty("duplicates", static_cast<int>(duplicates));
-    std::printf("%d guaranteed messages across SIGTERM and SIGKILL of the broker: %zu duplicates\n", sent, duplicates);
+    std::printf("%d guaranteed messages across SIGTERM and SIGKILL of the broker: %zu duplicates\n", sent.load(),
+                duplicates);
     std::string lost;
     for (int i = 0; i < sent && lost.size() < 200; ++i)
         if (seen.count(i) == 0)

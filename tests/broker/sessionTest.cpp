@@ -11,45 +11,39 @@ namespace {
 
 using namespace veltest::broker;
 
-TEST(BrokerConnect, FailuresNameTheHostAndTheReason)
+TEST(BrokerConnect, FailuresNameTheHostAndTheReasonPlainLoginAndFailoverComeUp)
 {
-    const std::string closed = closedHost();
+    const std::string closed = closedHost(), self = broker().host();
     const std::string refused = closed + (broker().amqp ? " (proton:io: Connection refused" : " (Connection refused)");
     struct Row {
         std::vector<std::string> props;
-        velClient_subCode_t subCode;
+        velClient_subCode_t subCode; /* OK: it comes up */
         std::vector<std::string> inText;
     };
     std::vector<Row> rows = {
         {{"SESSION_HOST", closed}, VELCLIENT_SUBCODE_COMMUNICATION_ERROR, {"Could not connect to " + refused}},
         {{"SESSION_HOST", closed + "," + closed}, VELCLIENT_SUBCODE_COMMUNICATION_ERROR, {refused, "; " + refused}},
+        {{"SESSION_HOST", closed + "," + self}, VELCLIENT_SUBCODE_OK, {}},
     };
     if (broker().amqp)
         rows.insert(rows.end(), {
-            {{"SESSION_USERNAME", "guest", "SESSION_PASSWORD", "wrong"}, VELCLIENT_SUBCODE_LOGIN_FAILURE, {broker().host()}},
-            {{"SESSION_USERNAME", "nobody", "SESSION_PASSWORD", "guest"}, VELCLIENT_SUBCODE_LOGIN_FAILURE, {broker().host()}},
+            {{"SESSION_USERNAME", "guest", "SESSION_PASSWORD", "wrong"}, VELCLIENT_SUBCODE_LOGIN_FAILURE, {self}},
+            {{"SESSION_USERNAME", "nobody", "SESSION_PASSWORD", "guest"}, VELCLIENT_SUBCODE_LOGIN_FAILURE, {self}},
+            {{"SESSION_USERNAME", "guest", "SESSION_PASSWORD", "guest"}, VELCLIENT_SUBCODE_OK, {}},
         });
     for (const Row &row : rows) {
+        SCOPED_TRACE(row.props[1]);
         Client c(row.props);
         velClient_resetLastErrorInfo();
-        EXPECT_EQ(VELCLIENT_FAIL, velClient_session_connect(c.session())) << row.props[1];
+        const bool up = row.subCode == VELCLIENT_SUBCODE_OK;
+        EXPECT_EQ(up ? VELCLIENT_OK : VELCLIENT_FAIL, velClient_session_connect(c.session()));
         EXPECT_EQ(row.subCode, veltest::lastSubCode()) << veltest::lastErrorText();
         for (const std::string &part : row.inText)
-            EXPECT_NE(std::string::npos, veltest::lastErrorText().find(part)) << part << " not in "
-                                                                              << veltest::lastErrorText();
-        EXPECT_EQ(0u, c.countEvents(VELCLIENT_SESSION_EVENT_UP_NOTICE));
-    }
-}
-
-TEST(BrokerConnect, PlainLoginAndFailoverComeUpAndCarryMessages)
-{
-    std::vector<std::vector<std::string>> rows = {{}, {"SESSION_HOST", closedHost() + "," + broker().host()}};
-    if (broker().amqp)
-        rows.push_back({"SESSION_USERNAME", "guest", "SESSION_PASSWORD", "guest"});
-    for (const auto &props : rows) {
-        Client c(props);
-        ASSERT_TRUE(connectAll(c));
-        EXPECT_TRUE(c.waitEvents(VELCLIENT_SESSION_EVENT_UP_NOTICE, 1));
+            EXPECT_NE(std::string::npos, veltest::lastErrorText().find(part)) << veltest::lastErrorText();
+        EXPECT_TRUE(up ? c.waitEvents(VELCLIENT_SESSION_EVENT_UP_NOTICE, 1)
+                       : c.countEvents(VELCLIENT_SESSION_EVENT_UP_NOTICE) == 0);
+        if (!up)
+            continue;
         EXPECT_EQ(VELCLIENT_OK, velClient_session_connect(c.session())); /* already up */
         const std::string topic = unique("up/t");
         c.subscribe(topic);
@@ -66,7 +60,6 @@ TEST(BrokerMessages, ReadBackAsOnALoopbackSessionInEveryDeliveryMode)
     ASSERT_TRUE(connectAll(receiver, sender));
     const std::string topic = unique("fidelity/t"), queue = unique("fidelity-q");
     receiver.subscribe(topic);
-    std::size_t guaranteed = 0;
     for (bool toQueue : {false, true}) {
         if (toQueue && !broker().amqp)
             break;
@@ -78,7 +71,6 @@ TEST(BrokerMessages, ReadBackAsOnALoopbackSessionInEveryDeliveryMode)
             const std::string expected = loopbackDump(m);
             ASSERT_EQ(VELCLIENT_OK, velClient_session_sendMsg(sender.session(), m)) << veltest::lastErrorText();
             velClient_msg_free(&m);
-            guaranteed += mode != VELCLIENT_DELIVERY_MODE_DIRECT;
             ASSERT_TRUE(receiver.waitMessages(1));
             std::vector<velClient_opaqueMsg_pt> got = receiver.messages();
             ASSERT_EQ(1u, got.size());
@@ -90,10 +82,6 @@ TEST(BrokerMessages, ReadBackAsOnALoopbackSessionInEveryDeliveryMode)
             freeAll(got);
         }
     }
-    /* The guaranteed messages were acknowledged, the direct ones not. */
-    EXPECT_TRUE(sender.waitEvents(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, guaranteed));
-    sender.sync();
-    EXPECT_EQ(guaranteed, sender.countEvents(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT));
 }
 
 TEST(BrokerTopics, WildcardsAndReservedCharactersArriveUnchanged)
