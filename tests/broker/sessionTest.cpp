@@ -1,8 +1,8 @@
 /* Broker sessions on either transport, through the public API: connecting and
- * its failures, messages that read back as on a loopback session in every
+ * its failures, messages that read back as they were sent in every
  * delivery mode, topic wildcards and the characters the transport reserves,
- * request and reply through the inbox, the broker's outcome of guaranteed
- * messages, calls from several threads and from inside both callbacks, and
+ * request and reply through the inbox, calls from several threads and from
+ * inside both callbacks with the broker's outcome of guaranteed messages, and
  * volume without a leak. */
 #include "support/brokerSupport.h"
 #include "support/velTestSupport.h"
@@ -13,7 +13,7 @@ using namespace veltest::broker;
 
 TEST(BrokerConnect, FailuresNameTheHostAndTheReasonPlainLoginAndFailoverComeUp)
 {
-    const std::string closed = closedHost(), self = broker().host();
+    const std::string closed = "127.0.0.1:1", self = broker().host(); /* nothing listens on port 1 */
     const std::string refused = closed + (broker().amqp ? " (proton:io: Connection refused" : " (Connection refused)");
     struct Row {
         std::vector<std::string> props;
@@ -54,7 +54,7 @@ TEST(BrokerConnect, FailuresNameTheHostAndTheReasonPlainLoginAndFailoverComeUp)
     }
 }
 
-TEST(BrokerMessages, ReadBackAsOnALoopbackSessionInEveryDeliveryMode)
+TEST(BrokerMessages, ReadBackAsSentInEveryDeliveryMode)
 {
     Client receiver, sender;
     ASSERT_TRUE(connectAll(receiver, sender));
@@ -68,7 +68,7 @@ TEST(BrokerMessages, ReadBackAsOnALoopbackSessionInEveryDeliveryMode)
         for (velClient_uint32_t mode : kModes) {
             SCOPED_TRACE(std::string(toQueue ? "queue" : "topic") + " mode " + std::to_string(mode));
             velClient_opaqueMsg_pt m = richMessage(toQueue ? queue : topic, toQueue, mode);
-            const std::string expected = loopbackDump(m);
+            const std::string expected = dumpWithoutReceiveLines(m);
             ASSERT_EQ(VELCLIENT_OK, velClient_session_sendMsg(sender.session(), m)) << veltest::lastErrorText();
             velClient_msg_free(&m);
             ASSERT_TRUE(receiver.waitMessages(1));
@@ -152,32 +152,7 @@ TEST(BrokerInbox, ARequestIsAnsweredThroughTheRequestersInbox)
     freeAll(got);
 }
 
-TEST(BrokerSends, EachGuaranteedMessageIsAcknowledgedOnceWithItsTagAndNoDirectOneIs)
-{
-    Client sender;
-    ASSERT_TRUE(connectAll(sender));
-    const std::string to = unique("outcome");
-    static int tags[30];
-    for (int i = 0; i < 30; ++i) {
-        velClient_opaqueMsg_pt m = makeMessage(to, broker().amqp, kModes[i % 3]);
-        ASSERT_EQ(VELCLIENT_OK, velClient_msg_setCorrelationTagPtr(m, &tags[i], 0));
-        ASSERT_EQ(VELCLIENT_OK, velClient_session_sendMsg(sender.session(), m));
-        velClient_msg_free(&m);
-    }
-    ASSERT_TRUE(sender.waitEvents(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, 20));
-    sender.sync(); /* any acknowledgement of a direct message would have come by now */
-    std::multiset<void *> seen;
-    for (const Event &e : sender.events())
-        if (e.event == VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT)
-            seen.insert(e.correlation_p);
-    EXPECT_EQ(20u, seen.size());
-    for (int i = 0; i < 30; ++i)
-        EXPECT_EQ(kModes[i % 3] == VELCLIENT_DELIVERY_MODE_DIRECT ? 0u : 1u, seen.count(&tags[i])) << i;
-    EXPECT_EQ(0u, sender.countEvents(VELCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR));
-    EXPECT_EQ(VELCLIENT_OK, velClient_session_disconnect(sender.session()));
-}
-
-TEST(BrokerCallbacks, CallsFromThreadsAndFromInsideBothCallbacks)
+TEST(BrokerCallbacks, SendsFromThreadsAndCallsFromInsideBothCallbacksAreEachAcknowledgedOnceWithTheirTag)
 {
     Client worker, peer;
     ASSERT_TRUE(connectAll(worker, peer));
@@ -201,11 +176,11 @@ TEST(BrokerCallbacks, CallsFromThreadsAndFromInsideBothCallbacks)
         EXPECT_EQ(VELCLIENT_SUBCODE_PARAM_CONFLICT, veltest::lastSubCode());
     };
     /* Each acknowledgement of an answer: a notice sent, and a subscription of its own taken and dropped. */
-    std::atomic<int> acknowledged{0};
+    std::atomic<int> answered{0};
     worker.onEvent = [&](velClient_opaqueSession_pt s, const Event &e) {
         if (e.event != VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT)
             return;
-        const std::string scratch = root + "/scratch/" + std::to_string(++acknowledged);
+        const std::string scratch = root + "/scratch/" + std::to_string(++answered);
         EXPECT_EQ(VELCLIENT_OK, velClient_session_topicSubscribe(s, scratch.c_str()));
         EXPECT_EQ(VELCLIENT_OK, velClient_session_topicUnsubscribe(s, scratch.c_str()));
         velClient_opaqueMsg_pt notice = makeMessage(root + "/notices", false, VELCLIENT_DELIVERY_MODE_DIRECT, "acked");
@@ -215,15 +190,30 @@ TEST(BrokerCallbacks, CallsFromThreadsAndFromInsideBothCallbacks)
     worker.subscribe(root + "/requests");
     peer.subscribe(root + "/answers");
     peer.subscribe(root + "/notices");
+    static int tags[kCount];
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t)
         threads.emplace_back([&, t] {
-            for (int i = t * kEach; i < (t + 1) * kEach; ++i)
-                EXPECT_EQ(VELCLIENT_OK, send(peer, root + "/requests", false, kModes[i % 3], std::to_string(i)));
+            for (int i = t * kEach; i < (t + 1) * kEach; ++i) {
+                velClient_opaqueMsg_pt m = makeMessage(root + "/requests", false, kModes[i % 3], std::to_string(i));
+                EXPECT_EQ(VELCLIENT_OK, velClient_msg_setCorrelationTagPtr(m, &tags[i], 0));
+                EXPECT_EQ(VELCLIENT_OK, velClient_session_sendMsg(peer.session(), m));
+                velClient_msg_free(&m);
+            }
         });
     for (std::thread &t : threads)
         t.join();
+    /* Each guaranteed request is acknowledged once, with its tag, and no direct one is. */
+    const std::size_t guaranteed = kCount - (kCount + 2) / 3;
+    EXPECT_TRUE(peer.waitEvents(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, guaranteed));
     std::multiset<std::string> bodies = peer.bodies(2 * kCount, 60s);
+    std::multiset<void *> acknowledged;
+    for (const Event &e : peer.events())
+        if (e.event == VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT)
+            acknowledged.insert(e.correlation_p);
+    EXPECT_EQ(guaranteed, acknowledged.size());
+    for (int i = 0; i < kCount; ++i)
+        EXPECT_EQ(kModes[i % 3] == VELCLIENT_DELIVERY_MODE_DIRECT ? 0u : 1u, acknowledged.count(&tags[i])) << i;
     EXPECT_EQ(static_cast<std::size_t>(kCount), bodies.count("acked"));
     EXPECT_EQ(static_cast<std::size_t>(2 * kCount), bodies.size());
     for (int i = 0; i < kCount; ++i)

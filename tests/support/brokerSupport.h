@@ -9,8 +9,6 @@
  * Also a session that collects what it receives, and the message helpers. */
 #pragma once
 
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -64,36 +62,6 @@ Broker &broker();
 
 constexpr velClient_uint32_t kModes[] = {VELCLIENT_DELIVERY_MODE_DIRECT, VELCLIENT_DELIVERY_MODE_PERSISTENT,
                                          VELCLIENT_DELIVERY_MODE_NONPERSISTENT};
-
-/* A sockaddr of 127.0.0.1. */
-inline sockaddr_in loopback(int port)
-{
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = htons(static_cast<std::uint16_t>(port));
-    return addr;
-}
-
-/* A socket bound to a free port of 127.0.0.1, and that port. */
-inline int boundSocket(int &port)
-{
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr = loopback(0);
-    bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr);
-    socklen_t len = sizeof addr;
-    getsockname(fd, reinterpret_cast<sockaddr *>(&addr), &len);
-    port = ntohs(addr.sin_port);
-    return fd;
-}
-
-/* "127.0.0.1:port" of a port on which nothing listens. */
-inline std::string closedHost()
-{
-    int port = 0;
-    close(boundSocket(port));
-    return "127.0.0.1:" + std::to_string(port);
-}
 
 /* A name no other test run uses (topics, queues). */
 inline std::string unique(const std::string &stem)
@@ -406,24 +374,6 @@ inline std::string dumpWithoutReceiveLines(velClient_opaqueMsg_pt msg)
         if (line.rfind("RcvTimestamp:", 0) != 0 && line.rfind("Message Id:", 0) != 0)
             kept.append(line).append("\n");
     return kept;
-}
-
-/* The dump of the message as a loopback session receives it. */
-inline std::string loopbackDump(velClient_opaqueMsg_pt m)
-{
-    std::vector<velClient_opaqueMsg_pt> got;
-    auto keep = [](velClient_opaqueSession_pt, velClient_opaqueMsg_pt msg, void *user) {
-        static_cast<std::vector<velClient_opaqueMsg_pt> *>(user)->push_back(msg);
-        return VELCLIENT_CALLBACK_TAKE_MSG;
-    };
-    velClient_opaqueSession_pt loop = nullptr;
-    EXPECT_EQ(VELCLIENT_OK, velClient_session_create(nullptr, keep, &got, &loop));
-    EXPECT_EQ(VELCLIENT_OK, velClient_session_sendMsg(loop, m));
-    velClient_session_destroy(&loop);
-    EXPECT_EQ(1u, got.size());
-    std::string dump = got.empty() ? "" : dumpWithoutReceiveLines(got[0]);
-    freeAll(got);
-    return dump;
 }
 
 } // namespace veltest::broker
