@@ -60,11 +60,10 @@ TEST(BrokerMessages, ReadBackAsSentInEveryDeliveryMode)
     ASSERT_TRUE(connectAll(receiver, sender));
     const std::string topic = unique("fidelity/t"), queue = unique("fidelity-q");
     receiver.subscribe(topic);
-    for (bool toQueue : {false, true}) {
-        if (toQueue && !broker().amqp)
-            break;
-        if (toQueue)
-            receiver.subscribe(queue, true);
+    if (broker().amqp)
+        receiver.subscribe(queue, true);
+    for (int n = 0; n < (broker().amqp ? 2 : 1); ++n) {
+        const bool toQueue = n == 1;
         for (velClient_uint32_t mode : kModes) {
             SCOPED_TRACE(std::string(toQueue ? "queue" : "topic") + " mode " + std::to_string(mode));
             velClient_opaqueMsg_pt m = richMessage(toQueue ? queue : topic, toQueue, mode);
@@ -107,19 +106,13 @@ TEST(BrokerTopics, WildcardsAndReservedCharactersArriveUnchanged)
     }
     for (const std::string &s : subs)
         receiver.subscribe(topic(s));
+    receiver.onMessage = [&](velClient_opaqueSession_pt, velClient_opaqueMsg_pt m) {
+        EXPECT_EQ(topic(attachmentOf(m)), destinationOf(m));
+    };
     auto publishAndCheck = [&](const std::vector<std::string> &levels, const std::multiset<std::string> &arrive) {
         for (const std::string &t : levels)
             ASSERT_EQ(VELCLIENT_OK, send(sender, topic(t), false, VELCLIENT_DELIVERY_MODE_DIRECT, t));
-        EXPECT_TRUE(receiver.waitMessages(arrive.size()));
-        std::this_thread::sleep_for(300ms); /* anything beyond them */
-        std::multiset<std::string> seen;
-        std::vector<velClient_opaqueMsg_pt> got = receiver.messages();
-        for (velClient_opaqueMsg_pt m : got) {
-            seen.insert(attachmentOf(m));
-            EXPECT_EQ(topic(attachmentOf(m)), destinationOf(m));
-        }
-        freeAll(got);
-        EXPECT_EQ(arrive, seen);
+        EXPECT_EQ(arrive, receiver.bodies(arrive.size()));
     };
     publishAndCheck(sent, expected);
     ASSERT_EQ(VELCLIENT_OK, velClient_session_topicUnsubscribe(receiver.session(), topic("*/new").c_str()));
@@ -243,10 +236,10 @@ TEST(BrokerVolume, ManyMessagesInEveryModeLeaveNoRecordBehind)
             ASSERT_EQ(VELCLIENT_OK, send(c, topic, false, kModes[i % 3], std::to_string(i)))
                 << veltest::lastErrorText();
             if (i % (count / 100) == 0 && i >= count / 10) {
-                ASSERT_TRUE(c.waitReceived(i - count / 10, 60s)) << c.received() << " of " << i;
+                ASSERT_TRUE(c.waitFor(60s, [&] { return c.received() >= i - count / 10; })) << c.received() << " of " << i;
             }
         }
-        ASSERT_TRUE(c.waitReceived(count, 60s)) << c.received();
+        ASSERT_TRUE(c.waitFor(60s, [&] { return c.received() >= count; })) << c.received();
         ASSERT_TRUE(c.waitEvents(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, guaranteed, 60s));
         c.sync();
         EXPECT_EQ(count, c.received());

@@ -70,13 +70,6 @@ inline std::string unique(const std::string &stem)
     return stem + std::to_string(getpid()) + "x" + std::to_string(++counter);
 }
 
-/* props with more after them. */
-inline std::vector<std::string> with(std::vector<std::string> props, const std::vector<std::string> &more)
-{
-    props.insert(props.end(), more.begin(), more.end());
-    return props;
-}
-
 inline std::string attachmentOf(velClient_opaqueMsg_pt msg)
 {
     void *p = nullptr;
@@ -126,9 +119,8 @@ class Client {
 public:
     explicit Client(std::vector<std::string> props = {})
     {
-        props = with({"SESSION_TRANSPORT", broker().transport(), "SESSION_HOST", broker().host(),
-                      "SESSION_CONNECT_TIMEOUT_MS", "20000"},
-                     props);
+        props.insert(props.begin(), {"SESSION_TRANSPORT", broker().transport(), "SESSION_HOST", broker().host(),
+                                     "SESSION_CONNECT_TIMEOUT_MS", "20000"});
         std::vector<const char *> list;
         for (const std::string &p : props)
             list.push_back(p.c_str());
@@ -161,15 +153,19 @@ public:
         ASSERT_EQ(VELCLIENT_OK, queue ? velClient_session_queueSubscribe(session_, name.c_str())
                                       : velClient_session_topicSubscribe(session_, name.c_str()));
     }
-    /* Waits up to timeout for at least count messages kept, or received (kept or not). */
+    /* Waits up to timeout until done() holds (called under the client's lock). */
+    template <typename Done>
+    bool waitFor(std::chrono::milliseconds timeout, Done done)
+    {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, timeout, done);
+    }
+    /* Waits up to timeout for at least count messages kept. */
     bool waitMessages(std::size_t count, std::chrono::milliseconds timeout = 20s)
     {
         return waitFor(timeout, [&] { return messages_.size() >= count; });
     }
-    bool waitReceived(std::size_t count, std::chrono::milliseconds timeout)
-    {
-        return waitFor(timeout, [&] { return received_ >= count; });
-    }
+    /* Messages received, kept or not. */
     std::size_t received() const { return received_; }
     /* Whether the messages are kept (the default) or left to the library to free. */
     void keepMessages(bool keep) { keep_ = keep; }
@@ -249,12 +245,6 @@ private:
         std::lock_guard lock(self->mutex_);
         self->events_.push_back(std::move(event));
         self->changed_.notify_all();
-    }
-    template <typename Done>
-    bool waitFor(std::chrono::milliseconds timeout, Done done)
-    {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, timeout, done);
     }
     std::size_t countLocked(velClient_session_event_t event) const
     {
