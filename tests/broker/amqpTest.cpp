@@ -33,7 +33,8 @@ using namespace veltest::broker;
 class AmqpPeer {
 public:
     AmqpPeer(const std::string &address, bool sending, bool durable)
-        : address_(address), sending_(sending), durable_(durable), proactor_(pn_proactor()), connection_(pn_connection())
+        : address_(address), sending_(sending), durable_(durable), proactor_(pn_proactor()),
+          connection_(pn_connection())
     {
         char addr[PN_MAX_ADDR];
         pn_proactor_addr(addr, sizeof addr, "127.0.0.1", std::to_string(broker().port).c_str());
@@ -91,7 +92,7 @@ private:
             pn_connection_open(connection_);
             pn_session_t *session = pn_session(connection_);
             pn_session_open(session);
-            link_ = sending_ ? pn_sender(session, "velclient-plain-peer") : pn_receiver(session, "velclient-plain-peer");
+            link_ = (sending_ ? pn_sender : pn_receiver)(session, "velclient-plain-peer");
             pn_terminus_t *terminus = sending_ ? pn_link_target(link_) : pn_link_source(link_);
             pn_terminus_set_address(terminus, address_.c_str());
             if (durable_)
@@ -270,10 +271,7 @@ std::string typedValue(pn_data_t *d)
 std::map<std::string, std::string> fieldsOf(const std::string &bytes)
 {
     pn_message_t *m = pn_message();
-    if (pn_message_decode(m, bytes.data(), bytes.size()) != 0) {
-        pn_message_free(m);
-        return {{"decode", "failed"}};
-    }
+    EXPECT_EQ(0, pn_message_decode(m, bytes.data(), bytes.size()));
     auto text = [](const char *s) { return std::string(s != nullptr ? s : "none"); };
     std::map<std::string, std::string> f = {
         {"to", text(pn_message_get_address(m))},
@@ -311,8 +309,9 @@ TEST(AmqpForeignClient, APlainAmqpReaderSeesTheStandardFields)
     ASSERT_TRUE(topicReader.pump([&] { return !topicReader.received.empty(); }));
     /* The user properties, and the nested map of the attachment: one of each type. */
     const std::string scalars =
-        R"({"bool"=true, "u8"=200, "i8"=-8, "u16"=60000, "i16"=-300, "u32"=4000000000, "i32"=-42, "u64"=10000000000, )"
-        R"("i64"=-5000000000, "wchar"=:, "float"=1.5, "double"=2.25, "string"="text", "bytes"=b"\x00\x7f", "null"=null})";
+        R"({"bool"=true, "u8"=200, "i8"=-8, "u16"=60000, "i16"=-300, "u32"=4000000000, "i32"=-42, )"
+        R"("u64"=10000000000, "i64"=-5000000000, "wchar"=:, "float"=1.5, "double"=2.25, "string"="text", )"
+        R"("bytes"=b"\x00\x7f", "null"=null})";
     const std::string types = "STRING BOOL STRING UBYTE STRING BYTE STRING USHORT STRING SHORT STRING UINT STRING INT "
                               "STRING ULONG STRING LONG STRING CHAR=9786 STRING FLOAT STRING DOUBLE STRING STRING "
                               "STRING BINARY STRING NULL";
@@ -329,18 +328,15 @@ TEST(AmqpForeignClient, APlainAmqpReaderSeesTheStandardFields)
         {"body", R"(amqp-value {"level"="outer", "nested"=)" + scalars + "} MAP STRING STRING STRING MAP " + types},
     };
     EXPECT_EQ(persistent, fieldsOf(queueReader.received[0]));
-    const std::map<std::string, std::string> direct = {
+    std::map<std::string, std::string> direct = {
         {"to", "/topic/foreign." + leaf},
         {"durable", "false"},
         {"ttl", "0"},
         {"priority", "4"},
-        {"reply-to", "none"},
-        {"content-type", "none"},
-        {"message-id", "none"},
-        {"correlation-id", "none"},
-        {"application-properties", "none"},
         {"body", R"(data b"\x01\xff" BINARY)"},
     };
+    for (const char *absent : {"reply-to", "content-type", "message-id", "correlation-id", "application-properties"})
+        direct[absent] = "none";
     EXPECT_EQ(direct, fieldsOf(topicReader.received[0]));
 }
 

@@ -207,10 +207,10 @@ TEST(BrokerCallbacks, SendsFromThreadsAndCallsFromInsideBothCallbacksAreEachAckn
     EXPECT_EQ(guaranteed, acknowledged.size());
     for (int i = 0; i < kCount; ++i)
         EXPECT_EQ(kModes[i % 3] == VELCLIENT_DELIVERY_MODE_DIRECT ? 0u : 1u, acknowledged.count(&tags[i])) << i;
-    EXPECT_EQ(static_cast<std::size_t>(kCount), bodies.count("acked"));
-    EXPECT_EQ(static_cast<std::size_t>(2 * kCount), bodies.size());
+    std::multiset<std::string> answersAndNotices;
     for (int i = 0; i < kCount; ++i)
-        EXPECT_EQ(1u, bodies.count(std::to_string(i))) << i;
+        answersAndNotices.insert({std::to_string(i), "acked"});
+    EXPECT_EQ(answersAndNotices, bodies);
     /* The even topics subscribed from the callback are held, the odd ones not. */
     worker.sync();
     for (int n : {kCount - 2, kCount - 1})
@@ -236,7 +236,7 @@ TEST(BrokerVolume, ManyMessagesInEveryModeLeaveNoRecordBehind)
             ASSERT_EQ(VELCLIENT_OK, send(c, topic, false, kModes[i % 3], std::to_string(i)))
                 << veltest::lastErrorText();
             if (i % (count / 100) == 0 && i >= count / 10) {
-                ASSERT_TRUE(c.waitFor(60s, [&] { return c.received() >= i - count / 10; })) << c.received() << " of " << i;
+                ASSERT_TRUE(c.waitFor(60s, [&] { return c.received() >= i - count / 10; })) << c.received();
             }
         }
         ASSERT_TRUE(c.waitFor(60s, [&] { return c.received() >= count; })) << c.received();

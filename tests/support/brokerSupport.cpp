@@ -38,8 +38,8 @@ void Broker::TearDown()
 
 std::string Broker::script(const std::string &verb, const std::string &more)
 {
-    std::string command = std::string("bash " VELCLIENT_SOURCE_DIR "/scripts/") + (amqp ? "broker.sh " : "mosquitto.sh ");
-    FILE *pipe = popen(command.append(verb).append(" ").append(dir).append(" ").append(more).c_str(), "r");
+    std::string command = std::string("bash " VELCLIENT_SOURCE_DIR "/scripts/") + (amqp ? "broker.sh" : "mosquitto.sh");
+    FILE *pipe = popen(command.append(" ").append(verb).append(" ").append(dir).append(" ").append(more).c_str(), "r");
     std::string out;
     char buf[256];
     while (pipe != nullptr && std::fgets(buf, sizeof buf, pipe) != nullptr)

@@ -99,11 +99,12 @@ inline velClient_opaqueMsg_pt makeMessage(const std::string &destination, bool q
 {
     velClient_opaqueMsg_pt m = nullptr;
     EXPECT_EQ(VELCLIENT_OK, velClient_msg_alloc(&m));
-    velClient_destination_t dest{queue ? VELCLIENT_QUEUE_DESTINATION : VELCLIENT_TOPIC_DESTINATION, destination.c_str()};
-    EXPECT_EQ(VELCLIENT_OK, velClient_msg_setDestination(m, &dest, sizeof dest));
+    const velClient_destination_t to{queue ? VELCLIENT_QUEUE_DESTINATION : VELCLIENT_TOPIC_DESTINATION,
+                                     destination.c_str()};
+    const auto size = static_cast<velClient_uint32_t>(attachment.size());
+    EXPECT_EQ(VELCLIENT_OK, velClient_msg_setDestination(m, &to, sizeof to));
     EXPECT_EQ(VELCLIENT_OK, velClient_msg_setDeliveryMode(m, mode));
-    EXPECT_EQ(VELCLIENT_OK,
-              velClient_msg_setBinaryAttachment(m, attachment.data(), static_cast<velClient_uint32_t>(attachment.size())));
+    EXPECT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachment(m, attachment.data(), size));
     return m;
 }
 
