@@ -85,9 +85,9 @@ TEST(BrokerMessages, ReadBackAsSentInEveryDeliveryMode)
 
 TEST(BrokerTopics, WildcardsAndReservedCharactersArriveUnchanged)
 {
+    const std::string root = unique("w");
     Client receiver, sender;
     ASSERT_TRUE(connectAll(receiver, sender));
-    const std::string root = unique("w");
     /* Levels under root ("$x": "$" before root); each message's attachment is its level. */
     auto topic = [&](const std::string &t) { return t[0] == '$' ? "$" + root + "/" + t.substr(1) : root + "/" + t; };
     /* "*" and ">" are wildcards only as whole levels; "+", "#" and "." are never wildcards. */
