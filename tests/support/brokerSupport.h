@@ -74,9 +74,8 @@ inline std::string attachmentOf(velClient_opaqueMsg_pt msg)
 {
     void *p = nullptr;
     velClient_uint32_t size = 0;
-    if (velClient_msg_getBinaryAttachmentPtr(msg, &p, &size) != VELCLIENT_OK)
-        return {};
-    return std::string(static_cast<const char *>(p), size);
+    velClient_msg_getBinaryAttachmentPtr(msg, &p, &size);
+    return p != nullptr ? std::string(static_cast<const char *>(p), size) : std::string();
 }
 
 inline std::string destinationOf(velClient_opaqueMsg_pt msg)
