@@ -1,0 +1,157 @@
+/* What only MQTT sessions have: queue calls refused, and plain MQTT 5 clients
+ * beside them (mosquitto_sub and mosquitto_pub, each a child process bounded
+ * by a message count and a timeout): what a session sends shows the payload,
+ * the response topic, the correlation data, the content type, the expiry and
+ * the string user properties as MQTT's own; what the foreign client sends
+ * reaches a session with those fields mapped, and the session's reply reaches
+ * the foreign client's response topic. */
+#include <algorithm>
+#include <ctime>
+#include <regex>
+
+#include "support/brokerSupport.h"
+#include "support/toolProcess.h"
+#include "support/velTestSupport.h"
+
+namespace {
+
+using namespace veltest::broker;
+
+/* mosquitto_sub on a topic filter, for count messages or 20 s; it has
+ * subscribed when the constructor returns. Of each message it prints the
+ * topic, payload, response topic, correlation data, content type, expiry
+ * interval, user properties and QoS. */
+class ForeignSubscriber {
+public:
+    ForeignSubscriber(const std::string &filter, int count)
+        : tool_("stdbuf", "-oL mosquitto_sub -V 5 -h 127.0.0.1 -p " + std::to_string(broker().port) + " -q 1 -d -C " +
+                              std::to_string(count) + " -W 20 -t '" + filter + "' -F '" + kFormat + "'")
+    {
+        for (std::string line; tool_.readLine(line);)
+            if (line.rfind("Subscribed (mid: 1): 1", 0) == 0)
+                return;
+        ADD_FAILURE() << "mosquitto_sub did not subscribe: " << tool_.finish().err;
+    }
+    static constexpr const char *kFormat = "MSG|%t|%p|%R|%D|%C|%E|%P|%q";
+    /* Once it has ended, checks the line it printed of each message, sorted, against its pattern: "|" and "."
+     * are literal, EXPIRY stands for 59 or 60 (seconds) and FRAME for the property that carries what MQTT has no
+     * field for. */
+    void expectMessages(const std::vector<std::string> &patterns)
+    {
+        std::vector<std::string> lines;
+        for (std::string line; tool_.readLine(line);)
+            if (line.rfind("MSG|", 0) == 0)
+                lines.push_back(line);
+        std::sort(lines.begin(), lines.end());
+        EXPECT_EQ(0, tool_.finish().status) << tool_.finish().err;
+        ASSERT_EQ(patterns.size(), lines.size());
+        for (std::size_t i = 0; i < lines.size(); ++i) {
+            std::string re = std::regex_replace(patterns[i], std::regex(R"([|.])"), R"(\$&)");
+            re = std::regex_replace(re, std::regex("EXPIRY"), "(59|60)");
+            re = std::regex_replace(re, std::regex("FRAME"), "x-vel-frame:[A-Za-z0-9+/]+=*");
+            EXPECT_TRUE(std::regex_match(lines[i], std::regex(re))) << lines[i] << "\ndoes not match " << patterns[i];
+        }
+    }
+
+private:
+    veltest::ToolProcess tool_;
+};
+
+TEST(MqttQueues, QueueCallsAndQueueSendsAreRefused)
+{
+    Client c;
+    ASSERT_TRUE(connectAll(c));
+    velClient_opaqueMsg_pt m = makeMessage(unique("q"), true, VELCLIENT_DELIVERY_MODE_PERSISTENT);
+    velClient_opaqueSession_pt s = c.session();
+    veltest::expectRefusals({
+        {[s] { return velClient_session_queueSubscribe(s, "orders"); }, VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
+         "Queues are not available on an MQTT session in velClient_session_queueSubscribe"},
+        {[s] { return velClient_session_queueUnsubscribe(s, "orders"); }, VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
+         "Queues are not available on an MQTT session in velClient_session_queueUnsubscribe"},
+        {[s, m] { return velClient_session_sendMsg(s, m); }, VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
+         "Queues are not available on an MQTT session in velClient_session_sendMsg"},
+    });
+    velClient_msg_free(&m);
+    EXPECT_EQ(0u, c.countEvents(VELCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR));
+}
+
+TEST(MqttForeign, MosquittoSubSeesWhatASessionSends)
+{
+    std::string name = unique("foreign-");
+    Client sender({"SESSION_CLIENT_NAME", name});
+    ASSERT_TRUE(connectAll(sender));
+    std::string root = unique("foreign");
+    ForeignSubscriber sub(root + "/#", 2);
+    velClient_opaqueMsg_pt m = makeMessage(root + "/plain", false, VELCLIENT_DELIVERY_MODE_PERSISTENT, "hello there");
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setReplyToSuffix(m, sender.session(), "r/1"));
+    velClient_msg_setCorrelationId(m, "corr-1");
+    velClient_msg_setHttpContentType(m, "text/plain");
+    velClient_msg_setTimeToLive(m, 60000);
+    velClient_opaqueContainer_pt props = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createUserPropertyMap(m, &props, 128));
+    velClient_container_addString(props, "v1", "s1");
+    velClient_container_addInt32(props, 5, "n");
+    velClient_container_addString(props, "v 2", "s2");
+    velClient_container_closeMapStream(&props);
+    ASSERT_EQ(VELCLIENT_OK, velClient_session_sendMsg(sender.session(), m));
+    velClient_msg_free(&m);
+    m = makeMessage(root + "/a+b/#c/%d", false, VELCLIENT_DELIVERY_MODE_DIRECT, "x");
+    ASSERT_EQ(VELCLIENT_OK, velClient_session_sendMsg(sender.session(), m));
+    velClient_msg_free(&m);
+
+    /* The first, a direct message at QoS 0, its topic with the reserved characters percent-encoded. */
+    sub.expectMessages({"MSG|" + root + "/a%2Bb/%23c/%25d|x|||||FRAME|0",
+                        "MSG|" + root + "/plain|hello there|%23P2P/v:127.0.0.1/" + name +
+                            "/r/1|corr-1|text/plain|EXPIRY|s1:v1 s2:v 2 FRAME|1"});
+}
+
+TEST(MqttForeign, MosquittoPubReachesASessionAndItsReplyComesBack)
+{
+    std::string root = unique("foreign");
+    Client responder;
+    ASSERT_TRUE(connectAll(responder));
+    /* The responder answers to the reply-to with the request's correlation id. */
+    responder.onMessage = [](velClient_opaqueSession_pt s, velClient_opaqueMsg_pt request) {
+        reply(s, request, VELCLIENT_DELIVERY_MODE_PERSISTENT, "reply");
+    };
+    responder.subscribe(root + "/requests");
+    ForeignSubscriber replies(root + "/replies", 1);
+    const std::int64_t sentAt = std::time(nullptr) * 1000;
+    veltest::ToolResult pub = veltest::runTool(
+        "mosquitto_pub", "-V 5 -h 127.0.0.1 -p " + std::to_string(broker().port) + " -q 1 -t '" + root +
+                             "/requests' -m 'the question' -D publish user-property k1 v1 -D publish user-property "
+                             "k2 'v 2' -D publish response-topic '" + root + "/replies' -D publish correlation-data "
+                             "corr-9 -D publish content-type text/x -D publish message-expiry-interval 60");
+    ASSERT_EQ(0, pub.status) << pub.err;
+
+    /* It reads as the same message made with this library, its expiration 60 s after the publish (its delivery
+     * mode the subscription's). */
+    ASSERT_TRUE(responder.waitMessages(1));
+    std::vector<velClient_opaqueMsg_pt> got = responder.messages();
+    ASSERT_EQ(1u, got.size());
+    velClient_int64_t expiration = 0;
+    velClient_uint32_t mode = 0;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getExpiration(got[0], &expiration));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getDeliveryMode(got[0], &mode));
+    EXPECT_GE(expiration, sentAt + 58000);
+    EXPECT_LE(expiration, (std::time(nullptr) + 1) * 1000 + 60000);
+    velClient_opaqueMsg_pt m = makeMessage(root + "/requests", false, mode, "the question");
+    const std::string replyTopic = root + "/replies";
+    velClient_destination_t replyTo{VELCLIENT_TOPIC_DESTINATION, replyTopic.c_str()};
+    velClient_msg_setReplyTo(m, &replyTo, sizeof replyTo);
+    velClient_msg_setCorrelationId(m, "corr-9");
+    velClient_msg_setHttpContentType(m, "text/x");
+    velClient_msg_setExpiration(m, expiration);
+    velClient_opaqueContainer_pt props = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createUserPropertyMap(m, &props, 128));
+    velClient_container_addString(props, "v1", "k1");
+    velClient_container_addString(props, "v 2", "k2");
+    velClient_container_closeMapStream(&props);
+    EXPECT_EQ(dumpWithoutReceiveLines(m), dumpWithoutReceiveLines(got[0]));
+    velClient_msg_free(&m);
+    freeAll(got);
+
+    replies.expectMessages({"MSG|" + root + "/replies|reply||corr-9|||FRAME|1"});
+}
+
+} // namespace
