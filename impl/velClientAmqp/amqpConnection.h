@@ -83,6 +83,7 @@ private:
     std::map<std::string, SenderLink> senders_;
     std::map<pn_link_t *, Subscription> receivers_;
     std::uint64_t nextTag_ = 1;
+    std::uint64_t receiverSerial_ = 0; /* numbers receiver link names: a new link never takes a closing one's name */
     broker::ByTag<Outgoing> unsettled_; /* sent or waiting, guaranteed */
     broker::ByTag<Outgoing> direct_;    /* waiting direct messages */
     std::map<velClient_msgId_t, pn_delivery_t *> clientAcks_;

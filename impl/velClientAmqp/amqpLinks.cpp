@@ -158,7 +158,10 @@ void Connection::pump(SenderLink &sender)
 void Connection::subscribeNow(const Subscription &subscription, bool add)
 {
     if (add) {
-        std::string name = (subscription.queue ? "queue:" : "topic:") + subscription.address;
+        /* The broker refuses a link whose name is still attached, as an unsubscribed link is until the broker
+         * answers its detach: each receiver's name ends in a number of its own. */
+        std::string name = subscription.queue ? "queue:" : "topic:";
+        name.append(subscription.address).append("#").append(std::to_string(++receiverSerial_));
         pn_link_t *link = pn_receiver(amqpSession_, name.c_str());
         pn_terminus_t *source = pn_link_source(link);
         pn_terminus_set_address(source, subscription.address.c_str());
