@@ -62,6 +62,9 @@ struct EntryCacheReturn {
     ~EntryCacheReturn() { myEntries_s.close(freeEntries_s); }
 };
 thread_local EntryCacheReturn entryCacheReturn_s;
+/* Whether this thread has registered the hook: reaching entryCacheReturn_s
+ * itself takes a call to __tls_get_addr in the shared library. */
+thread_local constinit bool entryHookSet_s VEL_HOT_TLS = false;
 
 _velClient_lifoEntry *popEntry()
 {
@@ -70,10 +73,12 @@ _velClient_lifoEntry *popEntry()
     return _velClient_lifoPop(&freeEntries_s);
 }
 
-void pushEntry(_velClient_lifoEntry *entry)
+[[gnu::always_inline]] inline void pushEntry(_velClient_lifoEntry *entry)
 {
-    if (myEntries_s.count == 0)
+    if (__builtin_expect(!entryHookSet_s, 0)) {
         (void)&entryCacheReturn_s; /* registers the thread-exit hook */
+        entryHookSet_s = true;
+    }
     if (!myEntries_s.push(entry, kCacheCap))
         _velClient_lifoPush(&freeEntries_s, entry);
 }
@@ -97,6 +102,28 @@ extern "C" void *_velClient_safePtr_alloc(void *object, _velClient_ptrType_t typ
     __atomic_store_n(&entry->ptrType, type, __ATOMIC_RELAXED);
     __atomic_store_n(&entry->u.ptrInfo, handle, __ATOMIC_RELEASE);
     return reinterpret_cast<void *>(handle);
+}
+
+namespace {
+
+_velClient_pointerInfo *entryOf(std::uint64_t h)
+{
+    _velClient_pointerInfo *page =
+        _velClient_globalInfo_g.safePtrs[(h & kSafePtrPageMask) >> 12].load(std::memory_order_acquire);
+    return h == 0 || page == nullptr ? nullptr : &page[h & kSafePtrEntryMask];
+}
+
+} // namespace
+
+extern "C" void _velClient_safePtr_withdraw(void *handle)
+{
+    auto h = reinterpret_cast<std::uint64_t>(handle);
+    _velClient_pointerInfo *entry = entryOf(h);
+    if (entry == nullptr || __atomic_load_n(&entry->u.ptrInfo, __ATOMIC_RELAXED) != h)
+        return;
+    __atomic_store_n(&entry->u.ptrInfo, h | kFreeBit, __ATOMIC_RELEASE);
+    __atomic_store_n(&entry->ptrType, _UNUSED_PTR_TYPE, __ATOMIC_RELAXED);
+    pushEntry(&entry->entry);
 }
 
 extern "C" void _velClient_safePtr_free(void *handle)

@@ -61,8 +61,16 @@ extern _velClient_globalInfo _velClient_globalInfo_g;
  * page cannot be allocated. Thread-safe, lock-free except for page creation. */
 void *_velClient_safePtr_alloc(void *object, _velClient_ptrType_t type);
 
-/* Invalidates handle: later resolution of the same value fails. */
+/* Invalidates handle: later resolution of the same value fails. Of two
+ * threads freeing the same handle at once, one frees it (a locked
+ * compare-and-swap decides which). */
 void _velClient_safePtr_free(void *handle);
+
+/* Invalidates handle for the caller that has just resolved it and frees its
+ * record: plain stores, no locked instruction. Two threads freeing the same
+ * handle at once would free its record twice as well, so this gives that
+ * race no protection the record does not have either. */
+void _velClient_safePtr_withdraw(void *handle);
 }
 
 namespace vel {
@@ -102,7 +110,7 @@ Record *takeHandle(Handle *handle_p, Record *(*resolveOrFail)(Handle, HandleForm
     }
     Record *record = resolveOrFail(*handle_p, badHandle);
     if (record != nullptr) {
-        _velClient_safePtr_free(*handle_p);
+        _velClient_safePtr_withdraw(*handle_p);
         *handle_p = nullptr;
     }
     return record;
