@@ -41,7 +41,7 @@ velClient_returnCode_t putName(_velClient_msg *msg, const char *name, std::size_
         return tooLong(length, limit, type);
     if (copyText(msg, part, name, length) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
-    _velClient_msg_setBufinfoPtr(msg, otherPart, nullptr, 0);
+    vel::msg::clearPart(msg, otherPart);
     setTemporary(msg, type == VELCLIENT_TOPIC_TEMP_DESTINATION || type == VELCLIENT_QUEUE_TEMP_DESTINATION);
     return VELCLIENT_OK;
 }
@@ -51,7 +51,7 @@ velClient_returnCode_t setTopic(_velClient_msg *msg, const char *text, int type)
     if (putName(msg, text, kMaxTopic, type, VELCLIENT_BUFINFO_TOPIC_PART, VELCLIENT_BUFINFO_QUEUENAME_PART) !=
         VELCLIENT_OK)
         return VELCLIENT_FAIL;
-    _velClient_msg_setBufinfoPtr(msg, _VELCLIENT_BUFINFO_DEST_PREFIX_PART, nullptr, 0);
+    vel::msg::clearPart(msg, _VELCLIENT_BUFINFO_DEST_PREFIX_PART);
     return VELCLIENT_OK;
 }
 

@@ -5,7 +5,7 @@
  */
 #include <cstring>
 
-#include "velClientMsg/memory/poolAccounting.h"
+#include "velClientMsg/memory/blockSteps.h"
 #include "velClientMsg/message/recordApi.h"
 
 namespace {
@@ -33,24 +33,41 @@ void closeAllContainers(_velClient_msg *msg)
             _velClient_container_closeMapStream(slot, true, true, false);
 }
 
-/* Drops every part's block reference and empties the slots. Parts that share
- * a block (a received message's) give their references back in one step. */
-void dropAllBlocks(_velClient_msg *msg)
+/* Drops the references of the block in slot part and of every later slot
+ * that holds the same block, in one step, and empties those slots. A block
+ * holding one reference is in no other slot. */
+void dropPartBlock(ThreadState &me, _velClient_datab **slots, int part)
 {
-    _velClient_datab **slots = msg->bufDatab_p;
-    for (int part = 0; part < _VELCLIENT_BUFINFO_NUM_PARTS; ++part) {
-        _velClient_datab *db = slots[part];
-        if (db == nullptr)
-            continue;
-        std::int32_t refs = 1;
+    _velClient_datab *db = slots[part];
+    slots[part] = nullptr;
+    std::int32_t refs = 1;
+    if (__atomic_load_n(&db->dbRefCount, __ATOMIC_RELAXED) != 1) {
         for (int later = part + 1; later < _VELCLIENT_BUFINFO_NUM_PARTS; ++later) {
             if (slots[later] == db) {
                 ++refs;
                 slots[later] = nullptr;
             }
         }
-        slots[part] = nullptr;
-        _velClient_datablock_decRefBy(db, refs, __FILE__, __LINE__);
+    }
+    dropBlockRefs(me, db, refs, __FILE__, __LINE__);
+}
+
+/* Drops every part's block reference and empties the slots. Most slots are
+ * empty: they are tested four at a time. */
+void dropAllBlocks(ThreadState &me, _velClient_msg *msg)
+{
+    static_assert(_VELCLIENT_BUFINFO_NUM_PARTS % 4 == 0, "slots are tested four at a time");
+    _velClient_datab **slots = msg->bufDatab_p;
+    for (int group = 0; group < _VELCLIENT_BUFINFO_NUM_PARTS; group += 4) {
+        const auto any = reinterpret_cast<std::uintptr_t>(slots[group]) |
+                         reinterpret_cast<std::uintptr_t>(slots[group + 1]) |
+                         reinterpret_cast<std::uintptr_t>(slots[group + 2]) |
+                         reinterpret_cast<std::uintptr_t>(slots[group + 3]);
+        if (any == 0)
+            continue;
+        for (int part = group; part < group + 4; ++part)
+            if (slots[part] != nullptr)
+                dropPartBlock(me, slots, part);
     }
 }
 
@@ -103,8 +120,8 @@ velClient_returnCode_t _velClient_msg_alloc(_velClient_msg **msg_p)
 velClient_returnCode_t _velClient_msg_free(_velClient_msg *msg)
 {
     closeAllContainers(msg);
-    dropAllBlocks(msg);
     ThreadState &me = local();
+    dropAllBlocks(me, msg);
     release(me.msgs, kRecordCacheCap, _velClient_msgPool_s.freeMsgList, &msg->entry, me.counters.numFreeMsg,
             sizeof(_velClient_msg));
     bump(me.counters.msgFrees);
@@ -200,7 +217,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_reset(velClient_op
     if (msg == nullptr)
         return VELCLIENT_FAIL;
     closeAllContainers(msg);
-    dropAllBlocks(msg);
+    dropAllBlocks(local(), msg);
     for (velClient_bufInfo_t &info : msg->bufInfo_a)
         info = velClient_bufInfo_t{nullptr, 0};
     msg->binAttachmentType = 0;

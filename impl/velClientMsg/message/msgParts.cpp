@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "velClientMsg/memory/blockSteps.h"
 #include "velClientMsg/message/destinationText.h"
 #include "velClientMsg/message/recordApi.h"
 #include "velClientMsg/container/tlvCodec.h"
@@ -61,6 +62,26 @@ private:
     _velClient_datab *db_;
 };
 
+/* The copy of setBufinfo once the part holds no block: a new block from the
+ * calling thread's pool, unless size is 0. */
+velClient_returnCode_t copyIntoEmptyPart(_velClient_msg *msg, int index, const void *buf_p, std::uint32_t size,
+                                         std::uint64_t start)
+{
+    msg->bufInfo_a[index] = velClient_bufInfo_t{nullptr, 0};
+    msg->internalFlags |= _VELCLIENT_MSG_FLAG_MODIFIED;
+    if (size == 0)
+        return VELCLIENT_OK;
+    const std::uint64_t total = start + size;
+    if (total > UINT32_MAX)
+        return VEL_FAIL_RANGE("Bad msg_p pointer in velClient_msg_setBufinfo");
+    if (vel::pool::attachNewBlock(vel::pool::local(), msg, index, static_cast<std::uint32_t>(total)) != VELCLIENT_OK)
+        return VELCLIENT_FAIL;
+    velClient_bufInfo_t &part = msg->bufInfo_a[index];
+    std::memcpy(static_cast<std::uint8_t *>(part.buf_p) + start, buf_p, size);
+    part.bufSize = static_cast<std::uint32_t>(total);
+    return VELCLIENT_OK;
+}
+
 void closeAttachmentContainer(_velClient_msg *msg)
 {
     if (msg->binaryAttachContainer_p != nullptr)
@@ -100,22 +121,11 @@ velClient_returnCode_t _velClient_msg_setBufinfo(_velClient_msg *msg, int bufInf
         msg->bufInfo_a[bufInfoIndex] = velClient_bufInfo_t{db->dbData_p, static_cast<std::uint32_t>(total)};
         return VELCLIENT_OK;
     }
+    if (db == nullptr)
+        return copyIntoEmptyPart(msg, bufInfoIndex, buf_p, size, start);
     HoldBlock source(inOwnBlock(msg, bufInfoIndex, buf_p, size) ? db : nullptr);
     dropBlock(msg, bufInfoIndex);
-    msg->bufInfo_a[bufInfoIndex] = velClient_bufInfo_t{nullptr, 0};
-    msg->internalFlags |= _VELCLIENT_MSG_FLAG_MODIFIED;
-    if (size == 0)
-        return VELCLIENT_OK;
-    if (total > UINT32_MAX)
-        return VEL_FAIL_RANGE("Bad msg_p pointer in velClient_msg_setBufinfo");
-    if (_velClient_msg_dbAlloc(msg, bufInfoIndex, static_cast<std::uint32_t>(total)) != VELCLIENT_OK) {
-        msg->bufInfo_a[bufInfoIndex] = velClient_bufInfo_t{nullptr, 0};
-        return VELCLIENT_FAIL;
-    }
-    auto *data = static_cast<std::uint8_t *>(msg->bufInfo_a[bufInfoIndex].buf_p);
-    std::memcpy(data + start, buf_p, size);
-    msg->bufInfo_a[bufInfoIndex].bufSize = static_cast<std::uint32_t>(total);
-    return VELCLIENT_OK;
+    return copyIntoEmptyPart(msg, bufInfoIndex, buf_p, size, start);
 }
 
 velClient_returnCode_t _velClient_msg_getBufinfoPtr(_velClient_msg *msg, int bufInfoIndex, void **bufPtr_p,
