@@ -66,11 +66,16 @@ thread_local EntryCacheReturn entryCacheReturn_s;
  * itself takes a call to __tls_get_addr in the shared library. */
 thread_local constinit bool entryHookSet_s VEL_HOT_TLS = false;
 
-_velClient_lifoEntry *popEntry()
+/* A free entry from the shared stack, adding pages as needed; nullptr when
+ * the table is full or memory runs out. Off the hot path. */
+[[gnu::noinline]] _velClient_lifoEntry *popSharedEntry()
 {
-    if (_velClient_lifoEntry *cached = myEntries_s.pop())
-        return cached;
-    return _velClient_lifoPop(&freeEntries_s);
+    _velClient_lifoEntry *popped = nullptr;
+    while ((popped = _velClient_lifoPop(&freeEntries_s)) == nullptr) {
+        if (!addPage())
+            return nullptr;
+    }
+    return popped;
 }
 
 [[gnu::always_inline]] inline void pushEntry(_velClient_lifoEntry *entry)
@@ -87,11 +92,9 @@ _velClient_lifoEntry *popEntry()
 
 extern "C" void *_velClient_safePtr_alloc(void *object, _velClient_ptrType_t type)
 {
-    _velClient_lifoEntry *popped = nullptr;
-    while ((popped = popEntry()) == nullptr) {
-        if (!addPage())
-            return nullptr;
-    }
+    _velClient_lifoEntry *popped = myEntries_s.pop();
+    if (__builtin_expect(popped == nullptr, 0) && (popped = popSharedEntry()) == nullptr)
+        return nullptr;
     auto *entry = reinterpret_cast<_velClient_pointerInfo *>(popped);
     std::uint64_t old = entry->u.ptrInfo;
     std::uint64_t gen = ((old & kGenMask) + kGenOne) & kGenMask;

@@ -64,8 +64,9 @@ private:
 
 /* The copy of setBufinfo once the part holds no block: a new block from the
  * calling thread's pool, unless size is 0. */
-velClient_returnCode_t copyIntoEmptyPart(_velClient_msg *msg, int index, const void *buf_p, std::uint32_t size,
-                                         std::uint64_t start)
+[[gnu::always_inline]] inline velClient_returnCode_t copyIntoEmptyPart(_velClient_msg *msg, int index,
+                                                                       const void *buf_p, std::uint32_t size,
+                                                                       std::uint64_t start)
 {
     msg->bufInfo_a[index] = velClient_bufInfo_t{nullptr, 0};
     msg->internalFlags |= _VELCLIENT_MSG_FLAG_MODIFIED;
@@ -128,6 +129,13 @@ velClient_returnCode_t _velClient_msg_setBufinfo(_velClient_msg *msg, int bufInf
     return copyIntoEmptyPart(msg, bufInfoIndex, buf_p, size, start);
 }
 
+velClient_returnCode_t vel::msg::copyIntoPart(_velClient_msg *msg, int part, const void *buf_p, std::uint32_t size)
+{
+    if (msg->bufDatab_p[part] == nullptr && (buf_p != nullptr || size == 0))
+        return copyIntoEmptyPart(msg, part, buf_p, size, 0);
+    return _velClient_msg_setBufinfo(msg, part, buf_p, size, 0);
+}
+
 velClient_returnCode_t _velClient_msg_getBufinfoPtr(_velClient_msg *msg, int bufInfoIndex, void **bufPtr_p,
                                                     std::uint32_t *size_p)
 {
@@ -176,7 +184,7 @@ velClient_returnCode_t setPartCopy(const PartAccess &a, velClient_opaqueMsg_pt m
         return VELCLIENT_FAIL;
     if (a.closesAttachment)
         closeAttachmentContainer(msg);
-    const velClient_returnCode_t rc = _velClient_msg_setBufinfo(msg, a.part, buf_p, size, 0);
+    const velClient_returnCode_t rc = vel::msg::copyIntoPart(msg, a.part, buf_p, size);
     assert(vel::msg::isSound(msg));
     return rc;
 }

@@ -16,6 +16,11 @@ namespace vel::msg {
  * failure's text names caller. */
 velClient_returnCode_t issueHandle(_velClient_msg *msg, const char *caller);
 
+/* part (a valid one) := a copy of size bytes, as _velClient_msg_setBufinfo
+ * at offset 0 makes it; the usual part holds no block and goes straight to a
+ * new one. */
+velClient_returnCode_t copyIntoPart(_velClient_msg *msg, int part, const void *buf_p, std::uint32_t size);
+
 /* Empties a part, as _velClient_msg_setBufinfoPtr(msg, part, nullptr, 0)
  * does; the usual part to clear holds no block and needs no call. */
 inline void clearPart(_velClient_msg *msg, int part)
