@@ -33,8 +33,8 @@ velClient_returnCode_t tooLong(std::size_t length, std::size_t limit, int type)
 
 /* Copies name (at most limit characters) into part, clears otherPart and
  * marks the destination temporary or not by its type. */
-velClient_returnCode_t putName(_velClient_msg *msg, const char *name, std::size_t limit, int type, int part,
-                               int otherPart)
+[[gnu::always_inline]] inline velClient_returnCode_t putName(_velClient_msg *msg, const char *name, std::size_t limit,
+                                                             int type, int part, int otherPart)
 {
     std::size_t length = std::strlen(name);
     if (length > limit)

@@ -36,7 +36,7 @@ void closeAllContainers(_velClient_msg *msg)
 /* Drops the references of the block in slot part and of every later slot
  * that holds the same block, in one step, and empties those slots. A block
  * holding one reference is in no other slot. */
-void dropPartBlock(ThreadState &me, _velClient_datab **slots, int part)
+[[gnu::always_inline]] inline void dropPartBlock(ThreadState &me, _velClient_datab **slots, int part)
 {
     _velClient_datab *db = slots[part];
     slots[part] = nullptr;
@@ -54,7 +54,7 @@ void dropPartBlock(ThreadState &me, _velClient_datab **slots, int part)
 
 /* Drops every part's block reference and empties the slots. Most slots are
  * empty: they are tested four at a time. */
-void dropAllBlocks(ThreadState &me, _velClient_msg *msg)
+[[gnu::always_inline]] inline void dropAllBlocks(ThreadState &me, _velClient_msg *msg)
 {
     static_assert(_VELCLIENT_BUFINFO_NUM_PARTS % 4 == 0, "slots are tested four at a time");
     _velClient_datab **slots = msg->bufDatab_p;
@@ -90,18 +90,8 @@ velClient_opaqueMsg_pt issueHandle(_velClient_msg *msg)
     return handle;
 }
 
-} // namespace
-
-velClient_returnCode_t vel::msg::issueHandle(_velClient_msg *msg, const char *caller)
-{
-    msg->opaqueMsg_p = _velClient_safePtr_alloc(msg, _MSG_PTR_TYPE);
-    if (msg->opaqueMsg_p == nullptr)
-        return VEL_FAIL(VELCLIENT_SUBCODE_OUT_OF_MEMORY, VELCLIENT_LOG_CRITICAL,
-                        "Could not allocate pointer for new velClient_msg in %s", caller);
-    return VELCLIENT_OK;
-}
-
-velClient_returnCode_t _velClient_msg_alloc(_velClient_msg **msg_p)
+/* The record of _velClient_msg_alloc, inline in the export. */
+[[gnu::always_inline]] inline velClient_returnCode_t allocRecord(_velClient_msg **msg_p)
 {
     ThreadState &me = local();
     _velClient_msg *msg = take<_velClient_msg>(me.msgs, _velClient_msgPool_s.freeMsgList, me.counters.numFreeMsg);
@@ -117,7 +107,8 @@ velClient_returnCode_t _velClient_msg_alloc(_velClient_msg **msg_p)
     return VELCLIENT_OK;
 }
 
-velClient_returnCode_t _velClient_msg_free(_velClient_msg *msg)
+/* The release of _velClient_msg_free, inline in the export. */
+[[gnu::always_inline]] inline velClient_returnCode_t freeRecord(_velClient_msg *msg)
 {
     closeAllContainers(msg);
     ThreadState &me = local();
@@ -127,6 +118,27 @@ velClient_returnCode_t _velClient_msg_free(_velClient_msg *msg)
     bump(me.counters.msgFrees);
     drop(me.counters.numAllocMsg);
     return VELCLIENT_OK;
+}
+
+} // namespace
+
+velClient_returnCode_t vel::msg::issueHandle(_velClient_msg *msg, const char *caller)
+{
+    msg->opaqueMsg_p = _velClient_safePtr_alloc(msg, _MSG_PTR_TYPE);
+    if (msg->opaqueMsg_p == nullptr)
+        return VEL_FAIL(VELCLIENT_SUBCODE_OUT_OF_MEMORY, VELCLIENT_LOG_CRITICAL,
+                        "Could not allocate pointer for new velClient_msg in %s", caller);
+    return VELCLIENT_OK;
+}
+
+velClient_returnCode_t _velClient_msg_alloc(_velClient_msg **msg_p)
+{
+    return allocRecord(msg_p);
+}
+
+velClient_returnCode_t _velClient_msg_free(_velClient_msg *msg)
+{
+    return freeRecord(msg);
 }
 
 velClient_returnCode_t _velClient_msg_dup(_velClient_msg *msg, _velClient_msg **newMsg_p)
@@ -188,7 +200,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_alloc(velClient_op
     if (msg_p == nullptr)
         return VEL_FAIL_NULL("Null reference to msg_p pointer in velClient_msg_alloc");
     _velClient_msg *msg = nullptr;
-    if (_velClient_msg_alloc(&msg) != VELCLIENT_OK) {
+    if (allocRecord(&msg) != VELCLIENT_OK) {
         *msg_p = nullptr;
         return VELCLIENT_FAIL;
     }
@@ -208,7 +220,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_free(velClient_opa
 {
     _velClient_msg *msg = vel::takeHandle(msg_p, vel::msgOrFail, "Null reference to msg_p pointer in velClient_msg_free",
                                           "Bad msg_p pointer (%p) in velClient_msg_free");
-    return msg == nullptr ? VELCLIENT_FAIL : _velClient_msg_free(msg);
+    return msg == nullptr ? VELCLIENT_FAIL : freeRecord(msg);
 }
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_reset(velClient_opaqueMsg_pt msg_p)
