@@ -118,15 +118,20 @@ _velClient_pointerInfo *entryOf(std::uint64_t h)
 
 } // namespace
 
-extern "C" void _velClient_safePtr_withdraw(void *handle)
+extern "C" void *_velClient_safePtr_take(void *handle, _velClient_ptrType_t type)
 {
     auto h = reinterpret_cast<std::uint64_t>(handle);
     _velClient_pointerInfo *entry = entryOf(h);
-    if (entry == nullptr || __atomic_load_n(&entry->u.ptrInfo, __ATOMIC_RELAXED) != h)
-        return;
+    if (entry == nullptr || __atomic_load_n(&entry->u.ptrInfo, __ATOMIC_ACQUIRE) != h ||
+        __atomic_load_n(&entry->ptrType, __ATOMIC_RELAXED) != type)
+        return nullptr;
+    void *object = __atomic_load_n(&entry->actualPtr, __ATOMIC_RELAXED);
+    if (object == nullptr)
+        return nullptr;
     __atomic_store_n(&entry->u.ptrInfo, h | kFreeBit, __ATOMIC_RELEASE);
     __atomic_store_n(&entry->ptrType, _UNUSED_PTR_TYPE, __ATOMIC_RELAXED);
     pushEntry(&entry->entry);
+    return object;
 }
 
 extern "C" void _velClient_safePtr_free(void *handle)

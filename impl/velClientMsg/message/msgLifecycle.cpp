@@ -28,9 +28,12 @@ constexpr std::uint32_t readOnlyFlagOf(int part) noexcept
  * property map, binary attachment. */
 void closeAllContainers(_velClient_msg *msg)
 {
-    for (_velClient_container **slot : {&msg->hdrMap_p, &msg->userPropertyMap_p, &msg->binaryAttachContainer_p})
-        if (*slot != nullptr)
-            _velClient_container_closeMapStream(slot, true, true, false);
+    if (msg->hdrMap_p != nullptr)
+        _velClient_container_closeMapStream(&msg->hdrMap_p, true, true, false);
+    if (msg->userPropertyMap_p != nullptr)
+        _velClient_container_closeMapStream(&msg->userPropertyMap_p, true, true, false);
+    if (msg->binaryAttachContainer_p != nullptr)
+        _velClient_container_closeMapStream(&msg->binaryAttachContainer_p, true, true, false);
 }
 
 /* Drops the references of the block in slot part and of every later slot
@@ -218,7 +221,8 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_alloc(velClient_op
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_free(velClient_opaqueMsg_pt *msg_p)
 {
-    _velClient_msg *msg = vel::takeHandle(msg_p, vel::msgOrFail, "Null reference to msg_p pointer in velClient_msg_free",
+    _velClient_msg *msg = vel::takeHandle(msg_p, _MSG_PTR_TYPE, vel::msgOrFail,
+                                          "Null reference to msg_p pointer in velClient_msg_free",
                                           "Bad msg_p pointer (%p) in velClient_msg_free");
     return msg == nullptr ? VELCLIENT_FAIL : freeRecord(msg);
 }
