@@ -40,7 +40,7 @@ inline _velClient_datab *allocBlock(ThreadState &me, std::uint32_t size) noexcep
         db = take<_velClient_datab>(me.blocks[q], _velClient_msgPool_s.freeDbList[q], me.counters.numFreeDataB[q]);
     if (db == nullptr && (db = newBlock(q, size)) == nullptr)
         return nullptr;
-    bump(me.counters.numAllocDataB[db->dbQuanta]);
+    bump(me.counters.numAllocDataB[q]); /* db->dbQuanta, known without waiting for the block */
     bump(me.counters.allocMemory, static_cast<std::uint64_t>(db->dbSize));
     __atomic_store_n(&db->dbRefCount, 1, __ATOMIC_RELAXED);
     VEL_LOG(VELCLIENT_LOG_DEBUG, "Allocated dataBlock %x, size %u, for requested size %u", addr32(db), db->dbSize,

@@ -3,6 +3,7 @@
  * handle, release, reset to the fresh state, duplication that shares data
  * blocks, and duplication that copies parts held in application memory.
  */
+#include <cassert>
 #include <cstring>
 
 #include "velClientMsg/memory/blockSteps.h"
@@ -93,19 +94,39 @@ velClient_opaqueMsg_pt issueHandle(_velClient_msg *msg)
     return handle;
 }
 
+/* Zeroes a record taken from the pool. Only freeing pools a message record,
+ * and freeing empties every block slot, so those are zero already. */
+inline void clearPooled(_velClient_msg *msg) noexcept
+{
+    constexpr std::size_t parts = offsetof(_velClient_msg, bufInfo_a);
+    constexpr std::size_t slots = offsetof(_velClient_msg, bufDatab_p);
+    constexpr std::size_t rest = offsetof(_velClient_msg, userPropertyMap_p);
+    static_assert(parts == sizeof(_velClient_lifoEntry) && slots + sizeof msg->bufDatab_p == rest,
+                  "the block slots lie between the parts and the rest of the record");
+    for ([[maybe_unused]] const _velClient_datab *db : msg->bufDatab_p)
+        assert(db == nullptr);
+    auto *bytes = reinterpret_cast<unsigned char *>(msg);
+    zeroBytes<slots - parts>(bytes + parts);
+    zeroBytes<sizeof(_velClient_msg) - rest>(bytes + rest);
+    __atomic_store_n(&msg->entry.next_p, nullptr, __ATOMIC_RELAXED);
+}
+
 /* The record of _velClient_msg_alloc, inline in the export. */
 [[gnu::always_inline]] inline velClient_returnCode_t allocRecord(_velClient_msg **msg_p)
 {
     ThreadState &me = local();
     _velClient_msg *msg = take<_velClient_msg>(me.msgs, _velClient_msgPool_s.freeMsgList, me.counters.numFreeMsg);
-    if (msg == nullptr && (msg = obtain<_velClient_msg>(sizeof(_velClient_msg))) == nullptr) {
+    if (msg != nullptr) {
+        clearPooled(msg);
+    } else if ((msg = obtain<_velClient_msg>(sizeof(_velClient_msg))) != nullptr) {
+        clearRecord(msg);
+    } else {
         *msg_p = nullptr;
         return VEL_FAIL(VELCLIENT_SUBCODE_OUT_OF_MEMORY, VELCLIENT_LOG_ERROR,
                         "velClient_msg_alloc, unable to allocate memory for velClient_msg");
     }
     bump(me.counters.msgAllocs);
     bump(me.counters.numAllocMsg);
-    clearRecord(msg);
     *msg_p = msg;
     return VELCLIENT_OK;
 }
