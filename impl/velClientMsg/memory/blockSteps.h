@@ -82,8 +82,8 @@ inline velClient_returnCode_t attachNewBlock(ThreadState &me, _velClient_msg *ms
 {
     _velClient_datab *db = allocBlock(me, size);
     if (db == nullptr) {
-        VEL_LOG(VELCLIENT_LOG_WARNING, "Unable to allocate buffer of size %u for buffer index %d in _velClient_msg_dbAlloc",
-                size, index);
+        VEL_LOG(VELCLIENT_LOG_WARNING,
+                "Unable to allocate buffer of size %u for buffer index %d in _velClient_msg_dbAlloc", size, index);
         return VELCLIENT_FAIL;
     }
     msg->internalFlags |= _VELCLIENT_MSG_FLAG_MODIFIED;
