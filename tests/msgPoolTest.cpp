@@ -285,3 +285,74 @@ TEST(MessagePool, ADuplicateSharesAndOutlivesItsSourceOnEveryPath)
     EXPECT_EQ(VELCLIENT_OK, velClient_session_sendMsg(session, d.h));
     velClient_session_destroy(&session);
 }
+
+/* A freed record is reused by the next allocation on the same thread: however
+ * its parts held blocks (copied, shared by a received message's parts, shared
+ * with a duplicate), freeing gives every block back once, and the reused
+ * record starts as a fresh message whose copied parts take new blocks. */
+TEST(MessagePool, AFreedRecordGivesBackEachBlockOnceAndComesBackFresh)
+{
+    const auto liveBlocks = [] {
+        velClient_uint64_t n = 0;
+        for (velClient_uint32_t q = 0; q <= 5; ++q)
+            n += stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, q);
+        return n;
+    };
+    const auto withParts = [](velClient_opaqueMsg_pt m) {
+        const velClient_destination_t topic{VELCLIENT_TOPIC_DESTINATION, "a/topic/of/twenty/ch"};
+        ASSERT_EQ(VELCLIENT_OK, velClient_msg_setDestination(m, &topic, sizeof topic));
+        ASSERT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachment(m, std::string(100, 'b').data(), 100));
+        ASSERT_EQ(VELCLIENT_OK, velClient_msg_setUserData(m, "user", 4));
+        ASSERT_EQ(VELCLIENT_OK, velClient_msg_setCorrelationTag(m, "tag", 3));
+    };
+    struct Case {
+        const char *name;
+        /* Builds the message to free; may keep another holder of its blocks in other. */
+        void (*build)(velClient_opaqueMsg_pt *m, velClient_opaqueMsg_pt *other,
+                      void (*withParts)(velClient_opaqueMsg_pt));
+    };
+    const Case cases[] = {
+        {"copied parts",
+         [](velClient_opaqueMsg_pt *m, velClient_opaqueMsg_pt *, void (*parts)(velClient_opaqueMsg_pt)) {
+             ASSERT_EQ(VELCLIENT_OK, velClient_msg_alloc(m));
+             parts(*m);
+         }},
+        {"received, parts sharing one block",
+         [](velClient_opaqueMsg_pt *m, velClient_opaqueMsg_pt *, void (*parts)(velClient_opaqueMsg_pt)) {
+             veltest::Msg sent;
+             parts(sent.h);
+             ASSERT_EQ(VELCLIENT_OK, veltest::decode(veltest::encode(sent.h), m));
+         }},
+        {"duplicate still holding the blocks",
+         [](velClient_opaqueMsg_pt *m, velClient_opaqueMsg_pt *other, void (*parts)(velClient_opaqueMsg_pt)) {
+             ASSERT_EQ(VELCLIENT_OK, velClient_msg_alloc(m));
+             parts(*m);
+             ASSERT_EQ(VELCLIENT_OK, velClient_msg_dup(*m, other));
+         }},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        const velClient_uint64_t blocks = liveBlocks(), msgs = stat(VELCLIENT_MSG_STATS_ALLOC_MSGS);
+        velClient_opaqueMsg_pt m = nullptr, other = nullptr;
+        c.build(&m, &other, withParts);
+        ASSERT_NE(nullptr, m);
+        const velClient_uint64_t held = liveBlocks();
+        velClient_opaqueMsg_pt stale = m;
+        ASSERT_EQ(VELCLIENT_OK, velClient_msg_free(&m));
+        EXPECT_EQ(nullptr, m);
+        EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_free(&stale)); /* its handle went with it */
+        if (other != nullptr) {
+            EXPECT_EQ(held, liveBlocks()); /* the duplicate's references remain */
+            EXPECT_EQ(VELCLIENT_OK, velClient_msg_free(&other));
+        }
+        EXPECT_EQ(blocks, liveBlocks());
+        EXPECT_EQ(msgs, stat(VELCLIENT_MSG_STATS_ALLOC_MSGS));
+
+        veltest::Msg reused, fresh;
+        EXPECT_EQ(fresh.dump(), reused.dump());
+        withParts(reused.h);
+        EXPECT_EQ(blocks + 4, liveBlocks()); /* destination, attachment, user data, tag */
+        const veltest::Bytes attachment = reused.attachment();
+        EXPECT_EQ(std::string(100, 'b'), std::string(attachment.begin(), attachment.end()));
+    }
+}

@@ -62,18 +62,28 @@ struct EntryCacheReturn {
     ~EntryCacheReturn() { myEntries_s.close(freeEntries_s); }
 };
 thread_local EntryCacheReturn entryCacheReturn_s;
+/* Whether this thread has registered the hook: reaching entryCacheReturn_s
+ * itself takes a call to __tls_get_addr in the shared library. */
+thread_local constinit bool entryHookSet_s VEL_HOT_TLS = false;
 
-_velClient_lifoEntry *popEntry()
+/* A free entry from the shared stack, adding pages as needed; nullptr when
+ * the table is full or memory runs out. Off the hot path. */
+[[gnu::noinline]] _velClient_lifoEntry *popSharedEntry()
 {
-    if (_velClient_lifoEntry *cached = myEntries_s.pop())
-        return cached;
-    return _velClient_lifoPop(&freeEntries_s);
+    _velClient_lifoEntry *popped = nullptr;
+    while ((popped = _velClient_lifoPop(&freeEntries_s)) == nullptr) {
+        if (!addPage())
+            return nullptr;
+    }
+    return popped;
 }
 
-void pushEntry(_velClient_lifoEntry *entry)
+[[gnu::always_inline]] inline void pushEntry(_velClient_lifoEntry *entry)
 {
-    if (myEntries_s.count == 0)
+    if (__builtin_expect(!entryHookSet_s, 0)) {
         (void)&entryCacheReturn_s; /* registers the thread-exit hook */
+        entryHookSet_s = true;
+    }
     if (!myEntries_s.push(entry, kCacheCap))
         _velClient_lifoPush(&freeEntries_s, entry);
 }
@@ -82,11 +92,9 @@ void pushEntry(_velClient_lifoEntry *entry)
 
 extern "C" void *_velClient_safePtr_alloc(void *object, _velClient_ptrType_t type)
 {
-    _velClient_lifoEntry *popped = nullptr;
-    while ((popped = popEntry()) == nullptr) {
-        if (!addPage())
-            return nullptr;
-    }
+    _velClient_lifoEntry *popped = myEntries_s.pop();
+    if (__builtin_expect(popped == nullptr, 0) && (popped = popSharedEntry()) == nullptr)
+        return nullptr;
     auto *entry = reinterpret_cast<_velClient_pointerInfo *>(popped);
     std::uint64_t old = entry->u.ptrInfo;
     std::uint64_t gen = ((old & kGenMask) + kGenOne) & kGenMask;
@@ -97,6 +105,33 @@ extern "C" void *_velClient_safePtr_alloc(void *object, _velClient_ptrType_t typ
     __atomic_store_n(&entry->ptrType, type, __ATOMIC_RELAXED);
     __atomic_store_n(&entry->u.ptrInfo, handle, __ATOMIC_RELEASE);
     return reinterpret_cast<void *>(handle);
+}
+
+namespace {
+
+_velClient_pointerInfo *entryOf(std::uint64_t h)
+{
+    _velClient_pointerInfo *page =
+        _velClient_globalInfo_g.safePtrs[(h & kSafePtrPageMask) >> 12].load(std::memory_order_acquire);
+    return h == 0 || page == nullptr ? nullptr : &page[h & kSafePtrEntryMask];
+}
+
+} // namespace
+
+extern "C" void *_velClient_safePtr_take(void *handle, _velClient_ptrType_t type)
+{
+    auto h = reinterpret_cast<std::uint64_t>(handle);
+    _velClient_pointerInfo *entry = entryOf(h);
+    if (entry == nullptr || __atomic_load_n(&entry->u.ptrInfo, __ATOMIC_ACQUIRE) != h ||
+        __atomic_load_n(&entry->ptrType, __ATOMIC_RELAXED) != type)
+        return nullptr;
+    void *object = __atomic_load_n(&entry->actualPtr, __ATOMIC_RELAXED);
+    if (object == nullptr)
+        return nullptr;
+    __atomic_store_n(&entry->u.ptrInfo, h | kFreeBit, __ATOMIC_RELEASE);
+    __atomic_store_n(&entry->ptrType, _UNUSED_PTR_TYPE, __ATOMIC_RELAXED);
+    pushEntry(&entry->entry);
+    return object;
 }
 
 extern "C" void _velClient_safePtr_free(void *handle)

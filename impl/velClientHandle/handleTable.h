@@ -61,8 +61,17 @@ extern _velClient_globalInfo _velClient_globalInfo_g;
  * page cannot be allocated. Thread-safe, lock-free except for page creation. */
 void *_velClient_safePtr_alloc(void *object, _velClient_ptrType_t type);
 
-/* Invalidates handle: later resolution of the same value fails. */
+/* Invalidates handle: later resolution of the same value fails. Of two
+ * threads freeing the same handle at once, one frees it (a locked
+ * compare-and-swap decides which). */
 void _velClient_safePtr_free(void *handle);
+
+/* For a call that frees the record behind handle: the record when handle is
+ * live and of type, the handle then invalidated; else nullptr, and nothing
+ * changes. Plain stores, no locked instruction: two threads freeing the same
+ * handle at once would free its record twice as well, so this gives that
+ * race no protection the record does not have either. */
+void *_velClient_safePtr_take(void *handle, _velClient_ptrType_t type);
 }
 
 namespace vel {
@@ -91,21 +100,23 @@ inline T *resolve(const void *handle, _velClient_ptrType_t type) noexcept
 
 /* The record behind *handle_p for a call that frees it: the handle is
  * withdrawn and *handle_p set to nullptr. nullptr after recording a null
- * handle_p or a handle that does not resolve. */
+ * handle_p or a handle that does not resolve (resolveOrFail records it). */
 template <typename Record, typename Handle>
-Record *takeHandle(Handle *handle_p, Record *(*resolveOrFail)(Handle, HandleFormat), Format<> nullText,
-                   HandleFormat badHandle)
+Record *takeHandle(Handle *handle_p, _velClient_ptrType_t type, Record *(*resolveOrFail)(Handle, HandleFormat),
+                   Format<> nullText, HandleFormat badHandle)
 {
     if (handle_p == nullptr) {
         VEL_STORE_F(VELCLIENT_SUBCODE_PARAM_NULL_PTR, VELCLIENT_LOG_WARNING, nullText);
         return nullptr;
     }
-    Record *record = resolveOrFail(*handle_p, badHandle);
-    if (record != nullptr) {
-        _velClient_safePtr_free(*handle_p);
-        *handle_p = nullptr;
+    for (;;) {
+        if (void *record = _velClient_safePtr_take(*handle_p, type)) {
+            *handle_p = nullptr;
+            return static_cast<Record *>(record);
+        }
+        if (resolveOrFail(*handle_p, badHandle) == nullptr)
+            return nullptr;
     }
-    return record;
 }
 
 } // namespace vel

@@ -65,7 +65,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_session_destroy(velCli
             return VEL_FAIL(VELCLIENT_SUBCODE_PARAM_CONFLICT, VELCLIENT_LOG_WARNING,
                             "Session destroyed from inside its own callback in velClient_session_destroy");
     }
-    _velClient_session *s = vel::takeHandle(session_p, vel::sessionOrFail,
+    _velClient_session *s = vel::takeHandle(session_p, _SESSION_PTR_TYPE, vel::sessionOrFail,
                                             "Null session_p pointer in velClient_session_destroy",
                                             "Bad session pointer (%p) in velClient_session_destroy");
     if (s == nullptr)

@@ -6,7 +6,7 @@
  */
 #include <cstring>
 
-#include "velClientMsg/memory/poolAccounting.h"
+#include "velClientMsg/memory/blockSteps.h"
 
 namespace {
 
@@ -14,24 +14,9 @@ constexpr std::uint32_t kHeaderSize = vel::pool::kDatabHeaderSize;
 
 using namespace vel::pool;
 
-/* The first class whose capacity holds size, or 5 (oversize). */
-inline std::uint32_t classFor(std::uint32_t size) noexcept
-{
-    const std::uint32_t *quanta = _velClient_msgPool_s.dbQuantaSize;
-    std::uint32_t q = 0;
-    while (q < _VELCLIENT_NUM_QUANTA && size > quanta[q])
-        ++q;
-    return q;
-}
+} // namespace
 
-/* Low 32 bits of an address, for the traces that print blocks with %x. */
-inline unsigned addr32(const void *p) noexcept
-{
-    return static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(p));
-}
-
-/* A new block from the system for class q (capacity exactly size when oversize). */
-[[gnu::noinline]] _velClient_datab *newBlock(std::uint32_t q, std::uint32_t size)
+_velClient_datab *vel::pool::newBlock(std::uint32_t q, std::uint32_t size)
 {
     std::uint32_t capacity = q < _VELCLIENT_NUM_QUANTA ? _velClient_msgPool_s.dbQuantaSize[q] : size;
     _velClient_datab *db = nullptr;
@@ -49,6 +34,8 @@ inline unsigned addr32(const void *p) noexcept
     db->dbData_p = reinterpret_cast<std::uint8_t *>(db + 1);
     return db;
 }
+
+namespace {
 
 /* A public data-block handle is the record's address; refuse what cannot be one. */
 inline _velClient_datab *blockOf(velClient_opaqueDatablock_pt datab) noexcept
@@ -78,22 +65,8 @@ _velClient_container **openContainerSlot(_velClient_msg *msg, int bufIndex)
 
 velClient_returnCode_t _velClient_datablock_alloc(_velClient_datab **result, std::uint32_t size)
 {
-    std::uint32_t q = classFor(size);
-    ThreadState &me = local();
-    _velClient_datab *db = nullptr;
-    if (q < _VELCLIENT_NUM_QUANTA)
-        db = take<_velClient_datab>(me.blocks[q], _velClient_msgPool_s.freeDbList[q], me.counters.numFreeDataB[q]);
-    if (db == nullptr && (db = newBlock(q, size)) == nullptr) {
-        *result = nullptr;
-        return VELCLIENT_FAIL;
-    }
-    bump(me.counters.numAllocDataB[db->dbQuanta]);
-    bump(me.counters.allocMemory, static_cast<std::uint64_t>(db->dbSize));
-    __atomic_store_n(&db->dbRefCount, 1, __ATOMIC_RELAXED);
-    VEL_LOG(VELCLIENT_LOG_DEBUG, "Allocated dataBlock %x, size %u, for requested size %u", addr32(db), db->dbSize,
-            size);
-    *result = db;
-    return VELCLIENT_OK;
+    *result = allocBlock(local(), size);
+    return *result == nullptr ? VELCLIENT_FAIL : VELCLIENT_OK;
 }
 
 bool _velClient_datablock_reusableFor(const _velClient_datab *db, std::uint32_t size)
@@ -109,27 +82,7 @@ void _velClient_datablock_decRef(_velClient_datab *db, const char *file_p, int l
 
 void _velClient_datablock_decRefBy(_velClient_datab *db, std::int32_t count, const char *file_p, int line)
 {
-    /* Acquire: when this is the last reference, what other holders wrote
-     * before dropping theirs is visible before the block is reused. */
-    std::int32_t before = __atomic_load_n(&db->dbRefCount, __ATOMIC_ACQUIRE);
-    VEL_LOG(VELCLIENT_LOG_DEBUG, "datablock_free %x, refcount=%d %s:%d", addr32(db), before, file_p, line);
-    if (before <= 0)
-        VEL_LOG(VELCLIENT_LOG_CRITICAL, "datablock already free %x, refcount=%d %s:%d", addr32(db), before, file_p,
-                line);
-    /* The only holder needs no atomic decrement: nobody else can add a reference. */
-    if (before != count && __atomic_fetch_sub(&db->dbRefCount, count, __ATOMIC_ACQ_REL) != count)
-        return;
-    __atomic_store_n(&db->dbRefCount, 0, __ATOMIC_RELAXED);
-    ThreadState &me = local();
-    std::uint32_t q = db->dbQuanta;
-    drop(me.counters.numAllocDataB[q]);
-    drop(me.counters.allocMemory, static_cast<std::uint64_t>(db->dbSize));
-    std::size_t bytes = std::size_t{kHeaderSize} + db->dbSize;
-    if (q < _VELCLIENT_NUM_QUANTA)
-        release(me.blocks[q], blockCacheCap[q], _velClient_msgPool_s.freeDbList[q], &db->entry,
-                me.counters.numFreeDataB[q], bytes);
-    else
-        giveToSystem(db, bytes, true);
+    dropBlockRefs(local(), db, count, file_p, line);
 }
 
 void _velClient_datablock_incRef(_velClient_datab *db, std::int32_t count)
@@ -154,17 +107,7 @@ velClient_returnCode_t _velClient_msg_dbAlloc(_velClient_msg *msg, int bufIndex,
     if (msg->bufDatab_p[bufIndex] != nullptr)
         return VEL_FAIL(VELCLIENT_SUBCODE_DBLOCK_ALREADY_EXISTS, VELCLIENT_LOG_WARNING,
                         "bufInfo part already contains data block in _velClient_msg_dbAlloc");
-    _velClient_datab *db = nullptr;
-    if (_velClient_datablock_alloc(&db, size) != VELCLIENT_OK) {
-        VEL_LOG(VELCLIENT_LOG_WARNING, "Unable to allocate buffer of size %u for buffer index %d in _velClient_msg_dbAlloc",
-                size, bufIndex);
-        return VELCLIENT_FAIL;
-    }
-    msg->internalFlags |= _VELCLIENT_MSG_FLAG_MODIFIED;
-    msg->bufDatab_p[bufIndex] = db;
-    msg->bufInfo_a[bufIndex].buf_p = db->dbData_p;
-    msg->bufInfo_a[bufIndex].bufSize = db->dbSize;
-    return VELCLIENT_OK;
+    return attachNewBlock(local(), msg, bufIndex, size);
 }
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_datablock_alloc(velClient_opaqueDatablock_pt *datab_p,

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "velClientAlloc/systemMemory.h"
 #include "velClientMsg/memory/poolThreadState.h"
@@ -37,18 +38,20 @@ inline void sub(std::atomic<T> &counter, T amount = 1) noexcept
     counter.fetch_sub(amount, std::memory_order_relaxed);
 }
 
-/* Zeroes N bytes in 32-byte pieces. A record is a few hundred bytes: a
- * string instruction's start-up would cost more than the stores, so the
- * pieces are kept apart (the empty asm stops them merging into one memset). */
+/* Zeroes N bytes in 32-byte pieces, unrolled. A record is a few hundred
+ * bytes: a string instruction's start-up would cost more than the stores, so
+ * the pieces are kept apart (the empty asm stops them merging into one memset). */
+inline void zero32(unsigned char *p) noexcept
+{
+    std::memset(p, 0, 32);
+    __asm__ volatile("" : : "r"(p) : "memory");
+}
+
 template <std::size_t N>
 inline void zeroBytes(unsigned char *p) noexcept
 {
-    std::size_t i = 0;
-    for (; i + 32 <= N; i += 32) {
-        std::memset(p + i, 0, 32);
-        __asm__ volatile("" : : "r"(p) : "memory");
-    }
-    std::memset(p + i, 0, N - i);
+    [p]<std::size_t... I>(std::index_sequence<I...>) { (zero32(p + I * 32), ...); }(std::make_index_sequence<N / 32>{});
+    std::memset(p + N / 32 * 32, 0, N % 32);
 }
 
 /* Zeroes a record taken from a free list, up to its first Used bytes (what
@@ -93,14 +96,25 @@ inline T *takeShared(_velClient_lifoHead &list, std::atomic<std::uint32_t> &numF
     return reinterpret_cast<T *>(entry);
 }
 
+/* The rest of take() once the thread's cache is empty, out of line. */
+template <typename T>
+[[gnu::noinline]] T *takeFromShared(_velClient_lifoHead &list, std::atomic<std::uint32_t> &myNumFree) noexcept
+{
+    _velClient_lifoEntry *entry = _velClient_lifoPop(&list);
+    if (entry == nullptr)
+        return nullptr;
+    drop(myNumFree);
+    return reinterpret_cast<T *>(entry);
+}
+
 /* A pooled record from the thread's cache, else from the shared list, or
  * nullptr; the thread's free count is lowered. */
 template <typename T>
 inline T *take(LocalStack &cache, _velClient_lifoHead &list, std::atomic<std::uint32_t> &myNumFree) noexcept
 {
     _velClient_lifoEntry *entry = cache.pop();
-    if (entry == nullptr && (entry = _velClient_lifoPop(&list)) == nullptr)
-        return nullptr;
+    if (__builtin_expect(entry == nullptr, 0))
+        return takeFromShared<T>(list, myNumFree);
     drop(myNumFree);
     return reinterpret_cast<T *>(entry);
 }

@@ -16,7 +16,7 @@ using namespace vel::dest;
 /* Copies text (length bytes and a NUL) into part; its size excludes the NUL. */
 velClient_returnCode_t copyText(_velClient_msg *msg, int part, const char *text, std::size_t length)
 {
-    if (_velClient_msg_setBufinfo(msg, part, text, static_cast<std::uint32_t>(length + 1), 0) != VELCLIENT_OK)
+    if (vel::msg::copyIntoPart(msg, part, text, static_cast<std::uint32_t>(length + 1)) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     auto *p = static_cast<char *>(msg->bufInfo_a[part].buf_p);
     p[length] = '\0';
@@ -33,15 +33,15 @@ velClient_returnCode_t tooLong(std::size_t length, std::size_t limit, int type)
 
 /* Copies name (at most limit characters) into part, clears otherPart and
  * marks the destination temporary or not by its type. */
-velClient_returnCode_t putName(_velClient_msg *msg, const char *name, std::size_t limit, int type, int part,
-                               int otherPart)
+[[gnu::always_inline]] inline velClient_returnCode_t putName(_velClient_msg *msg, const char *name, std::size_t limit,
+                                                             int type, int part, int otherPart)
 {
     std::size_t length = std::strlen(name);
     if (length > limit)
         return tooLong(length, limit, type);
     if (copyText(msg, part, name, length) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
-    _velClient_msg_setBufinfoPtr(msg, otherPart, nullptr, 0);
+    vel::msg::clearPart(msg, otherPart);
     setTemporary(msg, type == VELCLIENT_TOPIC_TEMP_DESTINATION || type == VELCLIENT_QUEUE_TEMP_DESTINATION);
     return VELCLIENT_OK;
 }
@@ -51,7 +51,7 @@ velClient_returnCode_t setTopic(_velClient_msg *msg, const char *text, int type)
     if (putName(msg, text, kMaxTopic, type, VELCLIENT_BUFINFO_TOPIC_PART, VELCLIENT_BUFINFO_QUEUENAME_PART) !=
         VELCLIENT_OK)
         return VELCLIENT_FAIL;
-    _velClient_msg_setBufinfoPtr(msg, _VELCLIENT_BUFINFO_DEST_PREFIX_PART, nullptr, 0);
+    vel::msg::clearPart(msg, _VELCLIENT_BUFINFO_DEST_PREFIX_PART);
     return VELCLIENT_OK;
 }
 

@@ -3,9 +3,10 @@
  * handle, release, reset to the fresh state, duplication that shares data
  * blocks, and duplication that copies parts held in application memory.
  */
+#include <cassert>
 #include <cstring>
 
-#include "velClientMsg/memory/poolAccounting.h"
+#include "velClientMsg/memory/blockSteps.h"
 #include "velClientMsg/message/recordApi.h"
 
 namespace {
@@ -38,24 +39,41 @@ void closeAllContainers(_velClient_msg *msg)
         _velClient_container_closeMapStream(&msg->binaryAttachContainer_p, true, true, false);
 }
 
-/* Drops every part's block reference and empties the slots. Parts that share
- * a block (a received message's) give their references back in one step. */
-void dropAllBlocks(_velClient_msg *msg)
+/* Drops the references of the block in slot part and of every later slot
+ * that holds the same block, in one step, and empties those slots. A block
+ * holding one reference is in no other slot. */
+[[gnu::always_inline]] inline void dropPartBlock(ThreadState &me, _velClient_datab **slots, int part)
 {
-    _velClient_datab **slots = msg->bufDatab_p;
-    for (int part = 0; part < _VELCLIENT_BUFINFO_NUM_PARTS; ++part) {
-        _velClient_datab *db = slots[part];
-        if (db == nullptr)
-            continue;
-        std::int32_t refs = 1;
+    _velClient_datab *db = slots[part];
+    slots[part] = nullptr;
+    std::int32_t refs = 1;
+    if (__atomic_load_n(&db->dbRefCount, __ATOMIC_RELAXED) != 1) {
         for (int later = part + 1; later < _VELCLIENT_BUFINFO_NUM_PARTS; ++later) {
             if (slots[later] == db) {
                 ++refs;
                 slots[later] = nullptr;
             }
         }
-        slots[part] = nullptr;
-        _velClient_datablock_decRefBy(db, refs, __FILE__, __LINE__);
+    }
+    dropBlockRefs(me, db, refs, __FILE__, __LINE__);
+}
+
+/* Drops every part's block reference and empties the slots. Most slots are
+ * empty: they are tested four at a time. */
+[[gnu::always_inline]] inline void dropAllBlocks(ThreadState &me, _velClient_msg *msg)
+{
+    static_assert(_VELCLIENT_BUFINFO_NUM_PARTS % 4 == 0, "slots are tested four at a time");
+    _velClient_datab **slots = msg->bufDatab_p;
+    for (int group = 0; group < _VELCLIENT_BUFINFO_NUM_PARTS; group += 4) {
+        const auto any = reinterpret_cast<std::uintptr_t>(slots[group]) |
+                         reinterpret_cast<std::uintptr_t>(slots[group + 1]) |
+                         reinterpret_cast<std::uintptr_t>(slots[group + 2]) |
+                         reinterpret_cast<std::uintptr_t>(slots[group + 3]);
+        if (any == 0)
+            continue;
+        for (int part = group; part < group + 4; ++part)
+            if (slots[part] != nullptr)
+                dropPartBlock(me, slots, part);
     }
 }
 
@@ -78,6 +96,56 @@ velClient_opaqueMsg_pt issueHandle(_velClient_msg *msg)
     return handle;
 }
 
+/* Zeroes a record taken from the pool. Only freeing pools a message record,
+ * and freeing empties every block slot, so those are zero already. */
+inline void clearPooled(_velClient_msg *msg) noexcept
+{
+    constexpr std::size_t parts = offsetof(_velClient_msg, bufInfo_a);
+    constexpr std::size_t slots = offsetof(_velClient_msg, bufDatab_p);
+    constexpr std::size_t rest = offsetof(_velClient_msg, userPropertyMap_p);
+    static_assert(parts == sizeof(_velClient_lifoEntry) && slots + sizeof msg->bufDatab_p == rest,
+                  "the block slots lie between the parts and the rest of the record");
+    for ([[maybe_unused]] const _velClient_datab *db : msg->bufDatab_p)
+        assert(db == nullptr);
+    auto *bytes = reinterpret_cast<unsigned char *>(msg);
+    zeroBytes<slots - parts>(bytes + parts);
+    zeroBytes<sizeof(_velClient_msg) - rest>(bytes + rest);
+    __atomic_store_n(&msg->entry.next_p, nullptr, __ATOMIC_RELAXED);
+}
+
+/* The record of _velClient_msg_alloc, inline in the export. */
+[[gnu::always_inline]] inline velClient_returnCode_t allocRecord(_velClient_msg **msg_p)
+{
+    ThreadState &me = local();
+    _velClient_msg *msg = take<_velClient_msg>(me.msgs, _velClient_msgPool_s.freeMsgList, me.counters.numFreeMsg);
+    if (msg != nullptr) {
+        clearPooled(msg);
+    } else if ((msg = obtain<_velClient_msg>(sizeof(_velClient_msg))) != nullptr) {
+        clearRecord(msg);
+    } else {
+        *msg_p = nullptr;
+        return VEL_FAIL(VELCLIENT_SUBCODE_OUT_OF_MEMORY, VELCLIENT_LOG_ERROR,
+                        "velClient_msg_alloc, unable to allocate memory for velClient_msg");
+    }
+    bump(me.counters.msgAllocs);
+    bump(me.counters.numAllocMsg);
+    *msg_p = msg;
+    return VELCLIENT_OK;
+}
+
+/* The release of _velClient_msg_free, inline in the export. */
+[[gnu::always_inline]] inline velClient_returnCode_t freeRecord(_velClient_msg *msg)
+{
+    closeAllContainers(msg);
+    ThreadState &me = local();
+    dropAllBlocks(me, msg);
+    release(me.msgs, kRecordCacheCap, _velClient_msgPool_s.freeMsgList, &msg->entry, me.counters.numFreeMsg,
+            sizeof(_velClient_msg));
+    bump(me.counters.msgFrees);
+    drop(me.counters.numAllocMsg);
+    return VELCLIENT_OK;
+}
+
 } // namespace
 
 velClient_returnCode_t vel::msg::issueHandle(_velClient_msg *msg, const char *caller)
@@ -91,30 +159,12 @@ velClient_returnCode_t vel::msg::issueHandle(_velClient_msg *msg, const char *ca
 
 velClient_returnCode_t _velClient_msg_alloc(_velClient_msg **msg_p)
 {
-    ThreadState &me = local();
-    _velClient_msg *msg = take<_velClient_msg>(me.msgs, _velClient_msgPool_s.freeMsgList, me.counters.numFreeMsg);
-    if (msg == nullptr && (msg = obtain<_velClient_msg>(sizeof(_velClient_msg))) == nullptr) {
-        *msg_p = nullptr;
-        return VEL_FAIL(VELCLIENT_SUBCODE_OUT_OF_MEMORY, VELCLIENT_LOG_ERROR,
-                        "velClient_msg_alloc, unable to allocate memory for velClient_msg");
-    }
-    bump(me.counters.msgAllocs);
-    bump(me.counters.numAllocMsg);
-    clearRecord(msg);
-    *msg_p = msg;
-    return VELCLIENT_OK;
+    return allocRecord(msg_p);
 }
 
 velClient_returnCode_t _velClient_msg_free(_velClient_msg *msg)
 {
-    closeAllContainers(msg);
-    dropAllBlocks(msg);
-    ThreadState &me = local();
-    release(me.msgs, kRecordCacheCap, _velClient_msgPool_s.freeMsgList, &msg->entry, me.counters.numFreeMsg,
-            sizeof(_velClient_msg));
-    bump(me.counters.msgFrees);
-    drop(me.counters.numAllocMsg);
-    return VELCLIENT_OK;
+    return freeRecord(msg);
 }
 
 velClient_returnCode_t _velClient_msg_dup(_velClient_msg *msg, _velClient_msg **newMsg_p)
@@ -176,7 +226,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_alloc(velClient_op
     if (msg_p == nullptr)
         return VEL_FAIL_NULL("Null reference to msg_p pointer in velClient_msg_alloc");
     _velClient_msg *msg = nullptr;
-    if (_velClient_msg_alloc(&msg) != VELCLIENT_OK) {
+    if (allocRecord(&msg) != VELCLIENT_OK) {
         *msg_p = nullptr;
         return VELCLIENT_FAIL;
     }
@@ -194,9 +244,10 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_alloc(velClient_op
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_free(velClient_opaqueMsg_pt *msg_p)
 {
-    _velClient_msg *msg = vel::takeHandle(msg_p, vel::msgOrFail, "Null reference to msg_p pointer in velClient_msg_free",
+    _velClient_msg *msg = vel::takeHandle(msg_p, _MSG_PTR_TYPE, vel::msgOrFail,
+                                          "Null reference to msg_p pointer in velClient_msg_free",
                                           "Bad msg_p pointer (%p) in velClient_msg_free");
-    return msg == nullptr ? VELCLIENT_FAIL : _velClient_msg_free(msg);
+    return msg == nullptr ? VELCLIENT_FAIL : freeRecord(msg);
 }
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_reset(velClient_opaqueMsg_pt msg_p)
@@ -205,7 +256,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_reset(velClient_op
     if (msg == nullptr)
         return VELCLIENT_FAIL;
     closeAllContainers(msg);
-    dropAllBlocks(msg);
+    dropAllBlocks(local(), msg);
     for (velClient_bufInfo_t &info : msg->bufInfo_a)
         info = velClient_bufInfo_t{nullptr, 0};
     msg->binAttachmentType = 0;

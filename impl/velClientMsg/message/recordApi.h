@@ -16,6 +16,23 @@ namespace vel::msg {
  * failure's text names caller. */
 velClient_returnCode_t issueHandle(_velClient_msg *msg, const char *caller);
 
+/* part (a valid one) := a copy of size bytes, as _velClient_msg_setBufinfo
+ * at offset 0 makes it; the usual part holds no block and goes straight to a
+ * new one. */
+velClient_returnCode_t copyIntoPart(_velClient_msg *msg, int part, const void *buf_p, std::uint32_t size);
+
+/* Empties a part, as _velClient_msg_setBufinfoPtr(msg, part, nullptr, 0)
+ * does; the usual part to clear holds no block and needs no call. */
+inline void clearPart(_velClient_msg *msg, int part)
+{
+    if (msg->bufDatab_p[part] != nullptr) {
+        _velClient_msg_setBufinfoPtr(msg, part, nullptr, 0);
+        return;
+    }
+    msg->internalFlags |= _VELCLIENT_MSG_FLAG_MODIFIED;
+    msg->bufInfo_a[part] = velClient_bufInfo_t{nullptr, 0};
+}
+
 /* ---- Delivery properties kept in the record -------------------------------- */
 velClient_returnCode_t classOfService(_velClient_msg *msg, velClient_uint32_t *cos_p);
 velClient_returnCode_t deliveryMode(_velClient_msg *msg, velClient_uint32_t *mode_p);

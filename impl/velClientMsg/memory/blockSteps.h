@@ -1,0 +1,96 @@
+/*
+ * blockSteps.h - the inline steps of data blocks that the hot paths share:
+ * choosing a size class, taking a block for the calling thread, attaching a
+ * new block to an empty message part, and dropping references (the last
+ * holder pools or frees the block). datablock.cpp holds the rest.
+ */
+#pragma once
+
+#include "velClientMsg/memory/poolAccounting.h"
+
+namespace vel::pool {
+
+/* Low 32 bits of an address, for the traces that print blocks with %x. */
+inline unsigned addr32(const void *p) noexcept
+{
+    return static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(p));
+}
+
+/* The first class whose capacity holds size, or 5 (oversize). */
+inline std::uint32_t classFor(std::uint32_t size) noexcept
+{
+    const std::uint32_t *quanta = _velClient_msgPool_s.dbQuantaSize;
+    std::uint32_t q = 0;
+    while (q < _VELCLIENT_NUM_QUANTA && size > quanta[q])
+        ++q;
+    return q;
+}
+
+/* A new block from the system for class q (capacity exactly size when
+ * oversize), or nullptr after recording the failure. */
+_velClient_datab *newBlock(std::uint32_t q, std::uint32_t size);
+
+/* A block of capacity >= size with reference count 1, taken by the calling
+ * thread me; nullptr after recording the failure. */
+inline _velClient_datab *allocBlock(ThreadState &me, std::uint32_t size) noexcept
+{
+    std::uint32_t q = classFor(size);
+    _velClient_datab *db = nullptr;
+    if (__builtin_expect(q < _VELCLIENT_NUM_QUANTA, 1))
+        db = take<_velClient_datab>(me.blocks[q], _velClient_msgPool_s.freeDbList[q], me.counters.numFreeDataB[q]);
+    if (db == nullptr && (db = newBlock(q, size)) == nullptr)
+        return nullptr;
+    bump(me.counters.numAllocDataB[q]); /* db->dbQuanta, known without waiting for the block */
+    bump(me.counters.allocMemory, static_cast<std::uint64_t>(db->dbSize));
+    __atomic_store_n(&db->dbRefCount, 1, __ATOMIC_RELAXED);
+    VEL_LOG(VELCLIENT_LOG_DEBUG, "Allocated dataBlock %x, size %u, for requested size %u", addr32(db), db->dbSize,
+            size);
+    return db;
+}
+
+/* Drops count references held by one holder at once, for the calling
+ * thread me: the one sequence every holder uses (traces name file and line).
+ * The last holder pools the block, or frees it when oversize. */
+inline void dropBlockRefs(ThreadState &me, _velClient_datab *db, std::int32_t count, const char *file_p,
+                          int line) noexcept
+{
+    /* Acquire: when this is the last reference, what other holders wrote
+     * before dropping theirs is visible before the block is reused. */
+    std::int32_t before = __atomic_load_n(&db->dbRefCount, __ATOMIC_ACQUIRE);
+    VEL_LOG(VELCLIENT_LOG_DEBUG, "datablock_free %x, refcount=%d %s:%d", addr32(db), before, file_p, line);
+    if (before <= 0)
+        VEL_LOG(VELCLIENT_LOG_CRITICAL, "datablock already free %x, refcount=%d %s:%d", addr32(db), before, file_p,
+                line);
+    /* The only holder needs no atomic decrement: nobody else can add a reference. */
+    if (before != count && __atomic_fetch_sub(&db->dbRefCount, count, __ATOMIC_ACQ_REL) != count)
+        return;
+    __atomic_store_n(&db->dbRefCount, 0, __ATOMIC_RELAXED);
+    std::uint32_t q = db->dbQuanta;
+    drop(me.counters.numAllocDataB[q]);
+    drop(me.counters.allocMemory, static_cast<std::uint64_t>(db->dbSize));
+    std::size_t bytes = std::size_t{kDatabHeaderSize} + db->dbSize;
+    if (__builtin_expect(q < _VELCLIENT_NUM_QUANTA, 1))
+        release(me.blocks[q], blockCacheCap[q], _velClient_msgPool_s.freeDbList[q], &db->entry,
+                me.counters.numFreeDataB[q], bytes);
+    else
+        giveToSystem(db, bytes, true);
+}
+
+/* Attaches a new block of size bytes to the empty part index of msg:
+ * buf_p/bufSize = the block. Records the failure. */
+inline velClient_returnCode_t attachNewBlock(ThreadState &me, _velClient_msg *msg, int index, std::uint32_t size)
+{
+    _velClient_datab *db = allocBlock(me, size);
+    if (db == nullptr) {
+        VEL_LOG(VELCLIENT_LOG_WARNING,
+                "Unable to allocate buffer of size %u for buffer index %d in _velClient_msg_dbAlloc", size, index);
+        return VELCLIENT_FAIL;
+    }
+    msg->internalFlags |= _VELCLIENT_MSG_FLAG_MODIFIED;
+    msg->bufDatab_p[index] = db;
+    msg->bufInfo_a[index].buf_p = db->dbData_p;
+    msg->bufInfo_a[index].bufSize = db->dbSize;
+    return VELCLIENT_OK;
+}
+
+} // namespace vel::pool
