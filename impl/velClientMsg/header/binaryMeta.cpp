@@ -19,6 +19,7 @@
 
 #include "velClientMsg/header/headerMaps.h"
 #include "velClientMsg/container/tlvCodec.h"
+#include "velClientMsg/message/recordApi.h"
 
 namespace {
 
@@ -103,18 +104,6 @@ bool needsMeta(const _velClient_msg *msg)
            partHasBytes(msg, VELCLIENT_BUFINFO_USER_PROPERTY_PART);
 }
 
-/* The header map is closed; the attachment and the user property map are
- * closed with closeAll, else only finalised (their handles stay valid). */
-void finishContainers(_velClient_msg *msg, bool closeAll)
-{
-    if (msg->binaryAttachContainer_p != nullptr)
-        _velClient_container_closeMapStream(&msg->binaryAttachContainer_p, closeAll, closeAll, false);
-    if (msg->hdrMap_p != nullptr)
-        _velClient_container_closeMapStream(&msg->hdrMap_p, true, true, false);
-    if (msg->userPropertyMap_p != nullptr)
-        _velClient_container_closeMapStream(&msg->userPropertyMap_p, closeAll, closeAll, false);
-}
-
 /* Writes (or patches) the header into part 8 and the entry keys into parts 10 and 7. */
 velClient_returnCode_t buildHeader(_velClient_msg *msg)
 {
@@ -147,7 +136,7 @@ velClient_returnCode_t vel::meta::prepareForWire(_velClient_msg *msg, bool close
 {
     const bool needed = needsMeta(msg);
     if (needed || closeAll)
-        finishContainers(msg, closeAll);
+        vel::msg::closeContainers(msg, closeAll);
     return needed ? buildHeader(msg) : VELCLIENT_OK;
 }
 

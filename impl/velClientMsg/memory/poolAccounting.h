@@ -84,27 +84,30 @@ inline bool underLimit() noexcept
            _velClient_msgPool_s.maxPoolMemSize.load(std::memory_order_relaxed);
 }
 
+/* A pooled record from the shared list, counted out by countOut(), or nullptr. */
+template <typename T, typename CountOut>
+inline T *popShared(_velClient_lifoHead &list, CountOut countOut) noexcept
+{
+    _velClient_lifoEntry *entry = _velClient_lifoPop(&list);
+    if (entry == nullptr)
+        return nullptr;
+    countOut();
+    return reinterpret_cast<T *>(entry);
+}
+
 /* A pooled record from the shared list (its shared free count lowered), or
  * nullptr. For draining; allocation goes through take(). */
 template <typename T>
 inline T *takeShared(_velClient_lifoHead &list, std::atomic<std::uint32_t> &numFree) noexcept
 {
-    _velClient_lifoEntry *entry = _velClient_lifoPop(&list);
-    if (entry == nullptr)
-        return nullptr;
-    sub(numFree);
-    return reinterpret_cast<T *>(entry);
+    return popShared<T>(list, [&] { sub(numFree); });
 }
 
 /* The rest of take() once the thread's cache is empty, out of line. */
 template <typename T>
 [[gnu::noinline]] T *takeFromShared(_velClient_lifoHead &list, std::atomic<std::uint32_t> &myNumFree) noexcept
 {
-    _velClient_lifoEntry *entry = _velClient_lifoPop(&list);
-    if (entry == nullptr)
-        return nullptr;
-    drop(myNumFree);
-    return reinterpret_cast<T *>(entry);
+    return popShared<T>(list, [&] { drop(myNumFree); });
 }
 
 /* A pooled record from the thread's cache, else from the shared list, or

@@ -25,20 +25,6 @@ constexpr std::uint32_t readOnlyFlagOf(int part) noexcept
     }
 }
 
-/* Closes (and forgets) the message's open containers: header map, user
- * property map, binary attachment. */
-void closeAllContainers(_velClient_msg *msg)
-{
-    /* Three tests, not a loop over a list of the slots, which the compiler
-     * builds on the stack on every call. */
-    if (msg->hdrMap_p != nullptr)
-        _velClient_container_closeMapStream(&msg->hdrMap_p, true, true, false);
-    if (msg->userPropertyMap_p != nullptr)
-        _velClient_container_closeMapStream(&msg->userPropertyMap_p, true, true, false);
-    if (msg->binaryAttachContainer_p != nullptr)
-        _velClient_container_closeMapStream(&msg->binaryAttachContainer_p, true, true, false);
-}
-
 /* Drops the references of the block in slot part and of every later slot
  * that holds the same block, in one step, and empties those slots. A block
  * holding one reference is in no other slot. */
@@ -136,7 +122,7 @@ inline void clearPooled(_velClient_msg *msg) noexcept
 /* The release of _velClient_msg_free, inline in the export. */
 [[gnu::always_inline]] inline velClient_returnCode_t freeRecord(_velClient_msg *msg)
 {
-    closeAllContainers(msg);
+    vel::msg::closeContainers(msg, true);
     ThreadState &me = local();
     dropAllBlocks(me, msg);
     release(me.msgs, kRecordCacheCap, _velClient_msgPool_s.freeMsgList, &msg->entry, me.counters.numFreeMsg,
@@ -255,7 +241,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_reset(velClient_op
     _velClient_msg *msg = vel::msgOrFail(msg_p, "Bad msg_p pointer (%p) in velClient_msg_reset");
     if (msg == nullptr)
         return VELCLIENT_FAIL;
-    closeAllContainers(msg);
+    vel::msg::closeContainers(msg, true);
     dropAllBlocks(local(), msg);
     for (velClient_bufInfo_t &info : msg->bufInfo_a)
         info = velClient_bufInfo_t{nullptr, 0};

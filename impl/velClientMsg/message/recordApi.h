@@ -21,6 +21,20 @@ velClient_returnCode_t issueHandle(_velClient_msg *msg, const char *caller);
  * new one. */
 velClient_returnCode_t copyIntoPart(_velClient_msg *msg, int part, const void *buf_p, std::uint32_t size);
 
+/* Closes the message's open containers (and forgets them): the header map
+ * always; the attachment and the user property map with closeAll, else they
+ * are only finalised and their handles stay valid. Three tests, not a loop
+ * over a list of the slots, which the compiler builds on the stack. */
+inline void closeContainers(_velClient_msg *msg, bool closeAll)
+{
+    if (msg->binaryAttachContainer_p != nullptr)
+        _velClient_container_closeMapStream(&msg->binaryAttachContainer_p, closeAll, closeAll, false);
+    if (msg->hdrMap_p != nullptr)
+        _velClient_container_closeMapStream(&msg->hdrMap_p, true, true, false);
+    if (msg->userPropertyMap_p != nullptr)
+        _velClient_container_closeMapStream(&msg->userPropertyMap_p, closeAll, closeAll, false);
+}
+
 /* Empties a part, as _velClient_msg_setBufinfoPtr(msg, part, nullptr, 0)
  * does; the usual part to clear holds no block and needs no call. */
 inline void clearPart(_velClient_msg *msg, int part)
