@@ -179,17 +179,18 @@ velClient_returnCode_t _velClient_msg_createContainer(_velClient_msg *msg, int p
     return VELCLIENT_OK;
 }
 
-velClient_returnCode_t _velClient_msg_getField(_velClient_msg *msg, int part, velClient_field_t *field_p,
-                                               std::size_t fieldSize)
+namespace {
+
+/* Opens a container over the structured bytes of part (0, 7 or 10), as
+ * _velClient_msg_getField does, and hands back its record; field_p is only
+ * shown in the debug line. */
+velClient_returnCode_t openPart(_velClient_msg *msg, int part, const void *field_p, _velClient_container **cont_p)
 {
-    if (fieldSize != sizeof(velClient_field_t))
-        return VEL_FAIL_RANGE("Unsupported field structure size (received %d, expected %d) in _velClient_msg_getField",
-                              static_cast<int>(fieldSize), static_cast<int>(sizeof(velClient_field_t)));
     std::uint32_t mark = readOnlyMark(part);
     if (mark == 0)
         return VEL_FAIL_RANGE("Bad bufInfoIndex = %d in velClient_msg_getStructuredDataAndType", part);
     VEL_LOG(VELCLIENT_LOG_DEBUG, "_velClient_msg_getField(%p,%d,%p,%d) - readonly part(%d)", static_cast<void *>(msg),
-            part, static_cast<void *>(field_p), static_cast<int>(sizeof(velClient_field_t)),
+            part, field_p, static_cast<int>(sizeof(velClient_field_t)),
             static_cast<int>(msg->internalFlags & mark));
     std::uint32_t offset = partOffset(part);
     const velClient_bufInfo_t &info = msg->bufInfo_a[part];
@@ -215,23 +216,38 @@ velClient_returnCode_t _velClient_msg_getField(_velClient_msg *msg, int part, ve
     /* Bytes shared with another message, or the application's own memory
      * that the part refers to, are copied before they are first changed. */
     c->copyOnModify = (msg->internalFlags & mark) != 0 || msg->bufDatab_p[part] == nullptr;
-    field_p->type = type == VELCLIENT_CONTAINER_MAP ? VELCLIENT_MAP : VELCLIENT_STREAM;
+    *cont_p = c;
+    return VELCLIENT_OK;
+}
+
+} // namespace
+
+velClient_returnCode_t _velClient_msg_getField(_velClient_msg *msg, int part, velClient_field_t *field_p,
+                                               std::size_t fieldSize)
+{
+    if (fieldSize != sizeof(velClient_field_t))
+        return VEL_FAIL_RANGE("Unsupported field structure size (received %d, expected %d) in _velClient_msg_getField",
+                              static_cast<int>(fieldSize), static_cast<int>(sizeof(velClient_field_t)));
+    _velClient_container *c = nullptr;
+    velClient_returnCode_t rc = openPart(msg, part, field_p, &c);
+    if (rc != VELCLIENT_OK)
+        return rc;
+    field_p->type = c->type == VELCLIENT_CONTAINER_MAP ? VELCLIENT_MAP : VELCLIENT_STREAM;
     field_p->value.map = c->opaqueContainer_p;
     return VELCLIENT_OK;
 }
 
+/* The record is used as it comes from the pool: its handle is not resolved
+ * again. */
 velClient_returnCode_t vel::msg::openPartContainer(_velClient_msg *msg, int part, velClient_fieldType_t wanted,
                                                    _velClient_container **cont_p)
 {
     *cont_p = nullptr;
-    velClient_field_t field{};
-    velClient_returnCode_t rc = _velClient_msg_getField(msg, part, &field, sizeof field);
+    _velClient_container *cont = nullptr;
+    velClient_returnCode_t rc = openPart(msg, part, cont_p, &cont);
     if (rc != VELCLIENT_OK)
         return rc;
-    _velClient_container *cont = vel::containerOf(field.value.map);
-    if (cont == nullptr)
-        return VELCLIENT_NOT_FOUND;
-    if (field.type == wanted)
+    if ((cont->type == VELCLIENT_CONTAINER_MAP ? VELCLIENT_MAP : VELCLIENT_STREAM) == wanted)
         *cont_p = cont;
     else
         _velClient_container_closeMapStream(&cont, true, true, false);
