@@ -95,6 +95,19 @@ void detach(_velClient_container *c)
     }
 }
 
+/* A message's outermost container over bytes it shares (it copies them
+ * before any change), with no open child, has nothing to write back when the
+ * part's size and the length in its header are already what finalising
+ * would write: closing it only forgets it. */
+bool unchangedInMessage(const _velClient_container *c)
+{
+    if (!c->copyOnModify || c->child_p != nullptr || c->parent_p != nullptr || c->msg_b == nullptr)
+        return false;
+    auto len = static_cast<std::uint32_t>(c->curWrPtr - c->startPtr);
+    return c->msg_b->bufInfo_a[c->bufInfoIndex].bufSize == c->offset + len &&
+           vel::tlv::getBE(c->startPtr + 1, 4) == len;
+}
+
 } // namespace
 
 velClient_returnCode_t _velClient_container_closeMapStream(_velClient_container **container_p, bool close, bool force,
@@ -111,6 +124,12 @@ velClient_returnCode_t _velClient_container_closeMapStream(_velClient_container 
         if (c->refCount < 0)
             VEL_LOG(VELCLIENT_LOG_ERROR, "Negative refCount in %s on index %d",
                     c->type == VELCLIENT_CONTAINER_MAP ? "Map" : "Stream", static_cast<int>(c->bufInfoIndex));
+    }
+    if (close && !makeReadOnly && unchangedInMessage(c)) {
+        detach(c);
+        _velClient_container_free(&c);
+        *container_p = nullptr;
+        return VELCLIENT_OK;
     }
     velClient_returnCode_t rc = closeChildren(c, close, makeReadOnly) ? VELCLIENT_OK : VELCLIENT_FAIL;
     if (rc == VELCLIENT_OK) {
