@@ -115,15 +115,22 @@ velClient_returnCode_t _velClient_session_fastSend(_velClient_session *s, const 
     return loopBack(s, frame.chunks, frame.numChunks, frame.total);
 }
 
-_velClient_session *_velClient_parserSession()
+namespace {
+
+/* The parser session, named on first use (out of the way of every later call). */
+[[gnu::cold, gnu::noinline]] _velClient_session *nameParserSession()
 {
     static _velClient_session parser{};
-    static const bool named = [] {
-        std::strcpy(parser.clientName, "parserSession");
-        std::strcpy(parser.p2pTopicBase, "#P2P/v:loopback/parserSession");
-        parser.sendSeqNum = 1;
-        return true;
-    }();
-    (void)named;
+    std::strcpy(parser.clientName, "parserSession");
+    std::strcpy(parser.p2pTopicBase, "#P2P/v:loopback/parserSession");
+    parser.sendSeqNum = 1;
     return &parser;
+}
+
+} // namespace
+
+_velClient_session *_velClient_parserSession()
+{
+    static _velClient_session *const parser = nameParserSession();
+    return parser;
 }
