@@ -209,6 +209,36 @@ TEST(Reading, LookupsAfterDeleteGrowthAndAMalformedEntry)
     }
 }
 
+/* Once a read has remembered every entry, a lookup compares only the keys
+ * of those whose names share a mark with the one it looks for: each name
+ * length from 1 to 15 (the shortest keys lie just past the map's header) and
+ * one long enough for a 2-byte key length is still found among them, and a
+ * name differing in its last byte is not. */
+TEST(Reading, LookupsFindEveryRememberedName)
+{
+    std::vector<std::string> keys;
+    for (std::size_t len = 1; len <= 15; ++len)
+        keys.emplace_back(std::string(len - 1, 'k') + static_cast<char>('a' + len));
+    keys.insert(keys.begin() + 3, std::string(300, 'L'));
+    std::vector<char> mem(2048);
+    velClient_opaqueContainer_pt m = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_createMap(&m, mem.data(), mem.size()));
+    for (std::size_t i = 0; i < keys.size(); ++i)
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(m, static_cast<velClient_int32_t>(i), keys[i].c_str()));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_rewind(m));
+    std::size_t entries = 0;
+    while (next(m) == VELCLIENT_OK)
+        ++entries;
+    ASSERT_EQ(keys.size(), entries);
+    for (std::size_t i = keys.size(); i-- > 0;) {
+        EXPECT_EQ(static_cast<velClient_int32_t>(i), int32At(m, keys[i].c_str())) << keys[i];
+        std::string miss = keys[i];
+        miss.back() = 'Z';
+        int32At(m, miss.c_str(), VELCLIENT_NOT_FOUND);
+    }
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&m));
+}
+
 /* Lookups compare keys of 8 to 16 bytes (with their NUL) as two words and
  * others byte by byte: names of 7 to 18 bytes that differ in one byte
  * (first, middle or last), names that another one begins with, and a name
