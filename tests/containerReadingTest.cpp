@@ -2,6 +2,7 @@
  * the bytes changed since an earlier lookup), sizes, and malformed bytes
  * refused without reading past them. */
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -207,6 +208,76 @@ TEST(Reading, LookupsAfterDeleteGrowthAndAMalformedEntry)
                           "Invalid length in TLV string in structured data container");
         EXPECT_EQ(1, int32At(e.h, "a"));
     }
+}
+
+/* Once a read has remembered every entry, a lookup compares only the keys
+ * of those whose names share a mark with the one it looks for: each name
+ * length from 1 to 15 (the shortest keys lie just past the map's header) and
+ * one long enough for a 2-byte key length is still found among them, and a
+ * name differing in its last byte is not. */
+TEST(Reading, LookupsFindEveryRememberedName)
+{
+    std::vector<std::string> keys;
+    for (std::size_t len = 1; len <= 15; ++len)
+        keys.emplace_back(std::string(len - 1, 'k') + static_cast<char>('a' + len));
+    keys.insert(keys.begin() + 3, std::string(300, 'L'));
+    std::vector<char> mem(2048);
+    velClient_opaqueContainer_pt m = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_createMap(&m, mem.data(), mem.size()));
+    for (std::size_t i = 0; i < keys.size(); ++i)
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(m, static_cast<velClient_int32_t>(i), keys[i].c_str()));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_rewind(m));
+    std::size_t entries = 0;
+    while (next(m) == VELCLIENT_OK)
+        ++entries;
+    ASSERT_EQ(keys.size(), entries);
+    for (std::size_t i = keys.size(); i-- > 0;) {
+        EXPECT_EQ(static_cast<velClient_int32_t>(i), int32At(m, keys[i].c_str())) << keys[i];
+        std::string miss = keys[i];
+        miss.back() = 'Z';
+        int32At(m, miss.c_str(), VELCLIENT_NOT_FOUND);
+    }
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&m));
+}
+
+/* Two maps opened over the same application bytes are two records: a
+ * delete through one moves the bytes under the other, whose remembered
+ * entries then begin inside shifted ones. Whatever the other then reads or
+ * looks up, each name and text it hands out ends with its NUL inside the
+ * bytes it was opened over. */
+TEST(Reading, AMapWhoseBytesAnotherMapDeletedFrom)
+{
+    std::uint8_t bytes[] = {0x2B, 0,    0,   0,   30,  0x1C, 0x04, 'a', 0,    0x0C, 0x03, 1,   0x1C, 0x05, 'b',
+                            'b',  0,    0x1C, 0x06, 'x', 'y',  'z',  0,   0x1C, 0x04, 'c',  0,   0x0C, 0x03, 3};
+    const std::uint8_t *end = bytes + sizeof bytes;
+    auto endsInside = [&bytes, end](const char *text) {
+        const auto *p = reinterpret_cast<const std::uint8_t *>(text);
+        return p >= bytes && p < end && std::memchr(p, 0, static_cast<std::size_t>(end - p)) != nullptr;
+    };
+    velClient_opaqueContainer_pt a = nullptr, b = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_openMapFromPtr(&a, bytes, sizeof bytes));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_openMapFromPtr(&b, bytes, sizeof bytes));
+    EXPECT_EQ((std::vector<std::string>{"a", "bb", "c"}), veltest::names(a)); /* every entry remembered */
+    EXPECT_EQ(3, int32At(a, "c"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_deleteField(b, "a"));
+    EXPECT_EQ((std::vector<std::string>{"bb", "c"}), veltest::names(b));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_rewind(a));
+    int reads = 0;
+    for (; reads < 8 && next(a) == VELCLIENT_OK; ++reads) {
+        EXPECT_TRUE(endsInside(name));
+        if (f.type == VELCLIENT_STRING) {
+            EXPECT_TRUE(endsInside(f.value.string));
+        }
+    }
+    EXPECT_GE(reads, 2); /* at least the two entries that moved */
+    for (const char *key : {"a", "bb", "c", "xyz"}) {
+        const char *text = nullptr;
+        if (velClient_container_getStringPtr(a, &text, key) == VELCLIENT_OK && text != nullptr) {
+            EXPECT_TRUE(endsInside(text)) << key;
+        }
+    }
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&a));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&b));
 }
 
 /* Lookups compare keys of 8 to 16 bytes (with their NUL) as two words and

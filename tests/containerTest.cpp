@@ -9,6 +9,37 @@ using veltest::Bytes;
 using veltest::bytesOf;
 using veltest::Msg;
 
+/* Closing a map over the application's bytes, alone or after a nested map
+ * it handed out was closed, gives back its record and its handle and leaves
+ * the bytes as they were; a nested map still open keeps its parent's record
+ * until it is closed in turn. */
+TEST(Containers, ClosingAMapOverApplicationBytes)
+{
+    std::uint8_t bytes[] = {0x2B, 0, 0, 0, 21, 0x1C, 0x04, 'a', 0, 0x0C, 0x03, 7, 0x1C, 0x04, 's', 0, 0x2B, 0, 0, 0, 5};
+    const Bytes original(bytes, bytes + sizeof bytes);
+    for (int withChild = 0; withChild < 3; ++withChild) {
+        const velClient_uint64_t before = veltest::stat(VELCLIENT_MSG_STATS_ALLOC_CONTAINERS);
+        velClient_opaqueContainer_pt map = nullptr, sub = nullptr;
+        OK(velClient_container_openMapFromPtr(&map, bytes, sizeof bytes));
+        if (withChild != 0)
+            OK(velClient_container_getSubMap(map, &sub, "s"));
+        if (withChild == 1)
+            OK(velClient_container_closeMapStream(&sub));
+        const velClient_opaqueContainer_pt copy = map;
+        OK(velClient_container_closeMapStream(&map));
+        EXPECT_EQ(nullptr, map);
+        EXPECT_EQ(before, veltest::stat(VELCLIENT_MSG_STATS_ALLOC_CONTAINERS)) << withChild;
+        velClient_opaqueContainer_pt again = copy;
+        EXPECT_EQ(VELCLIENT_FAIL, velClient_container_closeMapStream(&again));
+        EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
+                          veltest::format("Bad container pointer (%p) in velClient_container_closeMapStream", copy));
+        if (withChild == 2) { /* closed with its parent */
+            EXPECT_EQ(VELCLIENT_FAIL, velClient_container_closeMapStream(&sub));
+        }
+        EXPECT_EQ(original, Bytes(bytes, bytes + sizeof bytes));
+    }
+}
+
 TEST(Containers, SiblingsOpenedInTurnAndClosedInEitherOrder)
 {
     veltest::Container once(true, 64);

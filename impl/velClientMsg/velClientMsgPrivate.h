@@ -136,9 +136,12 @@ struct _velClient_container {
     /* The first map entries that reads found well formed, so that a lookup
      * compares their keys without checking them again: checkedCount offsets
      * from firstFieldPtr, in order, then checkedEnd where the first entry not
-     * yet checked begins. Forgotten whenever bytes move inside the container. */
+     * yet checked begins, and checkedKeys with a bit set for each of their
+     * keys (a key whose bit is clear is not among them). Forgotten whenever
+     * bytes move inside the container. */
     std::uint32_t checkedCount;
     std::uint32_t checkedEnd;
+    std::uint64_t checkedKeys;
     std::uint32_t checkedAt[kCheckedEntries];
 };
 
@@ -146,6 +149,7 @@ inline void forgetCheckedEntries(_velClient_container *c) noexcept
 {
     c->checkedCount = 0;
     c->checkedEnd = 0;
+    c->checkedKeys = 0;
 }
 
 /* ---- Pool ----------------------------------------------------------------------- */

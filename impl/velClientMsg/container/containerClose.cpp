@@ -167,5 +167,12 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_closeMapStre
     if (c == nullptr)
         return VELCLIENT_FAIL;
     *opaqueCont_p = nullptr;
+    if (c->refCount == 1 && c->parent_p == nullptr && c->msg_b == nullptr && c->child_p == nullptr) {
+        /* The usual map over the application's bytes, held once and with no
+         * open child: nothing to finalise or detach, the record goes back. */
+        c->refCount = 0;
+        _velClient_container_free(&c);
+        return VELCLIENT_OK;
+    }
     return _velClient_container_closeMapStream(&c, true, false, false);
 }

@@ -4,6 +4,7 @@
  * and byte accessors. Every length is checked against the end of the written
  * bytes, so malformed input is refused, never read past.
  */
+#include <bit>
 #include <cstring>
 
 #include "velClientMsg/container/tlvFastPath.h"
@@ -100,15 +101,54 @@ inline velClient_returnCode_t readEntryAt(_velClient_container *c, std::uint8_t 
     return readAnyEntryAt(c, pos, field_p, name_p);
 }
 
-/* Remembers the map entry at pos (len bytes, found well formed) when it is
- * the first one not yet remembered and there is room for it. */
-inline void noteChecked(_velClient_container *c, const std::uint8_t *pos, std::uint32_t len)
+/* The bit of checkedKeys that stands for a name: one of 64 picked by the
+ * name's last 8 bytes (its NUL included; all of it when shorter) read as a
+ * little-endian number. */
+inline std::uint64_t keyBit(std::uint64_t lastBytes)
+{
+    return std::uint64_t{1} << ((lastBytes * 0x9E3779B97F4A7C15ull) >> 58);
+}
+
+inline std::uint64_t loadLE(const std::uint8_t *p)
+{
+    std::uint64_t w;
+    std::memcpy(&w, p, 8);
+    if constexpr (std::endian::native == std::endian::big)
+        w = __builtin_bswap64(w);
+    return w;
+}
+
+/* The bit of the key of the well-formed entry at pos, whose key takes
+ * keyLength bytes; every bit for a key not in the usual form. The 8 bytes
+ * before the key's end lie in the container: an entry begins at least 5
+ * bytes (the header) past its start, and a key takes at least 3. */
+inline std::uint64_t entryKeyBit(const std::uint8_t *pos, std::uint32_t keyLength)
+{
+    if (pos[0] != kTypeString)
+        return ~std::uint64_t{0};
+    const std::uint32_t nameSize = keyLength - 2;
+    const std::uint64_t w = loadLE(pos + keyLength - 8);
+    return keyBit(nameSize >= 8 ? w : w >> (8 * (8 - nameSize)));
+}
+
+/* Remembers the map entry at pos (len bytes, its key keyLength of them,
+ * found well formed) when it is the first one not yet remembered and there
+ * is room for it. */
+inline void noteChecked(_velClient_container *c, const std::uint8_t *pos, std::uint32_t keyLength,
+                        std::uint32_t len)
 {
     const auto at = static_cast<std::uint32_t>(pos - c->firstFieldPtr);
     if (at == c->checkedEnd && c->checkedCount < kCheckedEntries) {
         c->checkedAt[c->checkedCount++] = at;
         c->checkedEnd = at + len;
+        c->checkedKeys |= entryKeyBit(pos, keyLength);
     }
+}
+
+/* noteChecked for the entry at the cursor. */
+inline void noteCursor(_velClient_container *c)
+{
+    noteChecked(c, c->curRdPtr, c->curKeyLength, c->curFieldLength);
 }
 
 } // namespace
@@ -143,7 +183,7 @@ velClient_returnCode_t readNext(_velClient_container *c, velClient_field_t *fiel
     }
     velClient_returnCode_t rc = readEntryAt(c, pos, field_p, name_p);
     if (rc == VELCLIENT_OK && c->type == VELCLIENT_CONTAINER_MAP)
-        noteChecked(c, pos, c->curFieldLength);
+        noteCursor(c);
     return rc;
 }
 
@@ -155,7 +195,7 @@ velClient_returnCode_t readNext(_velClient_container *c, velClient_field_t *fiel
     velClient_returnCode_t rc = readAnyEntryAt(c, pos, field_p, name_p);
     if (rc != VELCLIENT_OK)
         return rc;
-    noteChecked(c, pos, c->curFieldLength);
+    noteCursor(c);
     return _velClient_container_attachSubContainer(c, field_p);
 }
 
@@ -207,7 +247,17 @@ public:
             std::memcpy(&first_, name, 8);
             std::memcpy(&last_, name + nameSize - 8, 8);
         }
+        std::uint64_t lastBytes = 0;
+        if (nameSize >= 8)
+            lastBytes = loadLE(reinterpret_cast<const std::uint8_t *>(name) + nameSize - 8);
+        else
+            for (std::size_t i = 0; i < nameSize; ++i)
+                lastBytes |= std::uint64_t{static_cast<std::uint8_t>(name[i])} << (8 * i);
+        bit_ = keyBit(lastBytes);
     }
+
+    /* The bit of checkedKeys that stands for this name. */
+    std::uint64_t bit() const { return bit_; }
 
     std::size_t size() const { return size_; }
 
@@ -243,12 +293,16 @@ private:
     bool shortForm_ = false;
     bool words_ = false;
     std::uint64_t first_ = 0, last_ = 0;
+    std::uint64_t bit_ = 0;
 };
 
 /* The entry keyed name among those c remembers as well formed, or nullptr:
- * their keys are compared, nothing else is checked again. */
+ * their keys are compared (none when the name's bit is clear), nothing else
+ * is checked again. */
 std::uint8_t *findChecked(_velClient_container *c, const KeyProbe &key)
 {
+    if ((c->checkedKeys & key.bit()) == 0)
+        return nullptr;
     const std::ptrdiff_t size = c->curWrPtr - c->firstFieldPtr;
     for (std::uint32_t i = 0; i < c->checkedCount; ++i) {
         const std::uint32_t at = c->checkedAt[i];
@@ -278,7 +332,7 @@ std::uint8_t *skipOtherEntries(_velClient_container *c, std::uint8_t *pos, const
             keyed = true;
             return pos;
         }
-        noteChecked(c, pos, keyLength + valueLength);
+        noteChecked(c, pos, keyLength, keyLength + valueLength);
         pos += keyLength + valueLength;
     }
     return pos;
@@ -297,7 +351,7 @@ bool readKeyedValue(_velClient_container *c, std::uint8_t *pos, velClient_field_
     c->curRdPtr = pos;
     c->curKeyLength = keyLength;
     c->curFieldLength = keyLength + valueLength;
-    noteChecked(c, pos, keyLength + valueLength);
+    noteChecked(c, pos, keyLength, keyLength + valueLength);
     return true;
 }
 
@@ -326,7 +380,7 @@ velClient_returnCode_t scanFor(_velClient_container *c, const KeyProbe &key, vel
         const bool found = key.keys(pos, c->curWrPtr - pos);
         if (readEntryAt(c, pos, found ? field_p : &scratch, &name) != VELCLIENT_OK)
             return VELCLIENT_FAIL;
-        noteChecked(c, pos, c->curFieldLength);
+        noteCursor(c);
         if (found)
             return VELCLIENT_OK;
     }
@@ -387,7 +441,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getNextField
         if (pos < c->curWrPtr) {
             if (!readCommonEntry(c, pos, field_p, name_p))
                 return readOtherMapField(c, pos, field_p, name_p);
-            noteChecked(c, pos, c->curFieldLength);
+            noteCursor(c);
             return VELCLIENT_OK;
         }
     }

@@ -155,7 +155,7 @@ inline bool hasZeroByte(std::uint64_t w) noexcept
 
 /* true when the n bytes at v end with their only NUL: a well-formed text.
  * Texts of 8 to 16 bytes (most keys) are checked as two overlapping words,
- * up to 65 bytes 8 at a time inline, the last word overlapping the one
+ * of 17 to 24 bytes as three, up to 65 bytes 8 at a time inline, the last word overlapping the one
  * before; longer ones by memchr. */
 inline bool isCString(const void *v, std::size_t n) noexcept
 {
@@ -170,6 +170,13 @@ inline bool isCString(const void *v, std::size_t n) noexcept
         std::memcpy(&first, b, 8);
         std::memcpy(&w, b + n - 8, 8);
         return !hasZeroByte(first | (n == 8 ? kNulByte : 0)) && !hasZeroByte(w | kNulByte);
+    }
+    if (n > 16 && n <= 24) { /* short values: the first 16 bytes and the last 8 */
+        std::uint64_t first, second;
+        std::memcpy(&first, b, 8);
+        std::memcpy(&second, b + 8, 8);
+        std::memcpy(&w, b + n - 8, 8);
+        return !hasZeroByte(first) && !hasZeroByte(second) && !hasZeroByte(w | kNulByte);
     }
     if (body > 64)
         return std::memchr(b, 0, body) == nullptr;
