@@ -118,17 +118,26 @@ inline std::uint64_t loadLE(const std::uint8_t *p)
     return w;
 }
 
+/* The last 8 of the nameSize bytes at name (all of them when fewer) as a
+ * little-endian number; nothing outside those bytes is read. */
+inline std::uint64_t lastBytesOf(const std::uint8_t *name, std::size_t nameSize)
+{
+    if (nameSize >= 8)
+        return loadLE(name + nameSize - 8);
+    std::uint64_t v = 0;
+    for (std::size_t i = 0; i < nameSize; ++i)
+        v |= std::uint64_t{name[i]} << (8 * i);
+    return v;
+}
+
 /* The bit of the key of the well-formed entry at pos, whose key takes
- * keyLength bytes; every bit for a key not in the usual form. The 8 bytes
- * before the key's end lie in the container: an entry begins at least 5
- * bytes (the header) past its start, and a key takes at least 3. */
+ * keyLength bytes (type, length, name); every bit for a key not in the
+ * usual form. */
 inline std::uint64_t entryKeyBit(const std::uint8_t *pos, std::uint32_t keyLength)
 {
-    if (pos[0] != kTypeString)
+    if (pos[0] != kTypeString || keyLength < 2)
         return ~std::uint64_t{0};
-    const std::uint32_t nameSize = keyLength - 2;
-    const std::uint64_t w = loadLE(pos + keyLength - 8);
-    return keyBit(nameSize >= 8 ? w : w >> (8 * (8 - nameSize)));
+    return keyBit(lastBytesOf(pos + 2, keyLength - 2));
 }
 
 /* Remembers the map entry at pos (len bytes, its key keyLength of them,
@@ -247,13 +256,7 @@ public:
             std::memcpy(&first_, name, 8);
             std::memcpy(&last_, name + nameSize - 8, 8);
         }
-        std::uint64_t lastBytes = 0;
-        if (nameSize >= 8)
-            lastBytes = loadLE(reinterpret_cast<const std::uint8_t *>(name) + nameSize - 8);
-        else
-            for (std::size_t i = 0; i < nameSize; ++i)
-                lastBytes |= std::uint64_t{static_cast<std::uint8_t>(name[i])} << (8 * i);
-        bit_ = keyBit(lastBytes);
+        bit_ = keyBit(lastBytesOf(reinterpret_cast<const std::uint8_t *>(name), nameSize));
     }
 
     /* The bit of checkedKeys that stands for this name. */
