@@ -16,6 +16,7 @@
 #
 # DIR (default: a new directory under /dev/shm, or /tmp without it, remembered
 # in ${TMPDIR:-/tmp}/velclient-mosquitto.last) holds the configuration, the
+# access list (every topic but those under velclient-denied/), the
 # persistence file, the log and the pid.
 #
 # The broker saves its state (and fsyncs it) at the end of every pass of its
@@ -66,7 +67,10 @@ log_type error
 log_type warning
 log_type notice
 connection_messages true
+acl_file $dir/acl
 CONF
+  # Every topic but those under velclient-denied/, which nobody may read or write.
+  printf 'topic readwrite #\ntopic deny velclient-denied/#\n' >"$dir/acl"
   launch "$dir"
 }
 

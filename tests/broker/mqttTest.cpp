@@ -155,3 +155,23 @@ TEST(MqttForeign, MosquittoPubReachesASessionAndItsReplyComesBack)
 }
 
 } // namespace
+
+TEST(MqttHostilePeers, APublishTheBrokerRefusesAndOneThatDoesNotConvertAreReportedAndTrafficGoesOn)
+{
+    Client c;
+    ASSERT_TRUE(connectAll(c));
+    /* The broker's access list lets nobody write under velclient-denied/: the refusal comes back as an event. */
+    ASSERT_EQ(VELCLIENT_OK, send(c, "velclient-denied/x", false, VELCLIENT_DELIVERY_MODE_PERSISTENT, "refused"));
+    ASSERT_TRUE(c.waitEvents(VELCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR, 1));
+    for (const Event &e : c.events())
+        EXPECT_TRUE(e.event != VELCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR || e.info == "Not authorized") << e.info;
+    /* A frame property that is not base64: the publish is dropped, the subscription goes on receiving. */
+    const std::string topic = unique("hostile");
+    c.subscribe(topic);
+    veltest::ToolResult pub = veltest::runTool("mosquitto_pub", "-V 5 -h 127.0.0.1 -p " + std::to_string(broker().port) +
+                                                                    " -q 1 -t '" + topic +
+                                                                    "' -m bad -D publish user-property x-vel-frame '*'");
+    ASSERT_EQ(0, pub.status) << pub.err;
+    ASSERT_EQ(VELCLIENT_OK, send(c, topic, false, VELCLIENT_DELIVERY_MODE_PERSISTENT, "good"));
+    EXPECT_EQ(std::multiset<std::string>{"good"}, c.bodies(1));
+}
