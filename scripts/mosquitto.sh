@@ -17,7 +17,8 @@
 # DIR (default: a new directory under /dev/shm, or /tmp without it, remembered
 # in ${TMPDIR:-/tmp}/velclient-mosquitto.last) holds the configuration, the
 # access list (every topic but those under velclient-denied/), the
-# persistence file, the log and the pid.
+# persistence file, the log and the pid. A second listener, its port in
+# DIR/login_port, admits only user velclient with password secret.
 #
 # The broker saves its state (and fsyncs it) at the end of every pass of its
 # main loop that changed something (autosave_on_changes with an interval of
@@ -48,12 +49,20 @@ start() {
   [ -d /dev/shm ] && [ -w /dev/shm ] && base=/dev/shm
   dir=$(start_dir "${1:-}" "$base" mosquitto)
   mkdir -p "$dir"
-  local port
+  local port login_port
   port=$(free_port)
   echo "$port" >"$dir/port"
+  login_port=$(free_port)
+  echo "$login_port" >"$dir/login_port"
+  mosquitto_passwd -c -b "$dir/passwords" velclient secret >/dev/null
   cat >"$dir/mosquitto.conf" <<CONF
+per_listener_settings true
 listener $port 127.0.0.1
 allow_anonymous true
+acl_file $dir/acl
+listener $login_port 127.0.0.1
+allow_anonymous false
+password_file $dir/passwords
 persistence true
 persistence_location $dir/
 autosave_on_changes true
@@ -67,7 +76,6 @@ log_type error
 log_type warning
 log_type notice
 connection_messages true
-acl_file $dir/acl
 CONF
   # Every topic but those under velclient-denied/, which nobody may read or write.
   printf 'topic readwrite #\ntopic deny velclient-denied/#\n' >"$dir/acl"

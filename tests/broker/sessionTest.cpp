@@ -25,14 +25,18 @@ TEST(BrokerConnect, FailuresNameTheHostAndTheReasonPlainLoginAndFailoverComeUp)
         {{"SESSION_HOST", closed + "," + closed}, VELCLIENT_SUBCODE_COMMUNICATION_ERROR, {refused, "; " + refused}},
         {{"SESSION_HOST", closed + "," + self}, VELCLIENT_SUBCODE_OK, {}},
     };
-    if (broker().amqp)
-        rows.insert(rows.end(), {
-            {{"SESSION_USERNAME", "guest", "SESSION_PASSWORD", "wrong"}, VELCLIENT_SUBCODE_LOGIN_FAILURE, {self}},
-            {{"SESSION_USERNAME", "nobody", "SESSION_PASSWORD", "guest"}, VELCLIENT_SUBCODE_LOGIN_FAILURE, {self}},
-            {{"SESSION_USERNAME", "guest", "SESSION_PASSWORD", "guest"}, VELCLIENT_SUBCODE_OK, {}},
-        });
+    /* RabbitMQ's user guest, or the mosquitto listener that admits only velclient. */
+    const std::string user = broker().amqp ? "guest" : "velclient", password = broker().amqp ? "guest" : "secret";
+    const std::string login = broker().amqp ? self : "127.0.0.1:" + std::to_string(broker().loginPort);
+    rows.insert(rows.end(), {
+        {{"SESSION_HOST", login, "SESSION_USERNAME", user, "SESSION_PASSWORD", "wrong"},
+         VELCLIENT_SUBCODE_LOGIN_FAILURE, {login}},
+        {{"SESSION_HOST", login, "SESSION_USERNAME", "nobody", "SESSION_PASSWORD", password},
+         VELCLIENT_SUBCODE_LOGIN_FAILURE, {login}},
+        {{"SESSION_HOST", login, "SESSION_USERNAME", user, "SESSION_PASSWORD", password}, VELCLIENT_SUBCODE_OK, {}},
+    });
     for (const Row &row : rows) {
-        SCOPED_TRACE(row.props[1]);
+        SCOPED_TRACE(testing::PrintToString(row.props));
         Client c(row.props);
         velClient_resetLastErrorInfo();
         const bool up = row.subCode == VELCLIENT_SUBCODE_OK;

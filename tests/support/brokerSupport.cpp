@@ -27,6 +27,8 @@ void Broker::SetUp()
         << " installed? set VELCLIENT_SKIP_BROKER_TESTS=1 to skip these tests): " << out;
     if (amqp) {
         ASSERT_TRUE(std::ifstream(dir + "/tls_port") >> tlsPort) << "no TLS listener";
+    } else {
+        ASSERT_TRUE(std::ifstream(dir + "/login_port") >> loginPort) << "no listener with a password";
     }
 }
 

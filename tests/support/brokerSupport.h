@@ -53,6 +53,7 @@ public:
     std::string dir;
     int port = 0;
     int tlsPort = 0;
+    int loginPort = 0; /* MQTT: a listener that admits only user "velclient" with password "secret" */
 
 private:
     /* Runs the broker's script with verb; fails the test unless it succeeds. */
