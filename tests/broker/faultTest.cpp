@@ -156,7 +156,8 @@ TEST(BrokerFaults, ABrokerThatStaysAwayEndsInDownError)
     std::optional<Proxy> proxy(std::in_place);
     Client through({"SESSION_HOST", proxy->host(), "SESSION_RECONNECT_RETRY_WAIT_MS", "50", "SESSION_RECONNECT_RETRIES",
                     "3"});
-    ASSERT_TRUE(connectAll(through));
+    Client once({"SESSION_HOST", proxy->host(), "SESSION_RECONNECT_RETRIES", "0"});
+    ASSERT_TRUE(connectAll(through, once));
     static int tag;
     proxy->pause(true); /* the message below stays unacknowledged */
     velClient_opaqueMsg_pt m = makeMessage(target("down"), broker().amqp, VELCLIENT_DELIVERY_MODE_PERSISTENT);
@@ -164,6 +165,9 @@ TEST(BrokerFaults, ABrokerThatStaysAwayEndsInDownError)
     ASSERT_EQ(VELCLIENT_OK, velClient_session_sendMsg(through.session(), m));
     proxy.reset(); /* its connection reset, new ones refused */
     ASSERT_TRUE(through.waitEvents(VELCLIENT_SESSION_EVENT_DOWN_ERROR, 1));
+    /* Without retries the lost connection is the end, with no attempt to come back. */
+    ASSERT_TRUE(once.waitEvents(VELCLIENT_SESSION_EVENT_DOWN_ERROR, 1));
+    EXPECT_EQ(0u, once.countEvents(VELCLIENT_SESSION_EVENT_RECONNECTING_NOTICE));
     std::vector<Event> events = through.events();
     auto rejected = std::find_if(events.begin(), events.end(),
                                  [](const Event &e) { return e.event == VELCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR; });
