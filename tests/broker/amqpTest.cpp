@@ -214,7 +214,7 @@ TEST(AmqpTls, TheTrustStoreDecides)
     }
 }
 
-TEST(AmqpHostilePeers, ARefusedSubscriptionAndAMessageThatDoesNotConvertAreReportedAndTrafficGoesOn)
+TEST(AmqpHostilePeers, RefusedSubscriptionsAndSendsAndAMessageThatDoesNotConvertAreReportedAndTrafficGoesOn)
 {
     /* A prefix naming an exchange that does not exist makes every topic address a bad one. */
     Client bad({"SESSION_AMQP_TOPIC_PREFIX", "/exchange/velclient-missing/"});
@@ -233,6 +233,13 @@ TEST(AmqpHostilePeers, ARefusedSubscriptionAndAMessageThatDoesNotConvertAreRepor
     ASSERT_TRUE(AmqpPeer("/queue/" + queue, true, true).send([](pn_message_t *m) {
         pn_data_put_int(pn_message_body(m), 7);
     }));
+    /* A guaranteed send there is refused with the broker's reason. */
+    ASSERT_EQ(VELCLIENT_OK, send(bad, "some/topic", false, VELCLIENT_DELIVERY_MODE_PERSISTENT, "lost"));
+    ASSERT_TRUE(bad.waitEvents(VELCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR, 1));
+    for (const Event &e : bad.events())
+        EXPECT_TRUE(e.event != VELCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR ||
+                    e.info.rfind("/exchange/velclient-missing/some.topic: NOT_FOUND", 0) == 0)
+            << e.info;
     /* The queue subscription goes on receiving. */
     ASSERT_EQ(VELCLIENT_OK, send(bad, queue, true, VELCLIENT_DELIVERY_MODE_PERSISTENT, "good"));
     EXPECT_EQ(std::multiset<std::string>{"good"}, bad.bodies(1));
