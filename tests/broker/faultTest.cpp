@@ -180,6 +180,17 @@ TEST(BrokerFaults, ABrokerThatStaysAwayEndsInDownError)
     velClient_msg_free(&m);
 }
 
+TEST(BrokerFaults, ABrokerThatDoesNotAnswerTheConnectTimesOut)
+{
+    Proxy proxy;
+    proxy.pause(true); /* the connection is taken, the handshake never answered */
+    Client c({"SESSION_HOST", proxy.host(), "SESSION_CONNECT_TIMEOUT_MS", "300"});
+    velClient_resetLastErrorInfo();
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_session_connect(c.session()));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_TIMEOUT,
+                      "Could not connect to " + proxy.host() + " (no answer within 300 ms) in velClient_session_connect");
+}
+
 TEST(BrokerFaults, ASilentBrokerIsNoticedThroughTheKeepalive)
 {
     /* The shortest keepalive each transport takes (5 s for MQTT); the default of 30 s would run out the wait. */
