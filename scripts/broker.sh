@@ -33,21 +33,6 @@ speaks_amqp10() {
   answers "$1" 'b"AMQP\x03\x01\x00\x00"' 'b"AMQP\x03\x01\x00\x00"'
 }
 
-# A CA, a server certificate it signs for 127.0.0.1 and localhost, and an unrelated CA.
-make_certificates() {
-  local tls=$1
-  mkdir -p "$tls"
-  (
-    cd "$tls"
-    openssl req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.pem -days 2 -subj /CN=velclient-test-ca
-    openssl req -newkey rsa:2048 -nodes -keyout key.pem -out server.csr -subj /CN=localhost
-    echo "subjectAltName=IP:127.0.0.1,DNS:127.0.0.1,DNS:localhost" >san.cnf
-    openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -out cert.pem -days 2 -extfile san.cnf
-    openssl req -x509 -newkey rsa:2048 -nodes -keyout other-ca.key -out other-ca.pem -days 2 -subj /CN=other-ca
-    chmod 644 ./*.pem
-  ) >"$tls/openssl.out" 2>&1
-}
-
 start() {
   need_program "$server" rabbitmq-server
   local dir

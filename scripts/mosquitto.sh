@@ -16,9 +16,12 @@
 #
 # DIR (default: a new directory under /dev/shm, or /tmp without it, remembered
 # in ${TMPDIR:-/tmp}/velclient-mosquitto.last) holds the configuration, the
-# access list (every topic but those under velclient-denied/), the
 # persistence file, the log and the pid. A second listener, its port in
-# DIR/login_port, admits only user velclient with password secret.
+# DIR/login_port, admits only user velclient with password secret, who may use
+# every topic but those under velclient-denied/; a third, its port in
+# DIR/tls_port, speaks TLS with a certificate for 127.0.0.1 and localhost
+# signed by a CA made for the run (DIR/tls/ca.pem), and DIR/tls/other-ca.pem
+# is a CA that signed nothing.
 #
 # The broker saves its state (and fsyncs it) at the end of every pass of its
 # main loop that changed something (autosave_on_changes with an interval of
@@ -49,20 +52,27 @@ start() {
   [ -d /dev/shm ] && [ -w /dev/shm ] && base=/dev/shm
   dir=$(start_dir "${1:-}" "$base" mosquitto)
   mkdir -p "$dir"
-  local port login_port
+  local port login_port tls_port
   port=$(free_port)
   echo "$port" >"$dir/port"
   login_port=$(free_port)
   echo "$login_port" >"$dir/login_port"
   mosquitto_passwd -c -b "$dir/passwords" velclient secret >/dev/null
+  tls_port=$(free_port)
+  echo "$tls_port" >"$dir/tls_port"
+  make_certificates "$dir/tls"
   cat >"$dir/mosquitto.conf" <<CONF
 per_listener_settings true
 listener $port 127.0.0.1
 allow_anonymous true
-acl_file $dir/acl
 listener $login_port 127.0.0.1
 allow_anonymous false
 password_file $dir/passwords
+acl_file $dir/acl
+listener $tls_port 127.0.0.1
+allow_anonymous true
+certfile $dir/tls/cert.pem
+keyfile $dir/tls/key.pem
 persistence true
 persistence_location $dir/
 autosave_on_changes true
@@ -77,8 +87,9 @@ log_type warning
 log_type notice
 connection_messages true
 CONF
-  # Every topic but those under velclient-denied/, which nobody may read or write.
-  printf 'topic readwrite #\ntopic deny velclient-denied/#\n' >"$dir/acl"
+  # The login listener's user may use every topic but those under velclient-denied/. (An access list on the
+  # first listener would drop what a restarted broker owes the sessions it restored.)
+  printf 'user velclient\ntopic readwrite #\ntopic deny velclient-denied/#\n' >"$dir/acl"
   launch "$dir"
 }
 

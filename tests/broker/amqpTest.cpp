@@ -1,5 +1,5 @@
-/* What only AMQP sessions have: queues with client acknowledgement, TLS and
- * its trust store, a subscription the broker refuses, what a plain AMQP 1.0
+/* What only AMQP sessions have: queues with client acknowledgement, a
+ * subscription and a send the broker refuses, what a plain AMQP 1.0
  * client reads of the messages this library sends (the standard header and
  * properties, typed application properties, a byte attachment as a data
  * section, an attachment map as an amqp-value map), a message no sender of
@@ -178,40 +178,6 @@ TEST(AmqpQueues, ClientAcknowledgementKeepsWhatWasNotAcknowledged)
     ASSERT_TRUE(connectAll(third));
     third.subscribe(queue, true);
     EXPECT_FALSE(third.waitMessages(1, 500ms));
-}
-
-TEST(AmqpTls, TheTrustStoreDecides)
-{
-    const std::string tlsHost = "127.0.0.1:" + std::to_string(broker().tlsPort);
-    const std::string localhost = "localhost:" + std::to_string(broker().tlsPort);
-    struct Row {
-        std::string host;
-        const char *trustStore;
-        const char *validate;
-        velClient_returnCode_t rc;
-    };
-    for (const Row &row : {Row{tlsHost, "ca.pem", "1", VELCLIENT_OK}, Row{localhost, "ca.pem", "1", VELCLIENT_OK},
-                           Row{tlsHost, "other-ca.pem", "1", VELCLIENT_FAIL},
-                           Row{tlsHost, "missing.pem", "1", VELCLIENT_FAIL},
-                           Row{tlsHost, "other-ca.pem", "0", VELCLIENT_OK}}) {
-        SCOPED_TRACE(row.host + " " + row.trustStore + " validate " + row.validate);
-        Client c({"SESSION_HOST", row.host, "SESSION_SSL_TRUST_STORE", broker().tlsFile(row.trustStore),
-                  "SESSION_SSL_VALIDATE_CERTIFICATE", row.validate, "SESSION_SSL", "1", "SESSION_CONNECT_TIMEOUT_MS",
-                  "5000"});
-        velClient_resetLastErrorInfo();
-        const velClient_returnCode_t rc = velClient_session_connect(c.session());
-        EXPECT_EQ(row.rc, rc) << veltest::lastErrorText();
-        if (rc == VELCLIENT_FAIL) {
-            EXPECT_EQ(VELCLIENT_SUBCODE_COMMUNICATION_ERROR, veltest::lastSubCode());
-            EXPECT_NE(std::string::npos, veltest::lastErrorText().find(row.host)) << veltest::lastErrorText();
-            continue;
-        }
-        /* Messages go round over TLS. */
-        const std::string topic = unique("tls/t");
-        c.subscribe(topic);
-        EXPECT_EQ(VELCLIENT_OK, send(c, topic, false, VELCLIENT_DELIVERY_MODE_PERSISTENT, "secret"));
-        EXPECT_EQ(std::multiset<std::string>{"secret"}, c.bodies(1));
-    }
 }
 
 TEST(AmqpHostilePeers, RefusedSubscriptionsAndSendsAndAMessageThatDoesNotConvertAreReportedAndTrafficGoesOn)

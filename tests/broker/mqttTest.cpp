@@ -158,9 +158,11 @@ TEST(MqttForeign, MosquittoPubReachesASessionAndItsReplyComesBack)
 
 TEST(MqttHostilePeers, APublishTheBrokerRefusesAndOneThatDoesNotConvertAreReportedAndTrafficGoesOn)
 {
-    Client c;
+    /* The access list of the login listener lets its user write anywhere but under velclient-denied/: the
+     * refusal comes back as an event. */
+    Client c({"SESSION_HOST", "127.0.0.1:" + std::to_string(broker().loginPort), "SESSION_USERNAME", "velclient",
+              "SESSION_PASSWORD", "secret"});
     ASSERT_TRUE(connectAll(c));
-    /* The broker's access list lets nobody write under velclient-denied/: the refusal comes back as an event. */
     ASSERT_EQ(VELCLIENT_OK, send(c, "velclient-denied/x", false, VELCLIENT_DELIVERY_MODE_PERSISTENT, "refused"));
     ASSERT_TRUE(c.waitEvents(VELCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR, 1));
     for (const Event &e : c.events())

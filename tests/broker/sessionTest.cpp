@@ -1,5 +1,5 @@
 /* Broker sessions on either transport, through the public API: connecting and
- * its failures, messages that read back as they were sent in every
+ * its failures, TLS and its trust store, messages that read back as they were sent in every
  * delivery mode, topic wildcards and the characters the transport reserves,
  * request and reply through the inbox, calls from several threads and from
  * inside both callbacks with the broker's outcome of guaranteed messages, and
@@ -55,6 +55,40 @@ TEST(BrokerConnect, FailuresNameTheHostAndTheReasonPlainLoginAndFailoverComeUp)
         EXPECT_EQ(std::multiset<std::string>{"over"}, c.bodies(1));
         EXPECT_EQ(VELCLIENT_OK, velClient_session_disconnect(c.session()));
         EXPECT_EQ(VELCLIENT_OK, velClient_session_disconnect(c.session()));
+    }
+}
+
+TEST(BrokerTls, TheTrustStoreDecides)
+{
+    const std::string tlsHost = "127.0.0.1:" + std::to_string(broker().tlsPort);
+    const std::string localhost = "localhost:" + std::to_string(broker().tlsPort);
+    struct Row {
+        std::string host;
+        const char *trustStore;
+        const char *validate;
+        velClient_returnCode_t rc;
+    };
+    for (const Row &row : {Row{tlsHost, "ca.pem", "1", VELCLIENT_OK}, Row{localhost, "ca.pem", "1", VELCLIENT_OK},
+                           Row{tlsHost, "other-ca.pem", "1", VELCLIENT_FAIL},
+                           Row{tlsHost, "missing.pem", "1", VELCLIENT_FAIL},
+                           Row{tlsHost, "other-ca.pem", "0", VELCLIENT_OK}}) {
+        SCOPED_TRACE(row.host + " " + row.trustStore + " validate " + row.validate);
+        Client c({"SESSION_HOST", row.host, "SESSION_SSL_TRUST_STORE", broker().tlsFile(row.trustStore),
+                  "SESSION_SSL_VALIDATE_CERTIFICATE", row.validate, "SESSION_SSL", "1", "SESSION_CONNECT_TIMEOUT_MS",
+                  "5000"});
+        velClient_resetLastErrorInfo();
+        const velClient_returnCode_t rc = velClient_session_connect(c.session());
+        EXPECT_EQ(row.rc, rc) << veltest::lastErrorText();
+        if (rc == VELCLIENT_FAIL) {
+            EXPECT_EQ(VELCLIENT_SUBCODE_COMMUNICATION_ERROR, veltest::lastSubCode());
+            EXPECT_NE(std::string::npos, veltest::lastErrorText().find(row.host)) << veltest::lastErrorText();
+            continue;
+        }
+        /* Messages go round over TLS. */
+        const std::string topic = unique("tls/t");
+        c.subscribe(topic);
+        EXPECT_EQ(VELCLIENT_OK, send(c, topic, false, VELCLIENT_DELIVERY_MODE_PERSISTENT, "secret"));
+        EXPECT_EQ(std::multiset<std::string>{"secret"}, c.bodies(1));
     }
 }
 

@@ -25,9 +25,8 @@ void Broker::SetUp()
     ASSERT_GT(port = std::atoi(out.c_str()), 0)
         << "the broker did not start (is " << (amqp ? "rabbitmq-server" : "mosquitto")
         << " installed? set VELCLIENT_SKIP_BROKER_TESTS=1 to skip these tests): " << out;
-    if (amqp) {
-        ASSERT_TRUE(std::ifstream(dir + "/tls_port") >> tlsPort) << "no TLS listener";
-    } else {
+    ASSERT_TRUE(std::ifstream(dir + "/tls_port") >> tlsPort) << "no TLS listener";
+    if (!amqp) {
         ASSERT_TRUE(std::ifstream(dir + "/login_port") >> loginPort) << "no listener with a password";
     }
 }

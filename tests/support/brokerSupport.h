@@ -1,8 +1,8 @@
 /* What the broker tests share. The executable runs on one transport, named by
  * its first argument ("amqp", the default, or "mqtt"): one of the scripts/
- * throwaway-broker scripts starts that broker once for the run (RabbitMQ with a
- * TLS listener, or mosquitto) on a free port of 127.0.0.1 with its state in a
- * temporary directory, and stops it after the last test, each process by its
+ * throwaway-broker scripts starts that broker once for the run (RabbitMQ or
+ * mosquitto, each with a TLS listener too) on a free port of 127.0.0.1 with
+ * its state in a temporary directory, and stops it after the last test, each process by its
  * own pid. Tests in suites named Amqp... or Mqtt... run only on that
  * transport, every other test on both. Without the broker every test fails,
  * unless VELCLIENT_SKIP_BROKER_TESTS=1, which skips them all and says so.
@@ -41,7 +41,7 @@ public:
     void TearDown() override;
     const char *transport() const { return amqp ? "amqp" : "mqtt"; }
     std::string host() const { return "127.0.0.1:" + std::to_string(port); }
-    /* The run's certificates on AMQP: "ca.pem" signed the one of the TLS
+    /* The run's certificates: "ca.pem" signed the one of the TLS
      * listener, which names 127.0.0.1 and localhost; "other-ca.pem" signed nothing. */
     std::string tlsFile(const char *name) const { return dir + "/tls/" + name; }
     /* Ends the broker with signal ("TERM" or "KILL") and waits until it is gone. */
