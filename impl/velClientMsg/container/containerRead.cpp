@@ -37,29 +37,33 @@ const char *readFaultText(Fault fault, std::uint32_t valueLength)
 }
 
 /* The length of the key at pos, in room bytes, when it has the usual form:
- * a name with a 1-byte length, checked as the general path checks it; 0 for
- * any other key. */
+ * a name with a 1-byte length, checked as the general path checks it (with
+ * known, its text as textEnds<true> checks it); 0 for any other key. */
+template <bool known = false>
 [[gnu::always_inline]] inline std::uint32_t commonKeyLength(const std::uint8_t *pos, std::ptrdiff_t room)
 {
     if (room < 5 || pos[0] != kTypeString)
         return 0;
     const std::uint32_t keyLength = pos[1];
-    if (keyLength < 3 || keyLength >= room || !isCString(pos + 2, keyLength - 2))
+    if (keyLength < 3 || keyLength >= room || !textEnds<known>(pos + 2, keyLength - 2))
         return 0;
     return keyLength;
 }
 
 /* A map entry in its usual form: a key that commonKeyLength takes, then a
- * value that decodeCommon takes. Decoded with the general path's checks;
- * false, with nothing recorded, for any other entry. */
+ * value that decodeCommon takes. Decoded with the general path's checks
+ * (with known, those of an entry found well formed before: every type byte
+ * and length against the end, and each text only for the NUL that ends it
+ * inside the bytes); false, with nothing recorded, for any other entry. */
+template <bool known = false>
 [[gnu::always_inline]] inline bool readCommonEntry(_velClient_container *c, std::uint8_t *pos,
                                                    velClient_field_t *field_p, const char **name_p)
 {
     const std::ptrdiff_t room = c->curWrPtr - pos;
-    const std::uint32_t keyLength = commonKeyLength(pos, room);
+    const std::uint32_t keyLength = commonKeyLength<known>(pos, room);
     if (keyLength == 0)
         return false;
-    const std::uint32_t valueLength = decodeCommon(pos + keyLength, room - keyLength, field_p);
+    const std::uint32_t valueLength = decodeCommon<known>(pos + keyLength, room - keyLength, field_p);
     if (valueLength == 0)
         return false;
     c->curRdPtr = pos;
@@ -149,6 +153,7 @@ inline void noteChecked(_velClient_container *c, const std::uint8_t *pos, std::u
     const auto at = static_cast<std::uint32_t>(pos - c->firstFieldPtr);
     if (at == c->checkedEnd && c->checkedCount < kCheckedEntries) {
         c->checkedAt[c->checkedCount++] = at;
+        c->checkedNext = c->checkedCount;
         c->checkedEnd = at + len;
         c->checkedKeys |= entryKeyBit(pos, keyLength);
     }
@@ -158,6 +163,39 @@ inline void noteChecked(_velClient_container *c, const std::uint8_t *pos, std::u
 inline void noteCursor(_velClient_container *c)
 {
     noteChecked(c, c->curRdPtr, c->curKeyLength, c->curFieldLength);
+}
+
+/* Reads the remembered entry at pos, the index-th, as one found well formed
+ * before: its bytes may have changed since (the application's, or another
+ * map over them deleted from them), so every type byte and length is checked
+ * against the end again and each text for the NUL that ends it inside the
+ * bytes; that this NUL is the text's only one was checked when the entry was
+ * remembered. False, with nothing recorded, when the entry no longer passes:
+ * the caller then reads it with every check. */
+inline bool readKnownEntry(_velClient_container *c, std::uint8_t *pos, std::uint32_t index,
+                           velClient_field_t *field_p, const char **name_p)
+{
+    if (!readCommonEntry<true>(c, pos, field_p, name_p))
+        return false;
+    c->checkedNext = index + 1;
+    return true;
+}
+
+/* Reads the map entry at pos, the next one after the cursor, as
+ * readKnownEntry when it is a remembered entry (the guess checkedNext, or
+ * the first one after a rewind), else in the usual form with every check,
+ * then remembered; false, with nothing recorded, for any other entry. */
+[[gnu::always_inline]] inline bool readNextCommonEntry(_velClient_container *c, std::uint8_t *pos,
+                                                       velClient_field_t *field_p, const char **name_p)
+{
+    const auto at = static_cast<std::uint32_t>(pos - c->firstFieldPtr);
+    const std::uint32_t index = at == 0 ? 0 : c->checkedNext;
+    if (index < c->checkedCount && c->checkedAt[index] == at && readKnownEntry(c, pos, index, field_p, name_p))
+        return true;
+    if (!readCommonEntry(c, pos, field_p, name_p))
+        return false;
+    noteCursor(c);
+    return true;
 }
 
 } // namespace
@@ -190,8 +228,12 @@ velClient_returnCode_t readNext(_velClient_container *c, velClient_field_t *fiel
         c->curKeyLength = 0;
         return VELCLIENT_EOS;
     }
-    velClient_returnCode_t rc = readEntryAt(c, pos, field_p, name_p);
-    if (rc == VELCLIENT_OK && c->type == VELCLIENT_CONTAINER_MAP)
+    if (c->type != VELCLIENT_CONTAINER_MAP)
+        return readAnyEntryAt(c, pos, field_p, name_p);
+    if (readNextCommonEntry(c, pos, field_p, name_p))
+        return VELCLIENT_OK;
+    velClient_returnCode_t rc = readAnyEntryAt(c, pos, field_p, name_p);
+    if (rc == VELCLIENT_OK)
         noteCursor(c);
     return rc;
 }
@@ -299,20 +341,20 @@ private:
     std::uint64_t bit_ = 0;
 };
 
-/* The entry keyed name among those c remembers as well formed, or nullptr:
- * their keys are compared (none when the name's bit is clear), nothing else
- * is checked again. */
-std::uint8_t *findChecked(_velClient_container *c, const KeyProbe &key)
+/* The index of the entry keyed name among those c remembers as well
+ * formed, or kCheckedEntries: their keys are compared (none when the name's
+ * bit is clear), nothing else is checked again. */
+std::uint32_t findChecked(_velClient_container *c, const KeyProbe &key)
 {
     if ((c->checkedKeys & key.bit()) == 0)
-        return nullptr;
+        return kCheckedEntries;
     const std::ptrdiff_t size = c->curWrPtr - c->firstFieldPtr;
     for (std::uint32_t i = 0; i < c->checkedCount; ++i) {
         const std::uint32_t at = c->checkedAt[i];
         if (at < size && key.keys(c->firstFieldPtr + at, size - at))
-            return c->firstFieldPtr + at;
+            return i;
     }
-    return nullptr;
+    return kCheckedEntries;
 }
 
 /* Passes over the entries from pos that are well formed, in the usual form,
@@ -405,11 +447,12 @@ velClient_returnCode_t _velClient_container_getFieldAndTypeByName(_velClient_con
         return VEL_FAIL_NULL("Null or Empty Name pointer in "
                              "_velClient_container_getFieldAndTypeByName");
     const KeyProbe key(name_p, std::strlen(name_p) + 1);
-    if (std::uint8_t *pos = findChecked(c, key)) {
-        const char *name = nullptr;
-        return readEntryAt(c, pos, field_p, &name);
-    }
-    return scanFor(c, key, field_p);
+    const std::uint32_t index = findChecked(c, key);
+    if (index == kCheckedEntries)
+        return scanFor(c, key, field_p);
+    std::uint8_t *pos = c->firstFieldPtr + c->checkedAt[index];
+    const char *name = nullptr;
+    return readKnownEntry(c, pos, index, field_p, &name) ? VELCLIENT_OK : readEntryAt(c, pos, field_p, &name);
 }
 
 /* ---- Exports
@@ -441,12 +484,9 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getNextField
         *name_p = nullptr;
     if (c->type == VELCLIENT_CONTAINER_MAP) {
         std::uint8_t *pos = nextPosition(c);
-        if (pos < c->curWrPtr) {
-            if (!readCommonEntry(c, pos, field_p, name_p))
-                return readOtherMapField(c, pos, field_p, name_p);
-            noteCursor(c);
-            return VELCLIENT_OK;
-        }
+        if (pos < c->curWrPtr)
+            return readNextCommonEntry(c, pos, field_p, name_p) ? VELCLIENT_OK
+                                                                : readOtherMapField(c, pos, field_p, name_p);
     }
     return _velClient_container_readNextField(c, field_p, name_p);
 }
