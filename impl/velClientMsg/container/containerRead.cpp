@@ -465,15 +465,21 @@ extern "C" VELCLIENT_API velClient_bool_t velClient_container_hasNextField(velCl
     return c != nullptr && nextPosition(c) < c->curWrPtr ? 1 : 0;
 }
 
-extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getNextField(velClient_opaqueContainer_pt opaqueCont_p,
-                                                                               velClient_field_t *field_p,
-                                                                               size_t fieldSize, const char **name_p)
+namespace {
+
+/* velClient_container_getNextField with every check, for the calls its short
+ * path leaves; c is the record behind the handle, or nullptr. */
+[[gnu::noinline]] velClient_returnCode_t getNextFieldChecked(_velClient_container *c,
+                                                            velClient_opaqueContainer_pt opaqueCont_p,
+                                                            velClient_field_t *field_p, size_t fieldSize,
+                                                            const char **name_p)
 {
-    _velClient_container *c = vel::containerWithOut(opaqueCont_p, field_p,
-                                                    "Bad cont_p pointer (%p) in velClient_container_getNextField",
-                                                    "Null field_p in velClient_container_getNextField");
-    if (c == nullptr)
-        return VELCLIENT_FAIL;
+    if (c == nullptr || field_p == nullptr) {
+        c = vel::containerWithOut(opaqueCont_p, field_p, "Bad cont_p pointer (%p) in velClient_container_getNextField",
+                                  "Null field_p in velClient_container_getNextField");
+        if (c == nullptr)
+            return VELCLIENT_FAIL;
+    }
     if (fieldSize != sizeof(velClient_field_t))
         return VEL_FAIL_RANGE("Unsupported field structure size (received %d, expected %d) in "
                               "velClient_container_getNextField",
@@ -484,11 +490,43 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getNextField
         *name_p = nullptr;
     if (c->type == VELCLIENT_CONTAINER_MAP) {
         std::uint8_t *pos = nextPosition(c);
-        if (pos < c->curWrPtr)
-            return readNextCommonEntry(c, pos, field_p, name_p) ? VELCLIENT_OK
-                                                                : readOtherMapField(c, pos, field_p, name_p);
+        if (pos < c->curWrPtr) { /* the short path found it is not a remembered entry */
+            if (!readCommonEntry(c, pos, field_p, name_p))
+                return readOtherMapField(c, pos, field_p, name_p);
+            noteCursor(c);
+            return VELCLIENT_OK;
+        }
     }
     return _velClient_container_readNextField(c, field_p, name_p);
+}
+
+/* The usual call, a map's next entry read with good arguments, when that
+ * entry is one the map remembers: read as readKnownEntry reads it, without
+ * the registers the full path saves. False, with nothing written, for any
+ * other call. */
+inline bool readRememberedNext(_velClient_container *c, velClient_field_t *field_p, size_t fieldSize,
+                               const char **name_p)
+{
+    if (c == nullptr || field_p == nullptr || fieldSize != sizeof(velClient_field_t) || name_p == nullptr ||
+        c->type != VELCLIENT_CONTAINER_MAP)
+        return false;
+    std::uint8_t *pos = nextPosition(c);
+    const auto at = static_cast<std::uint32_t>(pos - c->firstFieldPtr);
+    const std::uint32_t index = at == 0 ? 0 : c->checkedNext;
+    return pos < c->curWrPtr && index < c->checkedCount && c->checkedAt[index] == at &&
+           readKnownEntry(c, pos, index, field_p, name_p);
+}
+
+} // namespace
+
+extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getNextField(velClient_opaqueContainer_pt opaqueCont_p,
+                                                                               velClient_field_t *field_p,
+                                                                               size_t fieldSize, const char **name_p)
+{
+    _velClient_container *c = vel::containerOf(opaqueCont_p);
+    if (readRememberedNext(c, field_p, fieldSize, name_p))
+        return VELCLIENT_OK;
+    return getNextFieldChecked(c, opaqueCont_p, field_p, fieldSize, name_p);
 }
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getField(velClient_opaqueContainer_pt opaqueCont_p,
