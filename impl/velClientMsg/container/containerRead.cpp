@@ -468,11 +468,11 @@ extern "C" VELCLIENT_API velClient_bool_t velClient_container_hasNextField(velCl
 namespace {
 
 /* velClient_container_getNextField with every check, for the calls its short
- * path leaves; c is the record behind the handle, or nullptr. */
-[[gnu::noinline]] velClient_returnCode_t getNextFieldChecked(_velClient_container *c,
-                                                            velClient_opaqueContainer_pt opaqueCont_p,
+ * path leaves; c is the record behind the handle, or nullptr (the arguments
+ * keep their places, so that the short path hands them on as they came). */
+[[gnu::noinline]] velClient_returnCode_t getNextFieldChecked(velClient_opaqueContainer_pt opaqueCont_p,
                                                             velClient_field_t *field_p, size_t fieldSize,
-                                                            const char **name_p)
+                                                            const char **name_p, _velClient_container *c)
 {
     if (c == nullptr || field_p == nullptr) {
         c = vel::containerWithOut(opaqueCont_p, field_p, "Bad cont_p pointer (%p) in velClient_container_getNextField",
@@ -510,10 +510,11 @@ inline bool readRememberedNext(_velClient_container *c, velClient_field_t *field
     if (c == nullptr || field_p == nullptr || fieldSize != sizeof(velClient_field_t) || name_p == nullptr ||
         c->type != VELCLIENT_CONTAINER_MAP)
         return false;
-    std::uint8_t *pos = nextPosition(c);
-    const auto at = static_cast<std::uint32_t>(pos - c->firstFieldPtr);
-    const std::uint32_t index = at == 0 ? 0 : c->checkedNext;
-    return pos < c->curWrPtr && index < c->checkedCount && c->checkedAt[index] == at &&
+    const bool first = c->curRdPtr == nullptr; /* the first entry is the first remembered one */
+    std::uint8_t *pos = first ? c->firstFieldPtr : c->curRdPtr + c->curFieldLength;
+    const std::uint32_t index = first ? 0 : c->checkedNext;
+    return pos < c->curWrPtr && index < c->checkedCount &&
+           c->checkedAt[index] == static_cast<std::uint32_t>(pos - c->firstFieldPtr) &&
            readKnownEntry(c, pos, index, field_p, name_p);
 }
 
@@ -526,7 +527,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getNextField
     _velClient_container *c = vel::containerOf(opaqueCont_p);
     if (readRememberedNext(c, field_p, fieldSize, name_p))
         return VELCLIENT_OK;
-    return getNextFieldChecked(c, opaqueCont_p, field_p, fieldSize, name_p);
+    return getNextFieldChecked(opaqueCont_p, field_p, fieldSize, name_p, c);
 }
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getField(velClient_opaqueContainer_pt opaqueCont_p,
