@@ -144,19 +144,26 @@ inline std::uint64_t entryKeyBit(const std::uint8_t *pos, std::uint32_t keyLengt
     return keyBit(lastBytesOf(pos + 2, keyLength - 2));
 }
 
-/* Remembers the map entry at pos (len bytes, its key keyLength of them,
- * found well formed) when it is the first one not yet remembered and there
- * is room for it. */
-inline void noteChecked(_velClient_container *c, const std::uint8_t *pos, std::uint32_t keyLength,
-                        std::uint32_t len)
+/* Remembers the map entry at pos (len bytes, found well formed, the bit of
+ * its key given by keyBitOf()) when it is the first one not yet remembered
+ * and there is room for it. */
+template <typename KeyBitOf>
+inline void noteEntry(_velClient_container *c, const std::uint8_t *pos, std::uint32_t len, KeyBitOf keyBitOf)
 {
     const auto at = static_cast<std::uint32_t>(pos - c->firstFieldPtr);
     if (at == c->checkedEnd && c->checkedCount < kCheckedEntries) {
         c->checkedAt[c->checkedCount++] = at;
         c->checkedNext = c->checkedCount;
         c->checkedEnd = at + len;
-        c->checkedKeys |= entryKeyBit(pos, keyLength);
+        c->checkedKeys |= keyBitOf();
     }
+}
+
+/* noteEntry for an entry whose key takes keyLength bytes. */
+inline void noteChecked(_velClient_container *c, const std::uint8_t *pos, std::uint32_t keyLength,
+                        std::uint32_t len)
+{
+    noteEntry(c, pos, len, [pos, keyLength] { return entryKeyBit(pos, keyLength); });
 }
 
 /* noteChecked for the entry at the cursor. */
@@ -367,13 +374,20 @@ std::uint8_t *skipOtherEntries(_velClient_container *c, std::uint8_t *pos, const
 {
     const std::uint8_t *end = c->curWrPtr;
     while (pos < end) {
-        const std::uint32_t keyLength = commonKeyLength(pos, end - pos);
-        if (keyLength == 0)
+        const std::ptrdiff_t room = end - pos;
+        if (room < 5 || pos[0] != kTypeString)
             return pos;
-        const std::uint32_t valueLength = checkCommon(pos + keyLength, end - pos - keyLength);
+        const std::uint32_t keyLength = pos[1];
+        if (keyLength < 3 || keyLength >= room)
+            return pos;
+        /* A name equal to the one looked for is a text with its only NUL last, as that one is. */
+        const bool same = keyLength - 2 == key.size() && key.sameName(pos + 2);
+        if (!same && !isCString(pos + 2, keyLength - 2))
+            return pos;
+        const std::uint32_t valueLength = checkCommon(pos + keyLength, room - keyLength);
         if (valueLength == 0)
             return pos;
-        if (keyLength - 2 == key.size() && key.sameName(pos + 2)) {
+        if (same) {
             keyed = true;
             return pos;
         }
@@ -384,19 +398,20 @@ std::uint8_t *skipOtherEntries(_velClient_container *c, std::uint8_t *pos, const
 }
 
 /* Decodes the value of the entry at pos, whose key in the usual form
- * skipOtherEntries found to be the name, into *field_p when decodeCommon
- * takes it, and makes it the cursor's entry; false, with nothing written,
- * for any other value. */
-bool readKeyedValue(_velClient_container *c, std::uint8_t *pos, velClient_field_t *field_p)
+ * skipOtherEntries found to be the name and whose value it has just checked,
+ * into *field_p when decodeCommon takes it (a text's NUL is not looked for
+ * again), and makes it the cursor's entry; false, with nothing written, for
+ * any other value. */
+bool readKeyedValue(_velClient_container *c, std::uint8_t *pos, const KeyProbe &key, velClient_field_t *field_p)
 {
     const std::uint32_t keyLength = pos[1];
-    const std::uint32_t valueLength = decodeCommon(pos + keyLength, c->curWrPtr - pos - keyLength, field_p);
+    const std::uint32_t valueLength = decodeCommon<true>(pos + keyLength, c->curWrPtr - pos - keyLength, field_p);
     if (valueLength == 0)
         return false;
     c->curRdPtr = pos;
     c->curKeyLength = keyLength;
     c->curFieldLength = keyLength + valueLength;
-    noteChecked(c, pos, keyLength, keyLength + valueLength);
+    noteEntry(c, pos, keyLength + valueLength, [&key] { return key.bit(); });
     return true;
 }
 
@@ -418,7 +433,7 @@ velClient_returnCode_t scanFor(_velClient_container *c, const KeyProbe &key, vel
             c->curKeyLength = 0;
             return VELCLIENT_NOT_FOUND;
         }
-        if (keyed && readKeyedValue(c, pos, field_p))
+        if (keyed && readKeyedValue(c, pos, key, field_p))
             return VELCLIENT_OK;
         velClient_field_t scratch{};
         const char *name = nullptr;
