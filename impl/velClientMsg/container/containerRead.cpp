@@ -515,22 +515,31 @@ namespace {
     return _velClient_container_readNextField(c, field_p, name_p);
 }
 
-/* The usual call, a map's next entry read with good arguments, when that
- * entry is one the map remembers: read as readKnownEntry reads it, without
- * the registers the full path saves. False, with nothing written, for any
- * other call. */
-inline bool readRememberedNext(_velClient_container *c, velClient_field_t *field_p, size_t fieldSize,
-                               const char **name_p)
+/* The usual calls, a map's next entry read with good arguments, without
+ * the registers the full path saves: OK after reading an entry the map
+ * remembers as readKnownEntry reads it, EOS at the end of the map (the
+ * cursor then rests there, as readNext leaves it). FAIL, with nothing
+ * written, for any other call. */
+inline velClient_returnCode_t readRememberedNext(_velClient_container *c, velClient_field_t *field_p,
+                                                 size_t fieldSize, const char **name_p)
 {
     if (c == nullptr || field_p == nullptr || fieldSize != sizeof(velClient_field_t) || name_p == nullptr ||
         c->type != VELCLIENT_CONTAINER_MAP)
-        return false;
+        return VELCLIENT_FAIL;
     const bool first = c->curRdPtr == nullptr; /* the first entry is the first remembered one */
     std::uint8_t *pos = first ? c->firstFieldPtr : c->curRdPtr + c->curFieldLength;
+    if (pos >= c->curWrPtr) {
+        *name_p = nullptr;
+        c->curRdPtr = pos;
+        c->curFieldLength = 0;
+        c->curKeyLength = 0;
+        return VELCLIENT_EOS;
+    }
     const std::uint32_t index = first ? 0 : c->checkedNext;
-    return pos < c->curWrPtr && index < c->checkedCount &&
-           c->checkedAt[index] == static_cast<std::uint32_t>(pos - c->firstFieldPtr) &&
-           readKnownEntry(c, pos, index, field_p, name_p);
+    return index < c->checkedCount && c->checkedAt[index] == static_cast<std::uint32_t>(pos - c->firstFieldPtr) &&
+                   readKnownEntry(c, pos, index, field_p, name_p)
+               ? VELCLIENT_OK
+               : VELCLIENT_FAIL;
 }
 
 } // namespace
@@ -540,9 +549,8 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getNextField
                                                                                size_t fieldSize, const char **name_p)
 {
     _velClient_container *c = vel::containerOf(opaqueCont_p);
-    if (readRememberedNext(c, field_p, fieldSize, name_p))
-        return VELCLIENT_OK;
-    return getNextFieldChecked(opaqueCont_p, field_p, fieldSize, name_p, c);
+    const velClient_returnCode_t rc = readRememberedNext(c, field_p, fieldSize, name_p);
+    return rc != VELCLIENT_FAIL ? rc : getNextFieldChecked(opaqueCont_p, field_p, fieldSize, name_p, c);
 }
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getField(velClient_opaqueContainer_pt opaqueCont_p,
