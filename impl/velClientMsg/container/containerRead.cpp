@@ -482,9 +482,10 @@ extern "C" VELCLIENT_API velClient_bool_t velClient_container_hasNextField(velCl
 
 namespace {
 
-/* velClient_container_getNextField with every check, for the calls its short
- * path leaves; c is the record behind the handle, or nullptr (the arguments
- * keep their places, so that the short path hands them on as they came). */
+/* velClient_container_getNextField for the calls that are not the usual
+ * one (isUsualCall): a refusal, or the next value of a stream. c is the
+ * record behind the handle, or nullptr (the arguments keep their places, so
+ * that the export hands them on as they came). */
 [[gnu::noinline]] velClient_returnCode_t getNextFieldChecked(velClient_opaqueContainer_pt opaqueCont_p,
                                                             velClient_field_t *field_p, size_t fieldSize,
                                                             const char **name_p, _velClient_container *c)
@@ -503,29 +504,35 @@ namespace {
         return VEL_FAIL_NULL("Null name_p in velClient_container_getNextField");
     if (name_p != nullptr)
         *name_p = nullptr;
-    if (c->type == VELCLIENT_CONTAINER_MAP) {
-        std::uint8_t *pos = nextPosition(c);
-        if (pos < c->curWrPtr) { /* the short path found it is not a remembered entry */
-            if (!readCommonEntry(c, pos, field_p, name_p))
-                return readOtherMapField(c, pos, field_p, name_p);
-            noteCursor(c);
-            return VELCLIENT_OK;
-        }
-    }
     return _velClient_container_readNextField(c, field_p, name_p);
 }
 
-/* The usual calls, a map's next entry read with good arguments, without
- * the registers the full path saves: OK after reading an entry the map
- * remembers as readKnownEntry reads it, EOS at the end of the map (the
- * cursor then rests there, as readNext leaves it). FAIL, with nothing
- * written, for any other call. */
-inline velClient_returnCode_t readRememberedNext(_velClient_container *c, velClient_field_t *field_p,
-                                                 size_t fieldSize, const char **name_p)
+/* The next map entry, at pos, when it is not one the map remembers: read
+ * with every check as getNextFieldChecked reads it. */
+[[gnu::noinline]] velClient_returnCode_t readOtherNext(_velClient_container *c, std::uint8_t *pos,
+                                                       velClient_field_t *field_p, const char **name_p)
 {
-    if (c == nullptr || field_p == nullptr || fieldSize != sizeof(velClient_field_t) || name_p == nullptr ||
-        c->type != VELCLIENT_CONTAINER_MAP)
-        return VELCLIENT_FAIL;
+    *name_p = nullptr;
+    if (!readCommonEntry(c, pos, field_p, name_p))
+        return readOtherMapField(c, pos, field_p, name_p);
+    noteCursor(c);
+    return VELCLIENT_OK;
+}
+
+/* A call with good arguments on a map. */
+inline bool isUsualCall(const _velClient_container *c, const velClient_field_t *field_p, size_t fieldSize,
+                        const char **name_p)
+{
+    return c != nullptr && field_p != nullptr && fieldSize == sizeof(velClient_field_t) && name_p != nullptr &&
+           c->type == VELCLIENT_CONTAINER_MAP;
+}
+
+/* The usual call (isUsualCall) without the registers the full path saves:
+ * an entry the map remembers is read as readKnownEntry reads it, the end of
+ * the map gives EOS (the cursor then rests there, as readNext leaves it),
+ * any other entry goes to readOtherNext. */
+inline velClient_returnCode_t readMapNext(_velClient_container *c, velClient_field_t *field_p, const char **name_p)
+{
     const bool first = c->curRdPtr == nullptr; /* the first entry is the first remembered one */
     std::uint8_t *pos = first ? c->firstFieldPtr : c->curRdPtr + c->curFieldLength;
     if (pos >= c->curWrPtr) {
@@ -536,10 +543,10 @@ inline velClient_returnCode_t readRememberedNext(_velClient_container *c, velCli
         return VELCLIENT_EOS;
     }
     const std::uint32_t index = first ? 0 : c->checkedNext;
-    return index < c->checkedCount && c->checkedAt[index] == static_cast<std::uint32_t>(pos - c->firstFieldPtr) &&
-                   readKnownEntry(c, pos, index, field_p, name_p)
-               ? VELCLIENT_OK
-               : VELCLIENT_FAIL;
+    if (index < c->checkedCount && c->checkedAt[index] == static_cast<std::uint32_t>(pos - c->firstFieldPtr) &&
+        readKnownEntry(c, pos, index, field_p, name_p))
+        return VELCLIENT_OK;
+    return readOtherNext(c, pos, field_p, name_p);
 }
 
 } // namespace
@@ -549,8 +556,9 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getNextField
                                                                                size_t fieldSize, const char **name_p)
 {
     _velClient_container *c = vel::containerOf(opaqueCont_p);
-    const velClient_returnCode_t rc = readRememberedNext(c, field_p, fieldSize, name_p);
-    return rc != VELCLIENT_FAIL ? rc : getNextFieldChecked(opaqueCont_p, field_p, fieldSize, name_p, c);
+    if (isUsualCall(c, field_p, fieldSize, name_p))
+        return readMapNext(c, field_p, name_p);
+    return getNextFieldChecked(opaqueCont_p, field_p, fieldSize, name_p, c);
 }
 
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_getField(velClient_opaqueContainer_pt opaqueCont_p,
