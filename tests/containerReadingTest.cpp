@@ -337,3 +337,51 @@ TEST(Reading, LookupsTellApartNamesThatDifferInOneByte)
     }
     ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&m));
 }
+
+/* A read of an entry a map remembers as well formed checks its type bytes
+ * and lengths against the end again, and each text for the NUL that ends
+ * it: bytes the application changed since are refused with the texts of a
+ * first read. A NUL written inside a remembered name only shortens it (it
+ * still ends inside the bytes); a lookup compares the whole key and misses. */
+TEST(Reading, RememberedEntriesAfterTheApplicationChangedTheirBytes)
+{
+    /* ab: uint8 1 | cd: "xy" | ef: uint8 3 (offsets from the first entry) */
+    const veltest::Bytes fields = {0x1C, 0x05, 'a', 'b', 0,   0x0C, 0x03, 1,   0x1C, 0x05, 'c', 'd', 0,
+                                   0x1C, 0x05, 'x', 'y', 0,   0x1C, 0x05, 'e', 'f', 0,   0x0C, 0x03, 3};
+    const char *length = "Invalid length in TLV string in structured data container",
+               *map = "Invalid entry in structured data map", *tlv = "Invalid entry in structured data TLV";
+    const struct {
+        std::size_t at;
+        std::uint8_t byte;
+        std::size_t bad;  /* the entry whose read fails (3: none) */
+        const char *text; /* of that read and of the lookup of lookedUp */
+        const char *lookedUp;
+        velClient_returnCode_t lookup;
+    } rows[] = {
+        {12, 'z', 1, length, "cd", VELCLIENT_NOT_FOUND}, /* the name's NUL */
+        {17, 'z', 1, tlv, "cd", VELCLIENT_FAIL},         /* the text's NUL */
+        {14, 0x20, 1, map, "cd", VELCLIENT_FAIL},        /* the text runs past the end */
+        {9, 0x40, 1, map, "cd", VELCLIENT_NOT_FOUND},    /* the name runs past the end */
+        {5, 0x10, 0, tlv, "ab", VELCLIENT_FAIL},         /* a 1-byte float */
+        {10, 0, 3, nullptr, "cd", VELCLIENT_NOT_FOUND},  /* a NUL inside the name */
+    };
+    for (const auto &r : rows) {
+        SCOPED_TRACE(&r - rows);
+        Exact e(container(0x2B, fields));
+        ASSERT_EQ((std::vector<std::string>{"ab", "cd", "ef"}), veltest::names(e.h)); /* all remembered */
+        e.mem[5 + r.at] = r.byte;
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_rewind(e.h));
+        for (std::size_t i = 0; i < r.bad; ++i) {
+            ASSERT_EQ(VELCLIENT_OK, next(e.h));
+            EXPECT_STREQ(i == 1 ? "" : i == 0 ? "ab" : "ef", name);
+        }
+        if (r.text != nullptr) {
+            EXPECT_EQ(VELCLIENT_FAIL, next(e.h));
+            EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_COMMUNICATION_ERROR, r.text);
+        }
+        EXPECT_EQ(r.lookup, velClient_container_getField(e.h, &f, sizeof f, r.lookedUp));
+        if (r.lookup == VELCLIENT_FAIL) {
+            EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_COMMUNICATION_ERROR, r.text);
+        }
+    }
+}

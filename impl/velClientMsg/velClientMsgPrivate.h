@@ -138,11 +138,13 @@ struct _velClient_container {
      * from firstFieldPtr, in order, then checkedEnd where the first entry not
      * yet checked begins, and checkedKeys with a bit set for each of their
      * keys (a key whose bit is clear is not among them). Forgotten whenever
-     * bytes move inside the container. */
+     * bytes move inside the container. checkedNext is a guess at the index
+     * of the remembered entry the cursor reaches next, tested before use. */
     std::uint32_t checkedCount;
     std::uint32_t checkedEnd;
     std::uint64_t checkedKeys;
     std::uint32_t checkedAt[kCheckedEntries];
+    std::uint32_t checkedNext;
 };
 
 inline void forgetCheckedEntries(_velClient_container *c) noexcept
@@ -150,6 +152,7 @@ inline void forgetCheckedEntries(_velClient_container *c) noexcept
     c->checkedCount = 0;
     c->checkedEnd = 0;
     c->checkedKeys = 0;
+    c->checkedNext = 0;
 }
 
 /* ---- Pool ----------------------------------------------------------------------- */

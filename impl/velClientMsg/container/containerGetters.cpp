@@ -74,11 +74,17 @@ velClient_returnCode_t typedGet(const GetterTexts &t, Target target, Out *out, c
     return convert(field, *out) ? VELCLIENT_OK : conversionFailed(t, field);
 }
 
-template <typename Target, typename T>
+/* An integer getter. A field of its own type (own), which every rule
+ * accepts as it is, is taken without the conversion table. */
+template <velClient_fieldType_t own, typename Target, typename T>
 velClient_returnCode_t integerGet(const GetterTexts &t, const vel::convert::IntRule &rule, Target target, T *out,
                                   const char *name)
 {
     return typedGet(t, target, out, name, [&rule](const velClient_field_t &f, T &o) {
+        if (f.type == own) {
+            std::memcpy(&o, &f.value, sizeof o); /* the union's member of that type */
+            return true;
+        }
         vel::convert::wide_t v = 0;
         if (!vel::convert::toInteger(f, rule, v))
             return false;
@@ -90,28 +96,28 @@ velClient_returnCode_t integerGet(const GetterTexts &t, const vel::convert::IntR
 } // namespace
 
 #define VEL_INTEGER_GETTERS(X)                                                                                 \
-    X(Uint8, velClient_uint8_t, kUint8, "converted to 8 bit unsigned integer")                                \
-    X(Int8, velClient_int8_t, kInt8, "converted to 8 bit signed integer")                                     \
-    X(Uint16, velClient_uint16_t, kUint16, "converted to 16 bit unsigned integer")                            \
-    X(Int16, velClient_int16_t, kInt16, "converted to 16 bit signed integer")                                 \
-    X(Uint32, velClient_uint32_t, kUint32, "converted to 32 bit unsigned integer")                            \
-    X(Int32, velClient_int32_t, kInt32, "converted to 32 bit signed integer")                                 \
-    X(Uint64, velClient_uint64_t, kUint64, "converted to 64 bit unsigned integer")                            \
-    X(Int64, velClient_int64_t, kInt64, "converted to 64 bit signed integer")
+    X(Uint8, velClient_uint8_t, kUint8, VELCLIENT_UINT8, "converted to 8 bit unsigned integer")               \
+    X(Int8, velClient_int8_t, kInt8, VELCLIENT_INT8, "converted to 8 bit signed integer")                     \
+    X(Uint16, velClient_uint16_t, kUint16, VELCLIENT_UINT16, "converted to 16 bit unsigned integer")          \
+    X(Int16, velClient_int16_t, kInt16, VELCLIENT_INT16, "converted to 16 bit signed integer")                \
+    X(Uint32, velClient_uint32_t, kUint32, VELCLIENT_UINT32, "converted to 32 bit unsigned integer")          \
+    X(Int32, velClient_int32_t, kInt32, VELCLIENT_INT32, "converted to 32 bit signed integer")                \
+    X(Uint64, velClient_uint64_t, kUint64, VELCLIENT_UINT64, "converted to 64 bit unsigned integer")          \
+    X(Int64, velClient_int64_t, kInt64, VELCLIENT_INT64, "converted to 64 bit signed integer")
 
-#define VEL_DEFINE_INTEGER_GETTER(Name, CType, rule, words)                                                    \
+#define VEL_DEFINE_INTEGER_GETTER(Name, CType, rule, own, words)                                               \
     extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_get##Name(                           \
         velClient_opaqueContainer_pt opaqueCont_p, CType *value, const char *name)                           \
     {                                                                                                          \
         static const GetterTexts texts = VEL_GETTER_TEXTS(get##Name, words);                                   \
-        return integerGet(texts, vel::convert::rule, opaqueCont_p, value, name);                               \
+        return integerGet<own>(texts, vel::convert::rule, opaqueCont_p, value, name);                          \
     }
 VEL_INTEGER_GETTERS(VEL_DEFINE_INTEGER_GETTER)
 
 velClient_returnCode_t vel::container::getUint64(_velClient_container *c, velClient_uint64_t *value, const char *name)
 {
     static const GetterTexts texts = VEL_GETTER_TEXTS(getUint64, "converted to 64 bit unsigned integer");
-    return integerGet(texts, vel::convert::kUint64, c, value, name);
+    return integerGet<VELCLIENT_UINT64>(texts, vel::convert::kUint64, c, value, name);
 }
 
 #define VEL_DEFINE_SIMPLE_GETTER(Name, CType, convertFn, words)                                                \

@@ -21,6 +21,7 @@ velClient_returnCode_t _velClient_container_alloc(_velClient_container **contain
     }
     /* The remembered entry offsets are written before they are read. */
     clearRecord<_velClient_container, offsetof(_velClient_container, checkedAt)>(cont);
+    cont->checkedNext = 0;
     cont->opaqueContainer_p = _velClient_safePtr_alloc(cont, _CONTAINER_PTR_TYPE);
     if (cont->opaqueContainer_p == nullptr) {
         cont->onFreeList = true;

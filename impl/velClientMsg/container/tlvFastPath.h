@@ -38,9 +38,20 @@ inline std::int64_t decodeFixed(const std::uint8_t *p, std::uint32_t len, velCli
     return len;
 }
 
+/* A text of n bytes (n > 0) at v: with known (a field checked before whose
+ * bytes may have changed since), only that it ends with a NUL, so that it
+ * ends inside them; else that this NUL is its only one. */
+template <bool known>
+inline bool textEnds(const std::uint8_t *v, std::size_t n) noexcept
+{
+    return known ? v[n - 1] == 0 : isCString(v, n);
+}
+
 /* The field at p, in room bytes, decoded when it is one of the commonest:
  * returns its length, or 0 for any other field and for one that decodeField
- * would refuse (the caller then hands it to decodeField). */
+ * would refuse (the caller then hands it to decodeField). With known, a
+ * string is checked as textEnds<true> checks it. */
+template <bool known = false>
 inline std::uint32_t decodeCommon(const std::uint8_t *p, std::ptrdiff_t room, velClient_field_t *f)
 {
     if (room < 2)
@@ -51,7 +62,7 @@ inline std::uint32_t decodeCommon(const std::uint8_t *p, std::ptrdiff_t room, ve
     switch (p[0]) {
     case kTypeString: {
         const std::uint32_t n = len - 2;
-        if (n == 0 || !isCString(p + 2, n))
+        if (n == 0 || !textEnds<known>(p + 2, n))
             return 0;
         f->type = VELCLIENT_STRING;
         f->length = n;
