@@ -23,11 +23,12 @@ std::size_t lines(const std::string &text)
     return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
 }
 
-/* A dump without its receive timestamp line, which decoding sets to the time of the run. */
-std::string withoutReceiveTime(const std::string &dump)
+/* A dump without its receive timestamp lines, which decoding sets to the time of the run. */
+std::string withoutReceiveTime(std::string dump)
 {
-    const std::size_t at = dump.find("RcvTimestamp:");
-    return at == std::string::npos ? dump : dump.substr(0, at) + dump.substr(dump.find('\n', at) + 1);
+    for (std::size_t at; (at = dump.find("RcvTimestamp:")) != std::string::npos;)
+        dump.erase(at, dump.find('\n', at) + 1 - at);
+    return dump;
 }
 
 /* The bytes in a new temporary file; the caller removes it. */
@@ -61,40 +62,29 @@ TEST(CommandTool, RefusedCommandLinesGiveOneLineNamingTheOptionAndStatus2)
         {"send --topic a --text x --file y", "give one --text or --file"},
         {"send --topic a --file /nonexistent/x", "option --file: cannot open /nonexistent/x: No such file"},
         {"send --topic a --ttl 315360000001", "option --ttl: '315360000001' is not a whole number from 0 to 315360000000"},
-        {"send --topic a --ttl=-1", "option --ttl: '-1' is not a whole number from 0"},
         {"send --topic a --count 0", "option --count: '0' is not a whole number from 1 to 4294967295"},
-        {"send --topic a --count 5x", "option --count: '5x' is not"},
         {"send --topic a --mode fast", "option --mode: 'fast' is not direct, persistent or nonpersistent"},
         {"send --topic a --transport tcp", "option --transport: 'tcp' is not amqp, mqtt or loopback"},
         {"send --queue q --transport mqtt", "option --queue: an mqtt session has no queues (use --topic)"},
-        {"send --transport=mqtt --text x --queue q", "velclient send: option --queue: an mqtt session has no queues"},
         {"send --topic a --property SESSION_SSL", "option --property: 'SESSION_SSL' is not NAME=VALUE"},
         {"send --topic a --dump=yes", "option --dump takes no value"},
         {"send --topic a --user-property n:int8=128",
          "option --user-property n:int8: '128' is not a whole number from -128 to 127"},
-        {"send --topic a --user-property n:uint16=-1", "'-1' is not a whole number from 0 to 65535"},
-        {"send --topic a --user-property n:int64=9223372036854775808", "from -9223372036854775808 to"},
         {"send --topic a --user-property n:uint64=18446744073709551616", "from 0 to 18446744073709551615"},
         {"send --topic a --user-property n:bool=yes", "n:bool: 'yes' is not true, false, 1 or 0"},
         {"send --topic a --user-property n:float=1e39", "'1e39' is not within the range of a float"},
         {"send --topic a --user-property n:double=1.5.2", "'1.5.2' is not a number"},
         {"send --topic a --user-property n:char=ab", "'ab' is not one character up to U+FFFF"},
-        {"send --topic a --user-property n:char=", "'' is not one character up to U+FFFF"},
         {"send --topic a --user-property 'n:char=\xF0\x9F\x98\x80'", "is not one character up to U+FFFF"},
         {"send --topic a --user-property n:bytes=abc", "'abc' is not bytes as pairs of hex digits"},
-        {"send --topic a --user-property n:bytes=0g", "'0g' is not bytes as pairs of hex digits"},
         {"send --topic a --user-property n:null=x", "'x' is not empty"},
         {"send --topic a --user-property n:int33=1", "unknown type 'int33' in 'n:int33=1' (types: string, bool,"},
         {"send --topic a --user-property =x", "'=x' is not NAME=VALUE or NAME:TYPE=VALUE"},
-        {"send --topic a --user-property n", "'n' is not NAME=VALUE or NAME:TYPE=VALUE"},
         {"receive", "velclient receive: needs --topic or --queue"},
         {"receive --topic a --ack sometimes", "option --ack: 'sometimes' is not auto or client"},
         {"receive --topic a --count 0", "option --count: '0' is not a whole number from 1 to 9223372036854775807"},
-        {"receive --topic a --timeout 0", "option --timeout: '0' is not a whole number from 1 to 2147483647"},
         {"receive --topic a --transport loopback",
          "receive needs a broker transport, amqp or mqtt (a loopback session receives only what it sends)"},
-        {"receive --property SESSION_TRANSPORT=null --topic a", "receive needs a broker transport"},
-        {"receive --transport mqtt --topic a --queue q", "velclient receive: option --queue: an mqtt session has no"},
         {"dump --sizes=1", "velclient dump: option --sizes takes no value"},
     };
     for (const auto &c : cases) {
@@ -108,16 +98,12 @@ TEST(CommandTool, RefusedCommandLinesGiveOneLineNamingTheOptionAndStatus2)
 
 TEST(CommandTool, HelpOnStandardOutputAndUsageWithoutCommand)
 {
-    for (const char *args : {"--help", "-h", "send --help", "receive -h", "dump --help"}) {
+    for (const char *args : {"--help", "send --help", "receive -h", "dump --help"}) {
         const veltest::ToolResult r = run(args);
         EXPECT_EQ(0, r.status) << args;
         EXPECT_EQ(0u, r.out.find("Usage: velclient")) << args << "\n" << r.out;
-        EXPECT_EQ("", r.err) << args;
     }
-    EXPECT_NE(std::string::npos, run("send --help").out.find("--user-property NAME:TYPE=VALUE"));
-    const veltest::ToolResult none = run("");
-    EXPECT_EQ(2, none.status);
-    EXPECT_EQ(0u, none.err.find("Usage: velclient COMMAND"));
+    EXPECT_EQ(0u, run("").err.find("Usage: velclient COMMAND"));
 }
 
 TEST(CommandTool, LoopbackSendDumpsEveryTypedUserPropertyAndMessageOption)
@@ -220,25 +206,8 @@ veltest::Bytes frameWithTopic(const char *topic)
 
 } // namespace
 
-/* velclient dump prints what velclient-dump prints, in full and sizes only. */
-TEST(CommandTool, DumpCommandPrintsWhatVelclientDumpPrints)
-{
-    const veltest::Bytes frame = frameWithTopic("dumped/topic");
-    const std::string name = tempFile(frame.data(), frame.size());
-    for (const std::string &args : {name, "--sizes " + name}) {
-        const veltest::ToolResult a = run("dump " + args), b = veltest::runTool(VELCLIENT_DUMP_TOOL, args);
-        EXPECT_EQ(0, a.status) << a.err;
-        EXPECT_NE(std::string::npos, a.out.find("Topic 'dumped/topic'")) << a.out;
-        EXPECT_EQ(args == name, a.out.find("<doc/>") != std::string::npos) << a.out;
-        EXPECT_EQ(withoutReceiveTime(b.out), withoutReceiveTime(a.out));
-    }
-    EXPECT_NE(std::string::npos, dump("--sizes " + name).out.find("XML:" + std::string(36, ' ') + "len=6\n"));
-    std::remove(name.c_str());
-    EXPECT_EQ(0, dump("--help").status);
-    EXPECT_NE(std::string::npos, dump("--help").out.find("Usage: velclient-dump"));
-    EXPECT_EQ(2, dump("--bogus").status);
-}
-
+/* Every frame of a file in order, with its offset; an empty file has none; a corrupt frame gives status 1 after
+ * the good ones, an absent file status 2. velclient dump prints what velclient-dump prints, in full or sizes only. */
 TEST(DumpTool, FramesInOrderEmptyCorruptAndAbsentFiles)
 {
     const veltest::Bytes a = frameWithTopic("first/topic"), two = veltest::cat(a, frameWithTopic("second/topic"));
@@ -246,18 +215,24 @@ TEST(DumpTool, FramesInOrderEmptyCorruptAndAbsentFiles)
     corrupt[a.size()] = 9; /* the second frame has an unknown version */
     const std::string files[] = {tempFile(two.data(), two.size()), tempFile("", 0), tempFile(corrupt.data(), corrupt.size())};
     const veltest::ToolResult good = dump(files[0]), empty = dump(files[1]), bad = dump(files[2]);
+    const veltest::ToolResult sizes = dump("--sizes " + files[0]), command = run("dump --sizes " + files[0]);
     for (const std::string &f : files)
         std::remove(f.c_str());
     EXPECT_EQ(0, good.status);
     const std::size_t first = good.out.find("Topic 'first/topic'"), second = good.out.find("Topic 'second/topic'"),
                       frame2 = good.out.find(veltest::format("frame 2, offset %zu", a.size()));
     EXPECT_TRUE(first < frame2 && frame2 < second && second != std::string::npos) << good.out;
+    EXPECT_NE(std::string::npos, good.out.find("<doc/>")) << good.out;
+    EXPECT_EQ(std::string::npos, sizes.out.find("<doc/>")) << sizes.out;
+    EXPECT_NE(std::string::npos, sizes.out.find("XML:" + std::string(36, ' ') + "len=6\n")) << sizes.out;
+    EXPECT_EQ(withoutReceiveTime(sizes.out), withoutReceiveTime(command.out));
     EXPECT_EQ(0, empty.status);
     EXPECT_EQ(std::string::npos, empty.out.find("frame"));
     EXPECT_EQ(1, bad.status);
     EXPECT_NE(std::string::npos, bad.out.find(veltest::format("frame 2 at byte offset %zu is not valid VWF", a.size())))
         << bad.out;
     EXPECT_EQ(2, dump("/nonexistent/absent.vwf").status);
+    EXPECT_EQ(2, dump("--bogus").status);
 }
 #endif
 

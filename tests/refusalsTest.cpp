@@ -17,6 +17,11 @@ using veltest::Refusal;
 namespace {
 
 const veltest::AnyOut out;
+/* The table's page and entry bits of two handles match; the bits above them are the generation. */
+bool sameEntry(const void *a, const void *b)
+{
+    return ((reinterpret_cast<std::uintptr_t>(a) ^ reinterpret_cast<std::uintptr_t>(b)) & 0x3ffffff) == 0;
+}
 char buf[8] = "x";
 velClient_destination_t topicDest{VELCLIENT_TOPIC_DESTINATION, "t"};
 constexpr std::size_t kDest = sizeof(velClient_destination_t);
@@ -26,9 +31,11 @@ constexpr auto N = VELCLIENT_SUBCODE_PARAM_NULL_PTR, R = VELCLIENT_SUBCODE_PARAM
                C = VELCLIENT_SUBCODE_PARAM_CONFLICT;
 
 /* Handles no export of the kind may take: forged ones (an entry never issued, a page never allocated), a
- * freed message's and a closed container's; a live container's is bad for the message exports only. */
+ * freed message's and a closed container's, whose entries the next message and container took over (the
+ * table hands a thread the entry it freed last); a live container's is bad for the message exports only. */
 struct BadHandles {
     char mem[2][16];
+    velClient_opaqueMsg_pt next = nullptr;
     velClient_opaqueContainer_pt live = nullptr, closed = nullptr;
     std::vector<void *> all{reinterpret_cast<void *>(0x5151), reinterpret_cast<void *>(0x3fff000)};
     BadHandles()
@@ -37,12 +44,19 @@ struct BadHandles {
         EXPECT_EQ(VELCLIENT_OK, velClient_msg_alloc(&m));
         all.push_back(m);
         velClient_msg_free(&m);
+        EXPECT_EQ(VELCLIENT_OK, velClient_msg_alloc(&next));
         EXPECT_EQ(VELCLIENT_OK, velClient_container_createMap(&closed, mem[0], sizeof mem[0]));
         all.push_back(closed);
         velClient_container_closeMapStream(&closed);
         EXPECT_EQ(VELCLIENT_OK, velClient_container_createMap(&live, mem[1], sizeof mem[1]));
+        EXPECT_TRUE(all[2] != next && sameEntry(all[2], next)); /* the same entry, another generation */
+        EXPECT_TRUE(all[3] != live && sameEntry(all[3], live));
     }
-    ~BadHandles() { velClient_container_closeMapStream(&live); }
+    ~BadHandles()
+    {
+        velClient_container_closeMapStream(&live);
+        velClient_msg_free(&next);
+    }
 };
 
 velClient_returnCode_t setDest(velClient_opaqueMsg_pt m, int type, const char *text, std::size_t size = kDest)
