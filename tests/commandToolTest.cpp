@@ -38,7 +38,6 @@ TEST(CommandTool, HelpRefusedCommandLinesAndLibraryFailuresGiveTheirStatusAndOne
     } cases[] = {
         {"--help", "Usage: velclient", 0},
         {"send --help", "Usage: velclient send", 0},
-        {"dump --help", "Usage: velclient dump", 0},
         {"bogus", "velclient: unknown command 'bogus' (see velclient --help)"},
         {"send --topic a --bogus", "velclient send: unknown option --bogus (see velclient send --help)"},
         {"send --topic a extra", "unexpected argument 'extra'"},
@@ -48,12 +47,10 @@ TEST(CommandTool, HelpRefusedCommandLinesAndLibraryFailuresGiveTheirStatusAndOne
         {"send --topic a --text x --file y", "give one --text or --file"},
         {"send --topic a --file /nonexistent/x", "option --file: cannot open /nonexistent/x: No such file"},
         {"send --topic a --ttl 315360000001", "option --ttl: '315360000001' is not a whole number from 0 to 315360000000"},
-        {"send --topic a --count 0", "option --count: '0' is not a whole number from 1 to 4294967295"},
         {"send --topic a --mode fast", "option --mode: 'fast' is not direct, persistent or nonpersistent"},
         {"send --topic a --transport tcp", "option --transport: 'tcp' is not amqp, mqtt or loopback"},
         {"send --queue q --transport mqtt", "option --queue: an mqtt session has no queues (use --topic)"},
         {"send --topic a --property SESSION_SSL", "option --property: 'SESSION_SSL' is not NAME=VALUE"},
-        {"send --topic a --dump=yes", "option --dump takes no value"},
         {"send --topic a --user-property n:int8=128",
          "option --user-property n:int8: '128' is not a whole number from -128 to 127"},
         {"send --topic a --user-property n:uint64=18446744073709551616", "from 0 to 18446744073709551615"},
@@ -72,10 +69,8 @@ TEST(CommandTool, HelpRefusedCommandLinesAndLibraryFailuresGiveTheirStatusAndOne
         {"send --host 127.0.0.1:1 --topic a --text x",
          "velclient send: Could not connect to 127.0.0.1:1 (proton:io: Connection refused", 1},
         {"receive --host 127.0.0.1:1 --host 127.0.0.1:1 --queue a", "velclient receive: Could not connect to 127.0.0.1:1", 1},
-        {"send --transport mqtt --host 127.0.0.1:1 --topic a", "velclient send: Could not connect to 127.0.0.1:1", 1},
         {"receive --transport mqtt --host 127.0.0.1:1 --topic a", "velclient receive: Could not connect to 127.0.0.1:1", 1},
         {"send --transport loopback --text x --topic " + std::string(251, 'x'), "velclient send: ", 1},
-        {"send --property SESSION_NOT_A_PROPERTY=1 --topic a", "velclient send: ", 1},
     };
     for (const auto &c : cases) {
         const veltest::ToolResult r = run(c.given);
@@ -92,7 +87,6 @@ TEST(CommandTool, LoopbackSendDumpsEveryTypedUserPropertyAndMessageOption)
 {
     const Expect cases[] = {
         {"i8:int8=-128", "Key 'i8' (INT8) -128"},
-        {"i64:int64=-9223372036854775808", "Key 'i64' (INT64) -9223372036854775808"},
         {"u64:uint64=18446744073709551615", "Key 'u64' (UINT64) 18446744073709551615"},
         {"f:bool=0", "Key 'f' (BOOL) FALSE"},
         {"fl:float=1.5", "Key 'fl' (FLOAT) 1.500000"},

@@ -226,3 +226,25 @@ TEST(WireFormat, SendingKeepsOpenContainersWhereEncodingClosesThem)
     EXPECT_EQ(before, veltest::bytesAt(held.buf_p, held.bufSize));
     velClient_datablock_free(&heldBlock);
 }
+
+/* Re-encoding a message whose image nobody else holds gives the same pool
+ * statistics as releasing the old image and taking a new block: the image is
+ * written over the old one when the class its new size asks for is the same. */
+TEST(WireFormat, ReEncodingKeepsTheImageInTheClassOfItsSize)
+{
+    Msg m;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setTopicPtr(m.h, "t/u"));
+    const veltest::LiveCounts base;
+    const std::pair<velClient_uint32_t, std::uint32_t> rows[] = { /* attachment by reference, class of the image */
+        {100, 0}, {1000, 1}, {2022, 1}, {2023, 2}, {3000, 2}, {200, 0}, {1000, 1}, {100, 0}};
+    for (const auto &[size, imageClass] : rows) {
+        Bytes body(size, static_cast<std::uint8_t>(size));
+        ASSERT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachmentPtr(m.h, body.data(), size));
+        const Bytes image = encode(m.h); /* the caller's reference is dropped at once */
+        ASSERT_EQ(26 + size, image.size());
+        EXPECT_TRUE(std::equal(body.begin(), body.end(), image.end() - size)) << size;
+        const veltest::LiveCounts now;
+        for (std::uint32_t q = 0; q < 6; ++q)
+            EXPECT_EQ(base.blocks[q] + (q == imageClass), now.blocks[q]) << size << " bytes, class " << q;
+    }
+}
