@@ -41,8 +41,8 @@ std::pair<void *, velClient_uint32_t> areaOf(velClient_opaqueDatablock_pt b)
 } // namespace
 
 /* Classes and a limit of 0 from the start properties; a block takes the
- * first class that holds it and is pooled unless oversize; refused
- * properties of the library and of sessions change nothing. */
+ * first class that holds it and is pooled unless oversize, whose memory goes
+ * back; refused properties of the library change nothing. */
 TEST(Pools, ClassesAndLimitFromStartPropertiesAndTheirRefusals)
 {
     const char *const classes[] = {"GLOBAL_DBQUANTASIZE_0", "100", "GLOBAL_DBQUANTASIZE_1", "200", "GLOBAL_DBQUANTASIZE_2",
@@ -77,27 +77,18 @@ TEST(Pools, ClassesAndLimitFromStartPropertiesAndTheirRefusals)
     veltest::expectDrainedPools(); /* lowering the limit to 0 empties every free list */
 
     /* A value too long for the error record is what gets cut, not the property's name. */
-    const std::string digits(300, '1'), longName(251, 'n');
+    const std::string digits(300, '1');
     const std::pair<const char *, const char *> bad[] = {
         {"GLOBAL_DBQUANTASIZE_0", "abc"}, {"GLOBAL_DBQUANTASIZE_1", "-1"}, {"GLOBAL_DBQUANTASIZE_2", ""},
         {"GLOBAL_DBQUANTASIZE_3", "4294967296"}, {"GLOBAL_DBQUANTASIZE_4", "12x"}, {"GLOBAL_DBQUANTASIZE_0", nullptr},
         {"GLOBAL_MAXPOOLMEM", "18446744073709551616"}, {"GLOBAL_MAXPOOLMEM", digits.c_str()},
-        {"GLOBAL_DBQUANTASIZE_5", "100"}, {"GLOBAL_DBQUANTASIZE_", "100"}, {"GLOBAL_POOL", "1"},
-        /* Sessions: a good property first, so the refusal of a later one still fails the whole call. */
-        {"SESSION_CLIENT_NAME", longName.c_str()}, {"SESSION_P2P_TOPIC_BASE", nullptr},
-        {"SESSION_GENERATE_SENDER_ID", "yes"}, {"SESSION_COLOUR", "red"}};
+        {"GLOBAL_DBQUANTASIZE_5", "100"}, {"GLOBAL_DBQUANTASIZE_", "100"}, {"GLOBAL_POOL", "1"}}; /* unknown */
     for (const auto &[name, value] : bad) {
-        const bool session = std::strncmp(name, "SESSION", 7) == 0;
-        const char *one[] = {"SESSION_TRANSPORT", "null", name, value, nullptr};
-        velClient_opaqueSession_pt s = nullptr;
-        EXPECT_EQ(VELCLIENT_FAIL, session ? velClient_session_create(one, nullptr, nullptr, &s)
-                                          : velClient_initialize(VELCLIENT_LOG_EMERGENCY, one + 2)) << name;
-        EXPECT_EQ(nullptr, s);
-        const std::string in = session ? " in velClient_session_create" : " in velClient_initialize";
-        const bool known = name != std::string("SESSION_COLOUR") && (session || &name < &bad[8].first);
-        const std::string text = known ? std::string("Invalid value for property ") + name + in + ": '" +
-                                             (value ? value : "(null)") + "'"
-                                       : std::string("Unknown property ") + name + in;
+        const char *one[] = {name, value, nullptr};
+        EXPECT_EQ(VELCLIENT_FAIL, velClient_initialize(VELCLIENT_LOG_EMERGENCY, one)) << name;
+        const std::string text = &name < &bad[8].first ? std::string("Invalid value for property ") + name +
+                                                             " in velClient_initialize: '" + (value ? value : "(null)") + "'"
+                                                       : std::string("Unknown property ") + name + " in velClient_initialize";
         EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, text.substr(0, 255));
     }
     const char *unordered[] = {"GLOBAL_DBQUANTASIZE_2", "100", nullptr};

@@ -18,6 +18,7 @@ velClient_returnCode_t create(std::vector<const char *> props, velClient_opaqueS
 TEST(SessionCalls, BrokerPropertiesAreCheckedAtCreation)
 {
     using Rows = std::vector<std::pair<const char *, const char *>>;
+    const std::string longName(251, 'n'); /* the text is cut at 255 characters, in the value */
     const Rows refused = {
         {"SESSION_TRANSPORT", "mqtt5"},          {"SESSION_HOST", ""},
         {"SESSION_HOST", "a,,b"},                {"SESSION_HOST", "host:0"},
@@ -30,7 +31,8 @@ TEST(SessionCalls, BrokerPropertiesAreCheckedAtCreation)
         {"SESSION_SEND_TIMEOUT_MS", "99999999999"}, {"SESSION_PUB_WINDOW_SIZE", "0"},
         {"SESSION_PUB_WINDOW_SIZE", "256"},      {"SESSION_RECEIVE_ACK_MODE", "manual"},
         {"SESSION_AMQP_TOPIC_PREFIX", ""},       {"SESSION_AMQP_LEVEL_SEPARATOR", ""},
-        {"SESSION_AMQP_WILDCARD_MORE", nullptr},
+        {"SESSION_AMQP_WILDCARD_MORE", nullptr}, {"SESSION_P2P_TOPIC_BASE", nullptr},
+        {"SESSION_GENERATE_SENDER_ID", "yes"},   {"SESSION_CLIENT_NAME", longName.c_str()},
     };
     const Rows accepted = {
         {"SESSION_TRANSPORT", "amqp"}, {"SESSION_HOST", "a.example:1,b,[::1]:5671,[fe80::1]"},
@@ -52,8 +54,8 @@ TEST(SessionCalls, BrokerPropertiesAreCheckedAtCreation)
                 continue;
             }
             EXPECT_EQ(nullptr, s);
-            EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, std::string("Invalid value for property ") + name +
-                                                                        " in velClient_session_create: '" + shown + "'");
+            const std::string text = std::string("Invalid value for property ") + name + " in velClient_session_create: '";
+            EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, (text + shown + "'").substr(0, 255));
         }
     }
 }
@@ -91,7 +93,10 @@ TEST(SessionCalls, BadHandlesAndArgumentsAreRefused)
     const auto N = VELCLIENT_SUBCODE_PARAM_NULL_PTR, R = VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
                E = VELCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED;
     const std::string tooLong(251, 't');
+    const char *colour[] = {"SESSION_TRANSPORT", "null", "SESSION_COLOUR", "red", nullptr}; /* a good one first */
+    velClient_opaqueSession_pt none = nullptr;
     veltest::expectRefusals({
+        REFUSE_IN(velClient_session_create, (colour, nullptr, nullptr, &none), R, "Unknown property SESSION_COLOUR"),
         REFUSE_IN(velClient_session_topicSubscribe, (s, nullptr), N, "Null topic pointer"),
         REFUSE_IN(velClient_session_queueUnsubscribe, (s, nullptr), N, "Null queueName pointer"),
         REFUSE_IN(velClient_session_topicUnsubscribe, (s, ""), R, "Empty topic"),
