@@ -1,5 +1,5 @@
-/* The velclient command without a broker: help, refused command lines and library failures, typed user
- * properties and the other message options as the loopback send dumps them. */
+/* The velclient command without a broker: help, refused command lines and library failures. What send
+ * publishes is checked by the broker tests, which receive it with the same command. */
 #include <algorithm>
 #include <string>
 
@@ -13,17 +13,6 @@ veltest::ToolResult run(const std::string &args)
 {
     return veltest::runTool(VELCLIENT_TOOL, args);
 }
-
-std::size_t lines(const std::string &text)
-{
-    return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
-}
-
-/* What a command line (or one of its options) makes the command print. */
-struct Expect {
-    const char *given;
-    const char *text;
-};
 
 } // namespace
 
@@ -52,11 +41,8 @@ TEST(CommandTool, HelpRefusedCommandLinesAndLibraryFailuresGiveTheirStatusAndOne
         {"send --topic a --property SESSION_SSL", "option --property: 'SESSION_SSL' is not NAME=VALUE"},
         {"send --topic a --user-property n:int8=128",
          "option --user-property n:int8: '128' is not a whole number from -128 to 127"},
-        {"send --topic a --user-property n:uint64=18446744073709551616", "from 0 to 18446744073709551615"},
         {"send --topic a --user-property n:bool=yes", "n:bool: 'yes' is not true, false, 1 or 0"},
         {"send --topic a --user-property n:float=1e39", "'1e39' is not within the range of a float"},
-        {"send --topic a --user-property n:char=ab", "'ab' is not one character up to U+FFFF"},
-        {"send --topic a --user-property n:bytes=abc", "'abc' is not bytes as pairs of hex digits"},
         {"send --topic a --user-property n:int33=1", "unknown type 'int33' in 'n:int33=1' (types: string, bool,"},
         {"send --topic a --user-property =x", "'=x' is not NAME=VALUE or NAME:TYPE=VALUE"},
         {"receive --topic a --ack sometimes", "option --ack: 'sometimes' is not auto or client"},
@@ -75,45 +61,10 @@ TEST(CommandTool, HelpRefusedCommandLinesAndLibraryFailuresGiveTheirStatusAndOne
         EXPECT_EQ(c.status, r.status) << c.given << "\n" << r.err;
         const std::size_t at = text.find(c.text); /* anywhere in a refusal, first otherwise */
         EXPECT_TRUE(c.status == 2 ? at != std::string::npos : at == 0) << c.given << "\n" << text;
-        EXPECT_TRUE(c.status == 0 || (lines(r.err) == 1 && r.out.empty())) << c.given << "\n" << r.err;
+        EXPECT_TRUE(c.status == 0 || (std::count(r.err.begin(), r.err.end(), '\n') == 1 && r.out.empty()))
+            << c.given << "\n" << r.err;
     }
     EXPECT_EQ(0u, run("").err.find("Usage: velclient COMMAND"));
-}
-
-TEST(CommandTool, LoopbackSendDumpsEveryTypedUserPropertyAndMessageOption)
-{
-    const Expect cases[] = {
-        {"i8:int8=-128", "Key 'i8' (INT8) -128"},
-        {"u64:uint64=18446744073709551615", "Key 'u64' (UINT64) 18446744073709551615"},
-        {"f:bool=0", "Key 'f' (BOOL) FALSE"},
-        {"fl:float=1.5", "Key 'fl' (FLOAT) 1.500000"},
-        {"c:char=A", "Key 'c' (WCHAR) A"},
-        {"by:bytes=00fF", "Key 'by' (BYTE ARRAY) len=2"},
-        {"z:null", "Key 'z' (NULL)"},
-        {"tp:topic=x/y", "Key 'tp' (DESTINATION) Topic 'x/y'"},
-        {"s=a:b=c", "Key 's' (STRING) a:b=c"},
-        {"a:b:string=x", "Key 'a:b' (STRING) x"},
-    };
-    std::string args = "send --transport loopback --topic a/b --text hello --ttl 5000 --mode persistent "
-                       "--reply-to queue:rq --correlation-id cid --count 2 --dump";
-    for (const auto &c : cases)
-        args.append(" --user-property '").append(c.given).append("'");
-    const veltest::ToolResult r = run(args);
-    EXPECT_EQ(0, r.status) << r.err;
-    EXPECT_EQ("velclient send: 2 sent\n", r.err);
-    const std::size_t second = r.out.find("--- message 2\n");
-    ASSERT_NE(std::string::npos, second) << r.out;
-    const std::string first = r.out.substr(0, second);
-    for (const auto &c : cases)
-        EXPECT_NE(std::string::npos, first.find(std::string("  ").append(c.text).append("\n"))) << c.given << "\n" << first;
-    EXPECT_NE(std::string::npos, first.find("len=2\n    00 ff  ")) << first;
-    for (const char *line : {"Destination:                            Topic 'a/b'",
-                             "DeliveryMode:                           PERSISTENT",
-                             "TimeToLive:                             5000", "Reply To:                               Queue 'rq'",
-                             "CorrelationId:                          cid",
-                             "Binary Attachment String:               len=5"})
-        EXPECT_NE(std::string::npos, first.find(std::string(line) + "\n")) << line << "\n" << first;
-    EXPECT_EQ(first.substr(std::string("--- message 1").size()), r.out.substr(second + std::string("--- message 2").size()));
 }
 
 #endif

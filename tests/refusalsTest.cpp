@@ -233,8 +233,9 @@ TEST(Refusals, MessageArguments)
 
 TEST(Refusals, PoolDataBlocksSessionsAndLogs)
 {
-    velClient_opaqueDatablock_pt none = nullptr;
+    velClient_opaqueDatablock_pt none = nullptr, block = nullptr;
     velClient_opaqueSession_pt noSession = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_datablock_alloc(&block, 10));
     const auto freeBlocks = VELCLIENT_MSG_STATS_FREE_DATA_BLOCKS, allocs = VELCLIENT_MSG_STATS_MSG_ALLOCS;
     const auto all = VELCLIENT_LOG_CATEGORY_ALL;
     veltest::expectRefusals({
@@ -249,6 +250,7 @@ TEST(Refusals, PoolDataBlocksSessionsAndLogs)
         REFUSE_BAD(velClient_datablock_free, (&none), "datablock", &none),
         REFUSE(velClient_datablock_dup(nullptr), N, format("Bad datablock pointer (%p) in velClient_datablock_incRef", nullptr)),
         REFUSE_BAD(velClient_datablock_getDataPtr, (nullptr, out, out), "datablock", nullptr),
+        REFUSE_IN(velClient_datablock_getDataPtr, (block, nullptr, nullptr), N, "Null output pointer"),
         REFUSE_BAD(velClient_session_sendMsg, (nullptr, nullptr), "session", nullptr),
         REFUSE_BAD(velClient_session_destroy, (&noSession), "session", nullptr),
         REFUSE_IN(velClient_log_setFilterLevel, (all, static_cast<velClient_log_level_t>(8)), R, "Invalid log level of 8"),
@@ -256,6 +258,7 @@ TEST(Refusals, PoolDataBlocksSessionsAndLogs)
         REFUSE(velClient_initialize(static_cast<velClient_log_level_t>(9), nullptr), R,
                "Invalid log level of 9 in velClient_log_setFilterLevel"),
         });
+    velClient_datablock_free(&block);
 }
 
 TEST(Refusals, EveryContainerExportRefusesABadHandle)
