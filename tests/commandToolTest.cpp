@@ -7,15 +7,6 @@
 
 #ifdef VELCLIENT_TOOL
 
-namespace {
-
-veltest::ToolResult run(const std::string &args)
-{
-    return veltest::runTool(VELCLIENT_TOOL, args);
-}
-
-} // namespace
-
 /* Help goes to standard output with status 0. A refused command line gives one line naming the option with
  * status 2; a failure of the library its text, first, with status 1; both print nothing else. */
 TEST(CommandTool, HelpRefusedCommandLinesAndLibraryFailuresGiveTheirStatusAndOneLine)
@@ -56,7 +47,7 @@ TEST(CommandTool, HelpRefusedCommandLinesAndLibraryFailuresGiveTheirStatusAndOne
         {"send --transport loopback --text x --topic " + std::string(251, 'x'), "velclient send: ", 1},
     };
     for (const auto &c : cases) {
-        const veltest::ToolResult r = run(c.given);
+        const veltest::ToolResult r = veltest::runTool(VELCLIENT_TOOL, c.given);
         const std::string &text = c.status == 0 ? r.out : r.err;
         EXPECT_EQ(c.status, r.status) << c.given << "\n" << r.err;
         const std::size_t at = text.find(c.text); /* anywhere in a refusal, first otherwise */
@@ -64,7 +55,7 @@ TEST(CommandTool, HelpRefusedCommandLinesAndLibraryFailuresGiveTheirStatusAndOne
         EXPECT_TRUE(c.status == 0 || (std::count(r.err.begin(), r.err.end(), '\n') == 1 && r.out.empty()))
             << c.given << "\n" << r.err;
     }
-    EXPECT_EQ(0u, run("").err.find("Usage: velclient COMMAND"));
+    EXPECT_EQ(0u, veltest::runTool(VELCLIENT_TOOL, "").err.find("Usage: velclient COMMAND"));
 }
 
 #endif
