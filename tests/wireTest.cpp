@@ -228,6 +228,8 @@ TEST(WireFormat, ReEncodingKeepsTheImageInTheClassOfItsSize)
     Msg m;
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_setTopicPtr(m.h, "t/u"));
     const veltest::LiveCounts base;
+    velClient_uint8_t *previous = nullptr;
+    std::uint32_t previousClass = 6;
     const std::pair<velClient_uint32_t, std::uint32_t> rows[] = { /* attachment by reference, class of the image */
         {100, 0}, {1000, 1}, {2022, 1}, {2023, 2}, {3000, 2}, {200, 0}, {1000, 1}, {100, 0}};
     for (const auto &[size, imageClass] : rows) {
@@ -236,6 +238,12 @@ TEST(WireFormat, ReEncodingKeepsTheImageInTheClassOfItsSize)
         const Bytes image = encode(m.h); /* the caller's reference is dropped at once */
         ASSERT_EQ(26 + size, image.size());
         EXPECT_TRUE(std::equal(body.begin(), body.end(), image.end() - size)) << size;
+        velClient_uint8_t *at = nullptr;
+        velClient_uint32_t length = 0;
+        ASSERT_EQ(VELCLIENT_OK, velClient_msg_getVWFPtr(m.h, &at, &length));
+        EXPECT_EQ(imageClass == previousClass, at == previous) << size; /* in place when the class stays */
+        previous = at;
+        previousClass = imageClass;
         const veltest::LiveCounts now;
         for (std::uint32_t q = 0; q < 6; ++q)
             EXPECT_EQ(base.blocks[q] + (q == imageClass), now.blocks[q]) << size << " bytes, class " << q;
