@@ -1,5 +1,5 @@
 /* Data blocks, the pools, their limit, classes and statistics, starting the
- * library and sessions with properties, and the message life cycle (reset, dup, cleanup).
+ * library with properties, and the message life cycle (dup, reset, cleanup).
  * Counters are process-wide: compared as differences, defaults restored. */
 #include <cstdint>
 #include <cstring>
