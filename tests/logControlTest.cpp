@@ -75,15 +75,13 @@ TEST(LogControl, CodeNames)
     for (int code = -2; code <= 9; ++code)
         EXPECT_STREQ(returns[code < -1 ? 10 : code + 1], velClient_returnCodeToString(static_cast<velClient_returnCode_t>(code)))
             << code;
-    const char *subs[] = {"OK", "PARAM_OUT_OF_RANGE", "PARAM_NULL_PTR", "PARAM_CONFLICT", "INSUFFICIENT_SPACE",
-                          "OUT_OF_RESOURCES", "INTERNAL_ERROR", "OUT_OF_MEMORY", "PROTOCOL_ERROR", "INIT_NOT_CALLED",
-                          "TIMEOUT", "KEEP_ALIVE_FAILURE", "SESSION_NOT_ESTABLISHED", "OS_ERROR", "COMMUNICATION_ERROR",
-                          "LOGIN_FAILURE"};
-    for (int code = 0; code < 16; ++code)
-        EXPECT_STREQ(subs[code], velClient_subCodeToString(static_cast<velClient_subCode_t>(code))) << code;
-    const std::pair<int, const char *> more[] = {{16, "Unknown"}, {40, "DBLOCK_ALREADY_EXISTS"}, {41, "NO_STRUCTURED_DATA"},
-                                                 {42, "CONTAINER_BUSY"}, {43, "INVALID_DATA_CONVERSION"},
-                                                 {84, "INVALID_VWF_MESSAGE"}, {85, "Unknown"}};
-    for (auto [code, name] : more)
+    const std::pair<int, const char *> subs[] = {
+        {0, "OK"}, {1, "PARAM_OUT_OF_RANGE"}, {2, "PARAM_NULL_PTR"}, {3, "PARAM_CONFLICT"}, {4, "INSUFFICIENT_SPACE"},
+        {5, "OUT_OF_RESOURCES"}, {6, "INTERNAL_ERROR"}, {7, "OUT_OF_MEMORY"}, {8, "PROTOCOL_ERROR"},
+        {9, "INIT_NOT_CALLED"}, {10, "TIMEOUT"}, {11, "KEEP_ALIVE_FAILURE"}, {12, "SESSION_NOT_ESTABLISHED"},
+        {13, "OS_ERROR"}, {14, "COMMUNICATION_ERROR"}, {15, "LOGIN_FAILURE"}, {16, "Unknown"},
+        {40, "DBLOCK_ALREADY_EXISTS"}, {41, "NO_STRUCTURED_DATA"}, {42, "CONTAINER_BUSY"},
+        {43, "INVALID_DATA_CONVERSION"}, {84, "INVALID_VWF_MESSAGE"}, {85, "Unknown"}};
+    for (auto [code, name] : subs)
         EXPECT_STREQ(name, velClient_subCodeToString(static_cast<velClient_subCode_t>(code))) << code;
 }

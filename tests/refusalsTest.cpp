@@ -26,9 +26,11 @@ constexpr auto N = VELCLIENT_SUBCODE_PARAM_NULL_PTR, R = VELCLIENT_SUBCODE_PARAM
                C = VELCLIENT_SUBCODE_PARAM_CONFLICT;
 
 /* Handles no export of the kind may take: forged ones (an entry never issued, a page never allocated), a
- * freed message's and a closed container's; a live container's is bad for the message exports only. */
+ * freed message's and a closed container's, whose entries the next message and container took over (the
+ * table hands a thread the entry it freed last); a live container's is bad for the message exports only. */
 struct BadHandles {
     char mem[2][16];
+    velClient_opaqueMsg_pt next = nullptr;
     velClient_opaqueContainer_pt live = nullptr, closed = nullptr;
     std::vector<void *> all{reinterpret_cast<void *>(0x5151), reinterpret_cast<void *>(0x3fff000)};
     BadHandles()
@@ -37,12 +39,21 @@ struct BadHandles {
         EXPECT_EQ(VELCLIENT_OK, velClient_msg_alloc(&m));
         all.push_back(m);
         velClient_msg_free(&m);
+        EXPECT_EQ(VELCLIENT_OK, velClient_msg_alloc(&next));
         EXPECT_EQ(VELCLIENT_OK, velClient_container_createMap(&closed, mem[0], sizeof mem[0]));
         all.push_back(closed);
         velClient_container_closeMapStream(&closed);
         EXPECT_EQ(VELCLIENT_OK, velClient_container_createMap(&live, mem[1], sizeof mem[1]));
+        for (auto [freed, reused] : {std::pair<void *, void *>{all[2], next}, {all[3], live}}) {
+            const auto bits = reinterpret_cast<std::uintptr_t>(freed) ^ reinterpret_cast<std::uintptr_t>(reused);
+            EXPECT_TRUE(bits != 0 && (bits & 0x3ffffff) == 0); /* the same page and entry, another generation */
+        }
     }
-    ~BadHandles() { velClient_container_closeMapStream(&live); }
+    ~BadHandles()
+    {
+        velClient_container_closeMapStream(&live);
+        velClient_msg_free(&next);
+    }
 };
 
 velClient_returnCode_t setDest(velClient_opaqueMsg_pt m, int type, const char *text, std::size_t size = kDest)
@@ -219,8 +230,9 @@ TEST(Refusals, MessageArguments)
 
 TEST(Refusals, PoolDataBlocksSessionsAndLogs)
 {
-    velClient_opaqueDatablock_pt none = nullptr;
+    velClient_opaqueDatablock_pt none = nullptr, block = nullptr;
     velClient_opaqueSession_pt noSession = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_datablock_alloc(&block, 10));
     const auto freeBlocks = VELCLIENT_MSG_STATS_FREE_DATA_BLOCKS, allocs = VELCLIENT_MSG_STATS_MSG_ALLOCS;
     const auto all = VELCLIENT_LOG_CATEGORY_ALL;
     veltest::expectRefusals({
@@ -235,6 +247,7 @@ TEST(Refusals, PoolDataBlocksSessionsAndLogs)
         REFUSE_BAD(velClient_datablock_free, (&none), "datablock", &none),
         REFUSE(velClient_datablock_dup(nullptr), N, format("Bad datablock pointer (%p) in velClient_datablock_incRef", nullptr)),
         REFUSE_BAD(velClient_datablock_getDataPtr, (nullptr, out, out), "datablock", nullptr),
+        REFUSE_IN(velClient_datablock_getDataPtr, (block, nullptr, nullptr), N, "Null output pointer"),
         REFUSE_BAD(velClient_session_sendMsg, (nullptr, nullptr), "session", nullptr),
         REFUSE_BAD(velClient_session_destroy, (&noSession), "session", nullptr),
         REFUSE_IN(velClient_log_setFilterLevel, (all, static_cast<velClient_log_level_t>(8)), R, "Invalid log level of 8"),
@@ -242,6 +255,7 @@ TEST(Refusals, PoolDataBlocksSessionsAndLogs)
         REFUSE(velClient_initialize(static_cast<velClient_log_level_t>(9), nullptr), R,
                "Invalid log level of 9 in velClient_log_setFilterLevel"),
         });
+    velClient_datablock_free(&block);
 }
 
 TEST(Refusals, EveryContainerExportRefusesABadHandle)

@@ -24,30 +24,6 @@ TEST(WireFormat, DocumentedExampleBytes)
               encode(m.h));
 }
 
-TEST(WireFormat, TheCachedImageIsRebuiltOnlyWhenTheMessageChanges)
-{
-    Msg m;
-    velClient_bufInfo_t a{}, b{};
-    velClient_opaqueDatablock_pt ba = nullptr, bb = nullptr;
-    auto sameImage = [&](velClient_returnCode_t (*change)(velClient_opaqueMsg_pt), bool same) {
-        ASSERT_EQ(VELCLIENT_OK, velClient_msg_encodeToVWF(m.h, &a, &ba));
-        ASSERT_EQ(VELCLIENT_OK, change(m.h));
-        ASSERT_EQ(VELCLIENT_OK, velClient_msg_encodeToVWF(m.h, &b, &bb));
-        EXPECT_EQ(same, ba == bb);
-        EXPECT_EQ(VELCLIENT_OK, velClient_datablock_free(&ba)); /* both references are the caller's */
-        EXPECT_EQ(VELCLIENT_OK, velClient_datablock_free(&bb));
-    };
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setSenderId(m.h, "first"));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_encodeToVWF(m.h, nullptr, nullptr)); /* build and cache only */
-    sameImage([](velClient_opaqueMsg_pt) { return VELCLIENT_OK; }, true);
-    sameImage([](velClient_opaqueMsg_pt h) { return velClient_msg_setSenderId(h, "other"); }, false); /* in place */
-    EXPECT_NE(std::string::npos, std::string(static_cast<char *>(b.buf_p), b.bufSize).find("other"));
-    sameImage([](velClient_opaqueMsg_pt h) { return velClient_msg_setTopicPtr(h, "u"); }, false);
-    EXPECT_EQ('u', encode(m.h)[17]);
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setUserData(m.h, "abcd", 4));
-    sameImage([](velClient_opaqueMsg_pt h) { return velClient_msg_setUserData(h, "wxyz", 4); }, true); /* copied in place */
-}
-
 TEST(WireFormat, DecodeRefusesMalformedInput)
 {
     const Bytes good = frame(13, 0, item(0x11, {'t', 0}));
@@ -105,9 +81,7 @@ velClient_rxMsgCallback_returnCode_t collect(velClient_opaqueSession_pt session,
     inbox->senders.emplace_back(sender != nullptr ? sender : "");
     inbox->sequence.push_back(seq);
     inbox->expiration.push_back(expiration);
-    if (inbox->resendsLeft > 0 && inbox->resendsLeft--) {
-        EXPECT_EQ(VELCLIENT_OK, velClient_session_sendMsg(session, msg));
-    }
+    EXPECT_TRUE(inbox->resendsLeft-- <= 0 || velClient_session_sendMsg(session, msg) == VELCLIENT_OK);
     if (inbox->kept != nullptr)
         return VELCLIENT_CALLBACK_OK;
     inbox->kept = msg;
@@ -144,9 +118,6 @@ TEST(SessionSend, LoopbackGeneratesSenderIdAndSequenceNumbers)
     ASSERT_EQ(VELCLIENT_OK, velClient_session_sendMsg(s.h, m.h));
     EXPECT_EQ((std::vector<std::string>{"client-a", "client-a", "client-a", "client-a", "mine"}), s.inbox.senders);
     EXPECT_EQ((std::vector<long long>{1, 2, 3, 4, 5}), s.inbox.sequence);
-    velClient_int64_t received = 0;
-    EXPECT_EQ(VELCLIENT_OK, velClient_msg_getRcvTimestamp(s.inbox.kept, &received));
-    EXPECT_GT(received, 0);
     Session null({"SESSION_TRANSPORT", "null"});
     EXPECT_EQ(VELCLIENT_OK, velClient_session_sendMsg(null.h, m.h));
     EXPECT_TRUE(null.inbox.senders.empty());
@@ -191,7 +162,7 @@ TEST(SessionSend, TheDefaultClientNameCountsSessionsAndExpirationIsComputed)
     Session a({"SESSION_GENERATE_SENDER_ID", "1", "SESSION_CALCULATE_MESSAGE_EXPIRATION", "1"}),
         b({"SESSION_GENERATE_SENDER_ID", "1"});
     Msg m;
-    velClient_int64_t expiration = 0, ttl = 0, received = 0;
+    velClient_int64_t expiration = 0, received = 0;
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_setTimeToLive(m.h, 60000));
     ASSERT_EQ(VELCLIENT_OK, velClient_session_sendMsg(a.h, m.h));
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_getExpiration(m.h, &expiration));
@@ -204,8 +175,6 @@ TEST(SessionSend, TheDefaultClientNameCountsSessionsAndExpirationIsComputed)
     const std::string nx = x.substr(x.find(pid) + pid.size()), ny = y.substr(y.find(pid) + pid.size());
     EXPECT_GE(nx.size(), 5u) << x; /* at least five digits, zero-padded */
     EXPECT_EQ(std::stoul(nx) + 1, std::stoul(ny)) << x << " " << y;
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getTimeToLive(a.inbox.kept, &ttl));
-    EXPECT_EQ(60000, ttl);
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_getRcvTimestamp(a.inbox.kept, &received));
     EXPECT_GT(expiration, received); /* now + time-to-live, taken before the message was received */
     EXPECT_LE(expiration, received + 60000);
@@ -213,7 +182,8 @@ TEST(SessionSend, TheDefaultClientNameCountsSessionsAndExpirationIsComputed)
 
 /* Sending finalises the attachment and user property map in place, so their
  * handles stay the application's; encoding closes them. A guaranteed message
- * encoded outside any session carries message id 1. */
+ * encoded outside any session carries message id 1. A changed message gets a
+ * new image; the one the caller holds keeps its bytes. */
 TEST(WireFormat, SendingKeepsOpenContainersWhereEncodingClosesThem)
 {
     Session s({});
@@ -236,104 +206,46 @@ TEST(WireFormat, SendingKeepsOpenContainersWhereEncodingClosesThem)
     velClient_msgId_t id = 0;
     EXPECT_EQ(VELCLIENT_OK, velClient_msg_getMsgId(r.h, &id));
     EXPECT_EQ(1u, id);
-    velClient_opaqueContainer_pt map = nullptr;
-    velClient_int32_t value = 0;
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getUserPropertyMap(r.h, &map));
-    EXPECT_EQ(VELCLIENT_OK, velClient_container_getInt32(map, &value, "q"));
-    EXPECT_EQ(2, value);
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getBinaryAttachmentMap(r.h, &map));
-    EXPECT_EQ(VELCLIENT_OK, velClient_container_getInt32(map, &value, "b"));
-    EXPECT_EQ(3, value);
-}
-
-namespace {
-
-/* Data blocks in use, per class (the four pooled classes and oversize). */
-std::vector<velClient_uint64_t> blocksInUse()
-{
-    std::vector<velClient_uint64_t> n;
-    for (velClient_uint32_t q = 0; q <= 5; ++q)
-        n.push_back(veltest::stat(VELCLIENT_MSG_STATS_ALLOC_DATA_BLOCKS, q));
-    return n;
-}
-
-} // namespace
-
-TEST(WireFormat, ANewImageNeverOverwritesOneTheCallerStillHolds)
-{
-    Msg m;
-    const Bytes body(1000, 0x5A);
-    const velClient_destination_t first{VELCLIENT_TOPIC_DESTINATION, "first/topic"};
-    const velClient_destination_t other{VELCLIENT_TOPIC_DESTINATION, "other/topic"};
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setDestination(m.h, &first, sizeof first));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachment(m.h, body.data(), 1000));
+    const std::string text = r.dump(); /* what was added after the send travels */
+    EXPECT_NE(std::string::npos, text.find("Key 'q' (INT32) 2")) << text;
+    EXPECT_NE(std::string::npos, text.find("Key 'b' (INT32) 3")) << text;
+    /* A new image never overwrites one the caller still holds. */
     velClient_bufInfo_t held{};
     velClient_opaqueDatablock_pt heldBlock = nullptr;
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_encodeToVWF(m.h, &held, &heldBlock));
-    const Bytes before(static_cast<std::uint8_t *>(held.buf_p), static_cast<std::uint8_t *>(held.buf_p) + held.bufSize);
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setDestination(m.h, &other, sizeof other));
-    const Bytes now = encode(m.h);
-    EXPECT_EQ(before, Bytes(static_cast<std::uint8_t *>(held.buf_p),
-                            static_cast<std::uint8_t *>(held.buf_p) + held.bufSize));
-    ASSERT_EQ(before.size(), now.size());
-    EXPECT_EQ('o', now[17]);
-    EXPECT_EQ('f', before[17]);
-    EXPECT_EQ(VELCLIENT_OK, velClient_datablock_free(&heldBlock));
+    const Bytes before = veltest::bytesAt(held.buf_p, held.bufSize);
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setTopicPtr(m.h, "u"));
+    EXPECT_NE(before, encode(m.h));
+    EXPECT_EQ(before, veltest::bytesAt(held.buf_p, held.bufSize));
+    velClient_datablock_free(&heldBlock);
 }
 
 /* Re-encoding a message whose image nobody else holds gives the same pool
- * statistics as releasing the old image and taking a new block: the image
- * lands in the class its new size asks for. */
+ * statistics as releasing the old image and taking a new block: the image is
+ * written over the old one when the class its new size asks for is the same. */
 TEST(WireFormat, ReEncodingKeepsTheImageInTheClassOfItsSize)
 {
     Msg m;
-    const velClient_destination_t topic{VELCLIENT_TOPIC_DESTINATION, "t/u"};
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setDestination(m.h, &topic, sizeof topic));
-    const std::vector<velClient_uint64_t> base = blocksInUse();
-    const struct {
-        std::size_t attachment; /* by reference: the image is the only new block */
-        std::uint32_t imageClass;
-    } rows[] = {{100, 0}, {1000, 1}, {2022, 1}, {2023, 2}, {3000, 2}, {200, 0}, {1000, 1}, {100, 0}};
-    for (const auto &r : rows) {
-        SCOPED_TRACE(r.attachment);
-        Bytes body(r.attachment, static_cast<std::uint8_t>(r.attachment));
-        ASSERT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachmentPtr(m.h, body.data(),
-                                                                      static_cast<velClient_uint32_t>(body.size())));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setTopicPtr(m.h, "t/u"));
+    const veltest::LiveCounts base;
+    velClient_uint8_t *previous = nullptr;
+    std::uint32_t previousClass = 6;
+    const std::pair<velClient_uint32_t, std::uint32_t> rows[] = { /* attachment by reference, class of the image */
+        {100, 0}, {1000, 1}, {2022, 1}, {2023, 2}, {3000, 2}, {200, 0}, {1000, 1}, {100, 0}};
+    for (const auto &[size, imageClass] : rows) {
+        Bytes body(size, static_cast<std::uint8_t>(size));
+        ASSERT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachmentPtr(m.h, body.data(), size));
         const Bytes image = encode(m.h); /* the caller's reference is dropped at once */
-        ASSERT_EQ(26 + r.attachment, image.size());
-        EXPECT_TRUE(std::equal(body.begin(), body.end(), image.end() - static_cast<std::ptrdiff_t>(r.attachment)));
-        std::vector<velClient_uint64_t> expected = base;
-        ++expected[r.imageClass];
-        EXPECT_EQ(expected, blocksInUse());
-    }
-}
-
-/* A decoded message's parts share the received block; however many point
- * into it, and whichever frame of the buffer they came from, the block
- * lives as long as a message holds it and goes back with the last one. */
-TEST(WireFormat, DecodedMessagesGiveTheReceivedBlockBack)
-{
-    const Bytes topic = item(0x11, {'t', 0});
-    const Bytes parts = veltest::cat(topic, veltest::cat(item(0x10, {1, 2, 3}), item(0x13, {4})));
-    const struct {
-        Bytes bytes;
-        bool accepted;
-        velClient_uint64_t heldBlocks; /* by the decoded message (class 0) */
-    } rows[] = {{frame(16, 0x10, {}), true, 0},
-                {frame(13, 0, topic), true, 1},
-                {frame(13, 0, parts), true, 1},
-                {veltest::cat(frame(13, 0, parts), frame(13, 0, topic)), false, 0}}; /* two frames */
-    const std::vector<velClient_uint64_t> base = blocksInUse();
-    for (const auto &row : rows) {
-        SCOPED_TRACE(&row - rows);
-        Msg r(nullptr), copy(nullptr);
-        ASSERT_EQ(row.accepted ? VELCLIENT_OK : VELCLIENT_FAIL, decode(row.bytes, &r.h));
-        if (row.accepted) {
-            ASSERT_EQ(VELCLIENT_OK, velClient_msg_dup(r.h, &copy.h));
-            ASSERT_EQ(VELCLIENT_OK, velClient_msg_free(&r.h));
-            EXPECT_EQ(base[0] + row.heldBlocks, blocksInUse()[0]); /* the copy keeps it */
-            ASSERT_EQ(VELCLIENT_OK, velClient_msg_free(&copy.h));
-        }
-        EXPECT_EQ(base, blocksInUse());
+        ASSERT_EQ(26 + size, image.size());
+        EXPECT_TRUE(std::equal(body.begin(), body.end(), image.end() - size)) << size;
+        velClient_uint8_t *at = nullptr;
+        velClient_uint32_t length = 0;
+        ASSERT_EQ(VELCLIENT_OK, velClient_msg_getVWFPtr(m.h, &at, &length));
+        EXPECT_EQ(imageClass == previousClass, at == previous) << size; /* in place when the class stays */
+        previous = at;
+        previousClass = imageClass;
+        const veltest::LiveCounts now;
+        for (std::uint32_t q = 0; q < 6; ++q)
+            EXPECT_EQ(base.blocks[q] + (q == imageClass), now.blocks[q]) << size << " bytes, class " << q;
     }
 }
