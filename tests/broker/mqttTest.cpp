@@ -2,7 +2,8 @@
  * beside them (mosquitto_sub and mosquitto_pub, each a child process bounded
  * by a message count and a timeout): what a session sends shows the payload,
  * the response topic, the correlation data, the content type, the expiry and
- * the string user properties as MQTT's own; what the foreign client sends
+ * the string user properties as MQTT's own, and what MQTT cannot hold only in
+ * the frame; what the foreign client sends
  * reaches a session with those fields mapped, and the session's reply reaches
  * the foreign client's response topic. */
 #include <algorithm>
@@ -81,7 +82,7 @@ TEST(MqttForeign, MosquittoSubSeesWhatASessionSends)
     Client sender({"SESSION_CLIENT_NAME", name});
     ASSERT_TRUE(connectAll(sender));
     std::string root = unique("foreign");
-    ForeignSubscriber sub(root + "/#", 2);
+    ForeignSubscriber sub(root + "/#", 3);
     velClient_opaqueMsg_pt m = makeMessage(root + "/plain", false, VELCLIENT_DELIVERY_MODE_PERSISTENT, "hello there");
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_setReplyToSuffix(m, sender.session(), "r/1"));
     velClient_msg_setCorrelationId(m, "corr-1");
@@ -98,11 +99,27 @@ TEST(MqttForeign, MosquittoSubSeesWhatASessionSends)
     m = makeMessage(root + "/a+b/#c/%d", false, VELCLIENT_DELIVERY_MODE_DIRECT, "x");
     ASSERT_EQ(VELCLIENT_OK, velClient_session_sendMsg(sender.session(), m));
     velClient_msg_free(&m);
+    /* What MQTT cannot hold (a queue as reply-to, control characters in a text) travels only in the frame, and a
+     * session reads it back; correlation data takes any byte; the expiry is the time to live rounded up. */
+    sender.subscribe(root + "/quirks");
+    m = makeMessage(root + "/quirks", false, VELCLIENT_DELIVERY_MODE_PERSISTENT, "q");
+    const velClient_destination_t queue{VELCLIENT_QUEUE_DESTINATION, "replies"};
+    velClient_msg_setReplyTo(m, &queue, sizeof queue);
+    velClient_msg_setCorrelationId(m, "c\x01");
+    velClient_msg_setHttpContentType(m, "t\n");
+    velClient_msg_setTimeToLive(m, 1500);
+    ASSERT_EQ(VELCLIENT_OK, velClient_session_sendMsg(sender.session(), m));
+    ASSERT_TRUE(sender.waitMessages(1));
+    std::vector<velClient_opaqueMsg_pt> got = sender.messages();
+    EXPECT_EQ(dumpWithoutReceiveLines(m), dumpWithoutReceiveLines(got[0]));
+    freeAll(got);
+    velClient_msg_free(&m);
 
     /* The first, a direct message at QoS 0, its topic with the reserved characters percent-encoded. */
     sub.expectMessages({"MSG|" + root + "/a%2Bb/%23c/%25d|x|||||FRAME|0",
                         "MSG|" + root + "/plain|hello there|%23P2P/v:127.0.0.1/" + name +
-                            "/r/1|corr-1|text/plain|EXPIRY|s1:v1 s2:v 2 FRAME|1"});
+                            "/r/1|corr-1|text/plain|EXPIRY|s1:v1 s2:v 2 FRAME|1",
+                        "MSG|" + root + "/quirks|q||c\x01||[12]|FRAME|1"});
 }
 
 TEST(MqttForeign, MosquittoPubReachesASessionAndItsReplyComesBack)

@@ -61,7 +61,7 @@ TEST(AmqpCodec, MessageFromPlainAmqpClientMapsToTheNaturalFields)
               "  Key 'kind' (STRING) bid\n"
               "Binary Attachment String:               len=5\n"
               "  31 32 2e 35 30                                        12.50\n",
-              dumpOf(m.h));
+              dumpWithoutReceiveLines(m.h));
 }
 
 /* ---- Damaged bytes ---------------------------------------------------------------------- */

@@ -4,12 +4,12 @@
 
 #include <fstream>
 #include <iterator>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "support/receivedDump.h"
 #include "support/velTestSupport.h"
 #include "velClientAmqp/amqpCodec.h"
 #include "velClientMqtt/mqttCodec.h"
@@ -56,18 +56,7 @@ inline Bytes seedBytes(const std::string &codec, const std::string &name)
     return Bytes(std::istreambuf_iterator<char>(in), {});
 }
 
-/* The full dump without the lines the receive path owns. */
-inline std::string dumpOf(velClient_opaqueMsg_pt m)
-{
-    std::vector<char> buf(1 << 20);
-    EXPECT_EQ(VELCLIENT_OK, velClient_msg_dump(m, buf.data(), buf.size()));
-    std::string out, line;
-    std::istringstream all(buf.data());
-    while (std::getline(all, line))
-        if (line.rfind("RcvTimestamp:", 0) != 0 && line.rfind("Message Id:", 0) != 0)
-            out.append(line).append("\n");
-    return out;
-}
+using veltest::dumpWithoutReceiveLines;
 
 /* decode's answer for damaged bytes: a message exactly when accepted, which dumps; nothing kept. */
 inline velClient_returnCode_t answer(Decode decode, const Wire &w)
@@ -77,7 +66,7 @@ inline velClient_returnCode_t answer(Decode decode, const Wire &w)
     EXPECT_EQ(rc == VELCLIENT_OK, m != nullptr);
     Msg owned(m != nullptr ? m->opaqueMsg_p : nullptr);
     if (owned.h != nullptr)
-        dumpOf(owned.h);
+        dumpWithoutReceiveLines(owned.h);
     return rc;
 }
 

@@ -19,13 +19,13 @@
 #include <functional>
 #include <mutex>
 #include <set>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "support/receivedDump.h"
 #include "velclient/velClient.h"
 #include "velclient/velClientMsg.h"
 
@@ -353,17 +353,6 @@ inline void reply(velClient_opaqueSession_pt s, velClient_opaqueMsg_pt request, 
     velClient_msg_free(&answer);
 }
 
-/* The dump of a message without the lines that only the receive side sets. */
-inline std::string dumpWithoutReceiveLines(velClient_opaqueMsg_pt msg)
-{
-    std::vector<char> buffer(1 << 16);
-    EXPECT_EQ(VELCLIENT_OK, velClient_msg_dump(msg, buffer.data(), buffer.size()));
-    std::istringstream dump(buffer.data());
-    std::string kept;
-    for (std::string line; std::getline(dump, line);)
-        if (line.rfind("RcvTimestamp:", 0) != 0 && line.rfind("Message Id:", 0) != 0)
-            kept.append(line).append("\n");
-    return kept;
-}
+using veltest::dumpWithoutReceiveLines;
 
 } // namespace veltest::broker
