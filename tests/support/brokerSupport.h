@@ -165,10 +165,6 @@ public:
     {
         return waitFor(timeout, [&] { return messages_.size() >= count; });
     }
-    /* Messages received, kept or not. */
-    std::size_t received() const { return received_; }
-    /* Whether the messages are kept (the default) or left to the library to free. */
-    void keepMessages(bool keep) { keep_ = keep; }
     bool waitEvents(velClient_session_event_t event, std::size_t count, std::chrono::milliseconds timeout = 20s)
     {
         return waitFor(timeout, [&] { return countLocked(event) >= count; });
@@ -192,7 +188,7 @@ public:
     /* Waits for expected messages and a little longer for any beyond them; their attachments. */
     std::multiset<std::string> bodies(std::size_t expected, std::chrono::milliseconds timeout = 20s)
     {
-        EXPECT_TRUE(waitMessages(expected, timeout)) << "expected " << expected << ", received " << received();
+        EXPECT_TRUE(waitMessages(expected, timeout)) << "expected " << expected << ", received " << received_;
         std::this_thread::sleep_for(300ms);
         std::multiset<std::string> seen;
         const std::vector<velClient_opaqueMsg_pt> got = messages();
@@ -231,7 +227,7 @@ private:
         std::lock_guard lock(self->mutex_);
         ++(probe ? self->probes_ : self->received_);
         self->changed_.notify_all();
-        if (probe || !self->keep_)
+        if (probe)
             return VELCLIENT_CALLBACK_OK;
         self->messages_.push_back(msg);
         return VELCLIENT_CALLBACK_TAKE_MSG;
@@ -258,7 +254,6 @@ private:
     std::vector<velClient_opaqueMsg_pt> messages_;
     std::atomic<std::size_t> received_ = 0;
     std::atomic<std::size_t> probes_ = 0;
-    std::atomic<bool> keep_{true};
     std::vector<Event> events_;
 };
 
