@@ -332,22 +332,6 @@ inline velClient_opaqueMsg_pt richMessage(const std::string &destination, bool q
     return m;
 }
 
-/* Answers request on s, when it has a reply-to: body there, with its correlation id, marked as a reply. */
-inline void reply(velClient_opaqueSession_pt s, velClient_opaqueMsg_pt request, velClient_uint32_t mode,
-           const std::string &body)
-{
-    velClient_destination_t replyTo{};
-    if (velClient_msg_getReplyTo(request, &replyTo, sizeof replyTo) != VELCLIENT_OK)
-        return;
-    velClient_opaqueMsg_pt answer = makeMessage(replyTo.dest, false, mode, body);
-    const char *correlation = nullptr;
-    if (velClient_msg_getCorrelationId(request, &correlation) == VELCLIENT_OK)
-        velClient_msg_setCorrelationId(answer, correlation);
-    velClient_msg_setAsReplyMsg(answer, 1);
-    EXPECT_EQ(VELCLIENT_OK, velClient_session_sendMsg(s, answer));
-    velClient_msg_free(&answer);
-}
-
 using veltest::dumpWithoutReceiveLines;
 
 } // namespace veltest::broker
