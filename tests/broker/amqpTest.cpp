@@ -4,7 +4,6 @@
 #include <proton/codec.h>
 #include <proton/connection.h>
 #include <proton/delivery.h>
-#include <proton/disposition.h>
 #include <proton/event.h>
 #include <proton/link.h>
 #include <proton/message.h>

@@ -211,9 +211,8 @@ public:
         ASSERT_TRUE(waitFor(20s, [&] { return probes_ > before; })) << "no message back on " << topic;
         EXPECT_EQ(VELCLIENT_OK, velClient_session_topicUnsubscribe(session_, topic.c_str()));
     }
-    /* Called on the I/O thread for each message or event before it is kept. */
+    /* Called on the I/O thread for each message before it is kept. */
     std::function<void(velClient_opaqueSession_pt, velClient_opaqueMsg_pt)> onMessage;
-    std::function<void(velClient_opaqueSession_pt, const Event &)> onEvent;
 
 private:
     static constexpr const char *kProbeStem = "velclient-test-sync/";
@@ -232,12 +231,10 @@ private:
         self->messages_.push_back(msg);
         return VELCLIENT_CALLBACK_TAKE_MSG;
     }
-    static void ev(velClient_opaqueSession_pt s, velClient_session_eventCallbackInfo_pt info, void *user)
+    static void ev(velClient_opaqueSession_pt, velClient_session_eventCallbackInfo_pt info, void *user)
     {
         auto *self = static_cast<Client *>(user);
         Event event{info->event, info->info_p ? info->info_p : "", info->correlation_p};
-        if (self->onEvent)
-            self->onEvent(s, event);
         std::lock_guard lock(self->mutex_);
         self->events_.push_back(std::move(event));
         self->changed_.notify_all();
