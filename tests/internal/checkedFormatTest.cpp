@@ -6,8 +6,6 @@
 
 #include "velClientLog/logPrivate.h"
 
-namespace {
-
 using vel::formatMatches;
 
 /* Refused: a type that does not fit, a count that does not match, or a
@@ -23,5 +21,3 @@ static_assert(!formatMatches<double>("%f") && !formatMatches<int>("%*d"));
 static_assert(vel::format::matches<const void *>("Bad msg_p pointer in velClient_msg_setDestination", true));
 static_assert(!vel::format::matches<const void *>("Bad msg_p pointer in velClient_msg_setDestination", false));
 static_assert(!vel::format::matches<const void *>("Bad handle (%d)", true));
-
-} // namespace
