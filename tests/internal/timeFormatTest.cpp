@@ -18,22 +18,3 @@ TEST(TimeFormat, ReadableUtcCutToTheBuffer)
     _velClient_formatTime(0, nullptr, 10); /* no buffer */
     EXPECT_GT(_velClient_getTimeInUs(), 1700000000ull * 1000000);
 }
-
-/* The receive-time clock gives the library clock's millisecond: read between
- * two readings of the library clock, it lies between their milliseconds. The
- * loop runs past the time the counter is measured, so that both the clock
- * and the counter answer. */
-TEST(TimeFormat, ReceiveTimeIsTheLibraryClocksMillisecond)
-{
-    const velClient_uint64_t start = _velClient_getTimeInUs();
-    unsigned outside = 0, calls = 0;
-    while (_velClient_getTimeInUs() - start < 60000) {
-        for (int i = 0; i < 1000; ++i, ++calls) {
-            const velClient_uint64_t before = _velClient_getTimeInUs() / 1000;
-            const velClient_uint64_t ms = _velClient_getTimeInMs();
-            const velClient_uint64_t after = _velClient_getTimeInUs() / 1000;
-            outside += ms < before || ms > after ? 1 : 0;
-        }
-    }
-    EXPECT_EQ(0u, outside) << "of " << calls;
-}

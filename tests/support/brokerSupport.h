@@ -19,13 +19,13 @@
 #include <functional>
 #include <mutex>
 #include <set>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "support/receivedDump.h"
 #include "velclient/velClient.h"
 #include "velclient/velClientMsg.h"
 
@@ -166,10 +166,6 @@ public:
     {
         return waitFor(timeout, [&] { return messages_.size() >= count; });
     }
-    /* Messages received, kept or not. */
-    std::size_t received() const { return received_; }
-    /* Whether the messages are kept (the default) or left to the library to free. */
-    void keepMessages(bool keep) { keep_ = keep; }
     bool waitEvents(velClient_session_event_t event, std::size_t count, std::chrono::milliseconds timeout = 20s)
     {
         return waitFor(timeout, [&] { return countLocked(event) >= count; });
@@ -193,7 +189,7 @@ public:
     /* Waits for expected messages and a little longer for any beyond them; their attachments. */
     std::multiset<std::string> bodies(std::size_t expected, std::chrono::milliseconds timeout = 20s)
     {
-        EXPECT_TRUE(waitMessages(expected, timeout)) << "expected " << expected << ", received " << received();
+        EXPECT_TRUE(waitMessages(expected, timeout)) << "expected " << expected << ", received " << received_;
         std::this_thread::sleep_for(300ms);
         std::multiset<std::string> seen;
         const std::vector<velClient_opaqueMsg_pt> got = messages();
@@ -216,9 +212,8 @@ public:
         ASSERT_TRUE(waitFor(20s, [&] { return probes_ > before; })) << "no message back on " << topic;
         EXPECT_EQ(VELCLIENT_OK, velClient_session_topicUnsubscribe(session_, topic.c_str()));
     }
-    /* Called on the I/O thread for each message or event before it is kept. */
+    /* Called on the I/O thread for each message before it is kept. */
     std::function<void(velClient_opaqueSession_pt, velClient_opaqueMsg_pt)> onMessage;
-    std::function<void(velClient_opaqueSession_pt, const Event &)> onEvent;
 
 private:
     static constexpr const char *kProbeStem = "velclient-test-sync/";
@@ -232,17 +227,15 @@ private:
         std::lock_guard lock(self->mutex_);
         ++(probe ? self->probes_ : self->received_);
         self->changed_.notify_all();
-        if (probe || !self->keep_)
+        if (probe)
             return VELCLIENT_CALLBACK_OK;
         self->messages_.push_back(msg);
         return VELCLIENT_CALLBACK_TAKE_MSG;
     }
-    static void ev(velClient_opaqueSession_pt s, velClient_session_eventCallbackInfo_pt info, void *user)
+    static void ev(velClient_opaqueSession_pt, velClient_session_eventCallbackInfo_pt info, void *user)
     {
         auto *self = static_cast<Client *>(user);
         Event event{info->event, info->info_p ? info->info_p : "", info->correlation_p};
-        if (self->onEvent)
-            self->onEvent(s, event);
         std::lock_guard lock(self->mutex_);
         self->events_.push_back(std::move(event));
         self->changed_.notify_all();
@@ -259,7 +252,6 @@ private:
     std::vector<velClient_opaqueMsg_pt> messages_;
     std::atomic<std::size_t> received_ = 0;
     std::atomic<std::size_t> probes_ = 0;
-    std::atomic<bool> keep_{true};
     std::vector<Event> events_;
 };
 
@@ -338,33 +330,6 @@ inline velClient_opaqueMsg_pt richMessage(const std::string &destination, bool q
     return m;
 }
 
-/* Answers request on s, when it has a reply-to: body there, with its correlation id, marked as a reply. */
-inline void reply(velClient_opaqueSession_pt s, velClient_opaqueMsg_pt request, velClient_uint32_t mode,
-           const std::string &body)
-{
-    velClient_destination_t replyTo{};
-    if (velClient_msg_getReplyTo(request, &replyTo, sizeof replyTo) != VELCLIENT_OK)
-        return;
-    velClient_opaqueMsg_pt answer = makeMessage(replyTo.dest, false, mode, body);
-    const char *correlation = nullptr;
-    if (velClient_msg_getCorrelationId(request, &correlation) == VELCLIENT_OK)
-        velClient_msg_setCorrelationId(answer, correlation);
-    velClient_msg_setAsReplyMsg(answer, 1);
-    EXPECT_EQ(VELCLIENT_OK, velClient_session_sendMsg(s, answer));
-    velClient_msg_free(&answer);
-}
-
-/* The dump of a message without the lines that only the receive side sets. */
-inline std::string dumpWithoutReceiveLines(velClient_opaqueMsg_pt msg)
-{
-    std::vector<char> buffer(1 << 16);
-    EXPECT_EQ(VELCLIENT_OK, velClient_msg_dump(msg, buffer.data(), buffer.size()));
-    std::istringstream dump(buffer.data());
-    std::string kept;
-    for (std::string line; std::getline(dump, line);)
-        if (line.rfind("RcvTimestamp:", 0) != 0 && line.rfind("Message Id:", 0) != 0)
-            kept.append(line).append("\n");
-    return kept;
-}
+using veltest::dumpWithoutReceiveLines;
 
 } // namespace veltest::broker
