@@ -3,6 +3,7 @@
  * refused without reading past them. */
 #include <cstdio>
 #include <cstring>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -52,7 +53,10 @@ TEST(Reading, TheCursorAfterHitsAndMisses)
     EXPECT_EQ(1, f.value.uint8); /* the first of two entries named a */
     ASSERT_EQ(VELCLIENT_OK, next(e.h));
     EXPECT_STREQ("b", name); /* the entry after the hit */
+    std::memset(&f, 0xA5, sizeof f);
+    const velClient_field_t untouched = f; /* a lookup writes only the entry found into the caller's field */
     EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_container_getField(e.h, &f, sizeof f, "zz"));
+    EXPECT_EQ(0, std::memcmp(&untouched, &f, sizeof f));
     EXPECT_EQ(VELCLIENT_EOS, next(e.h));
     ASSERT_EQ(VELCLIENT_OK, velClient_container_rewind(e.h));
     ASSERT_EQ(VELCLIENT_OK, next(e.h));
@@ -77,21 +81,6 @@ TEST(Reading, TheCursorAfterHitsAndMisses)
     name = "untouched"; /* a stream's entries have no name: it is set to null */
     EXPECT_EQ(VELCLIENT_EOS, next(s.h));
     EXPECT_EQ(nullptr, name);
-}
-
-TEST(Reading, ANestedContainerReadTwiceIsTheSameContainer)
-{
-    Exact e(container(0x2B, {0x1C, 0x04, 's', 0, 0x2F, 0, 0, 0, 8, 0x0C, 0x03, 5}));
-    velClient_opaqueContainer_pt first = nullptr, second = nullptr;
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_getSubMap(e.h, &first, "s"));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_INVALID_DATA_CONVERSION, "Field Type Stream could not be converted to Map");
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_getSubStream(e.h, &first, "s"));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_getSubStream(e.h, &second, "s"));
-    EXPECT_EQ(first, second);
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&second));
-    velClient_uint8_t v = 0;
-    EXPECT_EQ(VELCLIENT_OK, velClient_container_getUint8(first, &v, nullptr)); /* one reference left */
-    EXPECT_EQ(5, v);
 }
 
 /* A read, a lookup and a delete refuse a malformed map with the same text,
@@ -210,36 +199,6 @@ TEST(Reading, LookupsAfterDeleteGrowthAndAMalformedEntry)
     }
 }
 
-/* Once a read has remembered every entry, a lookup compares only the keys
- * of those whose names share a mark with the one it looks for: each name
- * length from 1 to 15 (the shortest keys lie just past the map's header) and
- * one long enough for a 2-byte key length is still found among them, and a
- * name differing in its last byte is not. */
-TEST(Reading, LookupsFindEveryRememberedName)
-{
-    std::vector<std::string> keys;
-    for (std::size_t len = 1; len <= 15; ++len)
-        keys.emplace_back(std::string(len - 1, 'k') + static_cast<char>('a' + len));
-    keys.insert(keys.begin() + 3, std::string(300, 'L'));
-    std::vector<char> mem(2048);
-    velClient_opaqueContainer_pt m = nullptr;
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_createMap(&m, mem.data(), mem.size()));
-    for (std::size_t i = 0; i < keys.size(); ++i)
-        ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(m, static_cast<velClient_int32_t>(i), keys[i].c_str()));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_rewind(m));
-    std::size_t entries = 0;
-    while (next(m) == VELCLIENT_OK)
-        ++entries;
-    ASSERT_EQ(keys.size(), entries);
-    for (std::size_t i = keys.size(); i-- > 0;) {
-        EXPECT_EQ(static_cast<velClient_int32_t>(i), int32At(m, keys[i].c_str())) << keys[i];
-        std::string miss = keys[i];
-        miss.back() = 'Z';
-        int32At(m, miss.c_str(), VELCLIENT_NOT_FOUND);
-    }
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&m));
-}
-
 /* Two maps opened over the same application bytes are two records: a
  * delete through one moves the bytes under the other, whose remembered
  * entries then begin inside shifted ones. Whatever the other then reads or
@@ -281,17 +240,19 @@ TEST(Reading, AMapWhoseBytesAnotherMapDeletedFrom)
 }
 
 /* Lookups compare keys of 8 to 16 bytes (with their NUL) as two words and
- * others byte by byte: names of 7 to 18 bytes that differ in one byte
- * (first, middle or last), names that another one begins with, and a name
- * long enough for a 2-byte key length are each found, and near misses are
- * not, in a fresh map and once lookups and reads have remembered entries;
- * iteration gives every entry in order, a nested map among them. */
+ * others byte by byte, and once entries are remembered only those whose
+ * names share a mark with the one looked for: names of 1 to 17 characters
+ * that differ in one byte (first, middle or last), names that another one
+ * begins with, and a name long enough for a 2-byte key length are each
+ * found, and near misses are not, in a fresh map and once lookups and reads
+ * have remembered entries; iteration gives every entry in order, a nested
+ * map among them. */
 TEST(Reading, LookupsTellApartNamesThatDifferInOneByte)
 {
     std::vector<std::string> keys;
-    for (std::size_t len : {6u, 7u, 8u, 11u, 15u, 16u, 17u}) {
+    for (std::size_t len = 1; len <= 17; ++len) {
         keys.emplace_back(len, 'n');
-        for (std::size_t at : {std::size_t{0}, len / 2, len - 1}) {
+        for (std::size_t at : std::set<std::size_t>{0, len / 2, len - 1}) {
             keys.emplace_back(len, 'n');
             keys.back()[at] = 'x';
         }

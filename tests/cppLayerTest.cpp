@@ -36,7 +36,7 @@ template <class T> auto canon(const T &v)
 template <class T> using Canon = decltype(canon(std::declval<const T &>()));
 
 /* One field type of the layer: the value added, the C++ type it is read back
- * as (get, try_get, next, try_next) with the value that must come back, and
+ * as (get, next) with the value that must come back, and
  * the variant alternative iteration must give with its value. */
 template <class AddedT, class ReadT, class AltT> struct Row {
     using Read = ReadT;
@@ -66,31 +66,19 @@ template <class C, class Rows> void addAndReadBack(C &c, const Rows &rows)
     auto each = [&rows](auto &&f) { std::apply([&f](const auto &...r) { (f(r), ...); }, rows); };
     each([&c](const auto &r) { static_cast<vc::Container &>(c).add(r.added, isMap ? r.name : nullptr); });
 
-    for (bool viaTry : {false, true}) {
-        c.rewind();
-        each([&c, viaTry](const auto &r) {
-            using Read = typename std::decay_t<decltype(r)>::Read;
-            if constexpr (!std::is_same_v<Read, vc::Unknown>) { /* no typed getter: iteration only */
-                std::optional<Read> got;
-                if (viaTry) {
-                    Read out{};
-                    vc::ReturnCode rc;
-                    if constexpr (isMap)
-                        rc = c.try_get(r.name, out);
-                    else
-                        rc = c.try_next(out);
-                    ASSERT_EQ(VELCLIENT_OK, rc) << r.name;
-                    got = std::move(out);
-                } else if constexpr (isMap) {
-                    got = c.template get<Read>(r.name);
-                } else {
-                    got = c.template next<Read>();
-                }
-                ASSERT_TRUE(got.has_value()) << r.name;
-                EXPECT_EQ(r.read, canon(*got)) << r.name << (viaTry ? " (try)" : "");
-            }
-        });
-    }
+    c.rewind();
+    each([&c](const auto &r) {
+        using Read = typename std::decay_t<decltype(r)>::Read;
+        if constexpr (!std::is_same_v<Read, vc::Unknown>) { /* no typed getter: iteration only */
+            std::optional<Read> got;
+            if constexpr (isMap)
+                got = c.template get<Read>(r.name);
+            else
+                got = c.template next<Read>();
+            ASSERT_TRUE(got.has_value()) << r.name;
+            EXPECT_EQ(r.read, canon(*got)) << r.name;
+        }
+    });
 
     std::vector<vc::Field> fields;
     for (vc::Field &f : c)

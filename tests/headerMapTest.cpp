@@ -115,37 +115,6 @@ TEST(HeaderMap, WrittenBytes)
     EXPECT_EQ(metadata(entry), metadataItem(encode(m.h)));
 }
 
-TEST(HeaderMap, ReadingAReceivedHeader)
-{
-    /* 'h' entry with si = "x"; 'p' entry with one boolean. */
-    Msg r(receiveWithMetadata(metadata({0x1C, 0x04, 'h', 0x00, 0x2B, 0, 0, 0, 14, 0x1C, 0x05, 's', 'i', 0x00, 0x1C, 0x04,
-                                        'x',  0x00, 0x1C, 0x04, 'p', 0x00, 0x2B, 0, 0, 0, 12, 0x1C, 0x04, 'b', 0x00,
-                                        0x04, 0x03, 0x01})));
-    EXPECT_EQ("x", senderId(r.h));
-    velClient_opaqueContainer_pt props = nullptr;
-    velClient_bool_t b = 0;
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getUserPropertyMap(r.h, &props));
-    EXPECT_EQ(VELCLIENT_OK, velClient_container_getBoolean(props, &b, "b"));
-    EXPECT_EQ(1, b);
-    EXPECT_EQ(0, velClient_msg_isReplyMsg(r.h));
-    /* Changing the received map leaves the wire bytes it came from alone and re-encodes. */
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setSenderId(r.h, "changed"));
-    Msg r2(nullptr);
-    ASSERT_EQ(VELCLIENT_OK, veltest::decode(encode(r.h), &r2.h));
-    EXPECT_EQ("changed", senderId(r2.h));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getUserPropertyMap(r2.h, &props));
-    EXPECT_EQ(VELCLIENT_OK, velClient_container_getBoolean(props, &b, "b"));
-    /* Both parts share the metadata's block: taking the property part's out
-     * leaves the header map readable, and the block outlives the message. */
-    velClient_opaqueDatablock_pt block = nullptr;
-    velClient_bufInfo_t part{};
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_extractDatablock(r2.h, VELCLIENT_BUFINFO_USER_PROPERTY_PART, &block, &part));
-    EXPECT_EQ("changed", senderId(r2.h));
-    velClient_msg_free(&r2.h);
-    EXPECT_EQ(0, std::memcmp(static_cast<std::uint8_t *>(part.buf_p), "\x1C\x04p", 4));
-    EXPECT_EQ(VELCLIENT_OK, velClient_datablock_free(&block));
-}
-
 TEST(HeaderMap, MalformedHeaders)
 {
     enum Read { Sender, Sequence, Props };
