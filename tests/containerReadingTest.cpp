@@ -73,9 +73,11 @@ TEST(Reading, TheCursorAfterHitsAndMisses)
     ASSERT_EQ(VELCLIENT_OK, velClient_container_rewind(k.h));
     ASSERT_EQ(VELCLIENT_OK, next(k.h));
     EXPECT_EQ(7, f.value.uint8);
-    /* A stream refuses a name without moving its cursor. */
-    Exact s(container(0x2F, {0x0C, 0x03, 7}));
+    /* A stream refuses a name without moving its cursor, but a failed conversion consumes the field. */
+    Exact s(container(0x2F, {0x1C, 0x04, 'x', 0, 0x0C, 0x03, 7}));
     EXPECT_EQ(VELCLIENT_FAIL, velClient_container_getField(s.h, &f, sizeof f, "x"));
+    velClient_int32_t i = 0;
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_getInt32(s.h, &i, nullptr));
     ASSERT_EQ(VELCLIENT_OK, velClient_container_getField(s.h, &f, sizeof f, nullptr));
     EXPECT_EQ(7, f.value.uint8);
     name = "untouched"; /* a stream's entries have no name: it is set to null */
@@ -229,12 +231,6 @@ TEST(Reading, AMapWhoseBytesAnotherMapDeletedFrom)
         }
     }
     EXPECT_GE(reads, 2); /* at least the two entries that moved */
-    for (const char *key : {"a", "bb", "c", "xyz"}) {
-        const char *text = nullptr;
-        if (velClient_container_getStringPtr(a, &text, key) == VELCLIENT_OK && text != nullptr) {
-            EXPECT_TRUE(endsInside(text)) << key;
-        }
-    }
     ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&a));
     ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&b));
 }
