@@ -149,7 +149,6 @@ TEST(Conversions, TextsFloatsAndTheDeliberateAsymmetries)
         {ADD(addDouble(h, 2.5, "v")), GET(float, Float), no + "Double could not be converted to Float"},
         /* Texts are parsed as numbers with a base prefix, to the getter's range. */
         {ADD(addString(h, "0x1F", "v")), GET(velClient_uint8_t, Uint8), "31"},
-        {ADD(addString(h, "010", "v")), GET(velClient_uint8_t, Uint8), "8"},
         {ADD(addString(h, "", "v")), GET(velClient_uint8_t, Uint8), "0"},
         {ADD(addString(h, "4294967297", "v")), GET(velClient_uint8_t, Uint8), "1"},
         {ADD(addString(h, "12abc", "v")), GET(velClient_uint8_t, Uint8), toU8},
