@@ -141,24 +141,17 @@ TEST(Containers, TheAttachmentByCopyByReferenceAndFromInsideItself)
  * container the application still has open on that memory keeps them. */
 TEST(Containers, ADeleteInAnAttachmentThatRefersToApplicationMemoryCopiesFirst)
 {
-    const veltest::LiveCounts before;
-    {
-        veltest::Container app(true, 200);
-        velClient_opaqueContainer_pt own = app.h, sub = nullptr, read = nullptr;
-        ASSERT_EQ(VELCLIENT_OK, velClient_container_addUint16(own, 513, "a"));
-        ASSERT_EQ(VELCLIENT_OK, velClient_container_openSubMap(own, &sub, "b"));
-        ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt8(sub, -1, "a"));
-        veltest::Msg m;
-        ASSERT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachmentContainerPtr(m.h, own));
-        ASSERT_EQ(VELCLIENT_OK, velClient_msg_getBinaryAttachmentMap(m.h, &read));
-        ASSERT_EQ(VELCLIENT_OK, velClient_container_deleteField(read, "a"));
-        EXPECT_EQ((std::vector<std::string>{"b"}), veltest::names(read));
-        EXPECT_EQ((std::vector<std::string>{"a", "b"}), veltest::names(own));
-        velClient_int8_t a = 0;
-        EXPECT_EQ(VELCLIENT_OK, velClient_container_getInt8(sub, &a, "a"));
-        EXPECT_EQ(-1, a);
-        ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&sub));
-        velClient_container_closeMapStream(&read);
-    }
-    before.expectBalanced();
+    veltest::Container app(true, 200);
+    velClient_opaqueContainer_pt own = app.h, sub = nullptr, read = nullptr;
+    OK(velClient_container_addUint16(own, 513, "a"));
+    OK(velClient_container_openSubMap(own, &sub, "b"));
+    OK(velClient_container_addInt8(sub, -1, "a"));
+    Msg m;
+    OK(velClient_msg_setBinaryAttachmentContainerPtr(m.h, own));
+    OK(velClient_msg_getBinaryAttachmentMap(m.h, &read));
+    OK(velClient_container_deleteField(read, "a"));
+    EXPECT_EQ((std::vector<std::string>{"b"}), veltest::names(read));
+    EXPECT_EQ((std::vector<std::string>{"a", "b"}), veltest::names(own));
+    EXPECT_EQ((Bytes{0x1C, 0x04, 'a', 0, 0x0C, 0x04, 0x02, 0x01}), Bytes(app.mem.get() + 5, app.mem.get() + 13));
+    OK(velClient_container_closeMapStream(&read));
 }

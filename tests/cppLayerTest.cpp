@@ -144,11 +144,7 @@ TEST(CppLayer, ConversionsAndFailuresAsExceptionsAndCodes)
 {
     char mem[128];
     vc::Map map = vc::Map::create_in(mem, sizeof mem);
-    map.add(std::int8_t{-5}, "i8");
     map.add(std::int64_t{1} << 40, "big");
-    map.add("42", "numtext");
-    EXPECT_EQ(-5, map.get<std::int64_t>("i8"));      /* widening is allowed */
-    EXPECT_EQ(42, map.get<std::int32_t>("numtext")); /* strings parse to integers */
     EXPECT_EQ(std::nullopt, map.get<std::int32_t>("absent"));
     EXPECT_TRUE(!map.contains("absent") && map.contains("big"));
     std::int8_t small = 0;

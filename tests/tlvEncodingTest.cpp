@@ -43,10 +43,6 @@ TEST(FieldEncoding, EveryScalarWritesItsTypeLengthAndBigEndianBits)
         expected = cat(expected, bytes);
     }
     EXPECT_EQ(expected, s.fields());
-    /* The documented one-entry map, header included. */
-    Mem one;
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addUint8(one.h, 7, "a"));
-    EXPECT_EQ((Bytes{0x2B, 0, 0, 0, 0x0C, 0x1C, 0x04, 'a', 0x00, 0x0C, 0x03, 0x07}), veltest::bytesOf(one.h));
 }
 
 TEST(FieldEncoding, VariableFieldsTakeTheSmallestLengthWidth)
