@@ -54,15 +54,15 @@ TEST(Containers, SiblingsInApplicationMemoryOpenInTurn)
 TEST(Containers, NamesAndValuesReadFromTheGrowingTreeAreAddedIntact)
 {
     /* The application adds names and values it read from the very map it
-     * adds to. Growth moves those bytes into a larger block, so the add must
-     * take them before making room. The pool keeps nothing, so a freed block
-     * goes back to the system at once. */
+     * adds to. Growth moves those bytes (into a larger block, or further on
+     * in place), so the add must take them before making room. The pool
+     * keeps nothing, so a freed block goes back to the system at once. */
     velClient_msg_setMaxPoolMem(0);
     const std::string key = "a-key-of-twenty-four-by", text = "a text value of some length, longer than 32 bytes";
     velClient_field_t f;
-    const char *name = nullptr;
-    Msg m;
-    velClient_opaqueContainer_pt map = nullptr;
+    const char *name = nullptr, *value = nullptr;
+    Msg m, n;
+    velClient_opaqueContainer_pt map = nullptr, child = nullptr, grandchild = nullptr;
     OK(velClient_msg_createBinaryAttachmentMap(m.h, &map, 16));
     OK(velClient_container_addString(map, text.c_str(), key.c_str()));
     for (int i = 0; i < 40; ++i) { /* read just before the add: the add before may have moved the bytes */
@@ -75,6 +75,22 @@ TEST(Containers, NamesAndValuesReadFromTheGrowingTreeAreAddedIntact)
     for (; velClient_container_getNextField(map, &f, sizeof f, &name) == VELCLIENT_OK; ++entries)
         EXPECT_EQ(key + text, name + std::string(f.value.string));
     EXPECT_EQ(41, entries);
+    /* A child grows in place and pushes the parent's later entry on. */
+    OK(velClient_msg_createBinaryAttachmentMap(n.h, &map, 16));
+    OK(velClient_container_openSubMap(map, &child, "child"));
+    OK(velClient_container_addString(map, text.c_str(), key.c_str()));
+    for (int i = 0; i < 11; ++i) {
+        OK(velClient_container_getStringPtr(map, &value, key.c_str()));
+        if (i < 10)
+            OK(velClient_container_addString(child, value, "copy"));
+    }
+    OK(velClient_container_openSubMap(child, &grandchild, value)); /* a name, too */
+    OK(velClient_container_closeMapStream(&child));
+    OK(velClient_container_getSubMap(map, &child, "child"));
+    for (int i = 0; i < 11; ++i) {
+        OK(velClient_container_getNextField(child, &f, sizeof f, &name));
+        EXPECT_EQ(text, i < 10 ? f.value.string : name) << i;
+    }
     velClient_msg_setMaxPoolMem(veltest::kDefaultPoolLimit);
 }
 

@@ -214,6 +214,7 @@ TEST(CppLayer, OwnersGiveBackWhatTheyHoldAndDumpWhole)
         EXPECT_EQ(text.size(), std::strlen(text.c_str()));
         /* 187 full lines of 16 bytes and one of 8: nothing cut off */
         EXPECT_EQ(text.rfind("  7a 7a 7a 7a 7a 7a 7a 7a                               zzzzzzzz\n"), text.size() - 65);
+        EXPECT_EQ(text.substr(0, text.find("len=3000\n") + 9), moved.dump(VELCLIENT_MSGDUMP_BRIEF)); /* no hex lines */
         vc::Map props = b.create_user_properties();
         props.add(1.0f, "f");
         vc::Datablock d = vc::Datablock::alloc(10);

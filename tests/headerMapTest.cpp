@@ -160,7 +160,10 @@ TEST(UserPropertyMap, CreateSetGetAndReplace)
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_setUserPropertyMap(m.h, app.h));
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_getUserPropertyMap(m.h, &props));
     EXPECT_EQ((std::vector<std::string>{"s"}), veltest::names(props));
-    velClient_container_closeMapStream(&props);
+    /* Creating again closes the open map and starts empty. */
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createUserPropertyMap(m.h, &again, 8));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_rewind(props));
+    EXPECT_TRUE(veltest::names(again).empty());
 }
 
 TEST(SessionTopics, SuffixesRelativeToTheInboxBase)

@@ -118,6 +118,10 @@ TEST(MessageParts, TheAttachmentAsAString)
         EXPECT_EQ(rc, velClient_msg_getBinaryAttachmentString(m.h, &text)) << bytes;
         EXPECT_TRUE(rc != VELCLIENT_OK || text == nullptr);
     }
+    velClient_opaqueContainer_pt map = nullptr; /* replacing the attachment closes the map open on it */
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createBinaryAttachmentMap(m.h, &map, 16));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachmentString(m.h, nullptr));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_rewind(map));
 }
 
 TEST(HeaderProperties, RangesMarksAndAbsentReceivedValues)
