@@ -1,5 +1,5 @@
-/* Containers: nesting in place, handing reserved space back, growth inside a
- * message, closing and opening over bytes, containers as attachments. */
+/* Containers: growth inside a message under the bytes an add reads, opening
+ * over existing bytes, containers as attachments. */
 #include <string>
 #include <vector>
 
@@ -8,28 +8,6 @@
 using veltest::Bytes;
 using veltest::bytesOf;
 using veltest::Msg;
-
-/* Closing a map over the application's bytes, alone or with a nested map
- * still open, gives back both records and the handle at once and leaves the
- * bytes as they were. */
-TEST(Containers, ClosingAMapOverApplicationBytes)
-{
-    std::uint8_t bytes[] = {0x2B, 0, 0, 0, 21, 0x1C, 0x04, 'a', 0, 0x0C, 0x03, 7, 0x1C, 0x04, 's', 0, 0x2B, 0, 0, 0, 5};
-    const Bytes original(bytes, bytes + sizeof bytes);
-    for (bool withChild : {false, true}) {
-        const velClient_uint64_t before = veltest::stat(VELCLIENT_MSG_STATS_ALLOC_CONTAINERS);
-        velClient_opaqueContainer_pt map = nullptr, sub = nullptr;
-        OK(velClient_container_openMapFromPtr(&map, bytes, sizeof bytes));
-        if (withChild)
-            OK(velClient_container_getSubMap(map, &sub, "s"));
-        velClient_opaqueContainer_pt copy = map;
-        OK(velClient_container_closeMapStream(&map));
-        EXPECT_EQ(nullptr, map);
-        EXPECT_EQ(before, veltest::stat(VELCLIENT_MSG_STATS_ALLOC_CONTAINERS)) << withChild;
-        EXPECT_EQ(VELCLIENT_FAIL, velClient_container_closeMapStream(&copy));
-        EXPECT_EQ(original, Bytes(bytes, bytes + sizeof bytes));
-    }
-}
 
 TEST(Containers, NamesAndValuesReadFromTheGrowingTreeAreAddedIntact)
 {

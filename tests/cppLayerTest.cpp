@@ -1,6 +1,6 @@
 /* The C++ layer: typed adds and getters through the conversion rules, fields
  * as variants, owners that give back what they hold, errors as exceptions
- * and as codes, wire bytes equal to the C API's, sessions. */
+ * and as codes, sessions. */
 #include <functional>
 #include <optional>
 #include <string>
@@ -15,7 +15,6 @@
 #include "velclient/velClient.hpp"
 
 namespace vc = velclient;
-using veltest::stat;
 
 namespace {
 
@@ -171,28 +170,6 @@ TEST(CppLayer, ConversionsAndFailuresAsExceptionsAndCodes)
     vc::Message out;
     EXPECT_EQ(VELCLIENT_FAIL, vc::Message::try_from_wire("\xde\xad", 2, out));
     EXPECT_FALSE(out);
-}
-
-TEST(CppLayer, SameWireBytesAsTheCApi)
-{
-    veltest::Msg c;
-    velClient_destination_t topic = {VELCLIENT_TOPIC_DESTINATION, "a/b/c"};
-    velClient_opaqueContainer_pt props = nullptr;
-    for (velClient_returnCode_t rc :
-         {velClient_msg_setDestination(c.h, &topic, sizeof topic), velClient_msg_setCorrelationId(c.h, "corr-1"),
-          velClient_msg_setBinaryAttachment(c.h, "payload", 7), velClient_msg_createUserPropertyMap(c.h, &props, 32),
-          velClient_container_addInt32(props, 3, "n"), velClient_container_closeMapStream(&props)})
-        ASSERT_EQ(VELCLIENT_OK, rc);
-    vc::Message m = vc::Message::create();
-    m.set_topic("a/b/c");
-    m.set_correlation_id("corr-1");
-    m.set_attachment("payload");
-    m.create_user_properties(32).add(std::int32_t{3}, "n");
-    std::vector<std::uint8_t> wire = m.to_wire();
-    EXPECT_EQ(veltest::encode(c.h), wire);
-    vc::Message back = vc::Message::from_wire(wire); /* read back through the layer */
-    EXPECT_TRUE(back.correlation_id() == "corr-1" && back.sender_id() == std::nullopt && back.reply_to() == std::nullopt);
-    EXPECT_EQ(3, back.user_properties()->get<std::int64_t>("n"));
 }
 
 TEST(CppLayer, OwnersGiveBackWhatTheyHoldAndDumpWhole)
