@@ -66,6 +66,8 @@ TEST(Reading, TheCursorAfterHitsAndMisses)
     Exact s(container(0x2F, {0x1C, 0x04, 'x', 0, 0x0C, 0x03, 7}));
     EXPECT_EQ(VELCLIENT_FAIL, velClient_container_getField(s.h, &f, sizeof f, "x"));
     velClient_int32_t i = 0;
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_getInt32(s.h, &i, "x"));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_CONFLICT, "Stream with non-NULL name pointer in velClient_container_getInt32");
     EXPECT_EQ(VELCLIENT_FAIL, velClient_container_getInt32(s.h, &i, nullptr));
     ASSERT_EQ(VELCLIENT_OK, velClient_container_getField(s.h, &f, sizeof f, nullptr));
     EXPECT_EQ(7, f.value.uint8);
@@ -269,5 +271,8 @@ TEST(Reading, LookupsTellApartNamesThatDifferInOneByte)
         }
         EXPECT_EQ(expected, read);
     }
+    velClient_opaqueContainer_pt wrong = nullptr;
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_getSubStream(m, &wrong, "sub"));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_INVALID_DATA_CONVERSION, "Field Type Map could not be converted to Stream");
     ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&m));
 }
