@@ -1,8 +1,8 @@
 /* Reading containers: the cursor after hits and misses, lookups (also after
  * the bytes changed since an earlier lookup), sizes, and malformed bytes
  * refused without reading past them. */
-#include <cstdio>
 #include <cstring>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -29,13 +29,6 @@ velClient_int32_t int32At(velClient_opaqueContainer_pt h, const char *key, velCl
     return v;
 }
 
-std::string key(const char *prefix, int i)
-{
-    char text[16];
-    std::snprintf(text, sizeof text, "%s%02d", prefix, i);
-    return text;
-}
-
 } // namespace
 
 TEST(Reading, TheCursorAfterHitsAndMisses)
@@ -52,7 +45,10 @@ TEST(Reading, TheCursorAfterHitsAndMisses)
     EXPECT_EQ(1, f.value.uint8); /* the first of two entries named a */
     ASSERT_EQ(VELCLIENT_OK, next(e.h));
     EXPECT_STREQ("b", name); /* the entry after the hit */
+    std::memset(&f, 0xA5, sizeof f);
+    const velClient_field_t untouched = f; /* a lookup writes only the entry found into the caller's field */
     EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_container_getField(e.h, &f, sizeof f, "zz"));
+    EXPECT_EQ(0, std::memcmp(&untouched, &f, sizeof f));
     EXPECT_EQ(VELCLIENT_EOS, next(e.h));
     ASSERT_EQ(VELCLIENT_OK, velClient_container_rewind(e.h));
     ASSERT_EQ(VELCLIENT_OK, next(e.h));
@@ -60,38 +56,24 @@ TEST(Reading, TheCursorAfterHitsAndMisses)
     EXPECT_EQ(VELCLIENT_FAIL, velClient_container_getField(e.h, &f, sizeof f, ""));
     EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
                       "Null or Empty Name pointer in _velClient_container_getFieldAndTypeByName");
-    size_t size = 0;
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_getSize(e.h, &size));
-    EXPECT_EQ(26u, size);
     /* An empty key without its NUL is an entry; a miss walks to a value ending the map. */
     Exact k(container(0x2B, {0x1C, 0x02, 0x0C, 0x03, 7}));
     EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_container_getField(k.h, &f, sizeof f, "zz"));
     ASSERT_EQ(VELCLIENT_OK, velClient_container_rewind(k.h));
     ASSERT_EQ(VELCLIENT_OK, next(k.h));
     EXPECT_EQ(7, f.value.uint8);
-    /* A stream refuses a name without moving its cursor. */
-    Exact s(container(0x2F, {0x0C, 0x03, 7}));
+    /* A stream refuses a name without moving its cursor, but a failed conversion consumes the field. */
+    Exact s(container(0x2F, {0x1C, 0x04, 'x', 0, 0x0C, 0x03, 7}));
     EXPECT_EQ(VELCLIENT_FAIL, velClient_container_getField(s.h, &f, sizeof f, "x"));
+    velClient_int32_t i = 0;
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_getInt32(s.h, &i, "x"));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_CONFLICT, "Stream with non-NULL name pointer in velClient_container_getInt32");
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_getInt32(s.h, &i, nullptr));
     ASSERT_EQ(VELCLIENT_OK, velClient_container_getField(s.h, &f, sizeof f, nullptr));
     EXPECT_EQ(7, f.value.uint8);
     name = "untouched"; /* a stream's entries have no name: it is set to null */
     EXPECT_EQ(VELCLIENT_EOS, next(s.h));
     EXPECT_EQ(nullptr, name);
-}
-
-TEST(Reading, ANestedContainerReadTwiceIsTheSameContainer)
-{
-    Exact e(container(0x2B, {0x1C, 0x04, 's', 0, 0x2F, 0, 0, 0, 8, 0x0C, 0x03, 5}));
-    velClient_opaqueContainer_pt first = nullptr, second = nullptr;
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_getSubMap(e.h, &first, "s"));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_INVALID_DATA_CONVERSION, "Field Type Stream could not be converted to Map");
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_getSubStream(e.h, &first, "s"));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_getSubStream(e.h, &second, "s"));
-    EXPECT_EQ(first, second);
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&second));
-    velClient_uint8_t v = 0;
-    EXPECT_EQ(VELCLIENT_OK, velClient_container_getUint8(first, &v, nullptr)); /* one reference left */
-    EXPECT_EQ(5, v);
 }
 
 /* A read, a lookup and a delete refuse a malformed map with the same text,
@@ -162,12 +144,12 @@ TEST(Reading, RefusalsOfTheUntypedReadersAndOfDelete)
 }
 
 /* A map remembers where the well-formed entries it found begin: lookups
- * after a delete, after a nested map grew, past what it remembers, and up to
- * a malformed entry. */
+ * after a delete, after a nested map grew (moving a later open child), past
+ * what it remembers, and up to a malformed entry. */
 TEST(Reading, LookupsAfterDeleteGrowthAndAMalformedEntry)
 {
     veltest::Msg msg;
-    velClient_opaqueContainer_pt m = nullptr, sub = nullptr;
+    velClient_opaqueContainer_pt m = nullptr, sub = nullptr, later = nullptr;
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_createBinaryAttachmentMap(msg.h, &m, 64));
     for (const char *k : {"a", "b", "c", "d"})
         ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(m, k[0] - 'a' + 1, k));
@@ -179,21 +161,16 @@ TEST(Reading, LookupsAfterDeleteGrowthAndAMalformedEntry)
     ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&sub));
     ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(m, 5, "e"));
     EXPECT_EQ(5, int32At(m, "e"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_openSubStream(m, &later, "t")); /* an open child the growth moves */
     ASSERT_EQ(VELCLIENT_OK, velClient_container_getSubMap(m, &sub, "s"));
-    for (int i = 0; i < 40; ++i) /* more entries than a map remembers, and k30 twice */
-        ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(sub, i, key("k", i).c_str()));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(sub, 100, "k30"));
+    for (int i = 0; i < 40; ++i) /* more entries than a map remembers */
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(sub, i, veltest::format("k%02d", i).c_str()));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(later, 6, nullptr));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&later));
     EXPECT_EQ(5, int32At(m, "e")); /* pushed on by the nested map's growth */
-    for (int round = 0; round < 2; ++round) {
-        EXPECT_EQ(39, int32At(sub, "k39"));
-        EXPECT_EQ(30, int32At(sub, "k30"));
-        ASSERT_EQ(VELCLIENT_OK, next(sub));
-        EXPECT_STREQ("k31", name); /* the cursor rests on the match */
-        int32At(sub, "k40", VELCLIENT_NOT_FOUND);
-        EXPECT_EQ(VELCLIENT_EOS, next(sub));
-    }
+    EXPECT_EQ(39, int32At(sub, "k39"));
     ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&sub));
-    EXPECT_EQ((std::vector<std::string>{"a", "c", "d", "s", "e"}), veltest::names(m));
+    EXPECT_EQ((std::vector<std::string>{"a", "c", "d", "s", "e", "t"}), veltest::names(m));
     ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&m));
     /* a: 1, w: 9 with a 2-byte key length, b: 2, then x: a text without its NUL. */
     Exact e(container(0x2B, {0x1C, 0x04, 'a', 0, 0x0C, 0x03, 1, 0x1D, 0x00, 0x05, 'w', 0, 0x0C, 0x03, 9, 0x1C, 0x04, 'b',
@@ -208,36 +185,6 @@ TEST(Reading, LookupsAfterDeleteGrowthAndAMalformedEntry)
                           "Invalid length in TLV string in structured data container");
         EXPECT_EQ(1, int32At(e.h, "a"));
     }
-}
-
-/* Once a read has remembered every entry, a lookup compares only the keys
- * of those whose names share a mark with the one it looks for: each name
- * length from 1 to 15 (the shortest keys lie just past the map's header) and
- * one long enough for a 2-byte key length is still found among them, and a
- * name differing in its last byte is not. */
-TEST(Reading, LookupsFindEveryRememberedName)
-{
-    std::vector<std::string> keys;
-    for (std::size_t len = 1; len <= 15; ++len)
-        keys.emplace_back(std::string(len - 1, 'k') + static_cast<char>('a' + len));
-    keys.insert(keys.begin() + 3, std::string(300, 'L'));
-    std::vector<char> mem(2048);
-    velClient_opaqueContainer_pt m = nullptr;
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_createMap(&m, mem.data(), mem.size()));
-    for (std::size_t i = 0; i < keys.size(); ++i)
-        ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(m, static_cast<velClient_int32_t>(i), keys[i].c_str()));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_rewind(m));
-    std::size_t entries = 0;
-    while (next(m) == VELCLIENT_OK)
-        ++entries;
-    ASSERT_EQ(keys.size(), entries);
-    for (std::size_t i = keys.size(); i-- > 0;) {
-        EXPECT_EQ(static_cast<velClient_int32_t>(i), int32At(m, keys[i].c_str())) << keys[i];
-        std::string miss = keys[i];
-        miss.back() = 'Z';
-        int32At(m, miss.c_str(), VELCLIENT_NOT_FOUND);
-    }
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&m));
 }
 
 /* Two maps opened over the same application bytes are two records: a
@@ -270,28 +217,24 @@ TEST(Reading, AMapWhoseBytesAnotherMapDeletedFrom)
         }
     }
     EXPECT_GE(reads, 2); /* at least the two entries that moved */
-    for (const char *key : {"a", "bb", "c", "xyz"}) {
-        const char *text = nullptr;
-        if (velClient_container_getStringPtr(a, &text, key) == VELCLIENT_OK && text != nullptr) {
-            EXPECT_TRUE(endsInside(text)) << key;
-        }
-    }
     ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&a));
     ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&b));
 }
 
 /* Lookups compare keys of 8 to 16 bytes (with their NUL) as two words and
- * others byte by byte: names of 7 to 18 bytes that differ in one byte
- * (first, middle or last), names that another one begins with, and a name
- * long enough for a 2-byte key length are each found, and near misses are
- * not, in a fresh map and once lookups and reads have remembered entries;
- * iteration gives every entry in order, a nested map among them. */
+ * others byte by byte, and once entries are remembered only those whose
+ * names share a mark with the one looked for: names of 1 to 17 characters
+ * that differ in one byte (first, middle or last), names that another one
+ * begins with, and a name long enough for a 2-byte key length are each
+ * found, and near misses are not, in a fresh map and once lookups and reads
+ * have remembered entries; iteration gives every entry in order, a nested
+ * map among them. */
 TEST(Reading, LookupsTellApartNamesThatDifferInOneByte)
 {
     std::vector<std::string> keys;
-    for (std::size_t len : {6u, 7u, 8u, 11u, 15u, 16u, 17u}) {
+    for (std::size_t len = 1; len <= 17; ++len) {
         keys.emplace_back(len, 'n');
-        for (std::size_t at : {std::size_t{0}, len / 2, len - 1}) {
+        for (std::size_t at : std::set<std::size_t>{0, len / 2, len - 1}) {
             keys.emplace_back(len, 'n');
             keys.back()[at] = 'x';
         }
@@ -322,19 +265,17 @@ TEST(Reading, LookupsTellApartNamesThatDifferInOneByte)
             int32At(m, miss.c_str(), VELCLIENT_NOT_FOUND);
             int32At(m, (keys[i] + "z").c_str(), VELCLIENT_NOT_FOUND);
         }
+        std::vector<std::string> expected = keys, read;
+        expected.insert(expected.begin() + 11, "sub");
         ASSERT_EQ(VELCLIENT_OK, velClient_container_rewind(m));
-        std::vector<std::string> read;
         while (next(m) == VELCLIENT_OK) {
             read.emplace_back(name);
             EXPECT_EQ(read.back() == "sub" ? VELCLIENT_MAP : VELCLIENT_INT32, f.type) << read.back();
-            if (f.type == VELCLIENT_MAP) {
-                EXPECT_NE(nullptr, f.value.map);
-            }
         }
-        std::vector<std::string> expected = keys;
-        expected.insert(expected.begin() + 11, "sub");
         EXPECT_EQ(expected, read);
     }
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_getSubStream(m, &sub, "sub"));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_INVALID_DATA_CONVERSION, "Field Type Map could not be converted to Stream");
     ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&m));
 }
 

@@ -1,5 +1,5 @@
-/* Containers: nesting in place, handing reserved space back, growth inside a
- * message, copy-on-modify of shared parts, closing and opening over bytes. */
+/* Containers: growth inside a message under the bytes an add reads, opening
+ * over existing bytes, containers as attachments. */
 #include <string>
 #include <vector>
 
@@ -8,106 +8,6 @@
 using veltest::Bytes;
 using veltest::bytesOf;
 using veltest::Msg;
-
-/* Closing a map over the application's bytes, alone or after a nested map
- * it handed out was closed, gives back its record and its handle and leaves
- * the bytes as they were; a nested map still open keeps its parent's record
- * until it is closed in turn. */
-TEST(Containers, ClosingAMapOverApplicationBytes)
-{
-    std::uint8_t bytes[] = {0x2B, 0, 0, 0, 21, 0x1C, 0x04, 'a', 0, 0x0C, 0x03, 7, 0x1C, 0x04, 's', 0, 0x2B, 0, 0, 0, 5};
-    const Bytes original(bytes, bytes + sizeof bytes);
-    for (int withChild = 0; withChild < 3; ++withChild) {
-        const velClient_uint64_t before = veltest::stat(VELCLIENT_MSG_STATS_ALLOC_CONTAINERS);
-        velClient_opaqueContainer_pt map = nullptr, sub = nullptr;
-        OK(velClient_container_openMapFromPtr(&map, bytes, sizeof bytes));
-        if (withChild != 0)
-            OK(velClient_container_getSubMap(map, &sub, "s"));
-        if (withChild == 1)
-            OK(velClient_container_closeMapStream(&sub));
-        const velClient_opaqueContainer_pt copy = map;
-        OK(velClient_container_closeMapStream(&map));
-        EXPECT_EQ(nullptr, map);
-        EXPECT_EQ(before, veltest::stat(VELCLIENT_MSG_STATS_ALLOC_CONTAINERS)) << withChild;
-        velClient_opaqueContainer_pt again = copy;
-        EXPECT_EQ(VELCLIENT_FAIL, velClient_container_closeMapStream(&again));
-        EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
-                          veltest::format("Bad container pointer (%p) in velClient_container_closeMapStream", copy));
-        if (withChild == 2) { /* closed with its parent */
-            EXPECT_EQ(VELCLIENT_FAIL, velClient_container_closeMapStream(&sub));
-        }
-        EXPECT_EQ(original, Bytes(bytes, bytes + sizeof bytes));
-    }
-}
-
-TEST(Containers, SiblingsOpenedInTurnAndClosedInEitherOrder)
-{
-    veltest::Container once(true, 64);
-    velClient_opaqueContainer_pt a = nullptr, b = nullptr, c = nullptr;
-    OK(velClient_container_openSubMap(once.h, &a, "s"));
-    OK(velClient_container_closeMapStream(&a)); /* at once: its name and an empty header */
-    EXPECT_EQ((Bytes{0x2B, 0, 0, 0, 14, 0x1C, 0x04, 's', 0x00, 0x2B, 0, 0, 0, 5}), bytesOf(once.h));
-    for (bool firstClosesFirst : {true, false}) {
-        veltest::Container map(true, 128);
-        OK(velClient_container_openSubStream(map.h, &a, "a"));
-        OK(velClient_container_addUint8(a, 1, nullptr));
-        /* A second child needs the room the first reserved, which application memory cannot give. */
-        EXPECT_EQ(VELCLIENT_FAIL, velClient_container_openSubStream(map.h, &b, "b"));
-        OK(velClient_container_closeMapStream(&a));
-        OK(velClient_container_openSubStream(map.h, &b, "b"));
-        OK(velClient_container_addUint8(b, 2, nullptr));
-        if (firstClosesFirst)
-            OK(velClient_container_closeMapStream(&b));
-        EXPECT_EQ((Bytes{0x2B, 0, 0, 0, 29, 0x1C, 0x04, 'a', 0, 0x2F, 0, 0, 0, 8, 0x0C, 0x03, 1, 0x1C, 0x04, 'b', 0, 0x2F,
-                         0, 0, 0, 8, 0x0C, 0x03, 2}),
-                  bytesOf(map.h)) /* finalises an open child too */
-            << firstClosesFirst;
-        if (!firstClosesFirst)
-            OK(velClient_container_closeMapStream(&b));
-    }
-    /* Closing a parent closes its open children. */
-    velClient_opaqueContainer_pt map = nullptr;
-    std::vector<char> mem(64);
-    OK(velClient_container_createMap(&map, mem.data(), mem.size()));
-    OK(velClient_container_openSubMap(map, &b, "s"));
-    OK(velClient_container_openSubStream(b, &c, "t"));
-    const velClient_uint64_t before = veltest::stat(VELCLIENT_MSG_STATS_ALLOC_CONTAINERS);
-    OK(velClient_container_closeMapStream(&map));
-    EXPECT_EQ(before - 3, veltest::stat(VELCLIENT_MSG_STATS_ALLOC_CONTAINERS));
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addNull(c, nullptr));
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_closeMapStream(&b));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR,
-                      veltest::format("Bad container pointer (%p) in velClient_container_closeMapStream", b));
-}
-
-TEST(Containers, GrowthInAMessageMovesOpenChildrenAlong)
-{
-    Msg m;
-    velClient_opaqueContainer_pt map = nullptr, sub = nullptr, first = nullptr, second = nullptr;
-    const velClient_uint64_t reallocs = veltest::stat(VELCLIENT_MSG_STATS_MSG_REALLOCS);
-    OK(velClient_msg_createBinaryAttachmentMap(m.h, &map, 0));
-    OK(velClient_container_openSubStream(map, &sub, "list"));
-    for (int i = 0; i < 200; ++i)
-        OK(velClient_container_addInt32(sub, i, nullptr));
-    /* Writing into an earlier child shifts the later one. */
-    OK(velClient_container_openSubMap(map, &first, "f"));
-    OK(velClient_container_addUint8(first, 1, "a"));
-    OK(velClient_container_openSubMap(map, &second, "s"));
-    OK(velClient_container_addUint8(second, 2, "b"));
-    OK(velClient_container_addUint8(first, 3, "c"));
-    OK(velClient_container_addUint8(second, 4, "d"));
-    OK(velClient_container_closeMapStream(&map));
-    EXPECT_GT(veltest::stat(VELCLIENT_MSG_STATS_MSG_REALLOCS), reallocs); /* each move is one reallocation */
-    Bytes expected = {0x2B, 0, 0, 0x04, 0xEF, 0x1C, 0x07, 'l', 'i', 's', 't', 0, 0x2F, 0, 0, 0x04, 0xB5};
-    for (int i = 0; i < 200; ++i) {
-        expected.insert(expected.end(), {0x08, 0x06});
-        veltest::putBE(expected, static_cast<std::uint64_t>(i), 4);
-    }
-    expected = veltest::cat(expected, {0x1C, 0x04, 'f', 0, 0x2B, 0, 0, 0, 19, 0x1C, 0x04, 'a', 0, 0x0C, 0x03, 1, 0x1C, 0x04,
-                                       'c', 0, 0x0C, 0x03, 3, 0x1C, 0x04, 's', 0, 0x2B, 0, 0, 0, 19, 0x1C, 0x04, 'b', 0,
-                                       0x0C, 0x03, 2, 0x1C, 0x04, 'd', 0, 0x0C, 0x03, 4});
-    EXPECT_EQ(expected, m.attachment());
-}
 
 TEST(Containers, NamesAndValuesReadFromTheGrowingTreeAreAddedIntact)
 {
@@ -152,31 +52,6 @@ TEST(Containers, NamesAndValuesReadFromTheGrowingTreeAreAddedIntact)
     velClient_msg_setMaxPoolMem(veltest::kDefaultPoolLimit);
 }
 
-TEST(Containers, ADuplicateChangesAndDeletesInItsOwnCopyOnly)
-{
-    Msg a;
-    velClient_opaqueContainer_pt map = nullptr, dmap = nullptr;
-    OK(velClient_msg_createBinaryAttachmentMap(a.h, &map, 64));
-    OK(velClient_container_addInt32(map, 1, "x"));
-    OK(velClient_container_addInt32(map, 2, "y"));
-    Msg b(nullptr);
-    OK(velClient_msg_dup(a.h, &b.h));
-    const Bytes original = a.attachment();
-    OK(velClient_msg_getBinaryAttachmentMap(b.h, &dmap));
-    OK(velClient_container_addInt32(dmap, 3, "w"));
-    OK(velClient_container_deleteField(dmap, "x"));
-    EXPECT_EQ((std::vector<std::string>{"y", "w"}), veltest::names(dmap));
-    EXPECT_EQ(5u + 20, bytesOf(dmap).size());
-    OK(velClient_container_closeMapStream(&dmap));
-    EXPECT_EQ(original, a.attachment());
-    /* The source's own container kept working after the duplication made it read-only. */
-    OK(velClient_container_addInt32(map, 3, "z"));
-    EXPECT_EQ((std::vector<std::string>{"x", "y", "z"}), veltest::names(map));
-    OK(velClient_container_closeMapStream(&map));
-    OK(velClient_msg_getBinaryAttachmentMap(b.h, &dmap));
-    EXPECT_EQ((std::vector<std::string>{"y", "w"}), veltest::names(dmap));
-}
-
 TEST(Containers, OpeningExistingBytes)
 {
     std::uint8_t bytes[] = {0x2F, 0, 0, 0, 8, 0x0C, 0x03, 0x07}, notStructured[] = {0x0C, 0x03, 0x07};
@@ -194,24 +69,6 @@ TEST(Containers, OpeningExistingBytes)
     EXPECT_EQ(VELCLIENT_SUBCODE_NO_STRUCTURED_DATA, veltest::lastSubCode());
     EXPECT_EQ(VELCLIENT_FAIL, velClient_container_openStreamFromPtr(nullptr, bytes, 8));
     EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_NULL_PTR, "Null stream_p pointer in velClient_container_openStreamFromPtr");
-}
-
-TEST(Containers, FreeAndResetWithOpenContainersReleaseEverything)
-{
-    const veltest::LiveCounts before;
-    {
-        Msg m;
-        velClient_opaqueContainer_pt map = nullptr, sub = nullptr, props = nullptr;
-        OK(velClient_msg_createBinaryAttachmentMap(m.h, &map, 64));
-        OK(velClient_container_openSubMap(map, &sub, "s"));
-        OK(velClient_msg_createUserPropertyMap(m.h, &props, 32));
-        OK(velClient_msg_setSenderId(m.h, "me"));
-        OK(velClient_msg_reset(m.h));
-        EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addNull(sub, "n"));
-        OK(velClient_msg_createBinaryAttachmentStream(m.h, &map, 64));
-        OK(velClient_container_openSubMap(map, &sub, nullptr)); /* left open at free */
-    }
-    before.expectBalanced();
 }
 
 TEST(Containers, TheAttachmentByCopyByReferenceAndFromInsideItself)

@@ -1,6 +1,6 @@
 /* The C++ layer: typed adds and getters through the conversion rules, fields
  * as variants, owners that give back what they hold, errors as exceptions
- * and as codes, wire bytes equal to the C API's, sessions. */
+ * and as codes, sessions. */
 #include <functional>
 #include <optional>
 #include <string>
@@ -15,7 +15,6 @@
 #include "velclient/velClient.hpp"
 
 namespace vc = velclient;
-using veltest::stat;
 
 namespace {
 
@@ -36,7 +35,7 @@ template <class T> auto canon(const T &v)
 template <class T> using Canon = decltype(canon(std::declval<const T &>()));
 
 /* One field type of the layer: the value added, the C++ type it is read back
- * as (get, try_get, next, try_next) with the value that must come back, and
+ * as (get, next) with the value that must come back, and
  * the variant alternative iteration must give with its value. */
 template <class AddedT, class ReadT, class AltT> struct Row {
     using Read = ReadT;
@@ -66,31 +65,19 @@ template <class C, class Rows> void addAndReadBack(C &c, const Rows &rows)
     auto each = [&rows](auto &&f) { std::apply([&f](const auto &...r) { (f(r), ...); }, rows); };
     each([&c](const auto &r) { static_cast<vc::Container &>(c).add(r.added, isMap ? r.name : nullptr); });
 
-    for (bool viaTry : {false, true}) {
-        c.rewind();
-        each([&c, viaTry](const auto &r) {
-            using Read = typename std::decay_t<decltype(r)>::Read;
-            if constexpr (!std::is_same_v<Read, vc::Unknown>) { /* no typed getter: iteration only */
-                std::optional<Read> got;
-                if (viaTry) {
-                    Read out{};
-                    vc::ReturnCode rc;
-                    if constexpr (isMap)
-                        rc = c.try_get(r.name, out);
-                    else
-                        rc = c.try_next(out);
-                    ASSERT_EQ(VELCLIENT_OK, rc) << r.name;
-                    got = std::move(out);
-                } else if constexpr (isMap) {
-                    got = c.template get<Read>(r.name);
-                } else {
-                    got = c.template next<Read>();
-                }
-                ASSERT_TRUE(got.has_value()) << r.name;
-                EXPECT_EQ(r.read, canon(*got)) << r.name << (viaTry ? " (try)" : "");
-            }
-        });
-    }
+    c.rewind();
+    each([&c](const auto &r) {
+        using Read = typename std::decay_t<decltype(r)>::Read;
+        if constexpr (!std::is_same_v<Read, vc::Unknown>) { /* no typed getter: iteration only */
+            std::optional<Read> got;
+            if constexpr (isMap)
+                got = c.template get<Read>(r.name);
+            else
+                got = c.template next<Read>();
+            ASSERT_TRUE(got.has_value()) << r.name;
+            EXPECT_EQ(r.read, canon(*got)) << r.name;
+        }
+    });
 
     std::vector<vc::Field> fields;
     for (vc::Field &f : c)
@@ -156,11 +143,7 @@ TEST(CppLayer, ConversionsAndFailuresAsExceptionsAndCodes)
 {
     char mem[128];
     vc::Map map = vc::Map::create_in(mem, sizeof mem);
-    map.add(std::int8_t{-5}, "i8");
     map.add(std::int64_t{1} << 40, "big");
-    map.add("42", "numtext");
-    EXPECT_EQ(-5, map.get<std::int64_t>("i8"));      /* widening is allowed */
-    EXPECT_EQ(42, map.get<std::int32_t>("numtext")); /* strings parse to integers */
     EXPECT_EQ(std::nullopt, map.get<std::int32_t>("absent"));
     EXPECT_TRUE(!map.contains("absent") && map.contains("big"));
     std::int8_t small = 0;
@@ -189,33 +172,6 @@ TEST(CppLayer, ConversionsAndFailuresAsExceptionsAndCodes)
     EXPECT_FALSE(out);
 }
 
-TEST(CppLayer, SameWireBytesAsTheCApi)
-{
-    veltest::Msg c;
-    velClient_destination_t topic = {VELCLIENT_TOPIC_DESTINATION, "a/b/c"};
-    velClient_opaqueContainer_pt props = nullptr;
-    for (velClient_returnCode_t rc :
-         {velClient_msg_setDestination(c.h, &topic, sizeof topic), velClient_msg_setCorrelationId(c.h, "corr-1"),
-          velClient_msg_setBinaryAttachment(c.h, "payload", 7), velClient_msg_createUserPropertyMap(c.h, &props, 32),
-          velClient_container_addInt32(props, 3, "n"), velClient_container_closeMapStream(&props)})
-        ASSERT_EQ(VELCLIENT_OK, rc);
-    vc::Message m = vc::Message::create();
-    m.set_topic("a/b/c");
-    m.set_correlation_id("corr-1");
-    m.set_attachment("payload");
-    m.create_user_properties(32).add(std::int32_t{3}, "n");
-    std::vector<std::uint8_t> wire = m.to_wire();
-    EXPECT_EQ(veltest::encode(c.h), wire);
-
-    vc::Message back = vc::Message::from_wire(wire);
-    EXPECT_EQ(vc::Destination::topic("a/b/c"), back.destination());
-    EXPECT_EQ("corr-1", back.correlation_id());
-    EXPECT_TRUE(back.sender_id() == std::nullopt && back.reply_to() == std::nullopt);
-    EXPECT_EQ(3, back.user_properties()->get<std::int64_t>("n"));
-    vc::Bytes payload = back.attachment().value();
-    EXPECT_EQ("payload", std::string(reinterpret_cast<const char *>(payload.data), payload.size));
-}
-
 TEST(CppLayer, OwnersGiveBackWhatTheyHoldAndDumpWhole)
 {
     Live live;
@@ -230,7 +186,7 @@ TEST(CppLayer, OwnersGiveBackWhatTheyHoldAndDumpWhole)
         EXPECT_EQ(text.size(), std::strlen(text.c_str()));
         /* 187 full lines of 16 bytes and one of 8: nothing cut off */
         EXPECT_EQ(text.rfind("  7a 7a 7a 7a 7a 7a 7a 7a                               zzzzzzzz\n"), text.size() - 65);
-        EXPECT_LT(moved.dump(VELCLIENT_MSGDUMP_BRIEF).size(), 200u);
+        EXPECT_EQ(text.substr(0, text.find("len=3000\n") + 9), moved.dump(VELCLIENT_MSGDUMP_BRIEF)); /* no hex lines */
         vc::Map props = b.create_user_properties();
         props.add(1.0f, "f");
         vc::Datablock d = vc::Datablock::alloc(10);

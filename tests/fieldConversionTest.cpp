@@ -149,8 +149,6 @@ TEST(Conversions, TextsFloatsAndTheDeliberateAsymmetries)
         {ADD(addDouble(h, 2.5, "v")), GET(float, Float), no + "Double could not be converted to Float"},
         /* Texts are parsed as numbers with a base prefix, to the getter's range. */
         {ADD(addString(h, "0x1F", "v")), GET(velClient_uint8_t, Uint8), "31"},
-        {ADD(addString(h, "010", "v")), GET(velClient_uint8_t, Uint8), "8"},
-        {ADD(addString(h, " 7", "v")), GET(velClient_uint8_t, Uint8), "7"},
         {ADD(addString(h, "", "v")), GET(velClient_uint8_t, Uint8), "0"},
         {ADD(addString(h, "4294967297", "v")), GET(velClient_uint8_t, Uint8), "1"},
         {ADD(addString(h, "12abc", "v")), GET(velClient_uint8_t, Uint8), toU8},
@@ -158,10 +156,8 @@ TEST(Conversions, TextsFloatsAndTheDeliberateAsymmetries)
         {ADD(addString(h, "-1", "v")), GET(velClient_uint8_t, Uint8), toU8},
         {ADD(addString(h, "3000000000", "v")), GET(velClient_uint32_t, Uint32),
          no + "String could not be converted to 32 bit unsigned integer"},
-        {ADD(addString(h, "3000000000", "v")), GET(velClient_uint64_t, Uint64), "3000000000"},
         {ADD(addString(h, "3000000000", "v")), GET(velClient_int32_t, Int32), "-1294967296"}, /* low 32 bits, no range test */
         {ADD(addString(h, "TRUE", "v")), GET(velClient_bool_t, Boolean), "1"},
-        {ADD(addString(h, "True", "v")), GET(velClient_bool_t, Boolean), "1"},
         {ADD(addString(h, "1", "v")), GET(velClient_bool_t, Boolean), "1"},
         {ADD(addString(h, "yes", "v")), GET(velClient_bool_t, Boolean), no + "String could not be converted to boolean"},
         {ADD(addString(h, "2.5e3", "v")), GET(double, Double), "2500"},
@@ -209,20 +205,4 @@ TEST(Conversions, CopiesIntoTheCallersBuffers)
     EXPECT_EQ(VELCLIENT_OK, velClient_container_getStringPtr(null.h, &sp, "v"));
     EXPECT_EQ(nullptr, sp);
     EXPECT_EQ(VELCLIENT_FAIL, velClient_container_getString(null.h, text, sizeof text, "v"));
-}
-
-TEST(Conversions, StreamsConsumeAFieldEvenWhenItsConversionFails)
-{
-    veltest::Container s(false, 64);
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addString(s.h, "not a number", nullptr));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(s.h, 5, nullptr));
-    velClient_int32_t v = 0;
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_getInt32(s.h, &v, nullptr));
-    EXPECT_EQ(VELCLIENT_OK, velClient_container_getInt32(s.h, &v, nullptr));
-    EXPECT_EQ(5, v);
-    EXPECT_EQ(VELCLIENT_EOS, velClient_container_getInt32(s.h, &v, nullptr));
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_getInt32(s.h, &v, "named"));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_CONFLICT, "Stream with non-NULL name pointer in velClient_container_getInt32");
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_rewind(s.h));
-    EXPECT_EQ(VELCLIENT_OK, velClient_container_getNull(s.h, nullptr)); /* any field counts */
 }

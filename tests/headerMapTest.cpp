@@ -25,11 +25,6 @@ Bytes metadataItem(const Bytes &frame)
     return {};
 }
 
-velClient_opaqueMsg_pt receiveWithMetadata(const Bytes &meta)
-{
-    return veltest::received(veltest::item(0x18, meta));
-}
-
 /* 19-byte header (lengths for entries of n bytes) and the entries, built at
  * their final size (GCC 12 -O3 warns wrongly on an insert after the header). */
 Bytes metadata(const Bytes &entries, std::uint8_t first = 0x01)
@@ -67,13 +62,6 @@ TEST(HeaderMap, APropertySetFromATextOfTheSameHeaderMapKeepsIt)
     EXPECT_STREQ("the-sender-of-it-all", text);
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_setSenderId(m.h, text)); /* its own text, too */
     EXPECT_EQ("the-sender-of-it-all", senderId(m.h));
-    velClient_destination_t replyTo{VELCLIENT_TOPIC_DESTINATION, "reply/to/this/topic"};
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setReplyTo(m.h, &replyTo, sizeof replyTo));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setApplicationMsgType(m.h, "a-type-set-after-it"));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getReplyTo(m.h, &replyTo, sizeof replyTo));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setReplyTo(m.h, &replyTo, sizeof replyTo));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getReplyTo(m.h, &replyTo, sizeof replyTo));
-    EXPECT_STREQ("reply/to/this/topic", replyTo.dest);
     EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setSenderId(m.h, nullptr));
     EXPECT_EQ(VELCLIENT_SUBCODE_PARAM_NULL_PTR, veltest::lastSubCode());
     velClient_msg_setMaxPoolMem(veltest::kDefaultPoolLimit);
@@ -81,14 +69,6 @@ TEST(HeaderMap, APropertySetFromATextOfTheSameHeaderMapKeepsIt)
 
 TEST(HeaderMap, WrittenBytes)
 {
-    Msg fresh; /* no header map: reads find nothing, deletes succeed, and nothing is created */
-    velClient_int64_t v = 0;
-    senderId(fresh.h, VELCLIENT_NOT_FOUND);
-    EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getSequenceNumber(fresh.h, &v));
-    EXPECT_EQ(VELCLIENT_OK, velClient_msg_deleteSenderId(fresh.h));
-    EXPECT_EQ(VELCLIENT_OK, velClient_msg_deleteReplyTo(fresh.h));
-    EXPECT_TRUE(metadataItem(encode(fresh.h)).empty());
-
     /* The bare 19-byte header: the reply mark at byte 13, the attachment kind at 12. */
     const std::function<velClient_returnCode_t(velClient_opaqueMsg_pt)> marks[] = {
         [](auto h) { return velClient_msg_setAsReplyMsg(h, 1); },
@@ -113,37 +93,6 @@ TEST(HeaderMap, WrittenBytes)
                          's',  'e',  'c', 'o', 'n',  'd', 0,   0x1C, 0x05, 's',  'n',  0,   0x08, 0x0A, 0, 0,
                          0,    0,    0,   0,   0,    6};
     EXPECT_EQ(metadata(entry), metadataItem(encode(m.h)));
-}
-
-TEST(HeaderMap, ReadingAReceivedHeader)
-{
-    /* 'h' entry with si = "x"; 'p' entry with one boolean. */
-    Msg r(receiveWithMetadata(metadata({0x1C, 0x04, 'h', 0x00, 0x2B, 0, 0, 0, 14, 0x1C, 0x05, 's', 'i', 0x00, 0x1C, 0x04,
-                                        'x',  0x00, 0x1C, 0x04, 'p', 0x00, 0x2B, 0, 0, 0, 12, 0x1C, 0x04, 'b', 0x00,
-                                        0x04, 0x03, 0x01})));
-    EXPECT_EQ("x", senderId(r.h));
-    velClient_opaqueContainer_pt props = nullptr;
-    velClient_bool_t b = 0;
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getUserPropertyMap(r.h, &props));
-    EXPECT_EQ(VELCLIENT_OK, velClient_container_getBoolean(props, &b, "b"));
-    EXPECT_EQ(1, b);
-    EXPECT_EQ(0, velClient_msg_isReplyMsg(r.h));
-    /* Changing the received map leaves the wire bytes it came from alone and re-encodes. */
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setSenderId(r.h, "changed"));
-    Msg r2(nullptr);
-    ASSERT_EQ(VELCLIENT_OK, veltest::decode(encode(r.h), &r2.h));
-    EXPECT_EQ("changed", senderId(r2.h));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getUserPropertyMap(r2.h, &props));
-    EXPECT_EQ(VELCLIENT_OK, velClient_container_getBoolean(props, &b, "b"));
-    /* Both parts share the metadata's block: taking the property part's out
-     * leaves the header map readable, and the block outlives the message. */
-    velClient_opaqueDatablock_pt block = nullptr;
-    velClient_bufInfo_t part{};
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_extractDatablock(r2.h, VELCLIENT_BUFINFO_USER_PROPERTY_PART, &block, &part));
-    EXPECT_EQ("changed", senderId(r2.h));
-    velClient_msg_free(&r2.h);
-    EXPECT_EQ(0, std::memcmp(static_cast<std::uint8_t *>(part.buf_p), "\x1C\x04p", 4));
-    EXPECT_EQ(VELCLIENT_OK, velClient_datablock_free(&block));
 }
 
 TEST(HeaderMap, MalformedHeaders)
@@ -175,7 +124,7 @@ TEST(HeaderMap, MalformedHeaders)
     for (const auto &r : rows) {
         SCOPED_TRACE(&r - rows);
         velClient_resetLastErrorInfo();
-        Msg m(receiveWithMetadata(r.meta));
+        Msg m(veltest::received(veltest::item(0x18, r.meta)));
         velClient_int64_t v = 0;
         velClient_opaqueContainer_pt c = nullptr;
         EXPECT_EQ(r.rc, r.read == Props      ? velClient_msg_getUserPropertyMap(m.h, &c)
@@ -184,7 +133,8 @@ TEST(HeaderMap, MalformedHeaders)
         EXPECT_TRUE(r.text == nullptr || (r.subCode == veltest::lastSubCode() && r.text == veltest::lastErrorText()))
             << veltest::lastErrorText();
     }
-    Msg dropped(receiveWithMetadata(rows[0].meta)), stream(receiveWithMetadata(rows[1].meta));
+    Msg dropped(veltest::received(veltest::item(0x18, rows[0].meta)));
+    Msg stream(veltest::received(veltest::item(0x18, rows[1].meta)));
     EXPECT_EQ(VELCLIENT_OK, velClient_msg_setSenderId(dropped.h, "new")); /* a new map replaces the dropped one */
     EXPECT_EQ("new", senderId(dropped.h));
     EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setSenderId(stream.h, "mine")); /* the stream still holds the part */
@@ -194,7 +144,7 @@ TEST(HeaderMap, MalformedHeaders)
 TEST(UserPropertyMap, CreateSetGetAndReplace)
 {
     Msg m;
-    velClient_opaqueContainer_pt props = nullptr, again = nullptr, first = nullptr;
+    velClient_opaqueContainer_pt props = nullptr, again = nullptr;
     velClient_uint16_t v = 0;
     EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getUserPropertyMap(m.h, &props));
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_createUserPropertyMap(m.h, &props, 0));
@@ -211,11 +161,9 @@ TEST(UserPropertyMap, CreateSetGetAndReplace)
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_getUserPropertyMap(m.h, &props));
     EXPECT_EQ((std::vector<std::string>{"s"}), veltest::names(props));
     /* Creating again closes the open map and starts empty. */
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createUserPropertyMap(m.h, &first, 8));
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_createUserPropertyMap(m.h, &again, 8));
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_rewind(first));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_rewind(props));
     EXPECT_TRUE(veltest::names(again).empty());
-    velClient_container_closeMapStream(&again);
 }
 
 TEST(SessionTopics, SuffixesRelativeToTheInboxBase)
@@ -235,12 +183,6 @@ TEST(SessionTopics, SuffixesRelativeToTheInboxBase)
     velClient_destination_t d{};
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_getReplyTo(m.h, &d, sizeof d));
     EXPECT_STREQ("B/#", d.dest);
-    /* A reply-to topic takes 249 characters; a longer one is cut at 250 and refused. */
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setReplyToSuffix(m.h, s, std::string(247, 'x').c_str()));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getReplyTo(m.h, &d, sizeof d));
-    EXPECT_EQ(std::string("B/").append(247, 'x'), d.dest);
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setReplyToSuffix(m.h, s, std::string(300, 'x').c_str()));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, "Attempt to add destination field in excess of 65K bytes");
     /* Without a destination, or with a queue, there is no topic suffix. */
     Msg other;
     const char *suffix = nullptr;
