@@ -1,6 +1,7 @@
 /* What only AMQP sessions have: queues with client acknowledgement, links
- * the broker refuses, and a message no sender of this library would make,
- * from a plain AMQP 1.0 client. */
+ * the broker refuses, a message no sender of this library would make, from a
+ * plain AMQP 1.0 client, and the C++ layer on a broker session (its event
+ * callback, acknowledgement, and an exception thrown in a callback). */
 #include <proton/codec.h>
 #include <proton/connection.h>
 #include <proton/delivery.h>
@@ -13,6 +14,7 @@
 
 #include "support/brokerSupport.h"
 #include "support/velTestSupport.h"
+#include "velclient/velClient.hpp"
 
 namespace {
 
@@ -142,6 +144,71 @@ TEST(AmqpHostilePeers, ARefusedAttachAndAMessageThatDoesNotConvertAreReportedAnd
     ASSERT_TRUE(connectAll(next));
     next.subscribe(queue, true);
     EXPECT_FALSE(next.waitMessages(1, 500ms));
+}
+
+namespace vc = velclient;
+
+TEST(AmqpCppLayer, SubscribeSendAcknowledgeAndEvents)
+{
+    const std::string queue = unique("cpp-q"), hostText = broker().host();
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<vc::Message> kept;
+    std::vector<vc::SessionEvent> events;
+    bool throwNext = false;
+    vc::Session receiver({{"SESSION_TRANSPORT", "amqp"}, {"SESSION_HOST", hostText.c_str()},
+                          {"SESSION_RECEIVE_ACK_MODE", "client"}},
+                         [&](vc::Message &m) {
+                             std::lock_guard lock(mutex);
+                             kept.push_back(std::move(m));
+                             changed.notify_all();
+                         });
+    vc::Session sender({{"SESSION_TRANSPORT", "amqp"}, {"SESSION_HOST", hostText.c_str()}}, nullptr);
+    sender.on_event([&](const vc::SessionEvent &e) {
+        std::lock_guard lock(mutex);
+        events.push_back(e);
+        changed.notify_all();
+        if (std::exchange(throwNext, false))
+            throw std::runtime_error("from the event callback");
+    });
+    receiver.connect();
+    sender.connect();
+    receiver.subscribe_queue(queue);
+    int tag = 0;
+    vc::Message m = vc::Message::create();
+    m.set_queue(queue);
+    m.set_attachment("from C++");
+    m.set_delivery_mode(VELCLIENT_DELIVERY_MODE_PERSISTENT);
+    m.set_correlation_tag(&tag, 0);
+    ASSERT_EQ(VELCLIENT_OK, sender.send(m));
+    std::unique_lock lock(mutex);
+    ASSERT_TRUE(changed.wait_for(lock, 20s, [&] { return !kept.empty() && events.size() >= 2; }));
+    const vc::Bytes body = kept[0].attachment().value_or(vc::Bytes{});
+    EXPECT_EQ("from C++", std::string(reinterpret_cast<const char *>(body.data), body.size));
+    EXPECT_EQ(VELCLIENT_SESSION_EVENT_UP_NOTICE, events[0].event);
+    EXPECT_EQ("UP_NOTICE", events[0].name());
+    EXPECT_EQ(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, events[1].event); /* before throwNext, or it would throw */
+    receiver.ack(kept[0]);
+    EXPECT_THROW(receiver.ack(kept[0]), vc::Error); /* acknowledged already */
+    /* The acknowledgement's callback throws on the I/O thread: the next send rethrows it, once. */
+    throwNext = true;
+    lock.unlock();
+    ASSERT_EQ(VELCLIENT_OK, sender.send(m));
+    /* Direct sends, which raise no event, go until one rethrows it. */
+    m.set_delivery_mode(VELCLIENT_DELIVERY_MODE_DIRECT);
+    bool thrown = false;
+    for (int i = 0; i < 400 && !thrown; ++i) {
+        try {
+            sender.send(m);
+            std::this_thread::sleep_for(5ms);
+        } catch (const std::runtime_error &) {
+            thrown = true;
+        }
+    }
+    EXPECT_TRUE(thrown);
+    EXPECT_EQ(VELCLIENT_OK, sender.send(m)); /* once */
+    sender.disconnect();
+    receiver.unsubscribe_queue(queue);
 }
 
 } // namespace
