@@ -109,13 +109,29 @@ inline std::uint64_t keyBit(std::uint64_t lastBytes)
     return std::uint64_t{1} << ((lastBytes * 0x9E3779B97F4A7C15ull) >> 58);
 }
 
+/* The Word-sized little-endian number at p. */
+template <typename Word>
 inline std::uint64_t loadLE(const std::uint8_t *p)
 {
-    std::uint64_t w;
-    std::memcpy(&w, p, 8);
-    if constexpr (std::endian::native == std::endian::big)
-        w = __builtin_bswap64(w);
+    Word w;
+    std::memcpy(&w, p, sizeof w);
+    if constexpr (std::endian::native == std::endian::big) {
+        if constexpr (sizeof w == 8)
+            w = __builtin_bswap64(w);
+        else if constexpr (sizeof w == 4)
+            w = __builtin_bswap32(w);
+        else
+            w = __builtin_bswap16(w);
+    }
     return w;
+}
+
+/* The n bytes at p (Word-sized <= n <= twice that) as a little-endian
+ * number: two loads that overlap in the middle, whose common bytes agree. */
+template <typename Word>
+inline std::uint64_t loadTwoLE(const std::uint8_t *p, std::size_t n)
+{
+    return loadLE<Word>(p) | loadLE<Word>(p + n - sizeof(Word)) << (8 * (n - sizeof(Word)));
 }
 
 /* The last 8 of the nameSize bytes at name (all of them when fewer) as a
@@ -123,11 +139,12 @@ inline std::uint64_t loadLE(const std::uint8_t *p)
 inline std::uint64_t lastBytesOf(const std::uint8_t *name, std::size_t nameSize)
 {
     if (nameSize >= 8)
-        return loadLE(name + nameSize - 8);
-    std::uint64_t v = 0;
-    for (std::size_t i = 0; i < nameSize; ++i)
-        v |= std::uint64_t{name[i]} << (8 * i);
-    return v;
+        return loadLE<std::uint64_t>(name + nameSize - 8);
+    if (nameSize >= 4)
+        return loadTwoLE<std::uint32_t>(name, nameSize);
+    if (nameSize >= 2)
+        return loadTwoLE<std::uint16_t>(name, nameSize);
+    return nameSize == 1 ? name[0] : 0;
 }
 
 /* The bit of the key of the well-formed entry at pos, whose key takes
@@ -256,11 +273,10 @@ public:
             std::memcpy(&first_, name, 8);
             std::memcpy(&last_, name + nameSize - 8, 8);
         }
-        bit_ = keyBit(lastBytesOf(reinterpret_cast<const std::uint8_t *>(name), nameSize));
     }
 
     /* The bit of checkedKeys that stands for this name. */
-    std::uint64_t bit() const { return bit_; }
+    std::uint64_t bit() const { return keyBit(lastBytesOf(reinterpret_cast<const std::uint8_t *>(name_), size_)); }
 
     std::size_t size() const { return size_; }
 
@@ -296,7 +312,6 @@ private:
     bool shortForm_ = false;
     bool words_ = false;
     std::uint64_t first_ = 0, last_ = 0;
-    std::uint64_t bit_ = 0;
 };
 
 /* The entry keyed name among those c remembers as well formed, or nullptr:
@@ -304,7 +319,7 @@ private:
  * is checked again. */
 std::uint8_t *findChecked(_velClient_container *c, const KeyProbe &key)
 {
-    if ((c->checkedKeys & key.bit()) == 0)
+    if (c->checkedKeys == 0 || (c->checkedKeys & key.bit()) == 0)
         return nullptr;
     const std::ptrdiff_t size = c->curWrPtr - c->firstFieldPtr;
     for (std::uint32_t i = 0; i < c->checkedCount; ++i) {
