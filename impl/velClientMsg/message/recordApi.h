@@ -36,6 +36,16 @@ inline velClient_returnCode_t copyIntoPart(_velClient_msg *msg, int part, const 
     return copyIntoOtherPart(msg, part, buf_p, size);
 }
 
+/* Closes the message's container in *slot for good, or only finalises it
+ * (its handle then stays valid). */
+inline void closeOrFinalise(_velClient_container **slot, bool close)
+{
+    if (close)
+        _velClient_container_closeForGood(slot);
+    else
+        _velClient_container_closeMapStream(slot, false, false, false);
+}
+
 /* Closes the message's open containers (and forgets them): the header map
  * always; the attachment and the user property map with closeAll, else they
  * are only finalised and their handles stay valid. Three tests, not a loop
@@ -43,11 +53,11 @@ inline velClient_returnCode_t copyIntoPart(_velClient_msg *msg, int part, const 
 inline void closeContainers(_velClient_msg *msg, bool closeAll)
 {
     if (msg->binaryAttachContainer_p != nullptr)
-        _velClient_container_closeMapStream(&msg->binaryAttachContainer_p, closeAll, closeAll, false);
+        closeOrFinalise(&msg->binaryAttachContainer_p, closeAll);
     if (msg->hdrMap_p != nullptr)
-        _velClient_container_closeMapStream(&msg->hdrMap_p, true, true, false);
+        _velClient_container_closeForGood(&msg->hdrMap_p);
     if (msg->userPropertyMap_p != nullptr)
-        _velClient_container_closeMapStream(&msg->userPropertyMap_p, closeAll, closeAll, false);
+        closeOrFinalise(&msg->userPropertyMap_p, closeAll);
 }
 
 /* Empties a part, as _velClient_msg_setBufinfoPtr(msg, part, nullptr, 0)
