@@ -74,11 +74,28 @@ velClient_returnCode_t typedGet(const GetterTexts &t, Target target, Out *out, c
     return convert(field, *out) ? VELCLIENT_OK : conversionFailed(t, field);
 }
 
+/* The field type whose every value a getter of T hands out as stored. */
+template <typename T>
+constexpr velClient_fieldType_t exactType()
+{
+    constexpr velClient_fieldType_t types[] = {VELCLIENT_UINT8,  VELCLIENT_INT8,  VELCLIENT_UINT16, VELCLIENT_INT16,
+                                               VELCLIENT_UINT32, VELCLIENT_INT32, VELCLIENT_UINT64, VELCLIENT_INT64};
+    constexpr bool sameSize[] = {sizeof(T) == 1, sizeof(T) == 2, sizeof(T) == 4, sizeof(T) == 8};
+    for (unsigned i = 0; i < 4; ++i)
+        if (sameSize[i])
+            return types[2 * i + (std::is_signed_v<T> ? 1 : 0)];
+    return VELCLIENT_UNKNOWN;
+}
+
 template <typename Target, typename T>
 velClient_returnCode_t integerGet(const GetterTexts &t, const vel::convert::IntRule &rule, Target target, T *out,
                                   const char *name)
 {
     return typedGet(t, target, out, name, [&rule](const velClient_field_t &f, T &o) {
+        if (f.type == exactType<T>()) { /* the union's members all begin at its start */
+            std::memcpy(&o, &f.value, sizeof o);
+            return true;
+        }
         vel::convert::wide_t v = 0;
         if (!vel::convert::toInteger(f, rule, v))
             return false;
