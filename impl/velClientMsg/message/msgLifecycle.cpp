@@ -25,24 +25,22 @@ constexpr std::uint32_t readOnlyFlagOf(int part) noexcept
     }
 }
 
-/* Drops the references of the block in slot part and of every other slot
+/* Drops the references of the block in slot part and of every later slot
  * that holds the same block, in one step, and empties those slots. A block
- * holding one reference is in no other slot; a shared one is looked for in
- * every slot without a branch per slot (a received message's parts share
- * one block). */
+ * holding one reference is in no other slot. */
 [[gnu::always_inline]] inline void dropPartBlock(ThreadState &me, _velClient_datab **slots, int part)
 {
     _velClient_datab *db = slots[part];
+    slots[part] = nullptr;
     std::int32_t refs = 1;
     if (__atomic_load_n(&db->dbRefCount, __ATOMIC_RELAXED) != 1) {
-        refs = 0;
-        for (int s = 0; s < _VELCLIENT_BUFINFO_NUM_PARTS; ++s) {
-            const bool same = slots[s] == db;
-            refs += same ? 1 : 0;
-            slots[s] = same ? nullptr : slots[s];
+        for (int later = part + 1; later < _VELCLIENT_BUFINFO_NUM_PARTS; ++later) {
+            if (slots[later] == db) {
+                ++refs;
+                slots[later] = nullptr;
+            }
         }
     }
-    slots[part] = nullptr;
     dropBlockRefs(me, db, refs, __FILE__, __LINE__);
 }
 
