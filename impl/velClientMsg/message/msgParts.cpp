@@ -145,11 +145,15 @@ velClient_returnCode_t _velClient_msg_setBufinfo(_velClient_msg *msg, int bufInf
     return copyIntoEmptyPart(msg, bufInfoIndex, buf_p, size, start);
 }
 
-velClient_returnCode_t vel::msg::copyIntoOtherPart(_velClient_msg *msg, int part, const void *buf_p,
-                                                   std::uint32_t size)
+velClient_returnCode_t vel::msg::copyIntoPart(_velClient_msg *msg, int part, const void *buf_p, std::uint32_t size)
 {
-    if (msg->bufDatab_p[part] == nullptr && (buf_p != nullptr || size == 0))
-        return copyIntoEmptyPart(msg, part, buf_p, size, 0);
+    _velClient_datab *db = msg->bufDatab_p[part];
+    if (db == nullptr) {
+        if (buf_p != nullptr || size == 0)
+            return copyIntoEmptyPart(msg, part, buf_p, size, 0);
+    } else if (vel::msg::copyInPlace(msg, db, part, buf_p, size)) {
+        return VELCLIENT_OK; /* _velClient_msg_setBufinfo's step in place, without its frame */
+    }
     return _velClient_msg_setBufinfo(msg, part, buf_p, size, 0);
 }
 
