@@ -20,6 +20,8 @@ velClient_returnCode_t issueHandle(_velClient_msg *msg, const char *caller);
  * at offset 0 makes it; the usual part holds no block and goes straight to a
  * new one. */
 velClient_returnCode_t copyIntoPart(_velClient_msg *msg, int part, const void *buf_p, std::uint32_t size);
+/* copyIntoPart for a part that holds no block. */
+velClient_returnCode_t copyIntoBlocklessPart(_velClient_msg *msg, int part, const void *buf_p, std::uint32_t size);
 
 /* copyIntoPart's step in place, taken when the part's block (db, not null)
  * is the message's alone and larger than size; false, with nothing done,
@@ -40,7 +42,9 @@ inline bool copyInPlace(_velClient_msg *msg, _velClient_datab *db, int part, con
 inline velClient_returnCode_t copyIntoOwnPart(_velClient_msg *msg, int part, const void *buf_p, std::uint32_t size)
 {
     _velClient_datab *db = msg->bufDatab_p[part];
-    if (db != nullptr && copyInPlace(msg, db, part, buf_p, size))
+    if (db == nullptr)
+        return copyIntoBlocklessPart(msg, part, buf_p, size);
+    if (copyInPlace(msg, db, part, buf_p, size))
         return VELCLIENT_OK;
     return copyIntoPart(msg, part, buf_p, size);
 }
