@@ -30,28 +30,41 @@ TEST(WireFormat, DecodeRefusesMalformedInput)
     Bytes badVersion = good, reserved = good;
     badVersion[0] = 2;
     reserved[11] = 1;
-    const Bytes cases[] = {
-        veltest::cat(good, good),                                     /* two frames */
-        veltest::cat(good, {0}),                                      /* trailing byte */
-        badVersion,                                                   /* version 2 */
-        Bytes(good.begin(), good.end() - 1),                          /* truncated */
-        reserved,                                                     /* reserved byte set */
-        frame(13, 0, Bytes{0x13, 0, 0, 0, 9, 1}),                     /* item past the end */
-        frame(13, 0, veltest::cat(item(0x13, {1}), item(0x13, {2}))), /* item repeated */
-        frame(13, 0, item(0x11, {'x'})),                              /* topic without NUL */
-        frame(13, 0, item(0x7F, {'x'})),                              /* unknown tag */
-        frame(13, 0, item(0x12, {1, 2, 3})),                          /* consumer ids not in 4s */
-        frame(13, 0x4, {}),                                           /* no application message */
+    const Bytes number(8, 0);
+    /* The frame-level faults; two frames or trailing bytes only fail. An
+     * item's fault names the item's first byte (the first item is at 12). */
+    const std::pair<Bytes, const char *> cases[] = {
+        {veltest::cat(good, good), nullptr},
+        {veltest::cat(good, {0}), nullptr},
+        {badVersion, "unknown version at byte 0"},
+        {Bytes(good.begin(), good.end() - 1), "bad frame length at byte 0"},
+        {reserved, "reserved bytes set at byte 0"},
+        {frame(13, 0, Bytes{0x13, 0, 0, 0, 9, 1}), "item past frame end at byte 12"},
+        {frame(13, 0, veltest::cat(item(0x13, {1}), item(0x13, {2}))), "repeated item at byte 18"},
+        {frame(13, 0, veltest::cat(item(0x01, number), item(0x01, number))), "repeated item at byte 25"},
+        {frame(13, 0, item(0x01, {1, 2})), "bad number length at byte 12"},
+        {frame(13, 0, item(0x11, {'x'})), "bad part at byte 12"}, /* topic without NUL */
+        {frame(13, 0, item(0x16, {0})), "bad part at byte 12"},   /* queue name without a character */
+        {frame(13, 0, item(0x13, {})), "bad part at byte 12"},    /* empty part */
+        {frame(13, 0, item(0x12, {1, 2, 3})), "bad part at byte 12"}, /* consumer ids not in 4s */
+        {frame(13, 0, item(0x7F, {'x'})), "unknown item at byte 12"},
+        {frame(13, 0, veltest::cat(item(0x17, {'x'}), item(0x17, {'x'}))), "unknown item at byte 12"},
+        {frame(13, 0, veltest::cat(item(0x13, {1}), item(0xF3, {1}))), "unknown item at byte 18"},
+        {frame(13, 0x4, {}), nullptr}, /* no application message */
     };
     velClient_opaqueMsg_pt msg = nullptr;
-    for (const Bytes &bad : cases) {
-        SCOPED_TRACE(&bad - cases);
+    for (std::size_t i = 0; i < std::size(cases); ++i) {
+        SCOPED_TRACE(i);
+        const auto &[bad, fault] = cases[i];
         velClient_resetLastErrorInfo();
         msg = reinterpret_cast<velClient_opaqueMsg_pt>(1);
         EXPECT_EQ(VELCLIENT_FAIL, decode(bad, &msg));
-        /* the frame-level faults; two frames or trailing bytes only fail */
-        EXPECT_TRUE(&bad - cases < 2 || veltest::lastSubCode() == VELCLIENT_SUBCODE_INVALID_VWF_MESSAGE);
         EXPECT_EQ(nullptr, msg);
+        EXPECT_TRUE(i < 2 || veltest::lastSubCode() == VELCLIENT_SUBCODE_INVALID_VWF_MESSAGE);
+        if (fault != nullptr) {
+            EXPECT_EQ(std::string("Invalid VWF frame (").append(fault).append(") in _velClient_vwfParse"),
+                      veltest::lastErrorText());
+        }
     }
     EXPECT_EQ(VELCLIENT_FAIL, decode(frame(5, 0, {}), &msg));
     EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_INVALID_VWF_MESSAGE,

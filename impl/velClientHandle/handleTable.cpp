@@ -116,6 +116,14 @@ _velClient_pointerInfo *entryOf(std::uint64_t h)
     return h == 0 || page == nullptr ? nullptr : &page[h & kSafePtrEntryMask];
 }
 
+/* Withdraws the live handle h of entry with plain stores and frees the entry. */
+[[gnu::always_inline]] inline void retire(_velClient_pointerInfo *entry, std::uint64_t h)
+{
+    __atomic_store_n(&entry->u.ptrInfo, h | kFreeBit, __ATOMIC_RELEASE);
+    __atomic_store_n(&entry->ptrType, _UNUSED_PTR_TYPE, __ATOMIC_RELAXED);
+    pushEntry(&entry->entry);
+}
+
 } // namespace
 
 extern "C" void *_velClient_safePtr_take(void *handle, _velClient_ptrType_t type)
@@ -128,10 +136,16 @@ extern "C" void *_velClient_safePtr_take(void *handle, _velClient_ptrType_t type
     void *object = __atomic_load_n(&entry->actualPtr, __ATOMIC_RELAXED);
     if (object == nullptr)
         return nullptr;
-    __atomic_store_n(&entry->u.ptrInfo, h | kFreeBit, __ATOMIC_RELEASE);
-    __atomic_store_n(&entry->ptrType, _UNUSED_PTR_TYPE, __ATOMIC_RELAXED);
-    pushEntry(&entry->entry);
+    retire(entry, h);
     return object;
+}
+
+extern "C" void _velClient_safePtr_release(void *handle)
+{
+    auto h = reinterpret_cast<std::uint64_t>(handle);
+    _velClient_pointerInfo *entry = entryOf(h);
+    if (entry != nullptr && __atomic_load_n(&entry->u.ptrInfo, __ATOMIC_ACQUIRE) == h)
+        retire(entry, h);
 }
 
 extern "C" void _velClient_safePtr_free(void *handle)

@@ -72,6 +72,12 @@ void _velClient_safePtr_free(void *handle);
  * handle at once would free its record twice as well, so this gives that
  * race no protection the record does not have either. */
 void *_velClient_safePtr_take(void *handle, _velClient_ptrType_t type);
+
+/* Invalidates handle, the live handle of a record the caller is freeing, with
+ * plain stores as _velClient_safePtr_take does: freeing the same record from
+ * two threads at once is a double free whatever the handle does. A handle
+ * that is not live changes nothing. */
+void _velClient_safePtr_release(void *handle);
 }
 
 namespace vel {

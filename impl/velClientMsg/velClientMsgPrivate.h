@@ -264,6 +264,9 @@ velClient_returnCode_t _velClient_msg_getField(_velClient_msg *msg, int bufInfoI
 /* Close and/or finalise (see the container writer). */
 velClient_returnCode_t _velClient_container_closeMapStream(_velClient_container **container_p, bool close,
                                                            bool force, bool makeReadOnly);
+/* The forced close of a message's open container (*slot, the message's own
+ * pointer): _velClient_container_closeMapStream(slot, true, true, false). */
+void _velClient_container_closeForGood(_velClient_container **slot);
 /* Makes requiredSpace bytes of room at bufWrPtr (negative: removes), growing
  * a message container into a larger block when needed. */
 velClient_returnCode_t _velClient_container_growData(_velClient_container *container_p, std::uint8_t *bufWrPtr,

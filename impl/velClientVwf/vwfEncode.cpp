@@ -7,6 +7,9 @@
  */
 #include "velClientVwf/vwf.h"
 
+#include <bit>
+#include <type_traits>
+
 #include "velClientMsg/container/tlvCodec.h"
 
 namespace {
@@ -102,6 +105,7 @@ class SizeSink {
         return bin_;
     }
     void add(const void *, std::uint32_t n) { total_ += n; }
+    void addCount(std::uint64_t n) { total_ += n; }
     static std::uint8_t *reserveWhole(std::uint64_t) { return nullptr; }
     std::uint64_t total() const { return total_; }
 
@@ -179,46 +183,81 @@ constexpr PartItem kPartItems[] = {
     {VELCLIENT_BUFINFO_BINARY_ATTACHMENT_PART, kTagBinaryAttachment, false},
 };
 
+/* The metadata header first: the item is left out without it. */
+constexpr int kMetaParts[] = {_VELCLIENT_BUFINFO_BINARY_META_PART, _VELCLIENT_BUFINFO_HDR_MAP_PART,
+                              VELCLIENT_BUFINFO_USER_PROPERTY_PART};
+
 bool present(const velClient_bufInfo_t &part)
 {
     return part.buf_p != nullptr && part.bufSize != 0;
 }
 
-/* Parts 8, 10 and 7 back to back in one item: the metadata header and the
- * two map entries it describes. */
-template <typename W>
-void writeMeta(W &w, const velClient_bufInfo_t *parts)
+/* The one pass over the parts that finds those the frame carries and the
+ * bytes their items take. */
+_velClient_vwfFramePlan planOf(const velClient_bufInfo_t *parts)
 {
-    static constexpr int kMetaParts[] = {_VELCLIENT_BUFINFO_BINARY_META_PART, _VELCLIENT_BUFINFO_HDR_MAP_PART,
-                                         VELCLIENT_BUFINFO_USER_PROPERTY_PART};
-    std::uint64_t length = 0;
-    for (int part : kMetaParts)
-        length += present(parts[part]) ? parts[part].bufSize : 0;
-    if (!present(parts[_VELCLIENT_BUFINFO_BINARY_META_PART]))
+    _velClient_vwfFramePlan plan;
+    for (std::uint32_t i = 0; i < std::size(kPartItems); ++i) {
+        const velClient_bufInfo_t &part = parts[kPartItems[i].part];
+        if (present(part)) {
+            plan.items |= 1u << i;
+            plan.itemBytes += kItemHeaderSize + std::uint64_t{part.bufSize} + (kPartItems[i].text ? 1 : 0);
+        }
+    }
+    std::uint64_t metaBytes = kItemHeaderSize;
+    for (std::uint32_t i = 0; i < std::size(kMetaParts); ++i) {
+        const velClient_bufInfo_t &part = parts[kMetaParts[i]];
+        if (present(part)) {
+            plan.meta |= 1u << i;
+            metaBytes += part.bufSize;
+        }
+    }
+    if ((plan.meta & 1u) != 0)
+        plan.itemBytes += metaBytes;
+    return plan;
+}
+
+/* The index of the lowest bit of set, which is then cleared. */
+inline std::uint32_t takeLowest(std::uint32_t &set)
+{
+    const auto i = static_cast<std::uint32_t>(std::countr_zero(set));
+    set &= set - 1;
+    return i;
+}
+
+/* Parts 8, 10 and 7 (those of metaSet) back to back in one item: the
+ * metadata header and the two map entries it describes. */
+template <typename W>
+void writeMeta(W &w, const velClient_bufInfo_t *parts, std::uint32_t metaSet)
+{
+    if ((metaSet & 1u) == 0)
         return;
+    std::uint64_t length = 0;
+    for (std::uint32_t set = metaSet; set != 0;)
+        length += parts[kMetaParts[takeLowest(set)]].bufSize;
     if (std::uint8_t *p = w.reserveWhole(kItemHeaderSize + length)) {
         p[0] = kTagBinaryMeta;
         vel::tlv::putBE(p + 1, static_cast<std::uint32_t>(length), 4);
         p += kItemHeaderSize;
-        for (int part : kMetaParts) {
-            if (present(parts[part])) {
-                vel::tlv::copyBytes(p, parts[part].buf_p, parts[part].bufSize);
-                p += parts[part].bufSize;
-            }
+        for (std::uint32_t set = metaSet; set != 0;) {
+            const velClient_bufInfo_t &part = parts[kMetaParts[takeLowest(set)]];
+            vel::tlv::copyBytes(p, part.buf_p, part.bufSize);
+            p += part.bufSize;
         }
         return;
     }
     w.item(kTagBinaryMeta, static_cast<std::uint32_t>(length));
-    for (int part : kMetaParts)
-        if (present(parts[part]))
-            w.add(parts[part].buf_p, parts[part].bufSize);
+    for (std::uint32_t set = metaSet; set != 0;) {
+        const velClient_bufInfo_t &part = parts[kMetaParts[takeLowest(set)]];
+        w.add(part.buf_p, part.bufSize);
+    }
 }
 
 /* Lays out the frame of msg into w: the header, the numbers, the parts in
  * their order, the metadata. Fails when the frame would exceed 4 GiB. */
 template <typename W>
-velClient_returnCode_t layOut(W &w, const velClient_bufInfo_t *parts, std::uint32_t flags, std::uint64_t msgId,
-                              const _velClient_msg *msg)
+velClient_returnCode_t layOut(W &w, const velClient_bufInfo_t *parts, const _velClient_vwfFramePlan &plan,
+                              std::uint32_t flags, std::uint64_t msgId, const _velClient_msg *msg)
 {
     bool guaranteed = (flags & _VELCLIENT_RX_FLAG_DELIVERY_MODE_MASK) != 0;
     std::uint8_t *header = w.reserve(kFrameHeaderSize);
@@ -228,12 +267,15 @@ velClient_returnCode_t layOut(W &w, const velClient_bufInfo_t *parts, std::uint3
         w.number(kTagTopicSeqNum, msg->topicSeqNo);
     if (guaranteed)
         w.number(kTagMessageId, msgId);
-    for (const PartItem &item : kPartItems) {
-        const velClient_bufInfo_t &part = parts[item.part];
-        if (present(part))
-            w.part(item.tag, part, item.text);
+    if constexpr (std::is_same_v<W, FrameWriter<SizeSink>>) {
+        w.addCount(plan.itemBytes); /* measuring: the plan counted the parts' items */
+    } else {
+        for (std::uint32_t set = plan.items; set != 0;) {
+            const PartItem &item = kPartItems[takeLowest(set)];
+            w.part(item.tag, parts[item.part], item.text);
+        }
+        writeMeta(w, parts, plan.meta);
     }
-    writeMeta(w, parts);
     if (w.total() > UINT32_MAX)
         return VEL_FAIL(VELCLIENT_SUBCODE_INVALID_VWF_MESSAGE, VELCLIENT_LOG_WARNING,
                         "Message of %llu bytes too large for one frame in _velClient_createMsgForPublish",
@@ -265,7 +307,7 @@ velClient_returnCode_t _velClient_createMsgForPublish(const velClient_bufInfo_t 
     if (checkPartCount(numParts) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     FrameWriter<ChunkSink> w(chunks, *scratch_pp);
-    if (layOut(w, parts, flags, msgId, msg) != VELCLIENT_OK)
+    if (layOut(w, parts, planOf(parts), flags, msgId, msg) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     *numChunks = w.chunks();
     *scratch_pp += w.scratchUsed();
@@ -275,21 +317,23 @@ velClient_returnCode_t _velClient_createMsgForPublish(const velClient_bufInfo_t 
 
 velClient_returnCode_t _velClient_vwfFrameSize(const velClient_bufInfo_t *parts, std::uint32_t numParts,
                                                std::uint32_t flags, std::uint64_t msgId, const _velClient_msg *msg,
-                                               std::uint32_t *totalLength)
+                                               std::uint32_t *totalLength, _velClient_vwfFramePlan *plan_p)
 {
     if (checkPartCount(numParts) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
+    *plan_p = planOf(parts);
     FrameWriter<SizeSink> w;
-    if (layOut(w, parts, flags, msgId, msg) != VELCLIENT_OK)
+    if (layOut(w, parts, *plan_p, flags, msgId, msg) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     *totalLength = static_cast<std::uint32_t>(w.total());
     return VELCLIENT_OK;
 }
 
-std::uint32_t _velClient_vwfWriteFrame(const velClient_bufInfo_t *parts, std::uint32_t flags, std::uint64_t msgId,
-                                       const _velClient_msg *msg, std::uint8_t *out, std::uint32_t capacity)
+std::uint32_t _velClient_vwfWriteFrame(const velClient_bufInfo_t *parts, const _velClient_vwfFramePlan &plan,
+                                       std::uint32_t flags, std::uint64_t msgId, const _velClient_msg *msg,
+                                       std::uint8_t *out, std::uint32_t capacity)
 {
     FrameWriter<ByteSink> w(out, capacity);
-    layOut(w, parts, flags, msgId, msg);
+    layOut(w, parts, plan, flags, msgId, msg);
     return w.excess();
 }

@@ -3,6 +3,7 @@
  * block, checks each frame, builds a message whose parts point into that
  * block (each part holding its own reference), and hands it to a callback.
  */
+#include <array>
 #include <cstring>
 
 #include "velClientMsg/container/tlvCodec.h"
@@ -14,32 +15,51 @@ namespace {
 
 using namespace vel::vwf;
 
-/* The part an item fills, or -1 for a number or an unknown tag. */
-int partOf(std::uint8_t tag)
-{
-    switch (tag) {
-    case kTagBinaryAttachment: return VELCLIENT_BUFINFO_BINARY_ATTACHMENT_PART;
-    case kTagTopic: return VELCLIENT_BUFINFO_TOPIC_PART;
-    case kTagConsumerIds: return VELCLIENT_BUFINFO_CONSUMER_ID_PART;
-    case kTagUserData: return VELCLIENT_BUFINFO_USER_DATA_PART;
-    case kTagXml: return VELCLIENT_BUFINFO_XML_PART;
-    case kTagCorrelationTag: return VELCLIENT_BUFINFO_CORRELATION_TAG_PART;
-    case kTagQueueName: return VELCLIENT_BUFINFO_QUEUENAME_PART;
-    case kTagBinaryMeta: return _VELCLIENT_BUFINFO_BINARY_META_PART;
-    case kTagDestPrefix: return _VELCLIENT_BUFINFO_DEST_PREFIX_PART;
-    default: return -1;
-    }
-}
-
-bool isText(std::uint8_t tag)
-{
-    return tag == kTagTopic || tag == kTagQueueName || tag == kTagDestPrefix;
-}
-
 velClient_returnCode_t malformed(const char *what, std::uint32_t offset)
 {
     return VEL_FAIL(VELCLIENT_SUBCODE_INVALID_VWF_MESSAGE, VELCLIENT_LOG_WARNING,
                     "Invalid VWF frame (%s at byte %u) in _velClient_vwfParse", what, offset);
+}
+
+/* What an item of a tag below 32 is: a number, a part (text carried with
+ * its NUL, consumer ids in 4-byte units, or plain bytes), or unknown. */
+enum class ItemKind : std::uint8_t { unknown, number, plain, text, consumerIds };
+
+struct ItemRule {
+    ItemKind kind = ItemKind::unknown;
+    std::int8_t part = -1; /* the part a part item fills */
+};
+
+constexpr auto kItemRules = [] {
+    std::array<ItemRule, 32> t{};
+    for (std::uint8_t tag : {kTagTimeToLive, kTagTopicSeqNum, kTagMessageId})
+        t[tag] = {ItemKind::number, -1};
+    t[kTagBinaryAttachment] = {ItemKind::plain, VELCLIENT_BUFINFO_BINARY_ATTACHMENT_PART};
+    t[kTagTopic] = {ItemKind::text, VELCLIENT_BUFINFO_TOPIC_PART};
+    t[kTagConsumerIds] = {ItemKind::consumerIds, VELCLIENT_BUFINFO_CONSUMER_ID_PART};
+    t[kTagUserData] = {ItemKind::plain, VELCLIENT_BUFINFO_USER_DATA_PART};
+    t[kTagXml] = {ItemKind::plain, VELCLIENT_BUFINFO_XML_PART};
+    t[kTagCorrelationTag] = {ItemKind::plain, VELCLIENT_BUFINFO_CORRELATION_TAG_PART};
+    t[kTagQueueName] = {ItemKind::text, VELCLIENT_BUFINFO_QUEUENAME_PART};
+    t[kTagBinaryMeta] = {ItemKind::plain, _VELCLIENT_BUFINFO_BINARY_META_PART};
+    t[kTagDestPrefix] = {ItemKind::text, _VELCLIENT_BUFINFO_DEST_PREFIX_PART};
+    return t;
+}();
+
+/* A number item: 8 bytes into the record. */
+velClient_returnCode_t applyNumber(_velClient_msg *msg, std::uint8_t tag, const std::uint8_t *value,
+                                   std::uint32_t length, std::uint32_t at)
+{
+    if (length != 8)
+        return malformed("bad number length", at);
+    std::uint64_t v = vel::tlv::getBE(value, 8);
+    if (tag == kTagTimeToLive)
+        msg->timeToLive = v;
+    else if (tag == kTagTopicSeqNum)
+        msg->topicSeqNo = v;
+    else
+        msg->msgInfo.msgId = v;
+    return VELCLIENT_OK;
 }
 
 /* Fills msg from one item (tag, length bytes at value, at bytes into the
@@ -51,30 +71,22 @@ velClient_returnCode_t malformed(const char *what, std::uint32_t offset)
 velClient_returnCode_t applyItem(_velClient_msg *msg, _velClient_datab *block, std::uint8_t tag, std::uint8_t *value,
                                  std::uint32_t length, std::uint32_t at, std::uint32_t &seen, std::int32_t &parts)
 {
-    if (tag < 32 && (seen & (1u << tag)))
-        return malformed("repeated item", at);
-    if (tag < 32)
-        seen |= 1u << tag;
-    if (tag == kTagTimeToLive || tag == kTagTopicSeqNum || tag == kTagMessageId) {
-        if (length != 8)
-            return malformed("bad number length", at);
-        std::uint64_t v = vel::tlv::getBE(value, 8);
-        if (tag == kTagTimeToLive)
-            msg->timeToLive = v;
-        else if (tag == kTagTopicSeqNum)
-            msg->topicSeqNo = v;
-        else
-            msg->msgInfo.msgId = v;
-        return VELCLIENT_OK;
-    }
-    int part = partOf(tag);
-    if (part < 0)
+    if (tag >= 32)
         return malformed("unknown item", at);
-    if (length == 0 || (isText(tag) && (length < 2 || value[length - 1] != 0)) ||
-        (tag == kTagConsumerIds && length % 4 != 0))
+    if (seen & (1u << tag))
+        return malformed("repeated item", at);
+    seen |= 1u << tag;
+    const ItemRule rule = kItemRules[tag];
+    if (rule.kind == ItemKind::number)
+        return applyNumber(msg, tag, value, length, at);
+    if (rule.kind == ItemKind::unknown)
+        return malformed("unknown item", at);
+    const bool text = rule.kind == ItemKind::text;
+    if (length == 0 || (text && (length < 2 || value[length - 1] != 0)) ||
+        (rule.kind == ItemKind::consumerIds && length % 4 != 0))
         return malformed("bad part", at);
-    msg->bufDatab_p[part] = block;
-    msg->bufInfo_a[part] = velClient_bufInfo_t{value, isText(tag) ? length - 1 : length};
+    msg->bufDatab_p[rule.part] = block;
+    msg->bufInfo_a[rule.part] = velClient_bufInfo_t{value, text ? length - 1 : length};
     ++parts;
     return VELCLIENT_OK;
 }

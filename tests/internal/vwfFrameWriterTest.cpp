@@ -75,8 +75,13 @@ TEST(FrameWriter, WritesTheChunkListsBytesAndReportsTheOverflowOfAShortBuffer)
         ASSERT_NE(nullptr, msg);
         EXPECT_EQ(wire, chunkFrame(msg));
 
+        std::uint32_t measured = 0;
+        _velClient_vwfFramePlan plan;
+        ASSERT_EQ(VELCLIENT_OK, _velClient_vwfFrameSize(msg->bufInfo_a, _VELCLIENT_BUFINFO_NUM_PARTS,
+                                                        msg->msgInfo.flags, 1, msg, &measured, &plan));
+        EXPECT_EQ(wire.size(), measured);
         Bytes out(wire.size() + 8, 0xEE);
-        EXPECT_EQ(0u, _velClient_vwfWriteFrame(msg->bufInfo_a, msg->msgInfo.flags, 1, msg, out.data(),
+        EXPECT_EQ(0u, _velClient_vwfWriteFrame(msg->bufInfo_a, plan, msg->msgInfo.flags, 1, msg, out.data(),
                                                static_cast<std::uint32_t>(wire.size())));
         EXPECT_EQ(wire, Bytes(out.begin(), out.begin() + static_cast<std::ptrdiff_t>(wire.size())));
         EXPECT_EQ(0xEE, out[wire.size()]) << "nothing is written past the frame";
@@ -85,7 +90,8 @@ TEST(FrameWriter, WritesTheChunkListsBytesAndReportsTheOverflowOfAShortBuffer)
          * fit by one byte; everything before it is written. */
         std::fill(out.begin(), out.end(), 0xEE);
         const auto shortBy1 = static_cast<std::uint32_t>(wire.size() - 1);
-        EXPECT_EQ(1u, _velClient_vwfWriteFrame(msg->bufInfo_a, msg->msgInfo.flags, 1, msg, out.data(), shortBy1));
+        EXPECT_EQ(1u,
+                  _velClient_vwfWriteFrame(msg->bufInfo_a, plan, msg->msgInfo.flags, 1, msg, out.data(), shortBy1));
         EXPECT_EQ(0xEE, out[shortBy1]);
         const std::uint32_t lastPiece = [&] {
             const int order[] = {VELCLIENT_BUFINFO_USER_PROPERTY_PART, _VELCLIENT_BUFINFO_HDR_MAP_PART,

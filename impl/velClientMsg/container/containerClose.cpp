@@ -157,6 +157,21 @@ velClient_returnCode_t _velClient_container_closeMapStream(_velClient_container 
     return rc;
 }
 
+/* A container over shared bytes that it left unchanged goes back at once,
+ * out of the general close's frame; any other takes the general close. */
+void _velClient_container_closeForGood(_velClient_container **slot)
+{
+    _velClient_container *c = *slot;
+    if (!unchangedInMessage(c)) {
+        _velClient_container_closeMapStream(slot, true, true, false);
+        return;
+    }
+    c->refCount = 0;
+    detach(c);
+    *slot = nullptr;
+    _velClient_container_free(&c);
+}
+
 extern "C" VELCLIENT_API velClient_returnCode_t velClient_container_closeMapStream(
     velClient_opaqueContainer_pt *opaqueCont_p)
 {

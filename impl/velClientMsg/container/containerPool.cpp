@@ -42,7 +42,7 @@ velClient_returnCode_t _velClient_container_free(_velClient_container **containe
     *container_p = nullptr;
     if (cont->onFreeList)
         return VEL_FAIL_RANGE("Attempt to free already freed container %p", static_cast<void *>(cont));
-    _velClient_safePtr_free(cont->opaqueContainer_p);
+    _velClient_safePtr_release(cont->opaqueContainer_p);
     cont->onFreeList = true; /* moot when the record goes back to the system */
     ThreadState &me = local();
     release(me.containers, kRecordCacheCap, _velClient_msgPool_s.freeContainerList, &cont->entry,

@@ -121,7 +121,7 @@ velClient_returnCode_t buildHeader(_velClient_msg *msg)
     meta[12] = attachmentTypeByte(msg);
     meta[13] = isReply(msg) ? kBinaryMetaReplyBit : 0;
     putBE(meta + 15, entries + 5, 4);
-    if (vel::msg::copyIntoPart(msg, _VELCLIENT_BUFINFO_BINARY_META_PART, meta, sizeof meta) != VELCLIENT_OK)
+    if (vel::msg::copyIntoOwnPart(msg, _VELCLIENT_BUFINFO_BINARY_META_PART, meta, sizeof meta) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     if (hasHdr)
         writeEntryKey(msg, _VELCLIENT_BUFINFO_HDR_MAP_PART, 'h');

@@ -16,7 +16,7 @@ using namespace vel::dest;
 /* Copies text (length bytes and a NUL) into part; its size excludes the NUL. */
 velClient_returnCode_t copyText(_velClient_msg *msg, int part, const char *text, std::size_t length)
 {
-    if (vel::msg::copyIntoPart(msg, part, text, static_cast<std::uint32_t>(length + 1)) != VELCLIENT_OK)
+    if (vel::msg::copyIntoOwnPart(msg, part, text, static_cast<std::uint32_t>(length + 1)) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     auto *p = static_cast<char *>(msg->bufInfo_a[part].buf_p);
     p[length] = '\0';

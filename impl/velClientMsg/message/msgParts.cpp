@@ -145,19 +145,21 @@ velClient_returnCode_t _velClient_msg_setBufinfo(_velClient_msg *msg, int bufInf
     return copyIntoEmptyPart(msg, bufInfoIndex, buf_p, size, start);
 }
 
+velClient_returnCode_t vel::msg::copyIntoBlocklessPart(_velClient_msg *msg, int part, const void *buf_p,
+                                                       std::uint32_t size)
+{
+    if (buf_p != nullptr || size == 0)
+        return copyIntoEmptyPart(msg, part, buf_p, size, 0);
+    return _velClient_msg_setBufinfo(msg, part, buf_p, size, 0);
+}
+
 velClient_returnCode_t vel::msg::copyIntoPart(_velClient_msg *msg, int part, const void *buf_p, std::uint32_t size)
 {
     _velClient_datab *db = msg->bufDatab_p[part];
-    if (db == nullptr) {
-        if (buf_p != nullptr || size == 0)
-            return copyIntoEmptyPart(msg, part, buf_p, size, 0);
-    } else if (buf_p != nullptr && size != 0 && __atomic_load_n(&db->dbRefCount, __ATOMIC_ACQUIRE) == 1 &&
-               db->dbSize > size) {
-        /* _velClient_msg_setBufinfo's step in place, without its frame. */
-        std::memmove(db->dbData_p, buf_p, size);
-        msg->bufInfo_a[part] = velClient_bufInfo_t{db->dbData_p, size};
-        return VELCLIENT_OK;
-    }
+    if (db == nullptr && (buf_p != nullptr || size == 0))
+        return copyIntoEmptyPart(msg, part, buf_p, size, 0);
+    if (db != nullptr && vel::msg::copyInPlace(msg, db, part, buf_p, size))
+        return VELCLIENT_OK; /* _velClient_msg_setBufinfo's step in place, without its frame */
     return _velClient_msg_setBufinfo(msg, part, buf_p, size, 0);
 }
 

@@ -66,11 +66,12 @@ velClient_returnCode_t placeImage(_velClient_msg *msg, _velClient_datab *old, st
     return _velClient_msg_dbAlloc(msg, kVwfPart, total);
 }
 
-/* Writes the frame of msg (total bytes) into part 9. */
-velClient_returnCode_t serialise(_velClient_msg *msg, std::uint32_t total)
+/* Writes the frame of msg (total bytes, carrying the parts of plan) into part 9. */
+velClient_returnCode_t serialise(_velClient_msg *msg, std::uint32_t total, const _velClient_vwfFramePlan &plan)
 {
     auto *out = static_cast<std::uint8_t *>(msg->bufInfo_a[kVwfPart].buf_p);
-    std::uint32_t excess = _velClient_vwfWriteFrame(msg->bufInfo_a, msg->msgInfo.flags, kEncodedMsgId, msg, out, total);
+    std::uint32_t excess =
+        _velClient_vwfWriteFrame(msg->bufInfo_a, plan, msg->msgInfo.flags, kEncodedMsgId, msg, out, total);
     if (excess != 0) {
         VEL_STORE(VELCLIENT_SUBCODE_INTERNAL_ERROR, VELCLIENT_LOG_ERROR,
                   "_velClient_msg_serialization found byte count mismatch; remaining count %u,  for session "
@@ -94,14 +95,15 @@ velClient_returnCode_t _velClient_msg_encodeToVWF(_velClient_msg *msg, velClient
     }
     _velClient_datab *old = takeImageBlock(msg);
     std::uint32_t total = 0;
+    _velClient_vwfFramePlan plan;
     if (vel::meta::prepareForWire(msg, true) != VELCLIENT_OK ||
         _velClient_vwfFrameSize(msg->bufInfo_a, _VELCLIENT_BUFINFO_NUM_PARTS, msg->msgInfo.flags, kEncodedMsgId, msg,
-                                &total) != VELCLIENT_OK) {
+                                &total, &plan) != VELCLIENT_OK) {
         if (old != nullptr)
             VEL_DATAB_RELEASE(old);
         return VELCLIENT_FAIL;
     }
-    if (placeImage(msg, old, total) != VELCLIENT_OK || serialise(msg, total) != VELCLIENT_OK)
+    if (placeImage(msg, old, total) != VELCLIENT_OK || serialise(msg, total, plan) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     msg->internalFlags &= ~_VELCLIENT_MSG_FLAG_MODIFIED;
     /* The image is built from locals: reading part 9 back right after its

@@ -20,6 +20,44 @@ velClient_returnCode_t issueHandle(_velClient_msg *msg, const char *caller);
  * at offset 0 makes it; the usual part holds no block and goes straight to a
  * new one. */
 velClient_returnCode_t copyIntoPart(_velClient_msg *msg, int part, const void *buf_p, std::uint32_t size);
+/* copyIntoPart for a part that holds no block. */
+velClient_returnCode_t copyIntoBlocklessPart(_velClient_msg *msg, int part, const void *buf_p, std::uint32_t size);
+
+/* copyIntoPart's step in place, taken when the part's block (db, not null)
+ * is the message's alone and larger than size; false, with nothing done,
+ * otherwise. */
+inline bool copyInPlace(_velClient_msg *msg, _velClient_datab *db, int part, const void *buf_p, std::uint32_t size)
+{
+    if (buf_p == nullptr || size == 0 || __atomic_load_n(&db->dbRefCount, __ATOMIC_ACQUIRE) != 1 ||
+        db->dbSize <= size)
+        return false;
+    std::memmove(db->dbData_p, buf_p, size);
+    msg->bufInfo_a[part] = velClient_bufInfo_t{db->dbData_p, size};
+    return true;
+}
+
+/* copyIntoPart for a part that is usually written again in place (a
+ * destination set again, the metadata header rebuilt): that step is taken
+ * here, inline in the caller, without the frame of the general path. */
+inline velClient_returnCode_t copyIntoOwnPart(_velClient_msg *msg, int part, const void *buf_p, std::uint32_t size)
+{
+    _velClient_datab *db = msg->bufDatab_p[part];
+    if (db == nullptr)
+        return copyIntoBlocklessPart(msg, part, buf_p, size);
+    if (copyInPlace(msg, db, part, buf_p, size))
+        return VELCLIENT_OK;
+    return copyIntoPart(msg, part, buf_p, size);
+}
+
+/* Closes the message's container in *slot for good, or only finalises it
+ * (its handle then stays valid). */
+inline void closeOrFinalise(_velClient_container **slot, bool close)
+{
+    if (close)
+        _velClient_container_closeForGood(slot);
+    else
+        _velClient_container_closeMapStream(slot, false, false, false);
+}
 
 /* Closes the message's open containers (and forgets them): the header map
  * always; the attachment and the user property map with closeAll, else they
@@ -28,11 +66,11 @@ velClient_returnCode_t copyIntoPart(_velClient_msg *msg, int part, const void *b
 inline void closeContainers(_velClient_msg *msg, bool closeAll)
 {
     if (msg->binaryAttachContainer_p != nullptr)
-        _velClient_container_closeMapStream(&msg->binaryAttachContainer_p, closeAll, closeAll, false);
+        closeOrFinalise(&msg->binaryAttachContainer_p, closeAll);
     if (msg->hdrMap_p != nullptr)
-        _velClient_container_closeMapStream(&msg->hdrMap_p, true, true, false);
+        _velClient_container_closeForGood(&msg->hdrMap_p);
     if (msg->userPropertyMap_p != nullptr)
-        _velClient_container_closeMapStream(&msg->userPropertyMap_p, closeAll, closeAll, false);
+        closeOrFinalise(&msg->userPropertyMap_p, closeAll);
 }
 
 /* Empties a part, as _velClient_msg_setBufinfoPtr(msg, part, nullptr, 0)
