@@ -185,8 +185,8 @@ TEST(BrokerFaults, ABrokerThatDoesNotAnswerTheConnectTimesOut)
     Client c({"SESSION_HOST", proxy.host(), "SESSION_CONNECT_TIMEOUT_MS", "300"});
     velClient_resetLastErrorInfo();
     EXPECT_EQ(VELCLIENT_FAIL, velClient_session_connect(c.session()));
-    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_TIMEOUT,
-                      "Could not connect to " + proxy.host() + " (no answer within 300 ms) in velClient_session_connect");
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_TIMEOUT, "Could not connect to " + proxy.host() +
+                                                     " (no answer within 300 ms) in velClient_session_connect");
 }
 
 TEST(BrokerFaults, ASilentBrokerIsNoticedThroughTheKeepalive)

@@ -160,9 +160,9 @@ TEST(MqttHostilePeers, APublishTheBrokerRefusesAndOneThatDoesNotConvertAreReport
     /* A frame property that is not base64: the publish is dropped, the subscription goes on receiving. */
     const std::string topic = unique("hostile");
     c.subscribe(topic);
-    veltest::ToolResult pub = veltest::runTool("mosquitto_pub", "-V 5 -h 127.0.0.1 -p " + std::to_string(broker().port) +
-                                                                    " -q 1 -t '" + topic +
-                                                                    "' -m bad -D publish user-property x-vel-frame '*'");
+    const std::string args = "-V 5 -h 127.0.0.1 -p " + std::to_string(broker().port) + " -q 1 -t '" + topic +
+                             "' -m bad -D publish user-property x-vel-frame '*'";
+    veltest::ToolResult pub = veltest::runTool("mosquitto_pub", args);
     ASSERT_EQ(0, pub.status) << pub.err;
     ASSERT_EQ(VELCLIENT_OK, send(c, topic, false, VELCLIENT_DELIVERY_MODE_PERSISTENT, "good"));
     EXPECT_EQ(std::multiset<std::string>{"good"}, c.bodies(1));
