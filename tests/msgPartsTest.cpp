@@ -1,6 +1,8 @@
-/* Buffer parts, destinations, header properties and marks of a message. */
+/* Buffer parts, destinations, header properties and marks of a message, and
+ * attachments set by reference from bytes that move or that the application owns. */
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "support/velTestSupport.h"
 
@@ -163,4 +165,57 @@ TEST(HeaderProperties, RangesMarksAndAbsentReceivedValues)
     velClient_cleanup(); /* without a started library the cache status is unknown */
     EXPECT_EQ(VELCLIENT_CACHE_INVALID_MESSAGE, velClient_msg_isCacheMsg(f.h));
     ASSERT_EQ(VELCLIENT_OK, velClient_initialize(VELCLIENT_LOG_EMERGENCY, nullptr));
+}
+
+/* A container that lives in another message's data block is copied even by
+ * the by-reference setter: that block moves when the container grows and
+ * goes when its message is freed. */
+TEST(MessageParts, AnAttachmentSetByReferenceFromAnotherMessagesContainerKeepsItsBytes)
+{
+    veltest::Msg a;
+    {
+        veltest::Msg b;
+        velClient_opaqueContainer_pt map = nullptr;
+        ASSERT_EQ(VELCLIENT_OK, velClient_msg_createBinaryAttachmentMap(b.h, &map, 16));
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(map, 42, "x"));
+        ASSERT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachmentContainerPtr(a.h, map));
+        for (int i = 0; i < 64; ++i) /* grows b's map into new blocks, freeing the old ones */
+            ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt64(map, i, "y"));
+    }
+    veltest::Msg received(nullptr);
+    ASSERT_EQ(VELCLIENT_OK, veltest::decode(veltest::encode(a.h), &received.h));
+    velClient_opaqueContainer_pt map = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getBinaryAttachmentMap(received.h, &map));
+    EXPECT_EQ((std::vector<std::string>{"x"}), veltest::names(map));
+    velClient_int32_t x = 0;
+    EXPECT_EQ(VELCLIENT_OK, velClient_container_getInt32(map, &x, "x"));
+    EXPECT_EQ(42, x);
+    velClient_container_closeMapStream(&map);
+}
+
+/* A part that refers to the application's memory is never written into: a
+ * delete in the container read from it copies the bytes first, so a
+ * container the application still has open on that memory keeps them. */
+TEST(MessageParts, ADeleteInAnAttachmentThatRefersToApplicationMemoryCopiesFirst)
+{
+    const veltest::LiveCounts before;
+    {
+        veltest::Container app(true, 200);
+        velClient_opaqueContainer_pt own = app.h, sub = nullptr, read = nullptr;
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_addUint16(own, 513, "a"));
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_openSubMap(own, &sub, "b"));
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt8(sub, -1, "a"));
+        veltest::Msg m;
+        ASSERT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachmentContainerPtr(m.h, own));
+        ASSERT_EQ(VELCLIENT_OK, velClient_msg_getBinaryAttachmentMap(m.h, &read));
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_deleteField(read, "a"));
+        EXPECT_EQ((std::vector<std::string>{"b"}), veltest::names(read));
+        EXPECT_EQ((std::vector<std::string>{"a", "b"}), veltest::names(own));
+        velClient_int8_t a = 0;
+        EXPECT_EQ(VELCLIENT_OK, velClient_container_getInt8(sub, &a, "a"));
+        EXPECT_EQ(-1, a);
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&sub));
+        velClient_container_closeMapStream(&read);
+    }
+    before.expectBalanced();
 }
