@@ -4,7 +4,8 @@
  * DOWN_ERROR; a silent one is noticed through the keepalive; a full publish
  * window blocks until there is room or it times out, or answers WOULD_BLOCK
  * and then CAN_SEND. The broker killed (SIGTERM, then SIGKILL) and restarted
- * amid guaranteed sends loses none. */
+ * amid guaranteed sends loses none; restarted without its state (MQTT), it
+ * gets the subscriptions again. */
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -305,6 +306,32 @@ TEST(BrokerFaults, ABrokerKilledAmidGuaranteedSendsLosesNoMessage)
         seen.insert(std::stoi(body));
     EXPECT_EQ(static_cast<std::size_t>(sent), seen.size()) << "lost " << sent - static_cast<int>(seen.size());
     EXPECT_TRUE(seen.empty() || (*seen.begin() == 0 && *seen.rbegin() == sent - 1));
+}
+
+/* A broker that comes back without the sessions it saved owes them nothing: the subscriptions are made again. */
+TEST(MqttFaults, ABrokerRestartedWithoutItsStateGetsTheSubscriptionsBack)
+{
+    const std::string name = unique("restored-"), root = unique("restored");
+    Client reader(
+        {"SESSION_RECONNECT_RETRIES", "-1", "SESSION_RECONNECT_RETRY_WAIT_MS", "100", "SESSION_CLIENT_NAME", name});
+    Client writer({"SESSION_RECONNECT_RETRIES", "-1", "SESSION_RECONNECT_RETRY_WAIT_MS", "100"});
+    ASSERT_TRUE(connectAll(reader, writer));
+    reader.subscribe(root + "/>");
+    broker().kill("KILL");
+    ASSERT_EQ(0, std::remove((broker().dir + "/mosquitto.db").c_str())) << "no saved state to remove";
+    broker().restart();
+    for (Client *c : {&reader, &writer}) {
+        ASSERT_TRUE(c->waitEvents(VELCLIENT_SESSION_EVENT_RECONNECTED_NOTICE, 1, 30s));
+        const std::vector<Event> events = c->events();
+        ASSERT_EQ(3u, events.size());
+        EXPECT_EQ(VELCLIENT_SESSION_EVENT_RECONNECTING_NOTICE, events[1].event);
+        EXPECT_EQ(VELCLIENT_SESSION_EVENT_RECONNECTED_NOTICE, events[2].event);
+    }
+    reader.sync();
+    ASSERT_EQ(VELCLIENT_OK, send(writer, root + "/a/b", false, VELCLIENT_DELIVERY_MODE_PERSISTENT, "topic"));
+    ASSERT_EQ(VELCLIENT_OK, send(writer, "#P2P/v:127.0.0.1/" + name + "/x", false, VELCLIENT_DELIVERY_MODE_DIRECT,
+                                 "inbox"));
+    EXPECT_EQ((std::multiset<std::string>{"topic", "inbox"}), reader.bodies(2));
 }
 
 } // namespace
