@@ -23,6 +23,7 @@ TEST(BrokerConnect, FailuresNameTheHostAndTheReasonPlainLoginAndFailoverComeUp)
         {{"SESSION_HOST", closed}, VELCLIENT_SUBCODE_COMMUNICATION_ERROR, {"Could not connect to " + refused}},
         {{"SESSION_HOST", closed + "," + closed}, VELCLIENT_SUBCODE_COMMUNICATION_ERROR, {refused, "; " + refused}},
         {{"SESSION_HOST", closed + "," + self}, VELCLIENT_SUBCODE_OK, {}},
+        {{"SESSION_KEEPALIVE_MS", "0"}, VELCLIENT_SUBCODE_OK, {}}, /* no keepalive at all */
     };
     /* RabbitMQ's user guest, or the mosquitto listener that admits only velclient. */
     const std::string user = broker().amqp ? "guest" : "velclient", password = broker().amqp ? "guest" : "secret";
