@@ -1,7 +1,8 @@
-/* The velclient command without a broker: help, refused command lines and library failures. What send
- * publishes is checked by the broker tests, which receive it with the same command. */
+/* The velclient command without a broker: help, refused command lines, library failures, and typed user
+ * properties and message options as a loopback send dumps them. */
 #include <algorithm>
 #include <string>
+#include <utility>
 
 #include "support/toolProcess.h"
 
@@ -52,6 +53,41 @@ TEST(CommandTool, HelpRefusedCommandLinesAndLibraryFailuresGiveTheirStatusAndOne
             << c.given << "\n" << r.err;
     }
     EXPECT_EQ(0u, veltest::runTool(VELCLIENT_TOOL, "").err.find("Usage: velclient COMMAND"));
+}
+
+/* A loopback send with --dump shows each typed user property and message option as the library holds it. */
+TEST(CommandTool, LoopbackSendDumpsEveryTypedUserPropertyAndMessageOption)
+{
+    const std::pair<const char *, const char *> cases[] = {
+        {"i8:int8=-128", "Key 'i8' (INT8) -128"},
+        {"u16:uint16=65535", "Key 'u16' (UINT16) 65535"},
+        {"i32:int32=-2147483648", "Key 'i32' (INT32) -2147483648"},
+        {"u64:uint64=18446744073709551615", "Key 'u64' (UINT64) 18446744073709551615"},
+        {"t:bool=true", "Key 't' (BOOL) TRUE"},
+        {"f:bool=0", "Key 'f' (BOOL) FALSE"},
+        {"db:double=-2.25", "Key 'db' (DOUBLE) -2.250000"},
+        {"c:char=A", "Key 'c' (WCHAR) A"},
+        {"by:bytes=00fF", "Key 'by' (BYTE ARRAY) len=2\n    00 ff  "},
+        {"z:null", "Key 'z' (NULL)"},
+        {"qu:queue=qq", "Key 'qu' (DESTINATION) Queue 'qq'"},
+        {"s=a:b=c", "Key 's' (STRING) a:b=c"},
+        {"a:b:string=x", "Key 'a:b' (STRING) x"},
+    };
+    std::string args = "send --transport loopback --topic a/b --text hello --ttl 5000 --mode persistent "
+                       "--reply-to queue:rq --correlation-id cid --dump";
+    for (const auto &[given, shown] : cases)
+        args.append(" --user-property '").append(given).append("'");
+    const veltest::ToolResult r = veltest::runTool(VELCLIENT_TOOL, args);
+    EXPECT_EQ(0, r.status) << r.err;
+    for (const auto &[given, shown] : cases) { /* a whole line, but a row of bytes, which goes on with their text */
+        const std::string line = "  " + std::string(shown) + (std::string(shown).back() == ' ' ? "" : "\n");
+        EXPECT_NE(std::string::npos, r.out.find(line)) << given << "\n" << r.out;
+    }
+    for (const char *line : {"TimeToLive:                             5000",
+                             "DeliveryMode:                           PERSISTENT",
+                             "Reply To:                               Queue 'rq'",
+                             "CorrelationId:                          cid"})
+        EXPECT_NE(std::string::npos, r.out.find(std::string(line) + "\n")) << line << "\n" << r.out;
 }
 
 #endif
