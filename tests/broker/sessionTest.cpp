@@ -1,8 +1,12 @@
 /* Broker sessions on either transport, through the public API: connecting and
  * its failures, TLS and its trust store, messages that read back as they
  * were sent in every delivery mode without a record left behind, and topic
- * wildcards and the characters the transport reserves. (Request and reply
- * through the inbox: the broker example.) */
+ * wildcards and the characters the transport reserves, sends from several
+ * threads and calls from inside both callbacks with the broker's outcome of
+ * guaranteed messages. (Request and reply through the inbox: the broker
+ * example.) */
+#include <thread>
+
 #include "support/brokerSupport.h"
 #include "support/velTestSupport.h"
 
@@ -129,6 +133,84 @@ TEST(BrokerMessages, ReadBackAsSentInEveryDeliveryModeAndLeaveNoRecord)
     const veltest::LiveCounts before;
     sendAndReadBackInEveryDeliveryMode();
     before.expectBalanced();
+}
+
+TEST(BrokerCallbacks, SendsFromThreadsAndCallsFromInsideBothCallbacksAreEachAcknowledgedOnceWithTheirTag)
+{
+    Client worker, peer;
+    ASSERT_TRUE(connectAll(worker, peer));
+    const std::string root = unique("cb");
+    constexpr int kThreads = 4, kEach = 20, kCount = kThreads * kEach;
+    /* Each request: an answer sent, a topic of its own subscribed (and unsubscribed again when odd), and a
+     * destroy of the session refused. */
+    worker.onMessage = [&](velClient_opaqueSession_pt s, velClient_opaqueMsg_pt msg) {
+        const std::string body = attachmentOf(msg), own = root + "/own/" + body;
+        if (destinationOf(msg) != root + "/requests")
+            return;
+        EXPECT_EQ(VELCLIENT_OK, velClient_session_topicSubscribe(s, own.c_str()));
+        if (std::stoi(body) % 2 == 1) {
+            EXPECT_EQ(VELCLIENT_OK, velClient_session_topicUnsubscribe(s, own.c_str()));
+        }
+        velClient_opaqueMsg_pt answer = makeMessage(root + "/answers", false, VELCLIENT_DELIVERY_MODE_PERSISTENT, body);
+        EXPECT_EQ(VELCLIENT_OK, velClient_session_sendMsg(s, answer));
+        velClient_msg_free(&answer);
+        velClient_opaqueSession_pt self = s;
+        EXPECT_EQ(VELCLIENT_FAIL, velClient_session_destroy(&self));
+        EXPECT_EQ(VELCLIENT_SUBCODE_PARAM_CONFLICT, veltest::lastSubCode());
+    };
+    /* Each acknowledgement of an answer: a notice sent, and the same topic subscribed and dropped again, before
+     * the broker has seen the last drop. */
+    worker.onEvent = [&](velClient_opaqueSession_pt s, const Event &e) {
+        if (e.event != VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT)
+            return;
+        const std::string scratch = root + "/scratch";
+        EXPECT_EQ(VELCLIENT_OK, velClient_session_topicSubscribe(s, scratch.c_str()));
+        EXPECT_EQ(VELCLIENT_OK, velClient_session_topicUnsubscribe(s, scratch.c_str()));
+        velClient_opaqueMsg_pt notice = makeMessage(root + "/notices", false, VELCLIENT_DELIVERY_MODE_DIRECT, "acked");
+        EXPECT_EQ(VELCLIENT_OK, velClient_session_sendMsg(s, notice));
+        velClient_msg_free(&notice);
+    };
+    worker.subscribe(root + "/requests");
+    peer.subscribe(root + "/answers");
+    peer.subscribe(root + "/notices");
+    static int tags[kCount];
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t)
+        threads.emplace_back([&, t] {
+            for (int i = t * kEach; i < (t + 1) * kEach; ++i) {
+                velClient_opaqueMsg_pt m = makeMessage(root + "/requests", false, kModes[i % 3], std::to_string(i));
+                EXPECT_EQ(VELCLIENT_OK, velClient_msg_setCorrelationTagPtr(m, &tags[i], 0));
+                EXPECT_EQ(VELCLIENT_OK, velClient_session_sendMsg(peer.session(), m));
+                velClient_msg_free(&m);
+            }
+        });
+    for (std::thread &t : threads)
+        t.join();
+    /* Each guaranteed request is acknowledged once, with its tag, and no direct one is. */
+    const std::size_t guaranteed = kCount - (kCount + 2) / 3;
+    EXPECT_TRUE(peer.waitEvents(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, guaranteed));
+    std::multiset<std::string> bodies = peer.bodies(2 * kCount, 60s);
+    std::multiset<void *> acknowledged;
+    for (const Event &e : peer.events())
+        if (e.event == VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT)
+            acknowledged.insert(e.correlation_p);
+    EXPECT_EQ(guaranteed, acknowledged.size());
+    for (int i = 0; i < kCount; ++i)
+        EXPECT_EQ(kModes[i % 3] == VELCLIENT_DELIVERY_MODE_DIRECT ? 0u : 1u, acknowledged.count(&tags[i])) << i;
+    std::multiset<std::string> answersAndNotices;
+    for (int i = 0; i < kCount; ++i)
+        answersAndNotices.insert({std::to_string(i), "acked"});
+    EXPECT_EQ(answersAndNotices, bodies);
+    /* The even topics subscribed from the callback are held, the odd ones not. */
+    worker.sync();
+    for (int n : {kCount - 2, kCount - 1})
+        ASSERT_EQ(VELCLIENT_OK, send(peer, root + "/own/" + std::to_string(n), false, VELCLIENT_DELIVERY_MODE_DIRECT,
+                                     "own" + std::to_string(n)));
+    std::multiset<std::string> own = worker.bodies(kCount + 1);
+    EXPECT_EQ(static_cast<std::size_t>(kCount + 1), own.size());
+    EXPECT_EQ(1u, own.count("own" + std::to_string(kCount - 2)));
+    for (const Event &e : worker.events())
+        EXPECT_NE(VELCLIENT_SESSION_EVENT_RECONNECTING_NOTICE, e.event) << e.info;
 }
 
 TEST(BrokerTopics, WildcardsAndReservedCharactersArriveUnchanged)

@@ -214,6 +214,7 @@ public:
     }
     /* Called on the I/O thread for each message before it is kept. */
     std::function<void(velClient_opaqueSession_pt, velClient_opaqueMsg_pt)> onMessage;
+    std::function<void(velClient_opaqueSession_pt, const Event &)> onEvent;
 
 private:
     static constexpr const char *kProbeStem = "velclient-test-sync/";
@@ -232,10 +233,12 @@ private:
         self->messages_.push_back(msg);
         return VELCLIENT_CALLBACK_TAKE_MSG;
     }
-    static void ev(velClient_opaqueSession_pt, velClient_session_eventCallbackInfo_pt info, void *user)
+    static void ev(velClient_opaqueSession_pt s, velClient_session_eventCallbackInfo_pt info, void *user)
     {
         auto *self = static_cast<Client *>(user);
         Event event{info->event, info->info_p ? info->info_p : "", info->correlation_p};
+        if (self->onEvent)
+            self->onEvent(s, event);
         std::lock_guard lock(self->mutex_);
         self->events_.push_back(std::move(event));
         self->changed_.notify_all();
