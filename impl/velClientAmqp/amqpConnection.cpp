@@ -63,6 +63,22 @@ Subscription inboxOf(_velClient_session *session)
     return {topicAddress(session->broker.addressing, inbox, true), false, inbox};
 }
 
+/* A connection the proactor disconnected (a connect that got no answer) is
+ * freed only once its last events are taken: takes what is left, up to the
+ * proactor's inactivity (and a bound, in case that never comes). */
+void takeLastEvents(pn_proactor_t *proactor)
+{
+    bool inactive = false;
+    for (int left = 64; !inactive && left > 0; --left) {
+        pn_event_batch_t *batch = pn_proactor_get(proactor);
+        if (batch == nullptr)
+            return;
+        while (pn_event_t *event = pn_event_batch_next(batch))
+            inactive = inactive || pn_event_type(event) == PN_PROACTOR_INACTIVE;
+        pn_proactor_done(proactor, batch);
+    }
+}
+
 } // namespace
 
 Connection::Connection(_velClient_session *session)
@@ -74,8 +90,10 @@ Connection::~Connection()
 {
     if (ioThread_.joinable())
         close();
-    if (proactor_ != nullptr)
-        pn_proactor_free(proactor_);
+    if (proactor_ == nullptr)
+        return;
+    takeLastEvents(proactor_);
+    pn_proactor_free(proactor_);
 }
 
 /* Proton wakes the connection, or the proactor while there is none. */
