@@ -10,9 +10,9 @@
  *
  * The encoder hands back a chunk list (generated headers live in a scratch
  * area of the caller's, message parts are referred to in place), or writes
- * the frame straight into a buffer of its measured size. The parser
- * copies the received bytes once into a data block and points every part of
- * each new message into it. docs/wire-format.md is the full description.
+ * the frame straight into a buffer of its measured size. The parser points
+ * every part of each new message into the one data block the received bytes
+ * were copied into. docs/wire-format.md is the full description.
  */
 #pragma once
 
@@ -135,9 +135,6 @@ struct _velClient_vwfParsing {
     std::uint32_t offset;        /* next frame */
 };
 
-/* Copies buf into one data block and prepares the parse. */
-velClient_returnCode_t _velClient_initVwfParse(_velClient_vwfParsing *parse, _velClient_session *session,
-                                               _velClient_vwfCallback callback_p, const velClient_bufInfo_t *buf);
 /* Prepares the parse of length bytes already in block, taking over the
  * caller's reference to it. */
 void _velClient_initVwfParseBlock(_velClient_vwfParsing *parse, _velClient_session *session,
@@ -146,6 +143,12 @@ void _velClient_initVwfParseBlock(_velClient_vwfParsing *parse, _velClient_sessi
  * stops the parse with VELCLIENT_FAIL (INVALID_VWF_MESSAGE); bytesInBuf then
  * counts from the frame that failed. connData is unused by this transport. */
 velClient_returnCode_t _velClient_vwfParse(void *connData, _velClient_vwfParsing *parse);
+/* The usual parse, without a callback: when the length bytes of block are
+ * one frame of an application message, builds its message into *msg_p and
+ * takes over the caller's reference to block; VELCLIENT_FAIL (the block
+ * released) as _velClient_vwfParse fails when that frame is malformed.
+ * VELCLIENT_NOT_FOUND, with nothing done, for any other bytes. */
+velClient_returnCode_t _velClient_vwfParseOne(_velClient_datab *block, std::uint32_t length, _velClient_msg **msg_p);
 /* Releases what the parse holds. */
 void _velClient_cleanUpParse(_velClient_vwfParsing *parse);
 

@@ -1,10 +1,10 @@
 /*
- * vwfParse.cpp - the wire parser: copies received bytes once into a data
- * block, checks each frame, builds a message whose parts point into that
- * block (each part holding its own reference), and hands it to a callback.
+ * vwfParse.cpp - the wire parser: checks each frame of the received bytes
+ * (in one data block), builds a message whose parts point into that block
+ * (each part holding its own reference), and hands it to a callback; or,
+ * for the usual lone frame, hands it straight back.
  */
 #include <array>
-#include <cstring>
 
 #include "velClientMsg/container/tlvCodec.h"
 #include "velClientMsg/message/recordApi.h"
@@ -173,19 +173,6 @@ void dropMessage(_velClient_msg *msg)
 
 } // namespace
 
-velClient_returnCode_t _velClient_initVwfParse(_velClient_vwfParsing *parse, _velClient_session *session,
-                                               _velClient_vwfCallback callback_p, const velClient_bufInfo_t *buf)
-{
-    *parse = _velClient_vwfParsing{};
-    parse->session_p = session;
-    parse->callback_p = callback_p;
-    if (_velClient_datablock_alloc(&parse->block, buf->bufSize) != VELCLIENT_OK)
-        return VELCLIENT_FAIL;
-    std::memcpy(parse->block->dbData_p, buf->buf_p, buf->bufSize);
-    parse->bytesInBuf = buf->bufSize;
-    return VELCLIENT_OK;
-}
-
 void _velClient_initVwfParseBlock(_velClient_vwfParsing *parse, _velClient_session *session,
                                   _velClient_vwfCallback callback_p, _velClient_datab *block, std::uint32_t length)
 {
@@ -194,6 +181,43 @@ void _velClient_initVwfParseBlock(_velClient_vwfParsing *parse, _velClient_sessi
     parse->callback_p = callback_p;
     parse->block = block;
     parse->bytesInBuf = length;
+}
+
+namespace {
+
+/* True when the length bytes at p are one frame, with a sound header, of an
+ * application message: what a receiver usually holds. */
+bool loneApplicationFrame(const std::uint8_t *p, std::uint32_t length)
+{
+    if (length < kFrameHeaderSize || p[0] != kVersion || p[10] != 0 || p[11] != 0 ||
+        vel::tlv::getBE(p + 6, 4) != length)
+        return false;
+    return (p[1] == kProtocolDirect || p[1] == kProtocolGuaranteed) &&
+           (vel::tlv::getBE(p + 2, 4) & kFlagControlFrame) == 0;
+}
+
+} // namespace
+
+velClient_returnCode_t _velClient_vwfParseOne(_velClient_datab *block, std::uint32_t length, _velClient_msg **msg_p)
+{
+    std::uint8_t *p = block->dbData_p;
+    if (!loneApplicationFrame(p, length))
+        return VELCLIENT_NOT_FOUND;
+    _velClient_vwfParsing parse{};
+    parse.block = block;
+    parse.bytesInBuf = length;
+    parse.protocol = p[1];
+    parse.internalFlags = static_cast<std::uint32_t>(vel::tlv::getBE(p + 2, 4));
+    _velClient_msg *msg = nullptr;
+    velClient_returnCode_t rc = buildMessage(&parse, p, length, &msg);
+    _velClient_cleanUpParse(&parse);
+    if (rc != VELCLIENT_OK) {
+        if (msg != nullptr)
+            dropMessage(msg);
+        return VELCLIENT_FAIL;
+    }
+    *msg_p = msg;
+    return VELCLIENT_OK;
 }
 
 velClient_returnCode_t _velClient_vwfParse(void *, _velClient_vwfParsing *parse)

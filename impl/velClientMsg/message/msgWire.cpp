@@ -164,12 +164,16 @@ void releaseParsed(_velClient_msg *msg)
 velClient_returnCode_t _velClient_msg_decodeFromVwf(const velClient_bufInfo_t *bufinfo_p, _velClient_msg **msg_p)
 {
     *msg_p = nullptr;
-    _velClient_vwfParsing parse;
-    if (_velClient_initVwfParse(&parse, _velClient_parserSession(), keepFirstFrame, bufinfo_p) != VELCLIENT_OK) {
-        _velClient_cleanUpParse(&parse);
+    _velClient_datab *block = nullptr;
+    if (_velClient_datablock_alloc(&block, bufinfo_p->bufSize) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
-    }
-    parse.numMsgInBuf = 0;
+    std::memcpy(block->dbData_p, bufinfo_p->buf_p, bufinfo_p->bufSize);
+    if (velClient_returnCode_t rc = _velClient_vwfParseOne(block, bufinfo_p->bufSize, msg_p); rc != VELCLIENT_NOT_FOUND)
+        return rc;
+    /* Anything else (several frames, another protocol, a bad header) takes
+     * the general parse, which keeps the first message and reports the rest. */
+    _velClient_vwfParsing parse;
+    _velClient_initVwfParseBlock(&parse, _velClient_parserSession(), keepFirstFrame, block, bufinfo_p->bufSize);
     velClient_returnCode_t rc = _velClient_vwfParse(nullptr, &parse);
     _velClient_msg *msg = parse.ownedMsg;
     _velClient_cleanUpParse(&parse);
