@@ -166,8 +166,9 @@ void _velClient_container_closeForGood(_velClient_container **slot)
         _velClient_container_closeMapStream(slot, true, true, false);
         return;
     }
+    /* An outermost container: *slot, the message's pointer to it, is all
+     * there is to detach. */
     c->refCount = 0;
-    detach(c);
     *slot = nullptr;
     _velClient_container_free(&c);
 }
