@@ -95,7 +95,7 @@ velClient_returnCode_t openFromPtr(velClient_opaqueContainer_pt *cont_p, void *b
 }
 
 /* Read-only mark of a structured part, or 0 for a part that holds none. */
-std::uint32_t readOnlyMark(int part)
+constexpr std::uint32_t readOnlyMark(int part)
 {
     switch (part) {
     case VELCLIENT_BUFINFO_BINARY_ATTACHMENT_PART: return _VELCLIENT_MSG_FLAG_ATTACHMENT_READONLY;
@@ -106,7 +106,7 @@ std::uint32_t readOnlyMark(int part)
 }
 
 /* Where a part's structured bytes start: parts 7 and 10 keep 4 bytes for their entry key. */
-std::uint32_t partOffset(int part)
+constexpr std::uint32_t partOffset(int part)
 {
     return part == VELCLIENT_BUFINFO_BINARY_ATTACHMENT_PART ? 0 : 4;
 }
@@ -183,16 +183,17 @@ namespace {
 
 /* Opens a container over the structured bytes of part (0, 7 or 10), as
  * _velClient_msg_getField does, and hands back its record; field_p is only
- * shown in the debug line. */
-velClient_returnCode_t openPart(_velClient_msg *msg, int part, const void *field_p, _velClient_container **cont_p)
+ * shown in the debug line. One instance a part, so that what depends on the
+ * part is known when compiled. */
+template <int part>
+velClient_returnCode_t openPartAt(_velClient_msg *msg, const void *field_p, _velClient_container **cont_p)
 {
-    std::uint32_t mark = readOnlyMark(part);
-    if (mark == 0)
-        return VEL_FAIL_RANGE("Bad bufInfoIndex = %d in velClient_msg_getStructuredDataAndType", part);
+    constexpr std::uint32_t mark = readOnlyMark(part);
+    static_assert(mark != 0, "a structured part");
     VEL_LOG(VELCLIENT_LOG_DEBUG, "_velClient_msg_getField(%p,%d,%p,%d) - readonly part(%d)", static_cast<void *>(msg),
             part, field_p, static_cast<int>(sizeof(velClient_field_t)),
             static_cast<int>(msg->internalFlags & mark));
-    std::uint32_t offset = partOffset(part);
+    constexpr std::uint32_t offset = partOffset(part);
     const velClient_bufInfo_t &info = msg->bufInfo_a[part];
     auto *start = static_cast<std::uint8_t *>(info.buf_p) + (info.buf_p != nullptr ? offset : 0);
     if (info.buf_p == nullptr || info.bufSize <= offset ||
@@ -220,6 +221,29 @@ velClient_returnCode_t openPart(_velClient_msg *msg, int part, const void *field
     return VELCLIENT_OK;
 }
 
+velClient_returnCode_t openPart(_velClient_msg *msg, int part, const void *field_p, _velClient_container **cont_p)
+{
+    switch (part) {
+    case VELCLIENT_BUFINFO_BINARY_ATTACHMENT_PART:
+        return openPartAt<VELCLIENT_BUFINFO_BINARY_ATTACHMENT_PART>(msg, field_p, cont_p);
+    case VELCLIENT_BUFINFO_USER_PROPERTY_PART:
+        return openPartAt<VELCLIENT_BUFINFO_USER_PROPERTY_PART>(msg, field_p, cont_p);
+    case _VELCLIENT_BUFINFO_HDR_MAP_PART:
+        return openPartAt<_VELCLIENT_BUFINFO_HDR_MAP_PART>(msg, field_p, cont_p);
+    default: return VEL_FAIL_RANGE("Bad bufInfoIndex = %d in velClient_msg_getStructuredDataAndType", part);
+    }
+}
+
+/* Keeps the container of part opened in cont when it is of the kind wanted
+ * (VELCLIENT_MAP or VELCLIENT_STREAM), else closes it. */
+void keepIfWanted(_velClient_container *cont, velClient_fieldType_t wanted, _velClient_container **cont_p)
+{
+    if ((cont->type == VELCLIENT_CONTAINER_MAP ? VELCLIENT_MAP : VELCLIENT_STREAM) == wanted)
+        *cont_p = cont;
+    else
+        _velClient_container_closeMapStream(&cont, true, true, false);
+}
+
 } // namespace
 
 velClient_returnCode_t _velClient_msg_getField(_velClient_msg *msg, int part, velClient_field_t *field_p,
@@ -245,13 +269,19 @@ velClient_returnCode_t vel::msg::openPartContainer(_velClient_msg *msg, int part
     *cont_p = nullptr;
     _velClient_container *cont = nullptr;
     velClient_returnCode_t rc = openPart(msg, part, cont_p, &cont);
-    if (rc != VELCLIENT_OK)
-        return rc;
-    if ((cont->type == VELCLIENT_CONTAINER_MAP ? VELCLIENT_MAP : VELCLIENT_STREAM) == wanted)
-        *cont_p = cont;
-    else
-        _velClient_container_closeMapStream(&cont, true, true, false);
-    return VELCLIENT_OK;
+    if (rc == VELCLIENT_OK)
+        keepIfWanted(cont, wanted, cont_p);
+    return rc;
+}
+
+velClient_returnCode_t vel::msg::openUserPropertyContainer(_velClient_msg *msg, _velClient_container **cont_p)
+{
+    *cont_p = nullptr;
+    _velClient_container *cont = nullptr;
+    velClient_returnCode_t rc = openPartAt<VELCLIENT_BUFINFO_USER_PROPERTY_PART>(msg, cont_p, &cont);
+    if (rc == VELCLIENT_OK)
+        keepIfWanted(cont, VELCLIENT_MAP, cont_p);
+    return rc;
 }
 
 velClient_returnCode_t _velClient_container_getSubContainer(_velClient_container *parent, std::uint8_t *start_p,

@@ -71,6 +71,11 @@ velClient_returnCode_t _velClient_msg_getOrCreateHeaderMaps(_velClient_msg *msg,
     return msg->hdrMap_p != nullptr ? VELCLIENT_OK : VELCLIENT_NOT_FOUND;
 }
 
+velClient_returnCode_t vel::meta::readOpeningHeaderMap(_velClient_msg *msg)
+{
+    return vel::meta::read(msg, openHeaderMapPart);
+}
+
 /* ---- The steps every property shares ---------------------------------------
  */
 

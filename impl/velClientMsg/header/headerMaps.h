@@ -36,6 +36,11 @@ namespace vel::meta {
  * and dropped), VELCLIENT_FAIL for a malformed entry. */
 velClient_returnCode_t read(_velClient_msg *msg, velClient_returnCode_t (*openHeaderMap)(_velClient_msg *));
 
+/* What _velClient_msg_getOrCreateHeaderMaps(msg, 0) does for a message with
+ * no header map, open or in part 10: read() with the header map's opener.
+ * Returns what read() returns. */
+velClient_returnCode_t readOpeningHeaderMap(_velClient_msg *msg);
+
 /* Readies the metadata for the wire. When the message needs a header (an
  * attachment type, the reply mark, a header map or user properties) its open
  * containers are finished - the header map closed, the attachment and the

@@ -149,6 +149,8 @@ velClient_returnCode_t attachmentContainer(_velClient_msg *msg, velClient_fieldT
  * than wanted (VELCLIENT_MAP or VELCLIENT_STREAM). */
 velClient_returnCode_t openPartContainer(_velClient_msg *msg, int part, velClient_fieldType_t wanted,
                                          _velClient_container **cont_p);
+/* openPartContainer(msg, VELCLIENT_BUFINFO_USER_PROPERTY_PART, VELCLIENT_MAP, cont_p). */
+velClient_returnCode_t openUserPropertyContainer(_velClient_msg *msg, _velClient_container **cont_p);
 /* The attachment as text: *text_p is nullptr when the string lacks its NUL. */
 velClient_returnCode_t attachmentString(_velClient_msg *msg, const char **text_p);
 

@@ -40,18 +40,21 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_setUserPropertyMap
 
 namespace {
 
+bool partHasBytes(const _velClient_msg *msg, int part)
+{
+    return msg->bufInfo_a[part].buf_p != nullptr && msg->bufInfo_a[part].bufSize != 0;
+}
+
 bool partEmpty(const _velClient_msg *msg)
 {
-    const velClient_bufInfo_t &part = msg->bufInfo_a[VELCLIENT_BUFINFO_USER_PROPERTY_PART];
-    return part.buf_p == nullptr || part.bufSize == 0;
+    return !partHasBytes(msg, VELCLIENT_BUFINFO_USER_PROPERTY_PART);
 }
 
 /* Opens part 7 as the user property map; a stream there is refused. */
 velClient_returnCode_t openUserPropertyPart(_velClient_msg *msg)
 {
     _velClient_container *cont = nullptr;
-    velClient_returnCode_t rc =
-        vel::msg::openPartContainer(msg, VELCLIENT_BUFINFO_USER_PROPERTY_PART, VELCLIENT_MAP, &cont);
+    velClient_returnCode_t rc = vel::msg::openUserPropertyContainer(msg, &cont);
     if (rc != VELCLIENT_OK)
         return rc;
     if (cont == nullptr)
@@ -84,7 +87,11 @@ velClient_returnCode_t vel::msg::userPropertyMap(_velClient_msg *msg, _velClient
         if (partEmpty(msg)) {
             if (msg->hdrMap_p != nullptr)
                 return VELCLIENT_NOT_FOUND;
-            if (_velClient_msg_getOrCreateHeaderMaps(msg, 0) == VELCLIENT_FAIL)
+            /* A received message's properties come out of its metadata header. */
+            velClient_returnCode_t rc = partHasBytes(msg, _VELCLIENT_BUFINFO_HDR_MAP_PART)
+                                            ? _velClient_msg_getOrCreateHeaderMaps(msg, 0)
+                                            : vel::meta::readOpeningHeaderMap(msg);
+            if (rc == VELCLIENT_FAIL)
                 return VELCLIENT_FAIL;
             if (partEmpty(msg))
                 return VELCLIENT_NOT_FOUND;
