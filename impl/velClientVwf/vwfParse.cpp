@@ -91,51 +91,68 @@ velClient_returnCode_t applyItem(_velClient_msg *msg, _velClient_datab *block, s
     return VELCLIENT_OK;
 }
 
-/* The structured parts share the received block: containers opened on them
- * must copy before they change anything. */
-void markSharedPartsReadOnly(_velClient_msg *msg)
+/* True when no item fills part. */
+constexpr bool noItemFills(int part)
 {
-    static constexpr struct {
-        int part;
-        std::uint32_t mark;
-    } kShared[] = {{VELCLIENT_BUFINFO_BINARY_ATTACHMENT_PART, _VELCLIENT_MSG_FLAG_ATTACHMENT_READONLY},
-                   {VELCLIENT_BUFINFO_USER_PROPERTY_PART, _VELCLIENT_MSG_FLAG_USER_PROPS_READONLY},
-                   {_VELCLIENT_BUFINFO_BINARY_META_PART, _VELCLIENT_MSG_FLAG_META_READONLY},
-                   {_VELCLIENT_BUFINFO_HDR_MAP_PART, _VELCLIENT_MSG_FLAG_HDR_MAP_READONLY}};
-    for (const auto &s : kShared)
-        if (msg->bufDatab_p[s.part] != nullptr)
-            msg->internalFlags |= s.mark;
+    for (const ItemRule &rule : kItemRules)
+        if (rule.part == part)
+            return false;
+    return true;
 }
 
-/* Takes, in one step, the references to the parse's block of the parts of
- * msg that point into it (parts of them). In the buffer's last frame the
- * parse's own reference becomes one of them (the parse then holds none). */
-void holdBlock(_velClient_vwfParsing *parse, std::int32_t parts, bool lastFrame)
+/* The structured parts share the received block: containers opened on them
+ * must copy before they change anything. Items fill the attachment and the
+ * metadata header; the two maps come out of the latter when it is read (and
+ * are marked then). */
+void markSharedPartsReadOnly(_velClient_msg *msg)
+{
+    static_assert(noItemFills(VELCLIENT_BUFINFO_USER_PROPERTY_PART) && noItemFills(_VELCLIENT_BUFINFO_HDR_MAP_PART),
+                  "the maps are marked when the metadata header is read");
+    if (msg->bufDatab_p[VELCLIENT_BUFINFO_BINARY_ATTACHMENT_PART] != nullptr)
+        msg->internalFlags |= _VELCLIENT_MSG_FLAG_ATTACHMENT_READONLY;
+    if (msg->bufDatab_p[_VELCLIENT_BUFINFO_BINARY_META_PART] != nullptr)
+        msg->internalFlags |= _VELCLIENT_MSG_FLAG_META_READONLY;
+}
+
+/* Where a frame comes from: the block of the received bytes (the caller
+ * holds a reference to it), the frame's offset in it and its flag word, and
+ * whether it is the last frame there. */
+struct Source {
+    _velClient_datab *block;
+    std::uint32_t offset;
+    std::uint32_t flags;
+    bool lastFrame;
+};
+
+/* Takes, in one step, the references to the block of the parts of msg that
+ * point into it (parts of them). In the last frame the caller's own
+ * reference becomes one of them: true then (the caller holds none). */
+bool holdBlock(const Source &src, std::int32_t parts)
 {
     if (parts == 0)
-        return;
-    if (!lastFrame) {
-        _velClient_datablock_incRef(parse->block, parts);
-        return;
+        return false;
+    if (!src.lastFrame) {
+        _velClient_datablock_incRef(src.block, parts);
+        return false;
     }
-    _velClient_datablock_addRefs(parse->block, parts - 1, 1);
-    parse->block = nullptr;
+    _velClient_datablock_addRefs(src.block, parts - 1, 1);
+    return true;
 }
 
 /* Fills msg from the items of the frame at p, counting in parts the parts it
  * points into the block; VELCLIENT_FAIL at the first malformed one. */
-velClient_returnCode_t readItems(_velClient_vwfParsing *parse, _velClient_msg *msg, std::uint8_t *p,
-                                 std::uint32_t frameLength, std::int32_t &parts)
+velClient_returnCode_t readItems(const Source &src, _velClient_msg *msg, std::uint8_t *p, std::uint32_t frameLength,
+                                 std::int32_t &parts)
 {
     std::uint32_t seen = 0;
     std::uint32_t at = kFrameHeaderSize;
     while (at < frameLength) {
         if (frameLength - at < kItemHeaderSize)
-            return malformed("truncated item", parse->offset + at);
+            return malformed("truncated item", src.offset + at);
         auto length = static_cast<std::uint32_t>(vel::tlv::getBE(p + at + 1, 4));
         if (length > frameLength - at - kItemHeaderSize)
-            return malformed("item past frame end", parse->offset + at);
-        if (applyItem(msg, parse->block, p[at], p + at + kItemHeaderSize, length, parse->offset + at, seen, parts) !=
+            return malformed("item past frame end", src.offset + at);
+        if (applyItem(msg, src.block, p[at], p + at + kItemHeaderSize, length, src.offset + at, seen, parts) !=
             VELCLIENT_OK)
             return VELCLIENT_FAIL;
         at += kItemHeaderSize + length;
@@ -145,18 +162,20 @@ velClient_returnCode_t readItems(_velClient_vwfParsing *parse, _velClient_msg *m
     return VELCLIENT_OK;
 }
 
-/* Builds the message of the frame at p (frameLength bytes, header checked). */
-velClient_returnCode_t buildMessage(_velClient_vwfParsing *parse, std::uint8_t *p, std::uint32_t frameLength,
-                                    _velClient_msg **msg_p)
+/* Builds the message of the frame at p (frameLength bytes, header checked).
+ * handedOver: the caller's reference to the block went to the message (it is
+ * set before the message can be freed). */
+velClient_returnCode_t buildMessage(const Source &src, std::uint8_t *p, std::uint32_t frameLength,
+                                    _velClient_msg **msg_p, bool &handedOver)
 {
     if (_velClient_msg_alloc(msg_p) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     _velClient_msg *msg = *msg_p;
-    msg->msgInfo.flags = parse->internalFlags;
+    msg->msgInfo.flags = src.flags;
     msg->msgInfo.rcvTimestamp = _velClient_getTimeInMs();
     std::int32_t parts = 0;
-    velClient_returnCode_t rc = readItems(parse, msg, p, frameLength, parts);
-    holdBlock(parse, parts, frameLength == parse->bytesInBuf); /* before anything can free the message */
+    velClient_returnCode_t rc = readItems(src, msg, p, frameLength, parts);
+    handedOver = holdBlock(src, parts);
     if (rc != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     markSharedPartsReadOnly(msg);
@@ -203,14 +222,12 @@ velClient_returnCode_t _velClient_vwfParseOne(_velClient_datab *block, std::uint
     std::uint8_t *p = block->dbData_p;
     if (!loneApplicationFrame(p, length))
         return VELCLIENT_NOT_FOUND;
-    _velClient_vwfParsing parse{};
-    parse.block = block;
-    parse.bytesInBuf = length;
-    parse.protocol = p[1];
-    parse.internalFlags = static_cast<std::uint32_t>(vel::tlv::getBE(p + 2, 4));
+    const Source src{block, 0, static_cast<std::uint32_t>(vel::tlv::getBE(p + 2, 4)), true};
     _velClient_msg *msg = nullptr;
-    velClient_returnCode_t rc = buildMessage(&parse, p, length, &msg);
-    _velClient_cleanUpParse(&parse);
+    bool handedOver = false;
+    velClient_returnCode_t rc = buildMessage(src, p, length, &msg, handedOver);
+    if (!handedOver)
+        VEL_DATAB_RELEASE(block);
     if (rc != VELCLIENT_OK) {
         if (msg != nullptr)
             dropMessage(msg);
@@ -236,7 +253,12 @@ velClient_returnCode_t _velClient_vwfParse(void *, _velClient_vwfParsing *parse)
         parse->protocol = p[1];
         parse->internalFlags = static_cast<std::uint32_t>(vel::tlv::getBE(p + 2, 4));
         _velClient_msg *msg = nullptr;
-        if (buildMessage(parse, p, frameLength, &msg) != VELCLIENT_OK) {
+        const Source src{parse->block, parse->offset, parse->internalFlags, frameLength == parse->bytesInBuf};
+        bool handedOver = false;
+        velClient_returnCode_t rc = buildMessage(src, p, frameLength, &msg, handedOver);
+        if (handedOver)
+            parse->block = nullptr;
+        if (rc != VELCLIENT_OK) {
             if (msg != nullptr)
                 dropMessage(msg);
             return VELCLIENT_FAIL;
