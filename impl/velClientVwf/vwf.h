@@ -73,28 +73,18 @@ velClient_returnCode_t _velClient_createMsgForPublish(const velClient_bufInfo_t 
                                                       std::uint32_t *numChunks, std::uint8_t **scratch_pp,
                                                       std::uint32_t *totalLength);
 
-/* The parts a frame carries, found by one pass over a message's parts when
- * the frame is measured and walked again when it is written: bit i of items
- * stands for the i-th part item in frame order, bit j of meta for the j-th
- * part of the metadata item (the header, the header map, the user
- * properties). */
-struct _velClient_vwfFramePlan {
-    std::uint32_t items = 0;
-    std::uint32_t meta = 0;
-    std::uint64_t itemBytes = 0; /* what the items of those parts take in the frame */
-};
+/* Where _velClient_vwfEncode writes a frame: a buffer of exactly total
+ * bytes, or nullptr after recording why there is none. It may change the
+ * image part (9), which no frame carries, and no other. */
+typedef std::uint8_t *(*_velClient_vwfPlace)(void *ctx, std::uint32_t total);
 
-/* The length of msg's frame, as _velClient_createMsgForPublish would build
- * it, and the parts it carries; fails as it does. */
-velClient_returnCode_t _velClient_vwfFrameSize(const velClient_bufInfo_t *parts, std::uint32_t numParts,
-                                               std::uint32_t flags, std::uint64_t msgId, const _velClient_msg *msg,
-                                               std::uint32_t *totalLength, _velClient_vwfFramePlan *plan_p);
-/* Writes that frame into out (capacity bytes, the length _velClient_vwfFrameSize
- * gave for the same arguments, with its plan). Returns 0, or the bytes of the
- * first piece that did not fit past the end (nothing is written past it). */
-std::uint32_t _velClient_vwfWriteFrame(const velClient_bufInfo_t *parts, const _velClient_vwfFramePlan &plan,
-                                       std::uint32_t flags, std::uint64_t msgId, const _velClient_msg *msg,
-                                       std::uint8_t *out, std::uint32_t capacity);
+/* Measures msg's frame, as _velClient_createMsgForPublish would build it
+ * from its 12 parts, asks place for a buffer of that size and writes the
+ * frame into it, in one pass over the parts. Fails as that function does,
+ * or when place fails. */
+velClient_returnCode_t _velClient_vwfEncode(const velClient_bufInfo_t *parts, std::uint32_t flags,
+                                            std::uint64_t msgId, const _velClient_msg *msg, _velClient_vwfPlace place,
+                                            void *ctx, std::uint32_t *totalLength);
 
 namespace vel::vwf {
 

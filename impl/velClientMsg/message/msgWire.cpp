@@ -16,14 +16,6 @@ constexpr int kVwfPart = _VELCLIENT_BUFINFO_VWF_PART;
 /* The message id a guaranteed message encoded outside any session carries. */
 constexpr std::uint64_t kEncodedMsgId = 1;
 
-void emptyVwfPart(_velClient_msg *msg)
-{
-    if (msg->bufDatab_p[kVwfPart] != nullptr)
-        VEL_DATAB_RELEASE(msg->bufDatab_p[kVwfPart]);
-    msg->bufDatab_p[kVwfPart] = nullptr;
-    msg->bufInfo_a[kVwfPart] = velClient_bufInfo_t{nullptr, 0};
-}
-
 /* Hands the image (info, in part 9) and one more reference to its block to
  * the caller. soleHolder: the message was the block's only holder a moment
  * ago (a new or reused image), so the count is worth checking for a plain
@@ -66,22 +58,24 @@ velClient_returnCode_t placeImage(_velClient_msg *msg, _velClient_datab *old, st
     return _velClient_msg_dbAlloc(msg, kVwfPart, total);
 }
 
-/* Writes the frame of msg (total bytes, carrying the parts of plan) into part 9. */
-velClient_returnCode_t serialise(_velClient_msg *msg, std::uint32_t total, const _velClient_vwfFramePlan &plan)
+/* The message whose image is written, and the previous image's block until
+ * placeImage takes it. */
+struct Imaging {
+    _velClient_msg *msg;
+    _velClient_datab *old;
+};
+
+/* The encoder's place: part 9, sized total, whose bytes it writes. */
+std::uint8_t *imageBuffer(void *ctx, std::uint32_t total)
 {
-    auto *out = static_cast<std::uint8_t *>(msg->bufInfo_a[kVwfPart].buf_p);
-    std::uint32_t excess =
-        _velClient_vwfWriteFrame(msg->bufInfo_a, plan, msg->msgInfo.flags, kEncodedMsgId, msg, out, total);
-    if (excess != 0) {
-        VEL_STORE(VELCLIENT_SUBCODE_INTERNAL_ERROR, VELCLIENT_LOG_ERROR,
-                  "_velClient_msg_serialization found byte count mismatch; remaining count %u,  for session "
-                  "'parserSession'",
-                  excess);
-        emptyVwfPart(msg);
-        return VELCLIENT_FAIL;
-    }
+    auto *imaging = static_cast<Imaging *>(ctx);
+    _velClient_datab *old = imaging->old;
+    imaging->old = nullptr;
+    _velClient_msg *msg = imaging->msg;
+    if (placeImage(msg, old, total) != VELCLIENT_OK)
+        return nullptr;
     msg->bufInfo_a[kVwfPart].bufSize = total;
-    return VELCLIENT_OK;
+    return static_cast<std::uint8_t *>(msg->bufInfo_a[kVwfPart].buf_p);
 }
 
 } // namespace
@@ -93,18 +87,15 @@ velClient_returnCode_t _velClient_msg_encodeToVWF(_velClient_msg *msg, velClient
         giveImage(msg, msg->bufInfo_a[kVwfPart], false, bufinfo_p, datab_p);
         return VELCLIENT_OK;
     }
-    _velClient_datab *old = takeImageBlock(msg);
+    Imaging imaging{msg, takeImageBlock(msg)};
     std::uint32_t total = 0;
-    _velClient_vwfFramePlan plan;
     if (vel::meta::prepareForWire(msg, true) != VELCLIENT_OK ||
-        _velClient_vwfFrameSize(msg->bufInfo_a, _VELCLIENT_BUFINFO_NUM_PARTS, msg->msgInfo.flags, kEncodedMsgId, msg,
-                                &total, &plan) != VELCLIENT_OK) {
-        if (old != nullptr)
-            VEL_DATAB_RELEASE(old);
+        _velClient_vwfEncode(msg->bufInfo_a, msg->msgInfo.flags, kEncodedMsgId, msg, imageBuffer, &imaging, &total) !=
+            VELCLIENT_OK) {
+        if (imaging.old != nullptr)
+            VEL_DATAB_RELEASE(imaging.old);
         return VELCLIENT_FAIL;
     }
-    if (placeImage(msg, old, total) != VELCLIENT_OK || serialise(msg, total, plan) != VELCLIENT_OK)
-        return VELCLIENT_FAIL;
     msg->internalFlags &= ~_VELCLIENT_MSG_FLAG_MODIFIED;
     /* The image is built from locals: reading part 9 back right after its
      * size was stored would wait on that store. */
