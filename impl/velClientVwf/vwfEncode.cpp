@@ -157,6 +157,7 @@ struct FramePlan {
     std::uint32_t items = 0;
     std::uint32_t meta = 0;
     std::uint64_t itemBytes = 0; /* what the items of those parts take in the frame */
+    std::uint64_t metaLength = 0; /* the metadata item's value: its parts' bytes */
 };
 
 bool present(const velClient_bufInfo_t &part)
@@ -166,7 +167,7 @@ bool present(const velClient_bufInfo_t &part)
 
 /* The one pass over the parts that finds those the frame carries and the
  * bytes their items take. */
-FramePlan planOf(const velClient_bufInfo_t *parts)
+[[gnu::always_inline]] inline FramePlan planOf(const velClient_bufInfo_t *parts)
 {
     FramePlan plan;
     for (std::uint32_t i = 0; i < std::size(kPartItems); ++i) {
@@ -176,16 +177,15 @@ FramePlan planOf(const velClient_bufInfo_t *parts)
             plan.itemBytes += kItemHeaderSize + std::uint64_t{part.bufSize} + (kPartItems[i].text ? 1 : 0);
         }
     }
-    std::uint64_t metaBytes = kItemHeaderSize;
     for (std::uint32_t i = 0; i < std::size(kMetaParts); ++i) {
         const velClient_bufInfo_t &part = parts[kMetaParts[i]];
         if (present(part)) {
             plan.meta |= 1u << i;
-            metaBytes += part.bufSize;
+            plan.metaLength += part.bufSize;
         }
     }
     if ((plan.meta & 1u) != 0)
-        plan.itemBytes += metaBytes;
+        plan.itemBytes += kItemHeaderSize + plan.metaLength;
     return plan;
 }
 
@@ -197,16 +197,15 @@ inline std::uint32_t takeLowest(std::uint32_t &set)
     return i;
 }
 
-/* Parts 8, 10 and 7 (those of metaSet) back to back in one item: the
- * metadata header and the two map entries it describes. */
+/* Parts 8, 10 and 7 (those the plan's meta holds) back to back in one item:
+ * the metadata header and the two map entries it describes. */
 template <typename W>
-void writeMeta(W &w, const velClient_bufInfo_t *parts, std::uint32_t metaSet)
+void writeMeta(W &w, const velClient_bufInfo_t *parts, const FramePlan &plan)
 {
+    const std::uint32_t metaSet = plan.meta;
     if ((metaSet & 1u) == 0)
         return;
-    std::uint64_t length = 0;
-    for (std::uint32_t set = metaSet; set != 0;)
-        length += parts[kMetaParts[takeLowest(set)]].bufSize;
+    const std::uint64_t length = plan.metaLength;
     if (std::uint8_t *p = w.reserveWhole(kItemHeaderSize + length)) {
         p[0] = kTagBinaryMeta;
         vel::tlv::putBE(p + 1, static_cast<std::uint32_t>(length), 4);
@@ -260,7 +259,7 @@ velClient_returnCode_t layOut(W &w, const velClient_bufInfo_t *parts, const Fram
         const PartItem &item = kPartItems[takeLowest(set)];
         w.part(item.tag, parts[item.part], item.text);
     }
-    writeMeta(w, parts, plan.meta);
+    writeMeta(w, parts, plan);
     if (w.total() > UINT32_MAX)
         return tooLarge(w.total());
     header[0] = kVersion;
