@@ -109,13 +109,6 @@ extern "C" void *_velClient_safePtr_alloc(void *object, _velClient_ptrType_t typ
 
 namespace {
 
-_velClient_pointerInfo *entryOf(std::uint64_t h)
-{
-    _velClient_pointerInfo *page =
-        _velClient_globalInfo_g.safePtrs[(h & kSafePtrPageMask) >> 12].load(std::memory_order_acquire);
-    return h == 0 || page == nullptr ? nullptr : &page[h & kSafePtrEntryMask];
-}
-
 /* Withdraws the live handle h of entry with plain stores and frees the entry. */
 [[gnu::always_inline]] inline void retire(_velClient_pointerInfo *entry, std::uint64_t h)
 {
@@ -128,22 +121,20 @@ _velClient_pointerInfo *entryOf(std::uint64_t h)
 
 extern "C" void *_velClient_safePtr_take(void *handle, _velClient_ptrType_t type)
 {
-    auto h = reinterpret_cast<std::uint64_t>(handle);
-    _velClient_pointerInfo *entry = entryOf(h);
-    if (entry == nullptr || __atomic_load_n(&entry->u.ptrInfo, __ATOMIC_ACQUIRE) != h ||
-        __atomic_load_n(&entry->ptrType, __ATOMIC_RELAXED) != type)
+    _velClient_pointerInfo *entry = vel::liveEntry(handle, type);
+    if (entry == nullptr)
         return nullptr;
     void *object = __atomic_load_n(&entry->actualPtr, __ATOMIC_RELAXED);
     if (object == nullptr)
         return nullptr;
-    retire(entry, h);
+    retire(entry, reinterpret_cast<std::uint64_t>(handle));
     return object;
 }
 
 extern "C" void _velClient_safePtr_release(void *handle)
 {
     auto h = reinterpret_cast<std::uint64_t>(handle);
-    _velClient_pointerInfo *entry = entryOf(h);
+    _velClient_pointerInfo *entry = vel::entryOf(h);
     if (entry != nullptr && __atomic_load_n(&entry->u.ptrInfo, __ATOMIC_ACQUIRE) == h)
         retire(entry, h);
 }
@@ -151,17 +142,15 @@ extern "C" void _velClient_safePtr_release(void *handle)
 extern "C" void _velClient_safePtr_free(void *handle)
 {
     auto h = reinterpret_cast<std::uint64_t>(handle);
-    _velClient_pointerInfo *page =
-        _velClient_globalInfo_g.safePtrs[(h & kSafePtrPageMask) >> 12].load(std::memory_order_acquire);
-    if (h == 0 || page == nullptr)
+    _velClient_pointerInfo *entry = vel::entryOf(h);
+    if (entry == nullptr)
         return;
-    _velClient_pointerInfo &entry = page[h & kSafePtrEntryMask];
     std::uint64_t expected = h;
     /* Only the holder of the live value may free it: a stale or repeated free
      * finds a different value and changes nothing. */
-    if (!__atomic_compare_exchange_n(&entry.u.ptrInfo, &expected, h | kFreeBit, false, __ATOMIC_ACQ_REL,
+    if (!__atomic_compare_exchange_n(&entry->u.ptrInfo, &expected, h | kFreeBit, false, __ATOMIC_ACQ_REL,
                                      __ATOMIC_RELAXED))
         return;
-    __atomic_store_n(&entry.ptrType, _UNUSED_PTR_TYPE, __ATOMIC_RELAXED);
-    pushEntry(&entry.entry);
+    __atomic_store_n(&entry->ptrType, _UNUSED_PTR_TYPE, __ATOMIC_RELAXED);
+    pushEntry(&entry->entry);
 }

@@ -82,20 +82,35 @@ void _velClient_safePtr_release(void *handle);
 
 namespace vel {
 
-/* The record behind handle when it is live and of type, else nullptr. */
-inline void *resolveHandle(const void *handle, _velClient_ptrType_t type) noexcept
+/* The entry that handle value h names, or nullptr when its page was never
+ * allocated. One page load; the entry's state is the caller's to check. h = 0
+ * needs no test of its own: entry 0 of page 0 never holds 0 (a free entry
+ * holds bit 63, a live one a generation), so it matches no live check. */
+inline _velClient_pointerInfo *entryOf(std::uint64_t h) noexcept
 {
-    auto h = reinterpret_cast<std::uint64_t>(handle);
     _velClient_pointerInfo *page =
         _velClient_globalInfo_g.safePtrs[(h & kSafePtrPageMask) >> 12].load(std::memory_order_acquire);
     if (__builtin_expect(page == nullptr, 0))
         return nullptr;
-    _velClient_pointerInfo &entry = page[h & kSafePtrEntryMask];
-    if (__atomic_load_n(&entry.u.ptrInfo, __ATOMIC_ACQUIRE) != h || h == 0)
+    return &page[h & kSafePtrEntryMask];
+}
+
+/* The entry of handle when it is live and of type, else nullptr. */
+inline _velClient_pointerInfo *liveEntry(const void *handle, _velClient_ptrType_t type) noexcept
+{
+    auto h = reinterpret_cast<std::uint64_t>(handle);
+    _velClient_pointerInfo *entry = entryOf(h);
+    if (entry == nullptr || __atomic_load_n(&entry->u.ptrInfo, __ATOMIC_ACQUIRE) != h ||
+        __atomic_load_n(&entry->ptrType, __ATOMIC_RELAXED) != type)
         return nullptr;
-    if (__atomic_load_n(&entry.ptrType, __ATOMIC_RELAXED) != type)
-        return nullptr;
-    return __atomic_load_n(&entry.actualPtr, __ATOMIC_RELAXED);
+    return entry;
+}
+
+/* The record behind handle when it is live and of type, else nullptr. */
+inline void *resolveHandle(const void *handle, _velClient_ptrType_t type) noexcept
+{
+    _velClient_pointerInfo *entry = liveEntry(handle, type);
+    return entry == nullptr ? nullptr : __atomic_load_n(&entry->actualPtr, __ATOMIC_RELAXED);
 }
 
 template <typename T>
