@@ -22,7 +22,7 @@ _velClient_globalInfo _velClient_globalInfo_g{};
 
 namespace {
 
-constexpr std::uint64_t kFreeBit = std::uint64_t{1} << 63;
+constexpr std::uint64_t kFreeBit = kSafePtrFreeBit;
 constexpr std::uint64_t kLocationMask = kSafePtrPageMask | kSafePtrEntryMask;
 constexpr std::uint64_t kGenOne = std::uint64_t{1} << kSafePtrGenShift;
 constexpr std::uint64_t kGenMask = ~(kFreeBit | kLocationMask);
@@ -54,12 +54,9 @@ bool addPage()
     return true;
 }
 
-constexpr std::uint32_t kCacheCap = 64;
-thread_local constinit vel::LocalStack myEntries_s VEL_HOT_TLS{};
-
 /* Gives the thread's cached entries back to the shared stack when it ends. */
 struct EntryCacheReturn {
-    ~EntryCacheReturn() { myEntries_s.close(freeEntries_s); }
+    ~EntryCacheReturn() { vel::handles::myEntries.close(freeEntries_s); }
 };
 thread_local EntryCacheReturn entryCacheReturn_s;
 /* Whether this thread has registered the hook: reaching entryCacheReturn_s
@@ -78,21 +75,25 @@ thread_local constinit bool entryHookSet_s VEL_HOT_TLS = false;
     return popped;
 }
 
-[[gnu::always_inline]] inline void pushEntry(_velClient_lifoEntry *entry)
+} // namespace
+
+thread_local constinit vel::LocalStack vel::handles::myEntries VEL_HOT_TLS{nullptr, kEntryCacheCap};
+
+void vel::handles::recycleSlow(_velClient_lifoEntry *entry) noexcept
 {
-    if (__builtin_expect(!entryHookSet_s, 0)) {
+    if (!entryHookSet_s) {
         (void)&entryCacheReturn_s; /* registers the thread-exit hook */
         entryHookSet_s = true;
+        myEntries.count = 0; /* the cache takes entries from now on */
+        if (myEntries.push(entry, kEntryCacheCap))
+            return;
     }
-    if (!myEntries_s.push(entry, kCacheCap))
-        _velClient_lifoPush(&freeEntries_s, entry);
+    _velClient_lifoPush(&freeEntries_s, entry);
 }
-
-} // namespace
 
 extern "C" void *_velClient_safePtr_alloc(void *object, _velClient_ptrType_t type)
 {
-    _velClient_lifoEntry *popped = myEntries_s.pop();
+    _velClient_lifoEntry *popped = vel::handles::myEntries.pop();
     if (__builtin_expect(popped == nullptr, 0) && (popped = popSharedEntry()) == nullptr)
         return nullptr;
     auto *entry = reinterpret_cast<_velClient_pointerInfo *>(popped);
@@ -107,28 +108,9 @@ extern "C" void *_velClient_safePtr_alloc(void *object, _velClient_ptrType_t typ
     return reinterpret_cast<void *>(handle);
 }
 
-namespace {
-
-/* Withdraws the live handle h of entry with plain stores and frees the entry. */
-[[gnu::always_inline]] inline void retire(_velClient_pointerInfo *entry, std::uint64_t h)
-{
-    __atomic_store_n(&entry->u.ptrInfo, h | kFreeBit, __ATOMIC_RELEASE);
-    __atomic_store_n(&entry->ptrType, _UNUSED_PTR_TYPE, __ATOMIC_RELAXED);
-    pushEntry(&entry->entry);
-}
-
-} // namespace
-
 extern "C" void *_velClient_safePtr_take(void *handle, _velClient_ptrType_t type)
 {
-    _velClient_pointerInfo *entry = vel::liveEntry(handle, type);
-    if (entry == nullptr)
-        return nullptr;
-    void *object = __atomic_load_n(&entry->actualPtr, __ATOMIC_RELAXED);
-    if (object == nullptr)
-        return nullptr;
-    retire(entry, reinterpret_cast<std::uint64_t>(handle));
-    return object;
+    return vel::handles::take(handle, type);
 }
 
 extern "C" void _velClient_safePtr_release(void *handle)
@@ -136,7 +118,7 @@ extern "C" void _velClient_safePtr_release(void *handle)
     auto h = reinterpret_cast<std::uint64_t>(handle);
     _velClient_pointerInfo *entry = vel::entryOf(h);
     if (entry != nullptr && __atomic_load_n(&entry->u.ptrInfo, __ATOMIC_ACQUIRE) == h)
-        retire(entry, h);
+        vel::handles::retire(entry, h);
 }
 
 extern "C" void _velClient_safePtr_free(void *handle)
@@ -152,5 +134,5 @@ extern "C" void _velClient_safePtr_free(void *handle)
                                      __ATOMIC_RELAXED))
         return;
     __atomic_store_n(&entry->ptrType, _UNUSED_PTR_TYPE, __ATOMIC_RELAXED);
-    pushEntry(&entry->entry);
+    vel::handles::recycle(&entry->entry);
 }
