@@ -23,9 +23,6 @@ _velClient_globalInfo _velClient_globalInfo_g{};
 namespace {
 
 constexpr std::uint64_t kFreeBit = kSafePtrFreeBit;
-constexpr std::uint64_t kLocationMask = kSafePtrPageMask | kSafePtrEntryMask;
-constexpr std::uint64_t kGenOne = std::uint64_t{1} << kSafePtrGenShift;
-constexpr std::uint64_t kGenMask = ~(kFreeBit | kLocationMask);
 
 _velClient_lifoHead freeEntries_s{};
 std::mutex growMutex_s;
@@ -63,18 +60,6 @@ thread_local EntryCacheReturn entryCacheReturn_s;
  * itself takes a call to __tls_get_addr in the shared library. */
 thread_local constinit bool entryHookSet_s VEL_HOT_TLS = false;
 
-/* A free entry from the shared stack, adding pages as needed; nullptr when
- * the table is full or memory runs out. Off the hot path. */
-[[gnu::noinline]] _velClient_lifoEntry *popSharedEntry()
-{
-    _velClient_lifoEntry *popped = nullptr;
-    while ((popped = _velClient_lifoPop(&freeEntries_s)) == nullptr) {
-        if (!addPage())
-            return nullptr;
-    }
-    return popped;
-}
-
 } // namespace
 
 thread_local constinit vel::LocalStack vel::handles::myEntries VEL_HOT_TLS{nullptr, kEntryCacheCap};
@@ -91,21 +76,19 @@ void vel::handles::recycleSlow(_velClient_lifoEntry *entry) noexcept
     _velClient_lifoPush(&freeEntries_s, entry);
 }
 
+_velClient_lifoEntry *vel::handles::popSharedEntry() noexcept
+{
+    _velClient_lifoEntry *popped = nullptr;
+    while ((popped = _velClient_lifoPop(&freeEntries_s)) == nullptr) {
+        if (!addPage())
+            return nullptr;
+    }
+    return popped;
+}
+
 extern "C" void *_velClient_safePtr_alloc(void *object, _velClient_ptrType_t type)
 {
-    _velClient_lifoEntry *popped = vel::handles::myEntries.pop();
-    if (__builtin_expect(popped == nullptr, 0) && (popped = popSharedEntry()) == nullptr)
-        return nullptr;
-    auto *entry = reinterpret_cast<_velClient_pointerInfo *>(popped);
-    std::uint64_t old = entry->u.ptrInfo;
-    std::uint64_t gen = ((old & kGenMask) + kGenOne) & kGenMask;
-    if (gen == 0)
-        gen = kGenOne;
-    std::uint64_t handle = gen | (old & kLocationMask);
-    __atomic_store_n(&entry->actualPtr, object, __ATOMIC_RELAXED);
-    __atomic_store_n(&entry->ptrType, type, __ATOMIC_RELAXED);
-    __atomic_store_n(&entry->u.ptrInfo, handle, __ATOMIC_RELEASE);
-    return reinterpret_cast<void *>(handle);
+    return vel::handles::issue(object, type);
 }
 
 extern "C" void *_velClient_safePtr_take(void *handle, _velClient_ptrType_t type)

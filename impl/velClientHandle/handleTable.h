@@ -132,6 +132,32 @@ inline constexpr std::uint32_t kEntryCacheCap = 64;
  * which registers the thread-exit step that returns the cache. */
 extern thread_local constinit LocalStack myEntries VEL_HOT_TLS;
 
+/* A free entry from the shared stack, adding pages as needed; nullptr when
+ * the table is full or memory runs out. Off the hot path. */
+[[gnu::noinline]] _velClient_lifoEntry *popSharedEntry() noexcept;
+
+/* _velClient_safePtr_alloc, inline: the entry comes from the thread's cache
+ * when it has one, and its next generation (never 0) makes the handle. */
+inline void *issue(void *object, _velClient_ptrType_t type) noexcept
+{
+    constexpr std::uint64_t kLocationMask = kSafePtrPageMask | kSafePtrEntryMask;
+    constexpr std::uint64_t kGenOne = std::uint64_t{1} << kSafePtrGenShift;
+    constexpr std::uint64_t kGenMask = ~(kSafePtrFreeBit | kLocationMask);
+    _velClient_lifoEntry *popped = myEntries.pop();
+    if (__builtin_expect(popped == nullptr, 0) && (popped = popSharedEntry()) == nullptr)
+        return nullptr;
+    auto *entry = reinterpret_cast<_velClient_pointerInfo *>(popped);
+    std::uint64_t old = entry->u.ptrInfo;
+    std::uint64_t gen = ((old & kGenMask) + kGenOne) & kGenMask;
+    if (gen == 0)
+        gen = kGenOne;
+    std::uint64_t handle = gen | (old & kLocationMask);
+    __atomic_store_n(&entry->actualPtr, object, __ATOMIC_RELAXED);
+    __atomic_store_n(&entry->ptrType, type, __ATOMIC_RELAXED);
+    __atomic_store_n(&entry->u.ptrInfo, handle, __ATOMIC_RELEASE);
+    return reinterpret_cast<void *>(handle);
+}
+
 /* recycle() once the thread's cache refuses the entry: registers the
  * thread-exit step on the thread's first push, else pushes on the shared list. */
 [[gnu::noinline]] void recycleSlow(_velClient_lifoEntry *entry) noexcept;

@@ -97,7 +97,7 @@ void cloneInto(const _velClient_msg *msg, _velClient_msg *copy)
 /* A handle for a new record, or the out-of-memory failure of msg_alloc. */
 velClient_opaqueMsg_pt issueHandle(_velClient_msg *msg)
 {
-    void *handle = _velClient_safePtr_alloc(msg, _MSG_PTR_TYPE);
+    void *handle = vel::handles::issue(msg, _MSG_PTR_TYPE);
     if (handle == nullptr)
         VEL_STORE(VELCLIENT_SUBCODE_OUT_OF_MEMORY, VELCLIENT_LOG_CRITICAL,
                   "Could not allocate pointer for new velClient_msg in velClient_msg_alloc");
