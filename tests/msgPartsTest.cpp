@@ -65,6 +65,32 @@ TEST(MessageParts, APartSetFromItsOwnBytesKeepsThem)
     velClient_msg_setMaxPoolMem(veltest::kDefaultPoolLimit);
 }
 
+TEST(MessageParts, CopiesOfEveryLengthAroundTheShortMovesReadBackIntact)
+{
+    /* Short copies are made of overlapping moves of 8 to 64 bytes: every
+     * length up to past a block's capacity, from a source that starts at an
+     * odd address, comes back byte for byte, and so does a topic of every
+     * length (its text ends at the NUL written after it). */
+    std::string source(300, '\0');
+    for (std::size_t i = 0; i < source.size(); ++i)
+        source[i] = static_cast<char>(i * 7 + 3);
+    const std::string letters(251, 'x');
+    for (velClient_uint32_t n = 1; n <= 260; ++n) {
+        SCOPED_TRACE(n);
+        Msg m;
+        const std::string want = source.substr(1 + n % 5, n);
+        ASSERT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachment(m.h, want.data(), n));
+        EXPECT_EQ(want, part(m.h));
+        if (n > 250)
+            continue;
+        std::string topic = letters.substr(0, n);
+        topic[n - 1] = 'z';
+        velClient_destination_t d{VELCLIENT_TOPIC_DESTINATION, topic.c_str()};
+        ASSERT_EQ(VELCLIENT_OK, velClient_msg_setDestination(m.h, &d, sizeof d));
+        EXPECT_STREQ(topic.c_str(), m.destination().dest);
+    }
+}
+
 TEST(Destinations, EveryWayOfSettingAndItsReadingBack)
 {
     const std::string t250(250, 't'), q200(200, 'q'), tmp = "#P2P/QTMP/" + std::string(240, 'q');

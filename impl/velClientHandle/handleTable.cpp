@@ -22,10 +22,7 @@ _velClient_globalInfo _velClient_globalInfo_g{};
 
 namespace {
 
-constexpr std::uint64_t kFreeBit = std::uint64_t{1} << 63;
-constexpr std::uint64_t kLocationMask = kSafePtrPageMask | kSafePtrEntryMask;
-constexpr std::uint64_t kGenOne = std::uint64_t{1} << kSafePtrGenShift;
-constexpr std::uint64_t kGenMask = ~(kFreeBit | kLocationMask);
+constexpr std::uint64_t kFreeBit = kSafePtrFreeBit;
 
 _velClient_lifoHead freeEntries_s{};
 std::mutex growMutex_s;
@@ -54,21 +51,32 @@ bool addPage()
     return true;
 }
 
-constexpr std::uint32_t kCacheCap = 64;
-thread_local constinit vel::LocalStack myEntries_s VEL_HOT_TLS{};
-
 /* Gives the thread's cached entries back to the shared stack when it ends. */
 struct EntryCacheReturn {
-    ~EntryCacheReturn() { myEntries_s.close(freeEntries_s); }
+    ~EntryCacheReturn() { vel::handles::myEntries.close(freeEntries_s); }
 };
 thread_local EntryCacheReturn entryCacheReturn_s;
 /* Whether this thread has registered the hook: reaching entryCacheReturn_s
  * itself takes a call to __tls_get_addr in the shared library. */
 thread_local constinit bool entryHookSet_s VEL_HOT_TLS = false;
 
-/* A free entry from the shared stack, adding pages as needed; nullptr when
- * the table is full or memory runs out. Off the hot path. */
-[[gnu::noinline]] _velClient_lifoEntry *popSharedEntry()
+} // namespace
+
+thread_local constinit vel::LocalStack vel::handles::myEntries VEL_HOT_TLS{nullptr, kEntryCacheCap};
+
+void vel::handles::recycleSlow(_velClient_lifoEntry *entry) noexcept
+{
+    if (!entryHookSet_s) {
+        (void)&entryCacheReturn_s; /* registers the thread-exit hook */
+        entryHookSet_s = true;
+        myEntries.count = 0; /* the cache takes entries from now on */
+        if (myEntries.push(entry, kEntryCacheCap))
+            return;
+    }
+    _velClient_lifoPush(&freeEntries_s, entry);
+}
+
+_velClient_lifoEntry *vel::handles::popSharedEntry() noexcept
 {
     _velClient_lifoEntry *popped = nullptr;
     while ((popped = _velClient_lifoPop(&freeEntries_s)) == nullptr) {
@@ -78,90 +86,36 @@ thread_local constinit bool entryHookSet_s VEL_HOT_TLS = false;
     return popped;
 }
 
-[[gnu::always_inline]] inline void pushEntry(_velClient_lifoEntry *entry)
-{
-    if (__builtin_expect(!entryHookSet_s, 0)) {
-        (void)&entryCacheReturn_s; /* registers the thread-exit hook */
-        entryHookSet_s = true;
-    }
-    if (!myEntries_s.push(entry, kCacheCap))
-        _velClient_lifoPush(&freeEntries_s, entry);
-}
-
-} // namespace
-
 extern "C" void *_velClient_safePtr_alloc(void *object, _velClient_ptrType_t type)
 {
-    _velClient_lifoEntry *popped = myEntries_s.pop();
-    if (__builtin_expect(popped == nullptr, 0) && (popped = popSharedEntry()) == nullptr)
-        return nullptr;
-    auto *entry = reinterpret_cast<_velClient_pointerInfo *>(popped);
-    std::uint64_t old = entry->u.ptrInfo;
-    std::uint64_t gen = ((old & kGenMask) + kGenOne) & kGenMask;
-    if (gen == 0)
-        gen = kGenOne;
-    std::uint64_t handle = gen | (old & kLocationMask);
-    __atomic_store_n(&entry->actualPtr, object, __ATOMIC_RELAXED);
-    __atomic_store_n(&entry->ptrType, type, __ATOMIC_RELAXED);
-    __atomic_store_n(&entry->u.ptrInfo, handle, __ATOMIC_RELEASE);
-    return reinterpret_cast<void *>(handle);
+    return vel::handles::issue(object, type);
 }
-
-namespace {
-
-_velClient_pointerInfo *entryOf(std::uint64_t h)
-{
-    _velClient_pointerInfo *page =
-        _velClient_globalInfo_g.safePtrs[(h & kSafePtrPageMask) >> 12].load(std::memory_order_acquire);
-    return h == 0 || page == nullptr ? nullptr : &page[h & kSafePtrEntryMask];
-}
-
-/* Withdraws the live handle h of entry with plain stores and frees the entry. */
-[[gnu::always_inline]] inline void retire(_velClient_pointerInfo *entry, std::uint64_t h)
-{
-    __atomic_store_n(&entry->u.ptrInfo, h | kFreeBit, __ATOMIC_RELEASE);
-    __atomic_store_n(&entry->ptrType, _UNUSED_PTR_TYPE, __ATOMIC_RELAXED);
-    pushEntry(&entry->entry);
-}
-
-} // namespace
 
 extern "C" void *_velClient_safePtr_take(void *handle, _velClient_ptrType_t type)
 {
-    auto h = reinterpret_cast<std::uint64_t>(handle);
-    _velClient_pointerInfo *entry = entryOf(h);
-    if (entry == nullptr || __atomic_load_n(&entry->u.ptrInfo, __ATOMIC_ACQUIRE) != h ||
-        __atomic_load_n(&entry->ptrType, __ATOMIC_RELAXED) != type)
-        return nullptr;
-    void *object = __atomic_load_n(&entry->actualPtr, __ATOMIC_RELAXED);
-    if (object == nullptr)
-        return nullptr;
-    retire(entry, h);
-    return object;
+    return vel::handles::take(handle, type);
 }
 
 extern "C" void _velClient_safePtr_release(void *handle)
 {
     auto h = reinterpret_cast<std::uint64_t>(handle);
-    _velClient_pointerInfo *entry = entryOf(h);
+    _velClient_pointerInfo *entry = vel::entryOf(h);
     if (entry != nullptr && __atomic_load_n(&entry->u.ptrInfo, __ATOMIC_ACQUIRE) == h)
-        retire(entry, h);
+        vel::handles::retire(entry, h);
 }
 
 extern "C" void _velClient_safePtr_free(void *handle)
 {
     auto h = reinterpret_cast<std::uint64_t>(handle);
-    _velClient_pointerInfo *page =
-        _velClient_globalInfo_g.safePtrs[(h & kSafePtrPageMask) >> 12].load(std::memory_order_acquire);
-    if (h == 0 || page == nullptr)
+    _velClient_pointerInfo *entry = vel::entryOf(h);
+    if (entry == nullptr)
         return;
-    _velClient_pointerInfo &entry = page[h & kSafePtrEntryMask];
     std::uint64_t expected = h;
     /* Only the holder of the live value may free it: a stale or repeated free
      * finds a different value and changes nothing. */
-    if (!__atomic_compare_exchange_n(&entry.u.ptrInfo, &expected, h | kFreeBit, false, __ATOMIC_ACQ_REL,
+    if (!__atomic_compare_exchange_n(&entry->u.ptrInfo, &expected, h | kFreeBit, false, __ATOMIC_ACQ_REL,
                                      __ATOMIC_RELAXED))
         return;
-    __atomic_store_n(&entry.ptrType, _UNUSED_PTR_TYPE, __ATOMIC_RELAXED);
-    pushEntry(&entry.entry);
+    __atomic_store_n(&entry->ptrType, _UNUSED_PTR_TYPE, __ATOMIC_RELAXED);
+    vel::handles::recycle(&entry->entry);
 }

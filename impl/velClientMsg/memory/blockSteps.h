@@ -26,6 +26,13 @@ inline std::uint32_t classFor(std::uint32_t size) noexcept
     return q;
 }
 
+/* The debug trace of a block just allocated for a request of size bytes. */
+[[gnu::cold, gnu::noinline]] void traceAlloc(const _velClient_datab *db, std::uint32_t size) noexcept;
+/* The traces of a drop of references from before (file and line name the
+ * dropping holder): at debug, and at critical when the block was free. */
+[[gnu::cold, gnu::noinline]] void traceDrop(const _velClient_datab *db, std::int32_t before, const char *file_p,
+                                            int line) noexcept;
+
 /* A new block from the system for class q (capacity exactly size when
  * oversize), or nullptr after recording the failure. */
 _velClient_datab *newBlock(std::uint32_t q, std::uint32_t size);
@@ -43,24 +50,20 @@ inline _velClient_datab *allocBlock(ThreadState &me, std::uint32_t size) noexcep
     bump(me.counters.numAllocDataB[q]); /* db->dbQuanta, known without waiting for the block */
     bump(me.counters.allocMemory, static_cast<std::uint64_t>(db->dbSize));
     __atomic_store_n(&db->dbRefCount, 1, __ATOMIC_RELAXED);
-    VEL_LOG(VELCLIENT_LOG_DEBUG, "Allocated dataBlock %x, size %u, for requested size %u", addr32(db), db->dbSize,
-            size);
+    if (vel::logAdmits(VELCLIENT_LOG_DEBUG))
+        traceAlloc(db, size);
     return db;
 }
 
-/* Drops count references held by one holder at once, for the calling
- * thread me: the one sequence every holder uses (traces name file and line).
- * The last holder pools the block, or frees it when oversize. */
-inline void dropBlockRefs(ThreadState &me, _velClient_datab *db, std::int32_t count, const char *file_p,
-                          int line) noexcept
+/* dropBlockRefs once the caller has read the reference count, before (with
+ * acquire: when this is the last reference, what other holders wrote before
+ * dropping theirs is visible before the block is reused). underLimitKnown as
+ * release() takes it. */
+inline void dropBlockRefsFrom(ThreadState &me, _velClient_datab *db, std::int32_t before, std::int32_t count,
+                              const char *file_p, int line, bool underLimitKnown) noexcept
 {
-    /* Acquire: when this is the last reference, what other holders wrote
-     * before dropping theirs is visible before the block is reused. */
-    std::int32_t before = __atomic_load_n(&db->dbRefCount, __ATOMIC_ACQUIRE);
-    VEL_LOG(VELCLIENT_LOG_DEBUG, "datablock_free %x, refcount=%d %s:%d", addr32(db), before, file_p, line);
-    if (before <= 0)
-        VEL_LOG(VELCLIENT_LOG_CRITICAL, "datablock already free %x, refcount=%d %s:%d", addr32(db), before, file_p,
-                line);
+    if (__builtin_expect(vel::logAdmits(VELCLIENT_LOG_DEBUG) || before <= 0, 0))
+        traceDrop(db, before, file_p, line);
     /* The only holder needs no atomic decrement: nobody else can add a reference. */
     if (before != count && __atomic_fetch_sub(&db->dbRefCount, count, __ATOMIC_ACQ_REL) != count)
         return;
@@ -71,9 +74,18 @@ inline void dropBlockRefs(ThreadState &me, _velClient_datab *db, std::int32_t co
     std::size_t bytes = std::size_t{kDatabHeaderSize} + db->dbSize;
     if (__builtin_expect(q < _VELCLIENT_NUM_QUANTA, 1))
         release(me.blocks[q], blockCacheCap[q], _velClient_msgPool_s.freeDbList[q], &db->entry,
-                me.counters.numFreeDataB[q], bytes);
+                me.counters.numFreeDataB[q], bytes, underLimitKnown);
     else
         giveToSystem(db, bytes, true);
+}
+
+/* Drops count references held by one holder at once, for the calling
+ * thread me: the one sequence every holder uses (traces name file and line).
+ * The last holder pools the block, or frees it when oversize. */
+inline void dropBlockRefs(ThreadState &me, _velClient_datab *db, std::int32_t count, const char *file_p,
+                          int line) noexcept
+{
+    dropBlockRefsFrom(me, db, __atomic_load_n(&db->dbRefCount, __ATOMIC_ACQUIRE), count, file_p, line, false);
 }
 
 /* Attaches a new block of size bytes to the empty part index of msg:

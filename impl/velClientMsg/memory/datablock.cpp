@@ -35,6 +35,20 @@ _velClient_datab *vel::pool::newBlock(std::uint32_t q, std::uint32_t size)
     return db;
 }
 
+void vel::pool::traceAlloc(const _velClient_datab *db, std::uint32_t size) noexcept
+{
+    VEL_LOG(VELCLIENT_LOG_DEBUG, "Allocated dataBlock %x, size %u, for requested size %u", addr32(db), db->dbSize,
+            size);
+}
+
+void vel::pool::traceDrop(const _velClient_datab *db, std::int32_t before, const char *file_p, int line) noexcept
+{
+    VEL_LOG(VELCLIENT_LOG_DEBUG, "datablock_free %x, refcount=%d %s:%d", addr32(db), before, file_p, line);
+    if (before <= 0)
+        VEL_LOG(VELCLIENT_LOG_CRITICAL, "datablock already free %x, refcount=%d %s:%d", addr32(db), before, file_p,
+                line);
+}
+
 namespace {
 
 /* A public data-block handle is the record's address; refuse what cannot be one. */

@@ -40,11 +40,13 @@ inline void sub(std::atomic<T> &counter, T amount = 1) noexcept
 
 /* Zeroes N bytes in 32-byte pieces, unrolled. A record is a few hundred
  * bytes: a string instruction's start-up would cost more than the stores, so
- * the pieces are kept apart (the empty asm stops them merging into one memset). */
+ * the pieces are kept apart (the empty asm, a compiler barrier, stops them
+ * merging into one memset; it takes no operand, so that no address is
+ * computed into a register for it). */
 inline void zero32(unsigned char *p) noexcept
 {
     std::memset(p, 0, 32);
-    __asm__ volatile("" : : "r"(p) : "memory");
+    __asm__ volatile("" : : : "memory");
 }
 
 template <std::size_t N>
@@ -146,8 +148,9 @@ inline T *obtain(std::size_t bytes) noexcept
 /* Returns bytes obtained for record to the system, once no pop can still
  * read its list link. A large block released in use (keepLarge) may be kept
  * by the system-memory layer for the thread's next large request; one
- * drained to lower the pool's memory is freed. */
-inline void giveToSystem(void *record, std::size_t bytes, bool keepLarge = false) noexcept
+ * drained to lower the pool's memory is freed. Out of line: it is the rare
+ * end of the release paths that are inline. */
+[[gnu::noinline]] inline void giveToSystem(void *record, std::size_t bytes, bool keepLarge = false) noexcept
 {
     _velClient_lifoQuiesce();
     sub(stats().totMemory, static_cast<std::uint64_t>(bytes));
@@ -157,18 +160,33 @@ inline void giveToSystem(void *record, std::size_t bytes, bool keepLarge = false
         vel::sysFree(record);
 }
 
-/* Pools record (in the thread's cache while it has room, else on the shared
- * list) while under the limit, otherwise gives it back to the system. */
-inline void release(LocalStack &cache, std::uint32_t cap, _velClient_lifoHead &list, _velClient_lifoEntry *record,
-                    std::atomic<std::uint32_t> &myNumFree, std::size_t bytes) noexcept
+/* release() once the thread's cache is full or the limit is reached: pools
+ * record on the shared list, or gives it back to the system. */
+[[gnu::noinline]] inline void releaseShared(_velClient_lifoHead &list, _velClient_lifoEntry *record,
+                                            std::atomic<std::uint32_t> &myNumFree, std::size_t bytes,
+                                            bool pool) noexcept
 {
-    if (underLimit()) {
+    if (pool) {
         bump(myNumFree);
-        if (!cache.push(record, cap))
-            _velClient_lifoPush(&list, record);
+        _velClient_lifoPush(&list, record);
         return;
     }
     giveToSystem(record, bytes);
+}
+
+/* Pools record (in the thread's cache while it has room, else on the shared
+ * list) while under the limit, otherwise gives it back to the system.
+ * underLimitKnown: the caller found the pool under its limit since its last
+ * release to the system (pooling changes no memory count), no test needed. */
+inline void release(LocalStack &cache, std::uint32_t cap, _velClient_lifoHead &list, _velClient_lifoEntry *record,
+                    std::atomic<std::uint32_t> &myNumFree, std::size_t bytes, bool underLimitKnown = false) noexcept
+{
+    const bool pool = underLimitKnown || underLimit();
+    if (__builtin_expect(pool && cache.push(record, cap), 1)) {
+        bump(myNumFree);
+        return;
+    }
+    releaseShared(list, record, myNumFree, bytes, pool);
 }
 
 } // namespace vel::pool

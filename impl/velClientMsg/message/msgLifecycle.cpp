@@ -5,6 +5,7 @@
  */
 #include <cassert>
 #include <cstring>
+#include <utility>
 
 #include "velClientMsg/memory/blockSteps.h"
 #include "velClientMsg/message/recordApi.h"
@@ -25,42 +26,63 @@ constexpr std::uint32_t readOnlyFlagOf(int part) noexcept
     }
 }
 
+/* dropPartBlock for a block with more than one holder: the later slots
+ * that hold the same block are emptied and their references dropped with
+ * this one, in one step. */
+[[gnu::noinline]] void dropSharedPartBlock(ThreadState &me, _velClient_datab **slots, int part, _velClient_datab *db,
+                                           bool underLimitKnown)
+{
+    std::int32_t refs = 1;
+    for (int later = part + 1; later < _VELCLIENT_BUFINFO_NUM_PARTS; ++later) {
+        if (slots[later] == db) {
+            ++refs;
+            slots[later] = nullptr;
+        }
+    }
+    dropBlockRefsFrom(me, db, __atomic_load_n(&db->dbRefCount, __ATOMIC_ACQUIRE), refs, __FILE__, __LINE__,
+                      underLimitKnown);
+}
+
 /* Drops the references of the block in slot part and of every later slot
- * that holds the same block, in one step, and empties those slots. A block
- * holding one reference is in no other slot. */
-[[gnu::always_inline]] inline void dropPartBlock(ThreadState &me, _velClient_datab **slots, int part)
+ * that holds the same block, and empties those slots. A block holding one
+ * reference is in no other slot: the usual case, inline. */
+[[gnu::always_inline]] inline void dropPartBlock(ThreadState &me, _velClient_datab **slots, int part,
+                                                 bool underLimitKnown)
 {
     _velClient_datab *db = slots[part];
     slots[part] = nullptr;
-    std::int32_t refs = 1;
-    if (__atomic_load_n(&db->dbRefCount, __ATOMIC_RELAXED) != 1) {
-        for (int later = part + 1; later < _VELCLIENT_BUFINFO_NUM_PARTS; ++later) {
-            if (slots[later] == db) {
-                ++refs;
-                slots[later] = nullptr;
-            }
-        }
-    }
-    dropBlockRefs(me, db, refs, __FILE__, __LINE__);
+    const std::int32_t before = __atomic_load_n(&db->dbRefCount, __ATOMIC_ACQUIRE);
+    if (before == 1)
+        dropBlockRefsFrom(me, db, before, 1, __FILE__, __LINE__, underLimitKnown);
+    else
+        dropSharedPartBlock(me, slots, part, db, underLimitKnown);
 }
 
-/* Drops every part's block reference and empties the slots. Most slots are
- * empty: they are tested four at a time. */
-[[gnu::always_inline]] inline void dropAllBlocks(ThreadState &me, _velClient_msg *msg)
+/* Drops the block references of slots pair and pair + 1 and empties them;
+ * most pairs are empty and cost one test. */
+[[gnu::always_inline]] inline void dropPair(ThreadState &me, _velClient_datab **slots, int pair, bool underLimitKnown)
 {
-    static_assert(_VELCLIENT_BUFINFO_NUM_PARTS % 4 == 0, "slots are tested four at a time");
-    _velClient_datab **slots = msg->bufDatab_p;
-    for (int group = 0; group < _VELCLIENT_BUFINFO_NUM_PARTS; group += 4) {
-        const auto any = reinterpret_cast<std::uintptr_t>(slots[group]) |
-                         reinterpret_cast<std::uintptr_t>(slots[group + 1]) |
-                         reinterpret_cast<std::uintptr_t>(slots[group + 2]) |
-                         reinterpret_cast<std::uintptr_t>(slots[group + 3]);
-        if (any == 0)
-            continue;
-        for (int part = group; part < group + 4; ++part)
-            if (slots[part] != nullptr)
-                dropPartBlock(me, slots, part);
-    }
+    if ((reinterpret_cast<std::uintptr_t>(slots[pair]) | reinterpret_cast<std::uintptr_t>(slots[pair + 1])) == 0)
+        return;
+    if (slots[pair] != nullptr)
+        dropPartBlock(me, slots, pair, underLimitKnown);
+    if (slots[pair + 1] != nullptr)
+        dropPartBlock(me, slots, pair + 1, underLimitKnown);
+}
+
+/* Drops every part's block reference and empties the slots: the pairs in a
+ * row without a loop, for the free of every message. */
+template <std::size_t... Pair>
+[[gnu::always_inline]] inline void dropAllBlocks(ThreadState &me, _velClient_msg *msg, bool underLimitKnown,
+                                                 std::index_sequence<Pair...>)
+{
+    (dropPair(me, msg->bufDatab_p, static_cast<int>(2 * Pair), underLimitKnown), ...);
+}
+
+[[gnu::always_inline]] inline void dropAllBlocks(ThreadState &me, _velClient_msg *msg, bool underLimitKnown)
+{
+    static_assert(_VELCLIENT_BUFINFO_NUM_PARTS % 2 == 0, "slots are tested two at a time");
+    dropAllBlocks(me, msg, underLimitKnown, std::make_index_sequence<_VELCLIENT_BUFINFO_NUM_PARTS / 2>{});
 }
 
 /* Copies msg over copy, without list link or open containers. */
@@ -75,7 +97,7 @@ void cloneInto(const _velClient_msg *msg, _velClient_msg *copy)
 /* A handle for a new record, or the out-of-memory failure of msg_alloc. */
 velClient_opaqueMsg_pt issueHandle(_velClient_msg *msg)
 {
-    void *handle = _velClient_safePtr_alloc(msg, _MSG_PTR_TYPE);
+    void *handle = vel::handles::issue(msg, _MSG_PTR_TYPE);
     if (handle == nullptr)
         VEL_STORE(VELCLIENT_SUBCODE_OUT_OF_MEMORY, VELCLIENT_LOG_CRITICAL,
                   "Could not allocate pointer for new velClient_msg in velClient_msg_alloc");
@@ -124,9 +146,12 @@ inline void clearPooled(_velClient_msg *msg) noexcept
 {
     vel::msg::closeContainers(msg, true);
     ThreadState &me = local();
-    dropAllBlocks(me, msg);
+    /* Pooling changes no memory count: a pool under its limit now stays under
+     * it for every block and the record (else each is tested on its own). */
+    const bool pooling = underLimit();
+    dropAllBlocks(me, msg, pooling);
     release(me.msgs, kRecordCacheCap, _velClient_msgPool_s.freeMsgList, &msg->entry, me.counters.numFreeMsg,
-            sizeof(_velClient_msg));
+            sizeof(_velClient_msg), pooling);
     bump(me.counters.msgFrees);
     drop(me.counters.numAllocMsg);
     return VELCLIENT_OK;
@@ -242,7 +267,8 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_reset(velClient_op
     if (msg == nullptr)
         return VELCLIENT_FAIL;
     vel::msg::closeContainers(msg, true);
-    dropAllBlocks(local(), msg);
+    for (int pair = 0; pair < _VELCLIENT_BUFINFO_NUM_PARTS; pair += 2)
+        dropPair(local(), msg->bufDatab_p, pair, false);
     for (velClient_bufInfo_t &info : msg->bufInfo_a)
         info = velClient_bufInfo_t{nullptr, 0};
     msg->binAttachmentType = 0;

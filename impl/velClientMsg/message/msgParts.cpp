@@ -10,6 +10,7 @@
 
 #include "velClientMsg/memory/blockSteps.h"
 #include "velClientMsg/message/destinationText.h"
+#include "velClientMsg/message/partCopy.h"
 #include "velClientMsg/message/recordApi.h"
 #include "velClientMsg/container/tlvCodec.h"
 
@@ -62,43 +63,6 @@ private:
     _velClient_datab *db_;
 };
 
-/* Copies n bytes; a destination's name or another short text in two
- * overlapping fixed-size moves instead of a call to memcpy. */
-inline void copyBytes(std::uint8_t *to, const void *from, std::size_t n)
-{
-    const auto *src = static_cast<const std::uint8_t *>(from);
-    if (n > 32 || n < 8) {
-        std::memcpy(to, src, n);
-    } else if (n >= 16) {
-        std::memcpy(to, src, 16);
-        std::memcpy(to + n - 16, src + n - 16, 16);
-    } else {
-        std::memcpy(to, src, 8);
-        std::memcpy(to + n - 8, src + n - 8, 8);
-    }
-}
-
-/* The copy of setBufinfo once the part holds no block: a new block from the
- * calling thread's pool, unless size is 0. */
-[[gnu::always_inline]] inline velClient_returnCode_t copyIntoEmptyPart(_velClient_msg *msg, int index,
-                                                                       const void *buf_p, std::uint32_t size,
-                                                                       std::uint64_t start)
-{
-    msg->bufInfo_a[index] = velClient_bufInfo_t{nullptr, 0};
-    msg->internalFlags |= _VELCLIENT_MSG_FLAG_MODIFIED;
-    if (size == 0)
-        return VELCLIENT_OK;
-    const std::uint64_t total = start + size;
-    if (total > UINT32_MAX)
-        return VEL_FAIL_RANGE("Bad msg_p pointer in velClient_msg_setBufinfo");
-    if (vel::pool::attachNewBlock(vel::pool::local(), msg, index, static_cast<std::uint32_t>(total)) != VELCLIENT_OK)
-        return VELCLIENT_FAIL;
-    velClient_bufInfo_t &part = msg->bufInfo_a[index];
-    copyBytes(static_cast<std::uint8_t *>(part.buf_p) + start, buf_p, size);
-    part.bufSize = static_cast<std::uint32_t>(total);
-    return VELCLIENT_OK;
-}
-
 void closeAttachmentContainer(_velClient_msg *msg)
 {
     if (msg->binaryAttachContainer_p != nullptr)
@@ -139,28 +103,10 @@ velClient_returnCode_t _velClient_msg_setBufinfo(_velClient_msg *msg, int bufInf
         return VELCLIENT_OK;
     }
     if (db == nullptr)
-        return copyIntoEmptyPart(msg, bufInfoIndex, buf_p, size, start);
+        return vel::msg::copyIntoEmptyPart(msg, bufInfoIndex, buf_p, size, start);
     HoldBlock source(inOwnBlock(msg, bufInfoIndex, buf_p, size) ? db : nullptr);
     dropBlock(msg, bufInfoIndex);
-    return copyIntoEmptyPart(msg, bufInfoIndex, buf_p, size, start);
-}
-
-velClient_returnCode_t vel::msg::copyIntoBlocklessPart(_velClient_msg *msg, int part, const void *buf_p,
-                                                       std::uint32_t size)
-{
-    if (buf_p != nullptr || size == 0)
-        return copyIntoEmptyPart(msg, part, buf_p, size, 0);
-    return _velClient_msg_setBufinfo(msg, part, buf_p, size, 0);
-}
-
-velClient_returnCode_t vel::msg::copyIntoPart(_velClient_msg *msg, int part, const void *buf_p, std::uint32_t size)
-{
-    _velClient_datab *db = msg->bufDatab_p[part];
-    if (db == nullptr && (buf_p != nullptr || size == 0))
-        return copyIntoEmptyPart(msg, part, buf_p, size, 0);
-    if (db != nullptr && vel::msg::copyInPlace(msg, db, part, buf_p, size))
-        return VELCLIENT_OK; /* _velClient_msg_setBufinfo's step in place, without its frame */
-    return _velClient_msg_setBufinfo(msg, part, buf_p, size, 0);
+    return vel::msg::copyIntoEmptyPart(msg, bufInfoIndex, buf_p, size, start);
 }
 
 velClient_returnCode_t _velClient_msg_getBufinfoPtr(_velClient_msg *msg, int bufInfoIndex, void **bufPtr_p,
@@ -211,7 +157,7 @@ velClient_returnCode_t setPartCopy(const PartAccess &a, velClient_opaqueMsg_pt m
         return VELCLIENT_FAIL;
     if (a.closesAttachment)
         closeAttachmentContainer(msg);
-    const velClient_returnCode_t rc = vel::msg::copyIntoPart(msg, a.part, buf_p, size);
+    const velClient_returnCode_t rc = vel::msg::copyIntoOwnPart(msg, a.part, buf_p, size);
     assert(vel::msg::isSound(msg));
     return rc;
 }

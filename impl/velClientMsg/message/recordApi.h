@@ -8,6 +8,7 @@
  */
 #pragma once
 
+#include "velClientMsg/message/partCopy.h" /* copying into a part, inline */
 #include "velClientMsg/velClientMsgPrivate.h"
 
 namespace vel::msg {
@@ -15,39 +16,6 @@ namespace vel::msg {
 /* Gives a message built from received bytes its handle; the out-of-memory
  * failure's text names caller. */
 velClient_returnCode_t issueHandle(_velClient_msg *msg, const char *caller);
-
-/* part (a valid one) := a copy of size bytes, as _velClient_msg_setBufinfo
- * at offset 0 makes it; the usual part holds no block and goes straight to a
- * new one. */
-velClient_returnCode_t copyIntoPart(_velClient_msg *msg, int part, const void *buf_p, std::uint32_t size);
-/* copyIntoPart for a part that holds no block. */
-velClient_returnCode_t copyIntoBlocklessPart(_velClient_msg *msg, int part, const void *buf_p, std::uint32_t size);
-
-/* copyIntoPart's step in place, taken when the part's block (db, not null)
- * is the message's alone and larger than size; false, with nothing done,
- * otherwise. */
-inline bool copyInPlace(_velClient_msg *msg, _velClient_datab *db, int part, const void *buf_p, std::uint32_t size)
-{
-    if (buf_p == nullptr || size == 0 || __atomic_load_n(&db->dbRefCount, __ATOMIC_ACQUIRE) != 1 ||
-        db->dbSize <= size)
-        return false;
-    std::memmove(db->dbData_p, buf_p, size);
-    msg->bufInfo_a[part] = velClient_bufInfo_t{db->dbData_p, size};
-    return true;
-}
-
-/* copyIntoPart for a part that is usually written again in place (a
- * destination set again, the metadata header rebuilt): that step is taken
- * here, inline in the caller, without the frame of the general path. */
-inline velClient_returnCode_t copyIntoOwnPart(_velClient_msg *msg, int part, const void *buf_p, std::uint32_t size)
-{
-    _velClient_datab *db = msg->bufDatab_p[part];
-    if (db == nullptr)
-        return copyIntoBlocklessPart(msg, part, buf_p, size);
-    if (copyInPlace(msg, db, part, buf_p, size))
-        return VELCLIENT_OK;
-    return copyIntoPart(msg, part, buf_p, size);
-}
 
 /* Closes the message's container in *slot for good, or only finalises it
  * (its handle then stays valid). */
