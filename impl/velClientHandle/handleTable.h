@@ -38,7 +38,7 @@ union _velClient_ptrInfo {
 
 struct alignas(64) _velClient_pointerInfo { /* a line each: threads reuse their own entries */
     _velClient_lifoEntry entry; /* the table's own free list of entries */
-    _velClient_ptrInfo u;       /* handle value currently issued, 0 when free */
+    _velClient_ptrInfo u;       /* the handle issued; with kSafePtrFreeBit when free */
     _velClient_ptrType_t ptrType;
     void *actualPtr;
 };
