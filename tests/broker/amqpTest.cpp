@@ -83,9 +83,8 @@ TEST(AmqpQueues, ClientAcknowledgementKeepsWhatWasNotAcknowledged)
     for (velClient_msgId_t id : {ids[1], ids[2] + 100}) {
         velClient_resetLastErrorInfo();
         EXPECT_EQ(VELCLIENT_FAIL, velClient_session_ack(first.session(), id));
-        EXPECT_EQ(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, veltest::lastSubCode());
-        EXPECT_EQ("No message with id " + std::to_string(id) + " awaits acknowledgement in velClient_session_ack",
-                  veltest::lastErrorText());
+        EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, "No message with id " + std::to_string(id) +
+                                                                    " awaits acknowledgement in velClient_session_ack");
     }
     ASSERT_EQ(VELCLIENT_OK, velClient_session_disconnect(first.session()));
     /* The messages not acknowledged come back, marked redelivered; the acknowledged one does not. */

@@ -97,12 +97,13 @@ inline void freeAll(const std::vector<velClient_opaqueMsg_pt> &messages)
         velClient_msg_free(&m);
 }
 
-/* A message to topic or queue with an attachment, sent in delivery mode. */
+/* A message (m, or a new one) to topic or queue with an attachment, sent in delivery mode. */
 inline velClient_opaqueMsg_pt makeMessage(const std::string &destination, bool queue, velClient_uint32_t mode,
-                                   const std::string &attachment = "payload")
+                                          const std::string &attachment = "payload", velClient_opaqueMsg_pt m = nullptr)
 {
-    velClient_opaqueMsg_pt m = nullptr;
-    EXPECT_EQ(VELCLIENT_OK, velClient_msg_alloc(&m));
+    if (m == nullptr) {
+        EXPECT_EQ(VELCLIENT_OK, velClient_msg_alloc(&m));
+    }
     const velClient_destination_t to{queue ? VELCLIENT_QUEUE_DESTINATION : VELCLIENT_TOPIC_DESTINATION,
                                      destination.c_str()};
     const auto size = static_cast<velClient_uint32_t>(attachment.size());
@@ -290,13 +291,9 @@ inline velClient_opaqueMsg_pt richMessage(const std::string &destination, bool q
     velClient_bufInfo_t wire{seed.data(), static_cast<velClient_uint32_t>(seed.size())};
     velClient_opaqueMsg_pt m = nullptr;
     EXPECT_EQ(VELCLIENT_OK, velClient_msg_decodeFromVwf(&wire, &m));
-    const velClient_destination_t to{queue ? VELCLIENT_QUEUE_DESTINATION : VELCLIENT_TOPIC_DESTINATION,
-                                     destination.c_str()};
-    EXPECT_EQ(VELCLIENT_OK, velClient_msg_setDestination(m, &to, sizeof to));
-    EXPECT_EQ(VELCLIENT_OK, velClient_msg_setDeliveryMode(m, mode));
+    makeMessage(destination, queue, mode, "payload", m); /* the attachment a short part of its own, first */
     EXPECT_EQ(VELCLIENT_OK, velClient_msg_setCorrelationTagPtr(m, nullptr, 0));
     velClient_opaqueContainer_pt map = nullptr;
-    EXPECT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachment(m, "payload", 7)); /* a short part of its own first */
     EXPECT_EQ(VELCLIENT_OK, velClient_msg_createBinaryAttachmentMap(m, &map, 512));
     velClient_container_addString(map, "outer", "level");
     EXPECT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&map));
