@@ -29,20 +29,15 @@ TEST(BrokerExample, PublishSubscribeAndRequestReplyRun)
 #endif
 #ifdef VELCLIENT_TOOL
 
-/* "velclient <command> --transport <the run's> --host <broker> <args>". */
-std::string line(const std::string &command, const std::string &args)
-{
-    return command + " --transport " + broker().transport() + " --host " + broker().host() + " " + args;
-}
-
-ToolResult tool(const std::string &command, const std::string &args)
-{
-    return runTool(VELCLIENT_TOOL, line(command, args));
-}
-
-
 TEST(AmqpTool, ClientAcknowledgementLeavesUnprintedMessagesOnTheQueueAndSigtermEndsReceiveCleanly)
 {
+    /* "velclient <command> --transport <the run's> --host <broker> <args>". */
+    auto line = [](const std::string &command, const std::string &args) {
+        return command + " --transport " + broker().transport() + " --host " + broker().host() + " " + args;
+    };
+    auto tool = [&](const std::string &command, const std::string &args) {
+        return runTool(VELCLIENT_TOOL, line(command, args));
+    };
     const std::string queue = unique("toolack"), pidFile = "/tmp/" + unique("velclient-tool-pid");
     ASSERT_EQ(0, tool("send", "--queue " + queue + " --count 3 --mode persistent --text m").status);
     const ToolResult two = tool("receive", "--queue " + queue + " --ack client --count 2 --sizes");
