@@ -42,7 +42,8 @@ TEST(AmqpTool, ClientAcknowledgementLeavesUnprintedMessagesOnTheQueueAndSigtermE
     ASSERT_EQ(0, tool("send", "--queue " + queue + " --count 3 --mode persistent --text m").status);
     const ToolResult two = tool("receive", "--queue " + queue + " --ack client --count 2 --sizes");
     EXPECT_EQ(0, two.status) << two.err;
-    EXPECT_EQ(2u, receivedCount(two.out)) << two.out;
+    EXPECT_TRUE(two.out.find("--- message 2") != std::string::npos && two.out.find("--- message 3") == two.out.npos)
+        << two.out;
     /* The third is left: a receive without a count prints it and ends on SIGTERM; an empty queue gives status 1. */
     ToolProcess rest(VELCLIENT_TOOL, line("receive", "--queue " + queue), pidFile);
     std::string first;
@@ -56,7 +57,7 @@ TEST(AmqpTool, ClientAcknowledgementLeavesUnprintedMessagesOnTheQueueAndSigtermE
     const ToolResult r = rest.finish();
     EXPECT_EQ(0, r.status) << r.err;
     EXPECT_EQ("", r.err);
-    EXPECT_EQ(1u, receivedCount(r.out)) << r.out;
+    EXPECT_EQ(std::string::npos, r.out.find("--- message 2")) << r.out;
     EXPECT_NE(std::string::npos, r.out.find("Destination:                            Queue '" + queue + "'\n"));
     const ToolResult none = tool("receive", "--queue " + unique("toolempty") + " --count 1 --timeout 1000");
     EXPECT_EQ(1, none.status);

@@ -1,7 +1,6 @@
 /* The velclient command run in a child process by the tests: its standard
  * output read as it comes, its standard error kept in a temporary file, its
- * exit status. The command's path comes from the build (VELCLIENT_TOOL),
- * and the count of messages receive printed. */
+ * exit status. The command's path comes from the build (VELCLIENT_TOOL). */
 #pragma once
 
 #include <sys/wait.h>
@@ -87,15 +86,6 @@ private:
 inline ToolResult runTool(const std::string &tool, const std::string &args)
 {
     return ToolProcess(tool, args).finish();
-}
-
-/* The messages in receive's output: its "--- message N" headings. */
-inline std::size_t receivedCount(const std::string &out)
-{
-    std::size_t count = 0;
-    for (std::size_t at = out.find("--- message "); at != std::string::npos; at = out.find("--- message ", at + 1))
-        ++count;
-    return count;
 }
 
 } // namespace veltest
