@@ -14,7 +14,7 @@ namespace {
 
 using namespace veltest::broker;
 
-TEST(BrokerConnect, FailuresNameTheHostAndTheReasonPlainLoginAndFailoverComeUp)
+TEST(BrokerConnect, FailuresNameTheHostAndTheReasonPlainLoginTlsAndFailoverComeUp)
 {
     const std::string closed = "127.0.0.1:1", self = broker().host(); /* nothing listens on port 1 */
     const std::string refused = closed + (broker().amqp ? " (proton:io: Connection refused" : " (Connection refused)");
@@ -41,6 +41,22 @@ TEST(BrokerConnect, FailuresNameTheHostAndTheReasonPlainLoginAndFailoverComeUp)
         /* No user at all: RabbitMQ's default user, while the mosquitto listener wants one. */
         {{"SESSION_HOST", login}, broker().amqp ? VELCLIENT_SUBCODE_OK : VELCLIENT_SUBCODE_LOGIN_FAILURE, {}},
     });
+    /* TLS, where the trust store decides: the run's CA signed the listener's certificate, which names 127.0.0.1
+     * and localhost; another CA, a missing file or the system's CAs ("") did not. */
+    const std::string tlsHost = "127.0.0.1:" + std::to_string(broker().tlsPort);
+    auto tls = [&](const std::string &host, const char *trustStore, const char *validate) {
+        return std::vector<std::string>{"SESSION_HOST", host, "SESSION_SSL", "1",
+                                        "SESSION_SSL_VALIDATE_CERTIFICATE", validate, "SESSION_SSL_TRUST_STORE",
+                                        *trustStore ? broker().tlsFile(trustStore) : ""};
+    };
+    rows.insert(rows.end(), {
+        {tls(tlsHost, "ca.pem", "1"), VELCLIENT_SUBCODE_OK, {}},
+        {tls("localhost:" + std::to_string(broker().tlsPort), "ca.pem", "1"), VELCLIENT_SUBCODE_OK, {}},
+        {tls(tlsHost, "other-ca.pem", "0"), VELCLIENT_SUBCODE_OK, {}},
+        {tls(tlsHost, "other-ca.pem", "1"), VELCLIENT_SUBCODE_COMMUNICATION_ERROR, {tlsHost}},
+        {tls(tlsHost, "missing.pem", "1"), VELCLIENT_SUBCODE_COMMUNICATION_ERROR, {tlsHost}},
+        {tls(tlsHost, "", "1"), VELCLIENT_SUBCODE_COMMUNICATION_ERROR, {tlsHost}},
+    });
     for (const Row &row : rows) {
         SCOPED_TRACE(testing::PrintToString(row.props));
         Client c(row.props);
@@ -64,74 +80,36 @@ TEST(BrokerConnect, FailuresNameTheHostAndTheReasonPlainLoginAndFailoverComeUp)
     }
 }
 
-TEST(BrokerTls, TheTrustStoreDecides)
-{
-    const std::string tlsHost = "127.0.0.1:" + std::to_string(broker().tlsPort);
-    const std::string localhost = "localhost:" + std::to_string(broker().tlsPort);
-    struct Row {
-        std::string host;
-        const char *trustStore;
-        const char *validate;
-        velClient_returnCode_t rc;
-    };
-    for (const Row &row : {Row{tlsHost, "ca.pem", "1", VELCLIENT_OK}, Row{localhost, "ca.pem", "1", VELCLIENT_OK},
-                           Row{tlsHost, "other-ca.pem", "1", VELCLIENT_FAIL},
-                           Row{tlsHost, "missing.pem", "1", VELCLIENT_FAIL},
-                           Row{tlsHost, "", "1", VELCLIENT_FAIL}, /* the system's CAs, which did not sign it */
-                           Row{tlsHost, "other-ca.pem", "0", VELCLIENT_OK}}) {
-        SCOPED_TRACE(row.host + " " + row.trustStore + " validate " + row.validate);
-        const std::string trustStore = *row.trustStore ? broker().tlsFile(row.trustStore) : "";
-        Client c({"SESSION_HOST", row.host, "SESSION_SSL_TRUST_STORE", trustStore, "SESSION_SSL_VALIDATE_CERTIFICATE",
-                  row.validate, "SESSION_SSL", "1", "SESSION_CONNECT_TIMEOUT_MS", "5000"});
-        velClient_resetLastErrorInfo();
-        const velClient_returnCode_t rc = velClient_session_connect(c.session());
-        EXPECT_EQ(row.rc, rc) << veltest::lastErrorText();
-        if (rc == VELCLIENT_FAIL) {
-            EXPECT_EQ(VELCLIENT_SUBCODE_COMMUNICATION_ERROR, veltest::lastSubCode());
-            EXPECT_NE(std::string::npos, veltest::lastErrorText().find(row.host)) << veltest::lastErrorText();
-            continue;
-        }
-        /* Messages go round over TLS. */
-        const std::string topic = unique("tls/t");
-        c.subscribe(topic);
-        EXPECT_EQ(VELCLIENT_OK, send(c, topic, false, VELCLIENT_DELIVERY_MODE_PERSISTENT, "secret"));
-        EXPECT_EQ(std::multiset<std::string>{"secret"}, c.bodies(1));
-    }
-}
-
-void sendAndReadBackInEveryDeliveryMode()
-{
-    Client receiver, sender;
-    ASSERT_TRUE(connectAll(receiver, sender));
-    const std::string topic = unique("fidelity/t"), queue = unique("fidelity-q");
-    receiver.subscribe(topic);
-    if (broker().amqp)
-        receiver.subscribe(queue, true);
-    for (int n = 0; n < (broker().amqp ? 2 : 1); ++n) {
-        const bool toQueue = n == 1;
-        for (velClient_uint32_t mode : kModes) {
-            SCOPED_TRACE(std::string(toQueue ? "queue" : "topic") + " mode " + std::to_string(mode));
-            velClient_opaqueMsg_pt m = richMessage(toQueue ? queue : topic, toQueue, mode);
-            const std::string expected = dumpWithoutReceiveLines(m);
-            ASSERT_EQ(VELCLIENT_OK, velClient_session_sendMsg(sender.session(), m)) << veltest::lastErrorText();
-            velClient_msg_free(&m);
-            ASSERT_TRUE(receiver.waitMessages(1));
-            std::vector<velClient_opaqueMsg_pt> got = receiver.messages();
-            ASSERT_EQ(1u, got.size());
-            EXPECT_EQ(expected, dumpWithoutReceiveLines(got[0]));
-            velClient_int64_t received = 0;
-            EXPECT_EQ(VELCLIENT_OK, velClient_msg_getRcvTimestamp(got[0], &received));
-            EXPECT_GT(received, 0);
-            EXPECT_FALSE(velClient_msg_isRedelivered(got[0]));
-            freeAll(got);
-        }
-    }
-}
-
 TEST(BrokerMessages, ReadBackAsSentInEveryDeliveryModeAndLeaveNoRecord)
 {
     const veltest::LiveCounts before;
-    sendAndReadBackInEveryDeliveryMode();
+    {
+        Client receiver, sender;
+        ASSERT_TRUE(connectAll(receiver, sender));
+        const std::string topic = unique("fidelity/t"), queue = unique("fidelity-q");
+        receiver.subscribe(topic);
+        if (broker().amqp)
+            receiver.subscribe(queue, true);
+        for (int n = 0; n < (broker().amqp ? 2 : 1); ++n) {
+            const bool toQueue = n == 1;
+            for (velClient_uint32_t mode : kModes) {
+                SCOPED_TRACE(std::string(toQueue ? "queue" : "topic") + " mode " + std::to_string(mode));
+                velClient_opaqueMsg_pt m = richMessage(toQueue ? queue : topic, toQueue, mode);
+                const std::string expected = dumpWithoutReceiveLines(m);
+                ASSERT_EQ(VELCLIENT_OK, velClient_session_sendMsg(sender.session(), m)) << veltest::lastErrorText();
+                velClient_msg_free(&m);
+                ASSERT_TRUE(receiver.waitMessages(1));
+                std::vector<velClient_opaqueMsg_pt> got = receiver.messages();
+                ASSERT_EQ(1u, got.size());
+                EXPECT_EQ(expected, dumpWithoutReceiveLines(got[0]));
+                velClient_int64_t received = 0;
+                EXPECT_EQ(VELCLIENT_OK, velClient_msg_getRcvTimestamp(got[0], &received));
+                EXPECT_GT(received, 0);
+                EXPECT_FALSE(velClient_msg_isRedelivered(got[0]));
+                freeAll(got);
+            }
+        }
+    }
     before.expectBalanced();
 }
 
@@ -151,12 +129,11 @@ TEST(BrokerCallbacks, SendsFromThreadsAndCallsFromInsideBothCallbacksAreEachAckn
         if (std::stoi(body) % 2 == 1) {
             EXPECT_EQ(VELCLIENT_OK, velClient_session_topicUnsubscribe(s, own.c_str()));
         }
-        velClient_opaqueMsg_pt answer = makeMessage(root + "/answers", false, VELCLIENT_DELIVERY_MODE_PERSISTENT, body);
-        EXPECT_EQ(VELCLIENT_OK, velClient_session_sendMsg(s, answer));
-        velClient_msg_free(&answer);
+        EXPECT_EQ(VELCLIENT_OK, send(worker, root + "/answers", false, VELCLIENT_DELIVERY_MODE_PERSISTENT, body));
         velClient_opaqueSession_pt self = s;
         EXPECT_EQ(VELCLIENT_FAIL, velClient_session_destroy(&self));
-        EXPECT_EQ(VELCLIENT_SUBCODE_PARAM_CONFLICT, veltest::lastSubCode());
+        EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_CONFLICT,
+                          "Session destroyed from inside its own callback in velClient_session_destroy");
     };
     /* Each acknowledgement of an answer: a notice sent, and the same topic subscribed and dropped again, before
      * the broker has seen the last drop. */
@@ -166,9 +143,7 @@ TEST(BrokerCallbacks, SendsFromThreadsAndCallsFromInsideBothCallbacksAreEachAckn
         const std::string scratch = root + "/scratch";
         EXPECT_EQ(VELCLIENT_OK, velClient_session_topicSubscribe(s, scratch.c_str()));
         EXPECT_EQ(VELCLIENT_OK, velClient_session_topicUnsubscribe(s, scratch.c_str()));
-        velClient_opaqueMsg_pt notice = makeMessage(root + "/notices", false, VELCLIENT_DELIVERY_MODE_DIRECT, "acked");
-        EXPECT_EQ(VELCLIENT_OK, velClient_session_sendMsg(s, notice));
-        velClient_msg_free(&notice);
+        EXPECT_EQ(VELCLIENT_OK, send(worker, root + "/notices", false, VELCLIENT_DELIVERY_MODE_DIRECT, "acked"));
     };
     worker.subscribe(root + "/requests");
     peer.subscribe(root + "/answers");
@@ -178,10 +153,8 @@ TEST(BrokerCallbacks, SendsFromThreadsAndCallsFromInsideBothCallbacksAreEachAckn
     for (int t = 0; t < kThreads; ++t)
         threads.emplace_back([&, t] {
             for (int i = t * kEach; i < (t + 1) * kEach; ++i) {
-                velClient_opaqueMsg_pt m = makeMessage(root + "/requests", false, kModes[i % 3], std::to_string(i));
-                EXPECT_EQ(VELCLIENT_OK, velClient_msg_setCorrelationTagPtr(m, &tags[i], 0));
-                EXPECT_EQ(VELCLIENT_OK, velClient_session_sendMsg(peer.session(), m));
-                velClient_msg_free(&m);
+                const std::string body = std::to_string(i);
+                EXPECT_EQ(VELCLIENT_OK, send(peer, root + "/requests", false, kModes[i % 3], body, &tags[i]));
             }
         });
     for (std::thread &t : threads)
@@ -191,9 +164,8 @@ TEST(BrokerCallbacks, SendsFromThreadsAndCallsFromInsideBothCallbacksAreEachAckn
     EXPECT_TRUE(peer.waitEvents(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, guaranteed));
     std::multiset<std::string> bodies = peer.bodies(2 * kCount, 60s);
     std::multiset<void *> acknowledged;
-    for (const Event &e : peer.events())
-        if (e.event == VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT)
-            acknowledged.insert(e.correlation_p);
+    for (const Event &e : peer.events(VELCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT))
+        acknowledged.insert(e.correlation_p);
     EXPECT_EQ(guaranteed, acknowledged.size());
     for (int i = 0; i < kCount; ++i)
         EXPECT_EQ(kModes[i % 3] == VELCLIENT_DELIVERY_MODE_DIRECT ? 0u : 1u, acknowledged.count(&tags[i])) << i;
@@ -209,8 +181,7 @@ TEST(BrokerCallbacks, SendsFromThreadsAndCallsFromInsideBothCallbacksAreEachAckn
     std::multiset<std::string> own = worker.bodies(kCount + 1);
     EXPECT_EQ(static_cast<std::size_t>(kCount + 1), own.size());
     EXPECT_EQ(1u, own.count("own" + std::to_string(kCount - 2)));
-    for (const Event &e : worker.events())
-        EXPECT_NE(VELCLIENT_SESSION_EVENT_RECONNECTING_NOTICE, e.event) << e.info;
+    EXPECT_EQ(0u, worker.countEvents(VELCLIENT_SESSION_EVENT_RECONNECTING_NOTICE));
 }
 
 TEST(BrokerTopics, WildcardsAndReservedCharactersArriveUnchanged)

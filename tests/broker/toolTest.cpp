@@ -29,25 +29,21 @@ TEST(BrokerExample, PublishSubscribeAndRequestReplyRun)
 #endif
 #ifdef VELCLIENT_TOOL
 
-/* "velclient <command> --transport <the run's> --host <broker> <args>". */
-std::string line(const std::string &command, const std::string &args)
-{
-    return command + " --transport " + broker().transport() + " --host " + broker().host() + " " + args;
-}
-
-ToolResult tool(const std::string &command, const std::string &args)
-{
-    return runTool(VELCLIENT_TOOL, line(command, args));
-}
-
-
 TEST(AmqpTool, ClientAcknowledgementLeavesUnprintedMessagesOnTheQueueAndSigtermEndsReceiveCleanly)
 {
+    /* "velclient <command> --transport <the run's> --host <broker> <args>". */
+    auto line = [](const std::string &command, const std::string &args) {
+        return command + " --transport " + broker().transport() + " --host " + broker().host() + " " + args;
+    };
+    auto tool = [&](const std::string &command, const std::string &args) {
+        return runTool(VELCLIENT_TOOL, line(command, args));
+    };
     const std::string queue = unique("toolack"), pidFile = "/tmp/" + unique("velclient-tool-pid");
     ASSERT_EQ(0, tool("send", "--queue " + queue + " --count 3 --mode persistent --text m").status);
     const ToolResult two = tool("receive", "--queue " + queue + " --ack client --count 2 --sizes");
     EXPECT_EQ(0, two.status) << two.err;
-    EXPECT_EQ(2u, receivedDumps(two.out).size()) << two.out;
+    EXPECT_TRUE(two.out.find("--- message 2") != std::string::npos && two.out.find("--- message 3") == two.out.npos)
+        << two.out;
     /* The third is left: a receive without a count prints it and ends on SIGTERM; an empty queue gives status 1. */
     ToolProcess rest(VELCLIENT_TOOL, line("receive", "--queue " + queue), pidFile);
     std::string first;
@@ -61,7 +57,7 @@ TEST(AmqpTool, ClientAcknowledgementLeavesUnprintedMessagesOnTheQueueAndSigtermE
     const ToolResult r = rest.finish();
     EXPECT_EQ(0, r.status) << r.err;
     EXPECT_EQ("", r.err);
-    EXPECT_EQ(1u, receivedDumps(r.out).size()) << r.out;
+    EXPECT_EQ(std::string::npos, r.out.find("--- message 2")) << r.out;
     EXPECT_NE(std::string::npos, r.out.find("Destination:                            Queue '" + queue + "'\n"));
     const ToolResult none = tool("receive", "--queue " + unique("toolempty") + " --count 1 --timeout 1000");
     EXPECT_EQ(1, none.status);

@@ -11,7 +11,6 @@
 #include <gtest/gtest.h>
 
 #include "mqttWalk.h"
-#include "support/receivedDump.h"
 #include "support/velTestSupport.h"
 #include "velClientAmqp/amqpCodec.h"
 #include "velClientMqtt/mqttCodec.h"

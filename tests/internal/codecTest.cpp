@@ -1,9 +1,10 @@
-/* What the AMQP and MQTT codecs both promise: topics map to addresses, names and filters and back. (That a
- * message reads back as it was sent the broker tests show on both transports, and the fuzz-corpus replay
- * encodes every seed again.) */
+/* What the AMQP and MQTT codecs both promise: topics map to addresses, names and filters and back; every seed of
+ * the fuzz corpus decodes and encodes again byte for byte, and each failed allocation of its decode fails it
+ * cleanly. */
 #include <filesystem>
 
 #include "codecMessages.h"
+#include "velClientAlloc/systemMemory.h"
 
 using namespace codectest;
 
@@ -81,6 +82,18 @@ TEST(CodecTopics, TopicsMapToAddressesNamesAndFiltersAndBackOrAreRefused)
 
 using CodecTest = testing::TestWithParam<const Codec *>;
 
+/* Calls f(name, wire) for every seed of the codec's folder under fuzz/corpus. */
+template <typename F>
+void forEachSeed(const Codec &codec, F f)
+{
+    for (const auto &entry : std::filesystem::directory_iterator(VELCLIENT_SOURCE_DIR "/fuzz/corpus/" +
+                                                                  std::string(codec.name))) {
+        const std::string name = entry.path().filename();
+        SCOPED_TRACE(name);
+        f(name, codec.wire(seedBytes(codec.name, name)));
+    }
+}
+
 /* The seeds are the codec's own encodings of messages with every part, header property, mark and field type, as
  * a session sends them (one seed excepted, from another client): decoded and encoded again they give the very same
  * bytes, and decode into the same message, so no field is lost or changed either way. */
@@ -88,11 +101,7 @@ TEST_P(CodecTest, EverySeedSurvivesDecodeAndEncodeByteForByte)
 {
     const Codec &codec = *GetParam();
     const veltest::LiveCounts before;
-    const std::string folder = VELCLIENT_SOURCE_DIR "/fuzz/corpus/" + std::string(codec.name);
-    for (const auto &entry : std::filesystem::directory_iterator(folder)) {
-        const std::string name = entry.path().filename();
-        SCOPED_TRACE(name);
-        const Wire expected = codec.wire(seedBytes(codec.name, name));
+    forEachSeed(codec, [&](const std::string &name, const Wire &expected) {
         Msg m(decoded(codec.decode, expected));
         ASSERT_NE(nullptr, m.h);
         const std::string dump = dumpWithoutReceiveLines(m.h);
@@ -105,8 +114,43 @@ TEST_P(CodecTest, EverySeedSurvivesDecodeAndEncodeByteForByte)
             EXPECT_EQ(frameText(expected), frameText(sent));
         }
         EXPECT_EQ(dump, dumpWithoutReceiveLines(Msg(decoded(codec.decode, sent)).h));
-    }
+    });
     before.expectBalanced();
+}
+
+/* Out of memory while a received message is decoded: with the pools empty, each system allocation the decode of
+ * a seed makes fails in turn; the decode then fails with the out-of-memory sub-code and leaves nothing behind,
+ * or (when the failed allocation was one it can do without) gives the whole message. */
+TEST_P(CodecTest, EveryFailedAllocationFailsTheDecodeCleanly)
+{
+    const Codec &codec = *GetParam();
+    velClient_msg_setMaxPoolMem(0);
+    const veltest::LiveCounts before;
+    int refusals = 0;
+    forEachSeed(codec, [&](const std::string &, const Wire &wire) {
+        _velClient_allocFail_arm(0);
+        const std::string whole = dumpWithoutReceiveLines(Msg(decoded(codec.decode, wire)).h);
+        const std::uint64_t points = _velClient_allocFail_calls();
+        for (std::uint64_t nth = 1; nth <= points; ++nth) {
+            SCOPED_TRACE(nth);
+            _velClient_allocFail_arm(nth);
+            _velClient_msg *m = nullptr;
+            const velClient_returnCode_t rc = codec.decode(wire, &m);
+            _velClient_allocFail_arm(0);
+            Msg held(m != nullptr ? m->opaqueMsg_p : nullptr);
+            if (rc == VELCLIENT_OK) {
+                ASSERT_NE(nullptr, held.h);
+                EXPECT_EQ(whole, dumpWithoutReceiveLines(held.h));
+                continue;
+            }
+            ++refusals;
+            EXPECT_EQ(nullptr, m);
+            EXPECT_EQ(VELCLIENT_SUBCODE_OUT_OF_MEMORY, veltest::lastSubCode()) << veltest::lastErrorText();
+        }
+    });
+    EXPECT_GT(refusals, 0);
+    before.expectBalanced();
+    velClient_msg_setMaxPoolMem(veltest::kDefaultPoolLimit);
 }
 
 INSTANTIATE_TEST_SUITE_P(Codecs, CodecTest, testing::Values(&kAmqp, &kMqtt),

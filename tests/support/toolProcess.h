@@ -1,8 +1,6 @@
 /* The velclient command run in a child process by the tests: its standard
  * output read as it comes, its standard error kept in a temporary file, its
- * exit status. The command's path comes from the build (VELCLIENT_TOOL).
- * Also what the broker tests of both transports send with it and expect
- * receive to print. */
+ * exit status. The command's path comes from the build (VELCLIENT_TOOL). */
 #pragma once
 
 #include <sys/wait.h>
@@ -13,7 +11,6 @@
 #include <fstream>
 #include <sstream>
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -89,36 +86,6 @@ private:
 inline ToolResult runTool(const std::string &tool, const std::string &args)
 {
     return ToolProcess(tool, args).finish();
-}
-
-/* What the broker tool tests send, in this order: three persistent messages with a time-to-live and a user
- * property, then a direct one. */
-constexpr const char *kToolSendPersistent = "--count 3 --mode persistent --ttl 60000 --user-property n:int32=5 "
-                                            "--text hello";
-constexpr const char *kToolSendDirect = "--text last";
-
-/* The dumps in receive's output, one per "--- message N" heading. */
-inline std::vector<std::string> receivedDumps(const std::string &out)
-{
-    std::vector<std::string> found;
-    for (std::size_t at = out.find("--- message "); at != std::string::npos;) {
-        const std::size_t next = out.find("--- message ", at + 1);
-        found.push_back(out.substr(at, next == std::string::npos ? std::string::npos : next - at));
-        at = next;
-    }
-    return found;
-}
-
-/* Expects the dump of the i-th message of kToolSendPersistent and kToolSendDirect (0 to 3). */
-inline void expectToolSent(const std::string &dump, std::size_t i)
-{
-    const bool last = i == 3;
-    EXPECT_NE(std::string::npos, dump.find(last ? "DeliveryMode:                           DIRECT\n"
-                                                : "DeliveryMode:                           PERSISTENT\n"))
-        << dump;
-    EXPECT_EQ(!last, dump.find("TimeToLive:                             60000\n") != std::string::npos) << dump;
-    EXPECT_EQ(!last, dump.find("  Key 'n' (INT32) 5\n") != std::string::npos) << dump;
-    EXPECT_NE(std::string::npos, dump.find(last ? "  6c 61 73 74 " : "  68 65 6c 6c 6f ")) << dump;
 }
 
 } // namespace veltest

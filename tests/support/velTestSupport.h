@@ -357,3 +357,24 @@ inline void expectBadHandleRefusals(const std::vector<void *> &handles, const st
         EXPECT_EQ((subCode), ::veltest::lastSubCode());           \
         EXPECT_EQ(std::string(text), ::veltest::lastErrorText()); \
     } while (0)
+
+/* Helpers of the broker tests. */
+namespace veltest {
+
+/* A message's dump without the lines that only the receive side sets (its receive time and message id): what
+ * a message sent and the same message received have in common. */
+inline std::string dumpWithoutReceiveLines(velClient_opaqueMsg_pt msg)
+{
+    std::vector<char> buffer(1 << 20);
+    EXPECT_EQ(VELCLIENT_OK, velClient_msg_dump(msg, buffer.data(), buffer.size()));
+    const std::string dump = buffer.data();
+    std::string kept;
+    for (std::size_t at = 0, end; at < dump.size(); at = end + 1) {
+        end = std::min(dump.find('\n', at), dump.size());
+        if (dump.compare(at, 13, "RcvTimestamp:") != 0 && dump.compare(at, 11, "Message Id:") != 0)
+            kept.append(dump, at, end - at).append("\n");
+    }
+    return kept;
+}
+
+} // namespace veltest
