@@ -187,40 +187,6 @@ TEST(Reading, LookupsAfterDeleteGrowthAndAMalformedEntry)
     }
 }
 
-/* Two maps opened over the same application bytes are two records: a
- * delete through one moves the bytes under the other, whose remembered
- * entries then begin inside shifted ones. Whatever the other then reads or
- * looks up, each name and text it hands out ends with its NUL inside the
- * bytes it was opened over. */
-TEST(Reading, AMapWhoseBytesAnotherMapDeletedFrom)
-{
-    std::uint8_t bytes[] = {0x2B, 0,    0,   0,   30,  0x1C, 0x04, 'a', 0,    0x0C, 0x03, 1,   0x1C, 0x05, 'b',
-                            'b',  0,    0x1C, 0x06, 'x', 'y',  'z',  0,   0x1C, 0x04, 'c',  0,   0x0C, 0x03, 3};
-    const std::uint8_t *end = bytes + sizeof bytes;
-    auto endsInside = [&bytes, end](const char *text) {
-        const auto *p = reinterpret_cast<const std::uint8_t *>(text);
-        return p >= bytes && p < end && std::memchr(p, 0, static_cast<std::size_t>(end - p)) != nullptr;
-    };
-    velClient_opaqueContainer_pt a = nullptr, b = nullptr;
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_openMapFromPtr(&a, bytes, sizeof bytes));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_openMapFromPtr(&b, bytes, sizeof bytes));
-    EXPECT_EQ((std::vector<std::string>{"a", "bb", "c"}), veltest::names(a)); /* every entry remembered */
-    EXPECT_EQ(3, int32At(a, "c"));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_deleteField(b, "a"));
-    EXPECT_EQ((std::vector<std::string>{"bb", "c"}), veltest::names(b));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_rewind(a));
-    int reads = 0;
-    for (; reads < 8 && next(a) == VELCLIENT_OK; ++reads) {
-        EXPECT_TRUE(endsInside(name));
-        if (f.type == VELCLIENT_STRING) {
-            EXPECT_TRUE(endsInside(f.value.string));
-        }
-    }
-    EXPECT_GE(reads, 2); /* at least the two entries that moved */
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&a));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&b));
-}
-
 /* Lookups compare keys of 8 to 16 bytes (with their NUL) as two words and
  * others byte by byte, and once entries are remembered only those whose
  * names share a mark with the one looked for: names of 1 to 17 characters

@@ -84,10 +84,20 @@ TEST(Containers, TheAttachmentByCopyByReferenceAndFromInsideItself)
     velClient_uint32_t n = 0;
     OK(velClient_msg_getBinaryAttachmentPtr(referred.h, &p, &n));
     EXPECT_EQ(static_cast<void *>(app.mem.get()), p); /* the application's memory, not a copy */
-    /* Fetched again while open: the same container, one more reference. */
     velClient_opaqueContainer_pt map = nullptr, sub = nullptr, again = nullptr;
+    OK(velClient_msg_getBinaryAttachmentMap(referred.h, &map));
+    OK(velClient_container_deleteField(map, "x")); /* never written into: the bytes are copied first */
+    EXPECT_TRUE(veltest::names(map).empty()); /* the reference holds the length it was set with */
+    EXPECT_EQ((std::vector<std::string>{"x", "y"}), veltest::names(app.h));
+    OK(velClient_container_closeMapStream(&map));
+    /* Fetched again while open: the same container, one more reference. */
     velClient_field_t f{};
     OK(velClient_msg_createBinaryAttachmentMap(m.h, &map, 64));
+    void *own = nullptr;
+    OK(velClient_container_getContainerPtr(map, &own, &n));
+    OK(velClient_msg_setBinaryAttachmentContainerPtr(referred.h, map)); /* a message's container: copied all the same */
+    OK(velClient_msg_getBinaryAttachmentPtr(referred.h, &p, &n));
+    EXPECT_NE(own, p);
     OK(velClient_msg_getBinaryAttachmentMap(m.h, &again));
     OK(velClient_msg_getBinaryAttachmentField(m.h, &f, sizeof f));
     EXPECT_EQ(map, again);

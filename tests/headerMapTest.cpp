@@ -200,30 +200,3 @@ TEST(SessionTopics, SuffixesRelativeToTheInboxBase)
     EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getReplyTo(other.h, &d, sizeof d));
     velClient_session_destroy(&s);
 }
-
-/* Freeing a received message closes its open maps with it: the user
- * property map over the received bytes and the header map, left unchanged
- * or changed (then copied out first), give their records and handles back. */
-TEST(HeaderMap, FreeingAReceivedMessageClosesItsMaps)
-{
-    const Bytes meta = metadata({0x1C, 0x04, 'h', 0x00, 0x2B, 0, 0, 0, 14, 0x1C, 0x05, 's', 'i', 0x00, 0x1C, 0x04, 'x',
-                                 0x00, 0x1C, 0x04, 'p', 0x00, 0x2B, 0, 0, 0, 12, 0x1C, 0x04, 'b', 0x00, 0x04, 0x03,
-                                 0x01});
-    for (bool change : {false, true}) {
-        SCOPED_TRACE(change ? "changed" : "unchanged");
-        const velClient_uint64_t before = veltest::stat(VELCLIENT_MSG_STATS_ALLOC_CONTAINERS);
-        velClient_opaqueMsg_pt r = veltest::received(veltest::item(0x18, meta));
-        velClient_opaqueContainer_pt props = nullptr;
-        velClient_bool_t b = 0;
-        ASSERT_EQ(VELCLIENT_OK, velClient_msg_getUserPropertyMap(r, &props));
-        EXPECT_EQ("x", senderId(r)); /* opens the header map too */
-        if (change) {
-            ASSERT_EQ(VELCLIENT_OK, velClient_container_addBoolean(props, 0, "c"));
-            ASSERT_EQ(VELCLIENT_OK, velClient_msg_setSenderId(r, "y"));
-        }
-        EXPECT_EQ(before + 2, veltest::stat(VELCLIENT_MSG_STATS_ALLOC_CONTAINERS));
-        ASSERT_EQ(VELCLIENT_OK, velClient_msg_free(&r));
-        EXPECT_EQ(before, veltest::stat(VELCLIENT_MSG_STATS_ALLOC_CONTAINERS));
-        EXPECT_EQ(VELCLIENT_FAIL, velClient_container_getBoolean(props, &b, "b")) << "the map's handle went with it";
-    }
-}
