@@ -62,6 +62,9 @@ TEST(DeleteField, LaterEntriesOpenChildrenAndTheReadingPositionFollowTheMove)
     EXPECT_EQ("c", nextName());
     EXPECT_EQ('c', f.value.int32);
     EXPECT_EQ(VELCLIENT_EOS, velClient_container_getNextField(m.h, &f, sizeof f, &name));
+    velClient_int32_t v = 0;
+    OK(velClient_container_getInt32(m.h, &v, "b")); /* a remembered entry the delete moved down */
+    EXPECT_EQ('b', v);
     OK(velClient_container_addString(m.h, "a longer value", "d"));
     OK(velClient_container_rewind(m.h));
     EXPECT_EQ("b", nextName());

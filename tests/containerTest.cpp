@@ -11,29 +11,16 @@ using veltest::Msg;
 
 TEST(Containers, NamesAndValuesReadFromTheGrowingTreeAreAddedIntact)
 {
-    /* The application adds names and values it read from the very map it
-     * adds to. Growth moves those bytes (into a larger block, or further on
-     * in place), so the add must take them before making room. The pool
-     * keeps nothing, so a freed block goes back to the system at once. */
+    /* The application adds names and values it read from the tree it adds
+     * to: a child grows in place and pushes the parent's later entry, whose
+     * bytes were read, on; so the add must take them before making room. The
+     * pool keeps nothing, so a freed block goes back to the system at once. */
     velClient_msg_setMaxPoolMem(0);
     const std::string key = "a-key-of-twenty-four-by", text = "a text value of some length, longer than 32 bytes";
     velClient_field_t f;
     const char *name = nullptr, *value = nullptr;
-    Msg m, n;
+    Msg n;
     velClient_opaqueContainer_pt map = nullptr, child = nullptr, grandchild = nullptr;
-    OK(velClient_msg_createBinaryAttachmentMap(m.h, &map, 16));
-    OK(velClient_container_addString(map, text.c_str(), key.c_str()));
-    for (int i = 0; i < 40; ++i) { /* read just before the add: the add before may have moved the bytes */
-        OK(velClient_container_rewind(map));
-        OK(velClient_container_getNextField(map, &f, sizeof f, &name));
-        OK(velClient_container_addString(map, f.value.string, name));
-    }
-    OK(velClient_container_rewind(map));
-    int entries = 0;
-    for (; velClient_container_getNextField(map, &f, sizeof f, &name) == VELCLIENT_OK; ++entries)
-        EXPECT_EQ(key + text, name + std::string(f.value.string));
-    EXPECT_EQ(41, entries);
-    /* A child grows in place and pushes the parent's later entry on. */
     OK(velClient_msg_createBinaryAttachmentMap(n.h, &map, 16));
     OK(velClient_container_openSubMap(map, &child, "child"));
     OK(velClient_container_addString(map, text.c_str(), key.c_str()));

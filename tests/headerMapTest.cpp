@@ -62,13 +62,6 @@ TEST(HeaderMap, APropertySetFromATextOfTheSameHeaderMapKeepsIt)
     EXPECT_STREQ("the-sender-of-it-all", text);
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_setSenderId(m.h, text)); /* its own text, too */
     EXPECT_EQ("the-sender-of-it-all", senderId(m.h));
-    velClient_destination_t replyTo{VELCLIENT_TOPIC_DESTINATION, "reply/to/this/topic"};
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setReplyTo(m.h, &replyTo, sizeof replyTo));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setApplicationMsgType(m.h, "a-type-set-after-it"));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getReplyTo(m.h, &replyTo, sizeof replyTo));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setReplyTo(m.h, &replyTo, sizeof replyTo));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getReplyTo(m.h, &replyTo, sizeof replyTo));
-    EXPECT_STREQ("reply/to/this/topic", replyTo.dest);
     EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setSenderId(m.h, nullptr));
     EXPECT_EQ(VELCLIENT_SUBCODE_PARAM_NULL_PTR, veltest::lastSubCode());
     velClient_msg_setMaxPoolMem(veltest::kDefaultPoolLimit);

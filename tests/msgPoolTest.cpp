@@ -190,9 +190,6 @@ TEST(MessagePool, ADuplicateSharesAndOutlivesItsSourceOnEveryPath)
     const std::string text = b.dump();
     for (const char *shown : {"Key 'n' (INT32) 5", "Reply Message", "shared", "ct-1."})
         EXPECT_NE(std::string::npos, text.find(shown)) << shown;
-    testing::internal::CaptureStdout(); /* without a buffer the same dump goes to standard output */
-    EXPECT_EQ(VELCLIENT_OK, velClient_msg_dump(b.h, nullptr, 0));
-    EXPECT_EQ(text, testing::internal::GetCapturedStdout());
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_reset(b.h)); /* a reset keeps the handle only */
     EXPECT_EQ(veltest::Msg().dump(), b.dump());
 }

@@ -196,10 +196,11 @@ TEST(TlvShortPaths, AgreeWithTheFullDecoderOnEveryTypeLengthAndContent)
     }
 }
 
-TEST(TlvText, CStringsAndKeyCompares)
+TEST(TlvText, CStrings)
 {
     /* Around the word boundaries: a NUL only as the last byte, a stray NUL anywhere else, none at all. (Copies
-     * of texts and names are read back whole by the container tests.) */
+     * of texts and names are read back whole, and keys that differ in one byte told apart, by the container
+     * tests.) */
     for (std::size_t n = 1; n <= 80; ++n) {
         std::vector<std::uint8_t> text(n, 'x');
         text[n - 1] = 0;
