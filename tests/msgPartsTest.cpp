@@ -23,7 +23,7 @@ std::string part(velClient_opaqueMsg_pt m, bool attachment = true, void **at = n
 
 } // namespace
 
-TEST(MessageParts, CopyAndReferenceSetters)
+TEST(MessageParts, SettersByCopyAndByReferenceAndTheAttachmentAsAString)
 {
     Msg m;
     char app[] = "by-reference";
@@ -42,6 +42,26 @@ TEST(MessageParts, CopyAndReferenceSetters)
     p = &len;
     EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getUserDataPtr(m.h, &p, &len));
     EXPECT_TRUE(p == &len && len == 3); /* outputs untouched */
+    /* The attachment as a string. */
+    const char *text = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachmentString(m.h, "hi"));
+    EXPECT_EQ(std::string("\x1F\x00\x00\x00\x08hi\x00", 8), part(m.h));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getBinaryAttachmentString(m.h, &text));
+    EXPECT_STREQ("hi", text);
+    const std::pair<std::string, velClient_returnCode_t> rows[] = {
+        {std::string("\x1C\x05" "a\0\0", 5), VELCLIENT_OK}, /* a one-byte length; the inner NUL gives a null text */
+        {"plain", VELCLIENT_NOT_FOUND},
+        {std::string("\x1F\x00", 2), VELCLIENT_NOT_FOUND}}; /* cut before its length field ends */
+    for (const auto &[bytes, rc] : rows) {
+        text = "unchanged";
+        ASSERT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachment(m.h, bytes.data(), static_cast<velClient_uint32_t>(bytes.size())));
+        EXPECT_EQ(rc, velClient_msg_getBinaryAttachmentString(m.h, &text)) << bytes;
+        EXPECT_TRUE(rc != VELCLIENT_OK || text == nullptr);
+    }
+    velClient_opaqueContainer_pt map = nullptr; /* replacing the attachment closes the map open on it */
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createBinaryAttachmentMap(m.h, &map, 16));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachmentString(m.h, nullptr));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_rewind(map));
 }
 
 TEST(MessageParts, APartSetFromItsOwnBytesKeepsThem)
@@ -100,30 +120,6 @@ TEST(Destinations, EveryWayOfSettingAndItsReadingBack)
     velClient_destination_t override{VELCLIENT_TOPIC_DESTINATION, "#P2P/QTMP/x"};
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_setDestination(m.h, &override, sizeof override));
     EXPECT_EQ(VELCLIENT_QUEUE_TEMP_DESTINATION, override.destType);
-}
-
-TEST(MessageParts, TheAttachmentAsAString)
-{
-    Msg m;
-    const char *text = nullptr;
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachmentString(m.h, "hi"));
-    EXPECT_EQ(std::string("\x1F\x00\x00\x00\x08hi\x00", 8), part(m.h));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getBinaryAttachmentString(m.h, &text));
-    EXPECT_STREQ("hi", text);
-    const std::pair<std::string, velClient_returnCode_t> rows[] = {
-        {std::string("\x1C\x05" "a\0\0", 5), VELCLIENT_OK}, /* a one-byte length; the inner NUL gives a null text */
-        {"plain", VELCLIENT_NOT_FOUND},
-        {std::string("\x1F\x00", 2), VELCLIENT_NOT_FOUND}}; /* cut before its length field ends */
-    for (const auto &[bytes, rc] : rows) {
-        text = "unchanged";
-        ASSERT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachment(m.h, bytes.data(), static_cast<velClient_uint32_t>(bytes.size())));
-        EXPECT_EQ(rc, velClient_msg_getBinaryAttachmentString(m.h, &text)) << bytes;
-        EXPECT_TRUE(rc != VELCLIENT_OK || text == nullptr);
-    }
-    velClient_opaqueContainer_pt map = nullptr; /* replacing the attachment closes the map open on it */
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createBinaryAttachmentMap(m.h, &map, 16));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachmentString(m.h, nullptr));
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_rewind(map));
 }
 
 TEST(HeaderProperties, RangesMarksAndAbsentReceivedValues)

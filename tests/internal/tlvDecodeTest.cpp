@@ -52,7 +52,7 @@ const FixedRow kAccepted[] = {
 
 } // namespace
 
-TEST(TlvDecode, VariableSizeFieldsTheirWidthsAndTheirRefusals)
+TEST(TlvDecode, VariableSizeFieldsTheirWidthsRefusalsAndTemporaryQueueNames)
 {
     /* size -1: refused; value offset -1: no value pointer. */
     struct Row {
@@ -112,19 +112,15 @@ TEST(TlvDecode, VariableSizeFieldsTheirWidthsAndTheirRefusals)
             EXPECT_EQ(nullptr, d.field.value.bytearray);
         }
     }
-}
-
-TEST(TlvDecode, ATemporaryQueueNameOverridesTheDestinationKind)
-{
     /* A name starting "#P2P/QTMP/" is a temporary queue whatever the kind byte
      * says (a temporary topic reads back as a topic); without its slash it is not. */
     const std::string tmp("#P2P/QTMP/a\0", 12);
-    const std::tuple<std::string, velClient_destinationType_t, const char *> rows[] = {
+    const std::tuple<std::string, velClient_destinationType_t, const char *> tmpRows[] = {
         {std::string("\x20\x0F\x00", 3) + tmp, VELCLIENT_QUEUE_TEMP_DESTINATION, "#P2P/QTMP/a"},
         {"\x20\x0F\x01" + tmp, VELCLIENT_QUEUE_TEMP_DESTINATION, "#P2P/QTMP/a"},
         {std::string("\x20\x0D\x00#P2P/QTMP\0", 13), VELCLIENT_TOPIC_DESTINATION, "#P2P/QTMP"},
     };
-    for (const auto &[bytes, type, name] : rows) {
+    for (const auto &[bytes, type, name] : tmpRows) {
         Decoded d = decode(Bytes(bytes.begin(), bytes.end()));
         EXPECT_EQ(type, d.field.value.dest.destType) << name;
         EXPECT_STREQ(name, d.field.value.dest.dest);
