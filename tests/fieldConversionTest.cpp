@@ -134,7 +134,7 @@ TEST(Conversions, EveryIntegerRuleOverEveryStoredIntegerType)
     EXPECT_GT(checked, 600);
 }
 
-TEST(Conversions, TextsFloatsAndTheDeliberateAsymmetries)
+TEST(Conversions, TextsFloatsTheDeliberateAsymmetriesAndCopiesIntoTheCallersBuffers)
 {
     const std::string no = "FAIL Field Type ", toU8 = no + "String could not be converted to 8 bit unsigned integer";
     const struct {
@@ -174,10 +174,7 @@ TEST(Conversions, TextsFloatsAndTheDeliberateAsymmetries)
         OneField f(row.add);
         EXPECT_EQ(row.expected, row.get(f.h)) << "row " << (&row - rows);
     }
-}
-
-TEST(Conversions, CopiesIntoTheCallersBuffers)
-{
+    /* Copies into the caller's buffers. */
     const std::uint8_t ten[10] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
     std::uint8_t out[10] = {};
     velClient_uint32_t len = sizeof out;
@@ -206,3 +203,4 @@ TEST(Conversions, CopiesIntoTheCallersBuffers)
     EXPECT_EQ(nullptr, sp);
     EXPECT_EQ(VELCLIENT_FAIL, velClient_container_getString(null.h, text, sizeof text, "v"));
 }
+

@@ -67,7 +67,7 @@ TEST(HeaderMap, APropertySetFromATextOfTheSameHeaderMapKeepsIt)
     velClient_msg_setMaxPoolMem(veltest::kDefaultPoolLimit);
 }
 
-TEST(HeaderMap, WrittenBytes)
+TEST(HeaderMap, WrittenBytesAndMalformedHeaders)
 {
     /* The bare 19-byte header: the reply mark at byte 13, the attachment kind at 12. */
     const std::function<velClient_returnCode_t(velClient_opaqueMsg_pt)> marks[] = {
@@ -93,10 +93,7 @@ TEST(HeaderMap, WrittenBytes)
                          's',  'e',  'c', 'o', 'n',  'd', 0,   0x1C, 0x05, 's',  'n',  0,   0x08, 0x0A, 0, 0,
                          0,    0,    0,   0,   0,    6};
     EXPECT_EQ(metadata(entry), metadataItem(encode(m.h)));
-}
-
-TEST(HeaderMap, MalformedHeaders)
-{
+    /* Malformed headers, as received. */
     enum Read { Sender, Sequence, Props };
     const velClient_subCode_t internal = VELCLIENT_SUBCODE_INTERNAL_ERROR;
     const struct {
