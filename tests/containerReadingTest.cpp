@@ -79,7 +79,7 @@ TEST(Reading, TheCursorAfterHitsAndMisses)
 /* A read, a lookup and a delete refuse a malformed map with the same text,
  * but a delete whose walk runs past the written bytes says so in its own
  * words; a refused delete changes no byte. */
-TEST(Reading, MalformedBytesAreRefusedExactlyByEveryWalk)
+TEST(Reading, MalformedBytesAreRefusedExactlyByEveryWalkAndBadArguments)
 {
     const char *type = "Invalid type in TLV string in structured data container",
                *length = "Invalid length in TLV string in structured data container",
@@ -112,11 +112,8 @@ TEST(Reading, MalformedBytesAreRefusedExactlyByEveryWalk)
         EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_COMMUNICATION_ERROR, r.pastEnd ? walkText : r.text);
         EXPECT_EQ(container(0x2B, r.fields), veltest::bytesAt(d.mem.get(), d.size));
     }
-}
-
-TEST(Reading, RefusalsOfTheUntypedReadersAndOfDelete)
-{
-    Exact map, stream(false);
+    /* The refusals of the untyped readers and of delete. */
+    Exact empty, stream(false);
     void *ptr = nullptr;
     velClient_uint32_t len = 0;
     const int expected = static_cast<int>(sizeof f);
@@ -124,21 +121,21 @@ TEST(Reading, RefusalsOfTheUntypedReadersAndOfDelete)
     const char *sizeText = "Unsupported field structure size (received %d, expected %d) in velClient_container_%s",
                *deleteText = "Null or Empty Name pointer in velClient_container_deleteField";
     veltest::expectRefusals({
-        REFUSE_IN(velClient_container_getNextField, (map.h, nullptr, sizeof f, &name), N, "Null field_p"),
-        REFUSE(velClient_container_getNextField(map.h, &f, sizeof f + 4, &name), R,
+        REFUSE_IN(velClient_container_getNextField, (empty.h, nullptr, sizeof f, &name), N, "Null field_p"),
+        REFUSE(velClient_container_getNextField(empty.h, &f, sizeof f + 4, &name), R,
                format(sizeText, expected + 4, expected, "getNextField")),
-        REFUSE_IN(velClient_container_getNextField, (map.h, &f, sizeof f, nullptr), N, "Null name_p"),
-        REFUSE(velClient_container_getField(map.h, &f, sizeof f - 4, "k"), R,
+        REFUSE_IN(velClient_container_getNextField, (empty.h, &f, sizeof f, nullptr), N, "Null name_p"),
+        REFUSE(velClient_container_getField(empty.h, &f, sizeof f - 4, "k"), R,
                format(sizeText, expected - 4, expected, "getField")),
-        REFUSE_IN(velClient_container_getField, (map.h, nullptr, sizeof f, "k"), N, "Null value pointer"),
-        REFUSE_IN(velClient_container_getField, (map.h, &f, sizeof f, nullptr), N, "No name pointer"),
+        REFUSE_IN(velClient_container_getField, (empty.h, nullptr, sizeof f, "k"), N, "Null value pointer"),
+        REFUSE_IN(velClient_container_getField, (empty.h, &f, sizeof f, nullptr), N, "No name pointer"),
         REFUSE_IN(velClient_container_getField, (stream.h, &f, sizeof f, "k"), VELCLIENT_SUBCODE_PARAM_CONFLICT,
                   "Stream with non-NULL name pointer"),
-        REFUSE_IN(velClient_container_getSize, (map.h, nullptr), N, "Null size pointer"),
-        REFUSE_IN(velClient_container_getContainerPtr, (map.h, &ptr, nullptr), N, "Null size pointer"),
-        REFUSE_IN(velClient_container_getContainerPtr, (map.h, nullptr, &len), N, "Null bufPtr_p pointer"),
-        REFUSE(velClient_container_deleteField(map.h, nullptr), N, deleteText),
-        REFUSE(velClient_container_deleteField(map.h, ""), N, deleteText),
+        REFUSE_IN(velClient_container_getSize, (empty.h, nullptr), N, "Null size pointer"),
+        REFUSE_IN(velClient_container_getContainerPtr, (empty.h, &ptr, nullptr), N, "Null size pointer"),
+        REFUSE_IN(velClient_container_getContainerPtr, (empty.h, nullptr, &len), N, "Null bufPtr_p pointer"),
+        REFUSE(velClient_container_deleteField(empty.h, nullptr), N, deleteText),
+        REFUSE(velClient_container_deleteField(empty.h, ""), N, deleteText),
         REFUSE(velClient_container_deleteField(stream.h, "x"), R, "velClient_container_deleteField called on a Stream"),
     });
 }

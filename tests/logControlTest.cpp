@@ -23,7 +23,7 @@ std::vector<veltest::Line> blockLines(veltest::LogCapture &log)
 
 } // namespace
 
-TEST(LogControl, TheFilterDecidesWhatTheCallbackReceives)
+TEST(LogControl, TheFilterDecidesWhatTheCallbackReceivesAndCodeNames)
 {
     veltest::LogCapture log(VELCLIENT_LOG_EMERGENCY);
     ASSERT_EQ(VELCLIENT_OK, velClient_log_setFilterLevel(VELCLIENT_LOG_CATEGORY_SDK, VELCLIENT_LOG_DEBUG));
@@ -63,10 +63,7 @@ TEST(LogControl, TheFilterDecidesWhatTheCallbackReceives)
     const std::regex shape(R"(^[A-Z][a-z]{2} [ 0-9]\d, \d{4} \d\d:\d\d:\d\d WARNING [A-Za-z]+\.cpp:\d+ )"
                            R"(Bad msg_p pointer \(0x4242\) in velClient_msg_reset\n$)");
     EXPECT_TRUE(std::regex_search(err, shape)) << err;
-}
-
-TEST(LogControl, CodeNames)
-{
+    /* The names of return and sub-codes. */
     const char *returns[] = {"FAIL", "OK", "WOULD_BLOCK", "IN_PROGRESS", "NOT_READY", "EOS",
                              "NOT_FOUND", "NOEVENT", "INCOMPLETE", "ROLLBACK", "Unknown"};
     for (int code = -2; code <= 9; ++code)
