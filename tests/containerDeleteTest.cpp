@@ -104,6 +104,14 @@ TEST(DeleteField, AnOpenSubContainerOnADeletedEntryIsClosed)
     EXPECT_EQ((Bytes{0x2B, 0, 0, 0, 19, 0x1C, 0x04, 'y', 0x00, 0x0C, 0x03, 0x02, 0x1C, 0x04, 'z', 0x00, 0x0C, 0x03, 0x03}),
               veltest::bytesOf(m));
     OK(velClient_container_closeMapStream(&m));
+    /* On the map's last entry too: the map takes the child's room back, and its next add goes there. */
+    OK(velClient_msg_createUserPropertyMap(msg.h, &m, 256));
+    OK(velClient_container_openSubMap(m, &sub, "a"));
+    OK(velClient_container_deleteField(m, "a"));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addBoolean(sub, 1, "x")); /* closed with its entry */
+    OK(velClient_container_addBoolean(m, 1, "b"));
+    EXPECT_EQ((Names{"b"}), veltest::names(m));
+    OK(velClient_container_closeMapStream(&m));
     velClient_msg_free(&msg.h);
     before.expectBalanced();
 }

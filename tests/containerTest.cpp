@@ -13,17 +13,19 @@ TEST(Containers, NamesAndValuesReadFromTheGrowingTreeAreAddedIntact)
 {
     /* The application adds names and values it read from the tree it adds
      * to: a child grows in place and pushes the parent's later entry, whose
-     * bytes were read, on; so the add must take them before making room. The
-     * pool keeps nothing, so a freed block goes back to the system at once. */
+     * bytes were read, on (and an open child behind it); so the add must take
+     * them before making room. The pool keeps nothing, so a freed block goes
+     * back to the system at once. */
     velClient_msg_setMaxPoolMem(0);
     const std::string key = "a-key-of-twenty-four-by", text = "a text value of some length, longer than 32 bytes";
     velClient_field_t f;
     const char *name = nullptr, *value = nullptr;
     Msg n;
-    velClient_opaqueContainer_pt map = nullptr, child = nullptr, grandchild = nullptr;
+    velClient_opaqueContainer_pt map = nullptr, child = nullptr, grandchild = nullptr, later = nullptr;
     OK(velClient_msg_createBinaryAttachmentMap(n.h, &map, 16));
     OK(velClient_container_openSubMap(map, &child, "child"));
     OK(velClient_container_addString(map, text.c_str(), key.c_str()));
+    OK(velClient_container_openSubStream(map, &later, "t")); /* an open child the growth moves, once */
     for (int i = 0; i < 11; ++i) {
         OK(velClient_container_getStringPtr(map, &value, key.c_str()));
         if (i < 10)
@@ -31,11 +33,14 @@ TEST(Containers, NamesAndValuesReadFromTheGrowingTreeAreAddedIntact)
     }
     OK(velClient_container_openSubMap(child, &grandchild, value)); /* a name, too */
     OK(velClient_container_closeMapStream(&child));
+    OK(velClient_container_addInt32(later, 6, nullptr));
+    OK(velClient_container_closeMapStream(&later));
     OK(velClient_container_getSubMap(map, &child, "child"));
     for (int i = 0; i < 11; ++i) {
         OK(velClient_container_getNextField(child, &f, sizeof f, &name));
         EXPECT_EQ(text, i < 10 ? f.value.string : name) << i;
     }
+    EXPECT_EQ((std::vector<std::string>{"child", key, "t"}), veltest::names(map));
     velClient_msg_setMaxPoolMem(veltest::kDefaultPoolLimit);
 }
 

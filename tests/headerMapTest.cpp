@@ -47,7 +47,7 @@ std::string senderId(velClient_opaqueMsg_pt m, velClient_returnCode_t rc = VELCL
 
 } // namespace
 
-TEST(HeaderMap, APropertySetFromATextOfTheSameHeaderMapKeepsIt)
+TEST(PropertyMaps, APropertySetFromItsOwnTextKeepsItAndTheUserPropertyMapIsReplaced)
 {
     /* Setting a property deletes its old entry first, which moves the entries
      * after it; a value read from the same header map must be taken before. */
@@ -65,6 +65,27 @@ TEST(HeaderMap, APropertySetFromATextOfTheSameHeaderMapKeepsIt)
     EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setSenderId(m.h, nullptr));
     EXPECT_EQ(VELCLIENT_SUBCODE_PARAM_NULL_PTR, veltest::lastSubCode());
     velClient_msg_setMaxPoolMem(veltest::kDefaultPoolLimit);
+    /* The user property map: created, fetched while open, set from itself or from application memory, replaced. */
+    velClient_opaqueContainer_pt props = nullptr, again = nullptr;
+    velClient_uint16_t v = 0;
+    EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getUserPropertyMap(m.h, &props));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createUserPropertyMap(m.h, &props, 0));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addUint16(props, 7, "k"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getUserPropertyMap(m.h, &again));
+    EXPECT_EQ(props, again); /* the open map, one more reference */
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&again));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setUserPropertyMap(m.h, props)); /* its own map: finalised in place */
+    EXPECT_EQ(VELCLIENT_OK, velClient_container_getUint16(props, &v, "k"));
+    /* A map from application memory is copied in. */
+    veltest::Container app;
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addString(app.h, "v", "s"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setUserPropertyMap(m.h, app.h));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getUserPropertyMap(m.h, &props));
+    EXPECT_EQ((std::vector<std::string>{"s"}), veltest::names(props));
+    /* Creating again closes the open map and starts empty. */
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createUserPropertyMap(m.h, &again, 8));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_rewind(props));
+    EXPECT_TRUE(veltest::names(again).empty());
 }
 
 TEST(HeaderMap, WrittenBytesAndMalformedHeaders)
@@ -136,31 +157,6 @@ TEST(HeaderMap, WrittenBytesAndMalformedHeaders)
     EXPECT_EQ("new", senderId(dropped.h));
     EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setSenderId(stream.h, "mine")); /* the stream still holds the part */
     EXPECT_LAST_ERROR(internal, "Binary Message Header in invalid format type = (15)");
-}
-
-TEST(UserPropertyMap, CreateSetGetAndReplace)
-{
-    Msg m;
-    velClient_opaqueContainer_pt props = nullptr, again = nullptr;
-    velClient_uint16_t v = 0;
-    EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getUserPropertyMap(m.h, &props));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createUserPropertyMap(m.h, &props, 0));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addUint16(props, 7, "k"));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getUserPropertyMap(m.h, &again));
-    EXPECT_EQ(props, again); /* the open map, one more reference */
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&again));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setUserPropertyMap(m.h, props)); /* its own map: finalised in place */
-    EXPECT_EQ(VELCLIENT_OK, velClient_container_getUint16(props, &v, "k"));
-    /* A map from application memory is copied in. */
-    veltest::Container app;
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addString(app.h, "v", "s"));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setUserPropertyMap(m.h, app.h));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getUserPropertyMap(m.h, &props));
-    EXPECT_EQ((std::vector<std::string>{"s"}), veltest::names(props));
-    /* Creating again closes the open map and starts empty. */
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createUserPropertyMap(m.h, &again, 8));
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_rewind(props));
-    EXPECT_TRUE(veltest::names(again).empty());
 }
 
 TEST(SessionTopics, SuffixesRelativeToTheInboxBase)

@@ -81,7 +81,7 @@ TEST(MessageParts, SettersByCopyAndByReferenceAndTheAttachmentAsAString)
     velClient_msg_setMaxPoolMem(veltest::kDefaultPoolLimit);
 }
 
-TEST(Destinations, EveryWayOfSettingAndItsReadingBack)
+TEST(MessageProperties, DestinationsRangesMarksAndAbsentReceivedValues)
 {
     const std::string t250(250, 't'), q200(200, 'q'), tmp = "#P2P/QTMP/" + std::string(240, 'q');
     const int TOPIC = -11, QUEUE = -12, NONE = -13; /* set by topic or queue name; otherwise by type */
@@ -116,11 +116,7 @@ TEST(Destinations, EveryWayOfSettingAndItsReadingBack)
     velClient_destination_t override{VELCLIENT_TOPIC_DESTINATION, "#P2P/QTMP/x"};
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_setDestination(m.h, &override, sizeof override));
     EXPECT_EQ(VELCLIENT_QUEUE_TEMP_DESTINATION, override.destType);
-}
-
-TEST(HeaderProperties, RangesMarksAndAbsentReceivedValues)
-{
-    Msg m;
+    /* Header properties: ranges and marks, and the received values a fresh message lacks. */
     velClient_uint32_t v = 0;
     velClient_int64_t ttl = 0;
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_setDeliveryMode(m.h, 0x20 | 0x40)); /* extra bits land in the flags */
