@@ -111,7 +111,6 @@ const wide kProbes[] = {0, 1, -1, 127, 128, 255, 256, 32767, 32768, 65535, 65536
 
 TEST(Conversions, EveryIntegerRuleOverEveryStoredIntegerType)
 {
-    int checked = 0;
     for (std::size_t ti = 0; ti < 9; ++ti) {
         const StoredType &t = kStoredTypes[ti];
         for (wide v : kProbes) {
@@ -127,11 +126,9 @@ TEST(Conversions, EveryIntegerRuleOverEveryStoredIntegerType)
                               got);
                     EXPECT_EQ(VELCLIENT_SUBCODE_INVALID_DATA_CONVERSION, veltest::lastSubCode()) << what;
                 }
-                ++checked;
             }
         }
     }
-    EXPECT_GT(checked, 600);
 }
 
 TEST(Conversions, TextsFloatsTheDeliberateAsymmetriesAndCopiesIntoTheCallersBuffers)

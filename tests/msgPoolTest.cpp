@@ -13,16 +13,6 @@ using veltest::stat;
 
 namespace {
 
-/* Starts the library with props; the defaults again afterwards. */
-struct StartedWith {
-    explicit StartedWith(const char *const *props) { EXPECT_EQ(VELCLIENT_OK, velClient_initialize(VELCLIENT_LOG_EMERGENCY, props)); }
-    ~StartedWith()
-    {
-        velClient_msg_setMaxPoolMem(veltest::kDefaultPoolLimit);
-        velClient_initialize(VELCLIENT_LOG_EMERGENCY, nullptr);
-    }
-};
-
 velClient_opaqueDatablock_pt block(velClient_uint32_t size)
 {
     velClient_opaqueDatablock_pt b = nullptr;
@@ -48,7 +38,7 @@ TEST(Pools, ClassesAndLimitFromStartPropertiesAndTheirRefusals)
     const char *const classes[] = {"GLOBAL_DBQUANTASIZE_0", "100", "GLOBAL_DBQUANTASIZE_1", "200", "GLOBAL_DBQUANTASIZE_2",
                                    "300", "GLOBAL_DBQUANTASIZE_3", "400", "GLOBAL_DBQUANTASIZE_4", "500",
                                    "GLOBAL_MAXPOOLMEM", "0", nullptr};
-    StartedWith small(classes);
+    EXPECT_EQ(VELCLIENT_OK, velClient_initialize(VELCLIENT_LOG_EMERGENCY, classes));
     velClient_opaqueDatablock_pt b = block(10);
     const velClient_uint64_t total = stat(VELCLIENT_MSG_STATS_TOTAL_MEMORY);
     velClient_datablock_free(&b);
@@ -96,6 +86,7 @@ TEST(Pools, ClassesAndLimitFromStartPropertiesAndTheirRefusals)
     EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
                       "Property GLOBAL_DBQUANTASIZE_2 (100) is not above GLOBAL_DBQUANTASIZE_1 (2048) in velClient_initialize");
     expectClasses(); /* the classes set before every refusal still hold */
+    velClient_initialize(VELCLIENT_LOG_EMERGENCY, nullptr); /* the default classes again */
 }
 
 TEST(DataBlocks, ReferencesAndExtractionHandTheMessagesReferenceOver)

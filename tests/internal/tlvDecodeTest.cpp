@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <numeric>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -192,11 +193,10 @@ TEST(TlvShortPaths, AgreeWithTheFullDecoderOnEveryTypeLengthAndContent)
     }
 }
 
-TEST(TlvText, CStrings)
+TEST(TlvText, CStringsAndKeyCompares)
 {
     /* Around the word boundaries: a NUL only as the last byte, a stray NUL anywhere else, none at all. (Copies
-     * of texts and names are read back whole, and keys that differ in one byte told apart, by the container
-     * tests.) */
+     * of texts and names are read back whole by the container tests.) */
     for (std::size_t n = 1; n <= 80; ++n) {
         std::vector<std::uint8_t> text(n, 'x');
         text[n - 1] = 0;
@@ -212,4 +212,16 @@ TEST(TlvText, CStrings)
     EXPECT_FALSE(vel::tlv::isCString("", 0));
     const std::uint8_t high[] = {0x80, 0xFF, 0x81, 0x01, 0x80, 0x80, 0xFE, 0x7F, 0x80, 0x00}; /* not mistaken for NULs */
     EXPECT_TRUE(vel::tlv::isCString(high, sizeof high));
+    /* Keys compare equal only when every byte does, whichever byte differs
+     * and whatever the length (the inline compares change at 4, 8 and 16). */
+    for (std::size_t n = 0; n <= 24; ++n) {
+        Bytes key(n);
+        std::iota(key.begin(), key.end(), 1);
+        EXPECT_TRUE(vel::tlv::sameBytes(key.data(), Bytes(key).data(), n)) << n;
+        for (std::size_t at = 0; at < n; ++at) {
+            Bytes other = key;
+            other[at] ^= 0x40;
+            EXPECT_FALSE(vel::tlv::sameBytes(key.data(), other.data(), n)) << n << " " << at;
+        }
+    }
 }
