@@ -11,32 +11,21 @@ using veltest::Msg;
 
 TEST(Containers, NamesAndValuesReadFromTheGrowingTreeAreAddedIntact)
 {
-    /* The application adds names and values it read from the very map it
-     * adds to. Growth moves those bytes (into a larger block, or further on
-     * in place), so the add must take them before making room. The pool
-     * keeps nothing, so a freed block goes back to the system at once. */
+    /* The application adds names and values it read from the tree it adds
+     * to: a child grows in place and pushes the parent's later entry, whose
+     * bytes were read, on (and an open child behind it); so the add must take
+     * them before making room. The pool keeps nothing, so a freed block goes
+     * back to the system at once. */
     velClient_msg_setMaxPoolMem(0);
     const std::string key = "a-key-of-twenty-four-by", text = "a text value of some length, longer than 32 bytes";
     velClient_field_t f;
     const char *name = nullptr, *value = nullptr;
-    Msg m, n;
-    velClient_opaqueContainer_pt map = nullptr, child = nullptr, grandchild = nullptr;
-    OK(velClient_msg_createBinaryAttachmentMap(m.h, &map, 16));
-    OK(velClient_container_addString(map, text.c_str(), key.c_str()));
-    for (int i = 0; i < 40; ++i) { /* read just before the add: the add before may have moved the bytes */
-        OK(velClient_container_rewind(map));
-        OK(velClient_container_getNextField(map, &f, sizeof f, &name));
-        OK(velClient_container_addString(map, f.value.string, name));
-    }
-    OK(velClient_container_rewind(map));
-    int entries = 0;
-    for (; velClient_container_getNextField(map, &f, sizeof f, &name) == VELCLIENT_OK; ++entries)
-        EXPECT_EQ(key + text, name + std::string(f.value.string));
-    EXPECT_EQ(41, entries);
-    /* A child grows in place and pushes the parent's later entry on. */
+    Msg n;
+    velClient_opaqueContainer_pt map = nullptr, child = nullptr, grandchild = nullptr, later = nullptr;
     OK(velClient_msg_createBinaryAttachmentMap(n.h, &map, 16));
     OK(velClient_container_openSubMap(map, &child, "child"));
     OK(velClient_container_addString(map, text.c_str(), key.c_str()));
+    OK(velClient_container_openSubStream(map, &later, "t")); /* an open child the growth moves, once */
     for (int i = 0; i < 11; ++i) {
         OK(velClient_container_getStringPtr(map, &value, key.c_str()));
         if (i < 10)
@@ -44,11 +33,14 @@ TEST(Containers, NamesAndValuesReadFromTheGrowingTreeAreAddedIntact)
     }
     OK(velClient_container_openSubMap(child, &grandchild, value)); /* a name, too */
     OK(velClient_container_closeMapStream(&child));
+    OK(velClient_container_addInt32(later, 6, nullptr));
+    OK(velClient_container_closeMapStream(&later));
     OK(velClient_container_getSubMap(map, &child, "child"));
     for (int i = 0; i < 11; ++i) {
         OK(velClient_container_getNextField(child, &f, sizeof f, &name));
         EXPECT_EQ(text, i < 10 ? f.value.string : name) << i;
     }
+    EXPECT_EQ((std::vector<std::string>{"child", key, "t"}), veltest::names(map));
     velClient_msg_setMaxPoolMem(veltest::kDefaultPoolLimit);
 }
 
@@ -84,10 +76,20 @@ TEST(Containers, TheAttachmentByCopyByReferenceAndFromInsideItself)
     velClient_uint32_t n = 0;
     OK(velClient_msg_getBinaryAttachmentPtr(referred.h, &p, &n));
     EXPECT_EQ(static_cast<void *>(app.mem.get()), p); /* the application's memory, not a copy */
-    /* Fetched again while open: the same container, one more reference. */
     velClient_opaqueContainer_pt map = nullptr, sub = nullptr, again = nullptr;
+    OK(velClient_msg_getBinaryAttachmentMap(referred.h, &map));
+    OK(velClient_container_deleteField(map, "x")); /* never written into: the bytes are copied first */
+    EXPECT_TRUE(veltest::names(map).empty()); /* the reference holds the length it was set with */
+    EXPECT_EQ((std::vector<std::string>{"x", "y"}), veltest::names(app.h));
+    OK(velClient_container_closeMapStream(&map));
+    /* Fetched again while open: the same container, one more reference. */
     velClient_field_t f{};
     OK(velClient_msg_createBinaryAttachmentMap(m.h, &map, 64));
+    void *own = nullptr;
+    OK(velClient_container_getContainerPtr(map, &own, &n));
+    OK(velClient_msg_setBinaryAttachmentContainerPtr(referred.h, map)); /* a message's container: copied all the same */
+    OK(velClient_msg_getBinaryAttachmentPtr(referred.h, &p, &n));
+    EXPECT_NE(own, p);
     OK(velClient_msg_getBinaryAttachmentMap(m.h, &again));
     OK(velClient_msg_getBinaryAttachmentField(m.h, &f, sizeof f));
     EXPECT_EQ(map, again);

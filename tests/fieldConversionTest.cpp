@@ -111,7 +111,6 @@ const wide kProbes[] = {0, 1, -1, 127, 128, 255, 256, 32767, 32768, 65535, 65536
 
 TEST(Conversions, EveryIntegerRuleOverEveryStoredIntegerType)
 {
-    int checked = 0;
     for (std::size_t ti = 0; ti < 9; ++ti) {
         const StoredType &t = kStoredTypes[ti];
         for (wide v : kProbes) {
@@ -127,14 +126,12 @@ TEST(Conversions, EveryIntegerRuleOverEveryStoredIntegerType)
                               got);
                     EXPECT_EQ(VELCLIENT_SUBCODE_INVALID_DATA_CONVERSION, veltest::lastSubCode()) << what;
                 }
-                ++checked;
             }
         }
     }
-    EXPECT_GT(checked, 600);
 }
 
-TEST(Conversions, TextsFloatsAndTheDeliberateAsymmetries)
+TEST(Conversions, TextsFloatsTheDeliberateAsymmetriesAndCopiesIntoTheCallersBuffers)
 {
     const std::string no = "FAIL Field Type ", toU8 = no + "String could not be converted to 8 bit unsigned integer";
     const struct {
@@ -174,10 +171,7 @@ TEST(Conversions, TextsFloatsAndTheDeliberateAsymmetries)
         OneField f(row.add);
         EXPECT_EQ(row.expected, row.get(f.h)) << "row " << (&row - rows);
     }
-}
-
-TEST(Conversions, CopiesIntoTheCallersBuffers)
-{
+    /* Copies into the caller's buffers. */
     const std::uint8_t ten[10] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
     std::uint8_t out[10] = {};
     velClient_uint32_t len = sizeof out;
@@ -206,3 +200,4 @@ TEST(Conversions, CopiesIntoTheCallersBuffers)
     EXPECT_EQ(nullptr, sp);
     EXPECT_EQ(VELCLIENT_FAIL, velClient_container_getString(null.h, text, sizeof text, "v"));
 }
+

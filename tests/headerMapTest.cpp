@@ -47,7 +47,7 @@ std::string senderId(velClient_opaqueMsg_pt m, velClient_returnCode_t rc = VELCL
 
 } // namespace
 
-TEST(HeaderMap, APropertySetFromATextOfTheSameHeaderMapKeepsIt)
+TEST(PropertyMaps, APropertySetFromItsOwnTextKeepsItAndTheUserPropertyMapIsReplaced)
 {
     /* Setting a property deletes its old entry first, which moves the entries
      * after it; a value read from the same header map must be taken before. */
@@ -66,15 +66,36 @@ TEST(HeaderMap, APropertySetFromATextOfTheSameHeaderMapKeepsIt)
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_setReplyTo(m.h, &replyTo, sizeof replyTo));
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_setApplicationMsgType(m.h, "a-type-set-after-it"));
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_getReplyTo(m.h, &replyTo, sizeof replyTo));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setReplyTo(m.h, &replyTo, sizeof replyTo));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setReplyTo(m.h, &replyTo, sizeof replyTo)); /* from its own text */
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_getReplyTo(m.h, &replyTo, sizeof replyTo));
     EXPECT_STREQ("reply/to/this/topic", replyTo.dest);
     EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_setSenderId(m.h, nullptr));
     EXPECT_EQ(VELCLIENT_SUBCODE_PARAM_NULL_PTR, veltest::lastSubCode());
     velClient_msg_setMaxPoolMem(veltest::kDefaultPoolLimit);
+    /* The user property map: created, fetched while open, set from itself or from application memory, replaced. */
+    velClient_opaqueContainer_pt props = nullptr, again = nullptr;
+    velClient_uint16_t v = 0;
+    EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getUserPropertyMap(m.h, &props));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createUserPropertyMap(m.h, &props, 0));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addUint16(props, 7, "k"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getUserPropertyMap(m.h, &again));
+    EXPECT_EQ(props, again); /* the open map, one more reference */
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&again));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setUserPropertyMap(m.h, props)); /* its own map: finalised in place */
+    EXPECT_EQ(VELCLIENT_OK, velClient_container_getUint16(props, &v, "k"));
+    /* A map from application memory is copied in. */
+    veltest::Container app;
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addString(app.h, "v", "s"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setUserPropertyMap(m.h, app.h));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getUserPropertyMap(m.h, &props));
+    EXPECT_EQ((std::vector<std::string>{"s"}), veltest::names(props));
+    /* Creating again closes the open map and starts empty. */
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createUserPropertyMap(m.h, &again, 8));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_rewind(props));
+    EXPECT_TRUE(veltest::names(again).empty());
 }
 
-TEST(HeaderMap, WrittenBytes)
+TEST(HeaderMap, WrittenBytesAndMalformedHeaders)
 {
     /* The bare 19-byte header: the reply mark at byte 13, the attachment kind at 12. */
     const std::function<velClient_returnCode_t(velClient_opaqueMsg_pt)> marks[] = {
@@ -100,10 +121,7 @@ TEST(HeaderMap, WrittenBytes)
                          's',  'e',  'c', 'o', 'n',  'd', 0,   0x1C, 0x05, 's',  'n',  0,   0x08, 0x0A, 0, 0,
                          0,    0,    0,   0,   0,    6};
     EXPECT_EQ(metadata(entry), metadataItem(encode(m.h)));
-}
-
-TEST(HeaderMap, MalformedHeaders)
-{
+    /* Malformed headers, as received. */
     enum Read { Sender, Sequence, Props };
     const velClient_subCode_t internal = VELCLIENT_SUBCODE_INTERNAL_ERROR;
     const struct {
@@ -148,31 +166,6 @@ TEST(HeaderMap, MalformedHeaders)
     EXPECT_LAST_ERROR(internal, "Binary Message Header in invalid format type = (15)");
 }
 
-TEST(UserPropertyMap, CreateSetGetAndReplace)
-{
-    Msg m;
-    velClient_opaqueContainer_pt props = nullptr, again = nullptr;
-    velClient_uint16_t v = 0;
-    EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getUserPropertyMap(m.h, &props));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createUserPropertyMap(m.h, &props, 0));
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addUint16(props, 7, "k"));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getUserPropertyMap(m.h, &again));
-    EXPECT_EQ(props, again); /* the open map, one more reference */
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&again));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setUserPropertyMap(m.h, props)); /* its own map: finalised in place */
-    EXPECT_EQ(VELCLIENT_OK, velClient_container_getUint16(props, &v, "k"));
-    /* A map from application memory is copied in. */
-    veltest::Container app;
-    ASSERT_EQ(VELCLIENT_OK, velClient_container_addString(app.h, "v", "s"));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setUserPropertyMap(m.h, app.h));
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getUserPropertyMap(m.h, &props));
-    EXPECT_EQ((std::vector<std::string>{"s"}), veltest::names(props));
-    /* Creating again closes the open map and starts empty. */
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createUserPropertyMap(m.h, &again, 8));
-    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_rewind(props));
-    EXPECT_TRUE(veltest::names(again).empty());
-}
-
 TEST(SessionTopics, SuffixesRelativeToTheInboxBase)
 {
     velClient_opaqueSession_pt s = nullptr;
@@ -199,31 +192,4 @@ TEST(SessionTopics, SuffixesRelativeToTheInboxBase)
     EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getDestinationTopicSuffix(other.h, s, &suffix));
     EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getReplyTo(other.h, &d, sizeof d));
     velClient_session_destroy(&s);
-}
-
-/* Freeing a received message closes its open maps with it: the user
- * property map over the received bytes and the header map, left unchanged
- * or changed (then copied out first), give their records and handles back. */
-TEST(HeaderMap, FreeingAReceivedMessageClosesItsMaps)
-{
-    const Bytes meta = metadata({0x1C, 0x04, 'h', 0x00, 0x2B, 0, 0, 0, 14, 0x1C, 0x05, 's', 'i', 0x00, 0x1C, 0x04, 'x',
-                                 0x00, 0x1C, 0x04, 'p', 0x00, 0x2B, 0, 0, 0, 12, 0x1C, 0x04, 'b', 0x00, 0x04, 0x03,
-                                 0x01});
-    for (bool change : {false, true}) {
-        SCOPED_TRACE(change ? "changed" : "unchanged");
-        const velClient_uint64_t before = veltest::stat(VELCLIENT_MSG_STATS_ALLOC_CONTAINERS);
-        velClient_opaqueMsg_pt r = veltest::received(veltest::item(0x18, meta));
-        velClient_opaqueContainer_pt props = nullptr;
-        velClient_bool_t b = 0;
-        ASSERT_EQ(VELCLIENT_OK, velClient_msg_getUserPropertyMap(r, &props));
-        EXPECT_EQ("x", senderId(r)); /* opens the header map too */
-        if (change) {
-            ASSERT_EQ(VELCLIENT_OK, velClient_container_addBoolean(props, 0, "c"));
-            ASSERT_EQ(VELCLIENT_OK, velClient_msg_setSenderId(r, "y"));
-        }
-        EXPECT_EQ(before + 2, veltest::stat(VELCLIENT_MSG_STATS_ALLOC_CONTAINERS));
-        ASSERT_EQ(VELCLIENT_OK, velClient_msg_free(&r));
-        EXPECT_EQ(before, veltest::stat(VELCLIENT_MSG_STATS_ALLOC_CONTAINERS));
-        EXPECT_EQ(VELCLIENT_FAIL, velClient_container_getBoolean(props, &b, "b")) << "the map's handle went with it";
-    }
 }

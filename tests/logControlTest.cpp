@@ -23,7 +23,7 @@ std::vector<veltest::Line> blockLines(veltest::LogCapture &log)
 
 } // namespace
 
-TEST(LogControl, TheFilterDecidesWhatTheCallbackReceives)
+TEST(LogControl, TheFilterDecidesWhatTheCallbackReceivesAndCodeNames)
 {
     veltest::LogCapture log(VELCLIENT_LOG_EMERGENCY);
     ASSERT_EQ(VELCLIENT_OK, velClient_log_setFilterLevel(VELCLIENT_LOG_CATEGORY_SDK, VELCLIENT_LOG_DEBUG));
@@ -53,11 +53,8 @@ TEST(LogControl, TheFilterDecidesWhatTheCallbackReceives)
     velClient_resetLastErrorInfo();
     EXPECT_EQ(0, velClient_getLastErrorInfo()->responseCode);
     EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_OK, "");
-}
-
-TEST(LogControl, WithoutACallbackLinesGoToStandardError)
-{
-    veltest::LogCapture quietAfterwards(VELCLIENT_LOG_WARNING);
+    /* Without a callback, lines go to standard error. */
+    ASSERT_EQ(VELCLIENT_OK, velClient_log_setFilterLevel(VELCLIENT_LOG_CATEGORY_ALL, VELCLIENT_LOG_WARNING));
     velClient_log_setCallback(nullptr, nullptr);
     testing::internal::CaptureStderr();
     EXPECT_EQ(VELCLIENT_FAIL, velClient_msg_reset(kBad));
@@ -66,10 +63,7 @@ TEST(LogControl, WithoutACallbackLinesGoToStandardError)
     const std::regex shape(R"(^[A-Z][a-z]{2} [ 0-9]\d, \d{4} \d\d:\d\d:\d\d WARNING [A-Za-z]+\.cpp:\d+ )"
                            R"(Bad msg_p pointer \(0x4242\) in velClient_msg_reset\n$)");
     EXPECT_TRUE(std::regex_search(err, shape)) << err;
-}
-
-TEST(LogControl, CodeNames)
-{
+    /* The names of return and sub-codes. */
     const char *returns[] = {"FAIL", "OK", "WOULD_BLOCK", "IN_PROGRESS", "NOT_READY", "EOS",
                              "NOT_FOUND", "NOEVENT", "INCOMPLETE", "ROLLBACK", "Unknown"};
     for (int code = -2; code <= 9; ++code)

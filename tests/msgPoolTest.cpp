@@ -13,16 +13,6 @@ using veltest::stat;
 
 namespace {
 
-/* Starts the library with props; the defaults again afterwards. */
-struct StartedWith {
-    explicit StartedWith(const char *const *props) { EXPECT_EQ(VELCLIENT_OK, velClient_initialize(VELCLIENT_LOG_EMERGENCY, props)); }
-    ~StartedWith()
-    {
-        velClient_msg_setMaxPoolMem(veltest::kDefaultPoolLimit);
-        velClient_initialize(VELCLIENT_LOG_EMERGENCY, nullptr);
-    }
-};
-
 velClient_opaqueDatablock_pt block(velClient_uint32_t size)
 {
     velClient_opaqueDatablock_pt b = nullptr;
@@ -48,7 +38,7 @@ TEST(Pools, ClassesAndLimitFromStartPropertiesAndTheirRefusals)
     const char *const classes[] = {"GLOBAL_DBQUANTASIZE_0", "100", "GLOBAL_DBQUANTASIZE_1", "200", "GLOBAL_DBQUANTASIZE_2",
                                    "300", "GLOBAL_DBQUANTASIZE_3", "400", "GLOBAL_DBQUANTASIZE_4", "500",
                                    "GLOBAL_MAXPOOLMEM", "0", nullptr};
-    StartedWith small(classes);
+    EXPECT_EQ(VELCLIENT_OK, velClient_initialize(VELCLIENT_LOG_EMERGENCY, classes));
     velClient_opaqueDatablock_pt b = block(10);
     const velClient_uint64_t total = stat(VELCLIENT_MSG_STATS_TOTAL_MEMORY);
     velClient_datablock_free(&b);
@@ -96,6 +86,7 @@ TEST(Pools, ClassesAndLimitFromStartPropertiesAndTheirRefusals)
     EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
                       "Property GLOBAL_DBQUANTASIZE_2 (100) is not above GLOBAL_DBQUANTASIZE_1 (2048) in velClient_initialize");
     expectClasses(); /* the classes set before every refusal still hold */
+    velClient_initialize(VELCLIENT_LOG_EMERGENCY, nullptr); /* the default classes again */
 }
 
 TEST(DataBlocks, ReferencesAndExtractionHandTheMessagesReferenceOver)
@@ -131,9 +122,12 @@ TEST(DataBlocks, ReferencesAndExtractionHandTheMessagesReferenceOver)
     velClient_datablock_free(&b);
 }
 
-TEST(MessagePool, TheOlderStatisticsLayoutMirrorsTheCounters)
+/* The older statistics layout mirrors the counters; cleanup reports the
+ * records never freed, which stay usable after a restart. */
+TEST(MessagePool, TheOlderStatisticsLayoutAndCleanupWithRecordsNeverFreed)
 {
-    veltest::Msg m;
+    velClient_opaqueMsg_pt leaked = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_alloc(&leaked));
     _velClient_R43_msgPoolStats_pt legacy = velClient_msg_getMsgPoolStats();
     legacy->numAllocDataB[5] = 0xABCD; /* never written by the library */
     legacy = velClient_msg_getMsgPoolStats();
@@ -142,12 +136,6 @@ TEST(MessagePool, TheOlderStatisticsLayoutMirrorsTheCounters)
     EXPECT_EQ(stat(VELCLIENT_MSG_STATS_TOTAL_MEMORY), legacy->totMemory);
     EXPECT_EQ(stat(VELCLIENT_MSG_STATS_ALLOC_CONTAINERS), legacy->numContainers);
     EXPECT_EQ(0xABCDu, legacy->numAllocDataB[5]);
-}
-
-TEST(MessagePool, CleanupReportsRecordsNeverFreed)
-{
-    velClient_opaqueMsg_pt leaked = nullptr;
-    ASSERT_EQ(VELCLIENT_OK, velClient_msg_alloc(&leaked));
     {
         veltest::LogCapture log;
         velClient_cleanup();
@@ -190,9 +178,6 @@ TEST(MessagePool, ADuplicateSharesAndOutlivesItsSourceOnEveryPath)
     const std::string text = b.dump();
     for (const char *shown : {"Key 'n' (INT32) 5", "Reply Message", "shared", "ct-1."})
         EXPECT_NE(std::string::npos, text.find(shown)) << shown;
-    testing::internal::CaptureStdout(); /* without a buffer the same dump goes to standard output */
-    EXPECT_EQ(VELCLIENT_OK, velClient_msg_dump(b.h, nullptr, 0));
-    EXPECT_EQ(text, testing::internal::GetCapturedStdout());
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_reset(b.h)); /* a reset keeps the handle only */
     EXPECT_EQ(veltest::Msg().dump(), b.dump());
 }

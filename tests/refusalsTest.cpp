@@ -78,7 +78,7 @@ std::string sizeText(int received, int expected, const char *function)
 /* The same for a container export. */
 #define CONT_CALL(fn, ...) VEL_BAD_CALL(velClient_container_##fn __VA_OPT__(, ) __VA_ARGS__)
 
-TEST(Refusals, EveryMessageExportRefusesABadHandle)
+TEST(Refusals, EveryMessageAndContainerExportRefusesABadHandle)
 {
     ASSERT_EQ(VELCLIENT_OK, velClient_session_create(nullptr, nullptr, nullptr, &session));
     BadHandles bad;
@@ -134,6 +134,18 @@ TEST(Refusals, EveryMessageExportRefusesABadHandle)
         VEL_BAD_CALL(velClient_msg_setDestination, &topicDest, kDest),
     }}, {"Null msg_p pointer (%p) in %s", {VEL_BAD_CALL(velClient_msg_setSenderId, "x")}}});
     velClient_session_destroy(&session);
+    veltest::expectBadHandleRefusals(bad.all, {{"Bad Container (%p) in %s", {
+        CONT_CALL(getField, out, kField, "k"), CONT_CALL(getSize, out), CONT_CALL(getContainerPtr, out, out),
+        CONT_CALL(deleteField, "k"), CONT_CALL(getBoolean, out, "k"), CONT_CALL(getUint8, out, "k"),
+        CONT_CALL(getInt64, out, "k"), CONT_CALL(getWchar, out, "k"), CONT_CALL(getDouble, out, "k"),
+        CONT_CALL(getStringPtr, out, "k"), CONT_CALL(getByteArrayPtr, out, out, "k"), CONT_CALL(getNull, "k"),
+        CONT_CALL(getSubMap, out, "k"),
+    }}, {"Bad container pointer (%p) in velClient_container_paramCheck", { /* every add names the check they share */
+        CONT_CALL(addNull, "k"), CONT_CALL(addInt32, 1, "k"), CONT_CALL(addString, "v", "k"),
+        CONT_CALL(addDestination, &topicDest, kDest, "k"), CONT_CALL(addContainer, nullptr, "k"),
+    }}, {"Bad cont_p pointer (%p) in %s", {VEL_BAD_CALL(velClient_container_getNextField, out, kField, out)}},
+        {"Bad container pointer (%p) in %s", {BAD_AS(velClient_container_hasNextField, (b), nullptr, 0),
+                                              BAD_AS(velClient_container_closeMapStream, (&b), nullptr)}}});
 }
 
 TEST(Refusals, MessageArguments)
@@ -256,21 +268,4 @@ TEST(Refusals, PoolDataBlocksSessionsAndLogs)
                "Invalid log level of 9 in velClient_log_setFilterLevel"),
         });
     velClient_datablock_free(&block);
-}
-
-TEST(Refusals, EveryContainerExportRefusesABadHandle)
-{
-    BadHandles bad;
-    veltest::expectBadHandleRefusals(bad.all, {{"Bad Container (%p) in %s", {
-        CONT_CALL(getField, out, kField, "k"), CONT_CALL(getSize, out), CONT_CALL(getContainerPtr, out, out),
-        CONT_CALL(deleteField, "k"), CONT_CALL(getBoolean, out, "k"), CONT_CALL(getUint8, out, "k"),
-        CONT_CALL(getInt64, out, "k"), CONT_CALL(getWchar, out, "k"), CONT_CALL(getDouble, out, "k"),
-        CONT_CALL(getStringPtr, out, "k"), CONT_CALL(getByteArrayPtr, out, out, "k"), CONT_CALL(getNull, "k"),
-        CONT_CALL(getSubMap, out, "k"),
-    }}, {"Bad container pointer (%p) in velClient_container_paramCheck", { /* every add names the check they share */
-        CONT_CALL(addNull, "k"), CONT_CALL(addInt32, 1, "k"), CONT_CALL(addString, "v", "k"),
-        CONT_CALL(addDestination, &topicDest, kDest, "k"), CONT_CALL(addContainer, nullptr, "k"),
-    }}, {"Bad cont_p pointer (%p) in %s", {VEL_BAD_CALL(velClient_container_getNextField, out, kField, out)}},
-        {"Bad container pointer (%p) in %s", {BAD_AS(velClient_container_hasNextField, (b), nullptr, 0),
-                                              BAD_AS(velClient_container_closeMapStream, (&b), nullptr)}}});
 }

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <numeric>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -52,7 +53,7 @@ const FixedRow kAccepted[] = {
 
 } // namespace
 
-TEST(TlvDecode, VariableSizeFieldsTheirWidthsAndTheirRefusals)
+TEST(TlvDecode, VariableSizeFieldsTheirWidthsRefusalsAndTemporaryQueueNames)
 {
     /* size -1: refused; value offset -1: no value pointer. */
     struct Row {
@@ -112,19 +113,15 @@ TEST(TlvDecode, VariableSizeFieldsTheirWidthsAndTheirRefusals)
             EXPECT_EQ(nullptr, d.field.value.bytearray);
         }
     }
-}
-
-TEST(TlvDecode, ATemporaryQueueNameOverridesTheDestinationKind)
-{
     /* A name starting "#P2P/QTMP/" is a temporary queue whatever the kind byte
      * says (a temporary topic reads back as a topic); without its slash it is not. */
     const std::string tmp("#P2P/QTMP/a\0", 12);
-    const std::tuple<std::string, velClient_destinationType_t, const char *> rows[] = {
+    const std::tuple<std::string, velClient_destinationType_t, const char *> tmpRows[] = {
         {std::string("\x20\x0F\x00", 3) + tmp, VELCLIENT_QUEUE_TEMP_DESTINATION, "#P2P/QTMP/a"},
         {"\x20\x0F\x01" + tmp, VELCLIENT_QUEUE_TEMP_DESTINATION, "#P2P/QTMP/a"},
         {std::string("\x20\x0D\x00#P2P/QTMP\0", 13), VELCLIENT_TOPIC_DESTINATION, "#P2P/QTMP"},
     };
-    for (const auto &[bytes, type, name] : rows) {
+    for (const auto &[bytes, type, name] : tmpRows) {
         Decoded d = decode(Bytes(bytes.begin(), bytes.end()));
         EXPECT_EQ(type, d.field.value.dest.destType) << name;
         EXPECT_STREQ(name, d.field.value.dest.dest);
@@ -215,17 +212,16 @@ TEST(TlvText, CStringsAndKeyCompares)
     EXPECT_FALSE(vel::tlv::isCString("", 0));
     const std::uint8_t high[] = {0x80, 0xFF, 0x81, 0x01, 0x80, 0x80, 0xFE, 0x7F, 0x80, 0x00}; /* not mistaken for NULs */
     EXPECT_TRUE(vel::tlv::isCString(high, sizeof high));
-    Bytes src(80);
-    for (std::size_t i = 0; i < src.size(); ++i)
-        src[i] = static_cast<std::uint8_t>(i + 1);
     /* Keys compare equal only when every byte does, whichever byte differs
      * and whatever the length (the inline compares change at 4, 8 and 16). */
     for (std::size_t n = 0; n <= 24; ++n) {
-        EXPECT_TRUE(vel::tlv::sameBytes(src.data(), Bytes(src.begin(), src.begin() + static_cast<std::ptrdiff_t>(n)).data(), n));
+        Bytes key(n);
+        std::iota(key.begin(), key.end(), 1);
+        EXPECT_TRUE(vel::tlv::sameBytes(key.data(), Bytes(key).data(), n)) << n;
         for (std::size_t at = 0; at < n; ++at) {
-            Bytes other(src.begin(), src.begin() + static_cast<std::ptrdiff_t>(n));
+            Bytes other = key;
             other[at] ^= 0x40;
-            EXPECT_FALSE(vel::tlv::sameBytes(src.data(), other.data(), n)) << n << " " << at;
+            EXPECT_FALSE(vel::tlv::sameBytes(key.data(), other.data(), n)) << n << " " << at;
         }
     }
 }
