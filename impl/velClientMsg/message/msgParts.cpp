@@ -102,11 +102,16 @@ velClient_returnCode_t _velClient_msg_setBufinfo(_velClient_msg *msg, int bufInf
         msg->bufInfo_a[bufInfoIndex] = velClient_bufInfo_t{db->dbData_p, static_cast<std::uint32_t>(total)};
         return VELCLIENT_OK;
     }
-    if (db == nullptr)
-        return vel::msg::copyIntoEmptyPart(msg, bufInfoIndex, buf_p, size, start);
+    if (db == nullptr && total <= UINT32_MAX)
+        return vel::msg::copyIntoEmptyPart(msg, bufInfoIndex, buf_p, size, static_cast<std::uint32_t>(start));
     HoldBlock source(inOwnBlock(msg, bufInfoIndex, buf_p, size) ? db : nullptr);
     dropBlock(msg, bufInfoIndex);
-    return vel::msg::copyIntoEmptyPart(msg, bufInfoIndex, buf_p, size, start);
+    if (total > UINT32_MAX) {
+        msg->bufInfo_a[bufInfoIndex] = velClient_bufInfo_t{nullptr, 0};
+        msg->internalFlags |= _VELCLIENT_MSG_FLAG_MODIFIED;
+        return VEL_FAIL_RANGE("Bad msg_p pointer in velClient_msg_setBufinfo");
+    }
+    return vel::msg::copyIntoEmptyPart(msg, bufInfoIndex, buf_p, size, static_cast<std::uint32_t>(start));
 }
 
 velClient_returnCode_t _velClient_msg_getBufinfoPtr(_velClient_msg *msg, int bufInfoIndex, void **bufPtr_p,

@@ -35,28 +35,24 @@ inline void copyBytes(std::uint8_t *to, const void *from, std::size_t n)
     }
 }
 
-/* The copy of _velClient_msg_setBufinfo once the part holds no block: a new
- * block from the calling thread's pool (which marks the message modified),
- * unless size is 0. Without one the part is left empty, marked modified. */
+/* The copy of _velClient_msg_setBufinfo once the part holds no block: size
+ * bytes at start in a new block of start + size bytes (at most UINT32_MAX,
+ * which the caller checked) from the calling thread's pool (which marks the
+ * message modified), unless size is 0. Without one the part is left empty,
+ * marked modified. */
 [[gnu::always_inline]] inline velClient_returnCode_t copyIntoEmptyPart(_velClient_msg *msg, int index,
                                                                        const void *buf_p, std::uint32_t size,
-                                                                       std::uint64_t start)
+                                                                       std::uint32_t start = 0)
 {
-    const std::uint64_t total = start + size;
-    if (size != 0 && total <= UINT32_MAX &&
-        vel::pool::attachNewBlock(vel::pool::local(), msg, index, static_cast<std::uint32_t>(total)) == VELCLIENT_OK) {
+    if (size != 0 && vel::pool::attachNewBlock(vel::pool::local(), msg, index, start + size) == VELCLIENT_OK) {
         velClient_bufInfo_t &part = msg->bufInfo_a[index];
         copyBytes(static_cast<std::uint8_t *>(part.buf_p) + start, buf_p, size);
-        part.bufSize = static_cast<std::uint32_t>(total);
+        part.bufSize = start + size;
         return VELCLIENT_OK;
     }
     msg->bufInfo_a[index] = velClient_bufInfo_t{nullptr, 0};
     msg->internalFlags |= _VELCLIENT_MSG_FLAG_MODIFIED;
-    if (size == 0)
-        return VELCLIENT_OK;
-    if (total > UINT32_MAX)
-        return VEL_FAIL_RANGE("Bad msg_p pointer in velClient_msg_setBufinfo");
-    return VELCLIENT_FAIL;
+    return size == 0 ? VELCLIENT_OK : VELCLIENT_FAIL;
 }
 
 /* The step in place of _velClient_msg_setBufinfo at offset 0, taken when
@@ -80,7 +76,7 @@ inline velClient_returnCode_t copyIntoOwnPart(_velClient_msg *msg, int part, con
 {
     _velClient_datab *db = msg->bufDatab_p[part];
     if (db == nullptr && (buf_p != nullptr || size == 0))
-        return copyIntoEmptyPart(msg, part, buf_p, size, 0);
+        return copyIntoEmptyPart(msg, part, buf_p, size);
     if (db != nullptr && copyInPlace(msg, db, part, buf_p, size))
         return VELCLIENT_OK;
     return _velClient_msg_setBufinfo(msg, part, buf_p, size, 0);
