@@ -164,7 +164,7 @@ inline void clearPooled(_velClient_msg *msg) noexcept
 
 velClient_returnCode_t vel::msg::issueHandle(_velClient_msg *msg, const char *caller)
 {
-    msg->opaqueMsg_p = _velClient_safePtr_alloc(msg, _MSG_PTR_TYPE);
+    msg->opaqueMsg_p = vel::handles::issue(msg, _MSG_PTR_TYPE);
     if (msg->opaqueMsg_p == nullptr)
         return VEL_FAIL(VELCLIENT_SUBCODE_OUT_OF_MEMORY, VELCLIENT_LOG_CRITICAL,
                         "Could not allocate pointer for new velClient_msg in %s", caller);
