@@ -98,10 +98,7 @@ extern "C" void *_velClient_safePtr_take(void *handle, _velClient_ptrType_t type
 
 extern "C" void _velClient_safePtr_release(void *handle)
 {
-    auto h = reinterpret_cast<std::uint64_t>(handle);
-    _velClient_pointerInfo *entry = vel::entryOf(h);
-    if (entry != nullptr && __atomic_load_n(&entry->u.ptrInfo, __ATOMIC_ACQUIRE) == h)
-        vel::handles::retire(entry, h);
+    vel::handles::release(handle);
 }
 
 extern "C" void _velClient_safePtr_free(void *handle)

@@ -176,6 +176,15 @@ inline void retire(_velClient_pointerInfo *entry, std::uint64_t h) noexcept
     recycle(&entry->entry);
 }
 
+/* _velClient_safePtr_release, inline. */
+inline void release(const void *handle) noexcept
+{
+    const auto h = reinterpret_cast<std::uint64_t>(handle);
+    _velClient_pointerInfo *entry = entryOf(h);
+    if (entry != nullptr && __atomic_load_n(&entry->u.ptrInfo, __ATOMIC_ACQUIRE) == h)
+        retire(entry, h);
+}
+
 /* _velClient_safePtr_take, inline. */
 inline void *take(const void *handle, _velClient_ptrType_t type) noexcept
 {

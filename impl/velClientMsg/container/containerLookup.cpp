@@ -26,23 +26,41 @@ inline bool keyIs(const std::uint8_t *p, std::ptrdiff_t room, const char *name, 
            sameBytes(p + 1 + width, name, nameSize);
 }
 
-/* The key a lookup looks for, prepared once: the two bytes that begin its
- * entry in the usual form (type byte, 1-byte length) and, for a name of 8 to
- * 16 bytes with its NUL, its first and last 8 bytes, so that comparing an
- * entry's key is two loads of each. */
+/* The size of the text name with its NUL into nameSize, and what
+ * lastBytesOf gives for those bytes: a name shorter than 8 bytes is measured
+ * and read in one pass over it. */
+inline std::uint64_t measureName(const char *name, std::size_t &nameSize)
+{
+    const auto *p = reinterpret_cast<const std::uint8_t *>(name);
+    std::uint64_t v = 0;
+    for (std::size_t i = 0; i < 8; ++i) {
+        v |= std::uint64_t{p[i]} << (8 * i);
+        if (p[i] == 0) {
+            nameSize = i + 1;
+            return v;
+        }
+    }
+    nameSize = 9 + std::strlen(name + 8);
+    return loadLE(p + nameSize - 8);
+}
+
+/* The key a lookup looks for, the text name, prepared once: the two bytes
+ * that begin its entry in the usual form (type byte, 1-byte length) and, for
+ * a name of 8 to 16 bytes with its NUL, its first and last 8 bytes, so that
+ * comparing an entry's key is two loads of each. */
 class KeyProbe {
 public:
-    KeyProbe(const char *name, std::size_t nameSize) : name_(name), size_(nameSize)
+    explicit KeyProbe(const char *name) : name_(name)
     {
-        const std::uint8_t head[2] = {kTypeString, static_cast<std::uint8_t>(2 + nameSize)};
+        bit_ = keyBit(measureName(name, size_));
+        const std::uint8_t head[2] = {kTypeString, static_cast<std::uint8_t>(2 + size_)};
         std::memcpy(&head_, head, 2);
-        shortForm_ = nameSize <= 253;
-        words_ = nameSize >= 8 && nameSize <= 16;
+        shortForm_ = size_ <= 253;
+        words_ = size_ >= 8 && size_ <= 16;
         if (words_) {
             std::memcpy(&first_, name, 8);
-            std::memcpy(&last_, name + nameSize - 8, 8);
+            std::memcpy(&last_, name + size_ - 8, 8);
         }
-        bit_ = keyBit(lastBytesOf(reinterpret_cast<const std::uint8_t *>(name), nameSize));
     }
 
     /* The bit of checkedKeys that stands for this name. */
@@ -77,7 +95,7 @@ public:
 
 private:
     const char *name_;
-    std::size_t size_;
+    std::size_t size_ = 0;
     std::uint16_t head_ = 0;
     bool shortForm_ = false;
     bool words_ = false;
@@ -104,9 +122,9 @@ std::uint32_t findChecked(_velClient_container *c, const KeyProbe &key)
 /* Passes over the entries from pos that are well formed, in the usual form,
  * and not keyed name, checking them as a read would but decoding nothing,
  * and remembers them. Stops at the end, at the entry with that key (keyed
- * is then set when it is in the usual form, with a value checkCommon takes)
- * and at any entry it cannot vouch for: a read then decodes it (and records
- * what is malformed). */
+ * is then set when its key is in the usual form: its value is checked as it
+ * is decoded) and at any entry it cannot vouch for: a read then decodes it
+ * (and records what is malformed). */
 std::uint8_t *skipOtherEntries(_velClient_container *c, std::uint8_t *pos, const KeyProbe &key, bool &keyed)
 {
     const std::uint8_t *end = c->curWrPtr;
@@ -118,16 +136,15 @@ std::uint8_t *skipOtherEntries(_velClient_container *c, std::uint8_t *pos, const
         if (keyLength < 3 || keyLength >= room)
             return pos;
         /* A name equal to the one looked for is a text with its only NUL last, as that one is. */
-        const bool same = keyLength - 2 == key.size() && key.sameName(pos + 2);
-        if (!same && !isCString(pos + 2, keyLength - 2))
+        if (keyLength - 2 == key.size() && key.sameName(pos + 2)) {
+            keyed = true;
+            return pos;
+        }
+        if (!isCString(pos + 2, keyLength - 2))
             return pos;
         const std::uint32_t valueLength = checkCommon(pos + keyLength, room - keyLength);
         if (valueLength == 0)
             return pos;
-        if (same) {
-            keyed = true;
-            return pos;
-        }
         noteChecked(c, pos, keyLength, keyLength + valueLength);
         pos += keyLength + valueLength;
     }
@@ -135,14 +152,14 @@ std::uint8_t *skipOtherEntries(_velClient_container *c, std::uint8_t *pos, const
 }
 
 /* Decodes the value of the entry at pos, whose key in the usual form
- * skipOtherEntries found to be the name and whose value it has just checked,
- * into *field_p when decodeCommon takes it (a text's NUL is not looked for
- * again), and makes it the cursor's entry; false, with nothing written, for
- * any other value. */
+ * skipOtherEntries found to be the name, into *field_p when decodeCommon
+ * takes it (with every check: decodeCommon refuses what decodeField would),
+ * and makes it the cursor's entry; false, with nothing written, for any
+ * other value. */
 bool readKeyedValue(_velClient_container *c, std::uint8_t *pos, const KeyProbe &key, velClient_field_t *field_p)
 {
     const std::uint32_t keyLength = pos[1];
-    const std::uint32_t valueLength = decodeCommon<true>(pos + keyLength, c->curWrPtr - pos - keyLength, field_p);
+    const std::uint32_t valueLength = decodeCommon(pos + keyLength, c->curWrPtr - pos - keyLength, field_p);
     if (valueLength == 0)
         return false;
     c->curRdPtr = pos;
@@ -198,7 +215,7 @@ velClient_returnCode_t _velClient_container_getFieldAndTypeByName(_velClient_con
     if (name_p == nullptr || name_p[0] == '\0')
         return VEL_FAIL_NULL("Null or Empty Name pointer in "
                              "_velClient_container_getFieldAndTypeByName");
-    const KeyProbe key(name_p, std::strlen(name_p) + 1);
+    const KeyProbe key(name_p);
     const std::uint32_t index = findChecked(c, key);
     if (index == kCheckedEntries)
         return scanFor(c, key, field_p);

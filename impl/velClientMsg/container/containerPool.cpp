@@ -22,7 +22,7 @@ velClient_returnCode_t _velClient_container_alloc(_velClient_container **contain
     /* The remembered entry offsets are written before they are read. */
     clearRecord<_velClient_container, offsetof(_velClient_container, checkedAt)>(cont);
     cont->checkedNext = 0;
-    cont->opaqueContainer_p = _velClient_safePtr_alloc(cont, _CONTAINER_PTR_TYPE);
+    cont->opaqueContainer_p = vel::handles::issue(cont, _CONTAINER_PTR_TYPE);
     if (cont->opaqueContainer_p == nullptr) {
         cont->onFreeList = true;
         bump(me.counters.numFreeContainer);
@@ -42,7 +42,7 @@ velClient_returnCode_t _velClient_container_free(_velClient_container **containe
     *container_p = nullptr;
     if (cont->onFreeList)
         return VEL_FAIL_RANGE("Attempt to free already freed container %p", static_cast<void *>(cont));
-    _velClient_safePtr_release(cont->opaqueContainer_p);
+    vel::handles::release(cont->opaqueContainer_p);
     cont->onFreeList = true; /* moot when the record goes back to the system */
     ThreadState &me = local();
     release(me.containers, kRecordCacheCap, _velClient_msgPool_s.freeContainerList, &cont->entry,

@@ -28,8 +28,10 @@ constexpr std::uint32_t readOnlyFlagOf(int part) noexcept
 
 /* dropPartBlock for a block with more than one holder: the later slots
  * that hold the same block are emptied and their references dropped with
- * this one, in one step. */
-[[gnu::noinline]] void dropSharedPartBlock(ThreadState &me, _velClient_datab **slots, int part, _velClient_datab *db,
+ * this one, in one step. One instance per slot, so that the later slots
+ * are known when it is compiled. */
+template <int part>
+[[gnu::noinline]] void dropSharedPartBlock(ThreadState &me, _velClient_datab **slots, _velClient_datab *db,
                                            bool underLimitKnown)
 {
     std::int32_t refs = 1;
@@ -46,8 +48,8 @@ constexpr std::uint32_t readOnlyFlagOf(int part) noexcept
 /* Drops the references of the block in slot part and of every later slot
  * that holds the same block, and empties those slots. A block holding one
  * reference is in no other slot: the usual case, inline. */
-[[gnu::always_inline]] inline void dropPartBlock(ThreadState &me, _velClient_datab **slots, int part,
-                                                 bool underLimitKnown)
+template <int part>
+[[gnu::always_inline]] inline void dropPartBlock(ThreadState &me, _velClient_datab **slots, bool underLimitKnown)
 {
     _velClient_datab *db = slots[part];
     slots[part] = nullptr;
@@ -55,19 +57,20 @@ constexpr std::uint32_t readOnlyFlagOf(int part) noexcept
     if (before == 1)
         dropBlockRefsFrom(me, db, before, 1, __FILE__, __LINE__, underLimitKnown);
     else
-        dropSharedPartBlock(me, slots, part, db, underLimitKnown);
+        dropSharedPartBlock<part>(me, slots, db, underLimitKnown);
 }
 
 /* Drops the block references of slots pair and pair + 1 and empties them;
  * most pairs are empty and cost one test. */
-[[gnu::always_inline]] inline void dropPair(ThreadState &me, _velClient_datab **slots, int pair, bool underLimitKnown)
+template <int pair>
+[[gnu::always_inline]] inline void dropPair(ThreadState &me, _velClient_datab **slots, bool underLimitKnown)
 {
     if ((reinterpret_cast<std::uintptr_t>(slots[pair]) | reinterpret_cast<std::uintptr_t>(slots[pair + 1])) == 0)
         return;
     if (slots[pair] != nullptr)
-        dropPartBlock(me, slots, pair, underLimitKnown);
+        dropPartBlock<pair>(me, slots, underLimitKnown);
     if (slots[pair + 1] != nullptr)
-        dropPartBlock(me, slots, pair + 1, underLimitKnown);
+        dropPartBlock<pair + 1>(me, slots, underLimitKnown);
 }
 
 /* Drops every part's block reference and empties the slots: the pairs in a
@@ -76,7 +79,7 @@ template <std::size_t... Pair>
 [[gnu::always_inline]] inline void dropAllBlocks(ThreadState &me, _velClient_msg *msg, bool underLimitKnown,
                                                  std::index_sequence<Pair...>)
 {
-    (dropPair(me, msg->bufDatab_p, static_cast<int>(2 * Pair), underLimitKnown), ...);
+    (dropPair<static_cast<int>(2 * Pair)>(me, msg->bufDatab_p, underLimitKnown), ...);
 }
 
 [[gnu::always_inline]] inline void dropAllBlocks(ThreadState &me, _velClient_msg *msg, bool underLimitKnown)
@@ -161,7 +164,7 @@ inline void clearPooled(_velClient_msg *msg) noexcept
 
 velClient_returnCode_t vel::msg::issueHandle(_velClient_msg *msg, const char *caller)
 {
-    msg->opaqueMsg_p = _velClient_safePtr_alloc(msg, _MSG_PTR_TYPE);
+    msg->opaqueMsg_p = vel::handles::issue(msg, _MSG_PTR_TYPE);
     if (msg->opaqueMsg_p == nullptr)
         return VEL_FAIL(VELCLIENT_SUBCODE_OUT_OF_MEMORY, VELCLIENT_LOG_CRITICAL,
                         "Could not allocate pointer for new velClient_msg in %s", caller);
@@ -267,8 +270,7 @@ extern "C" VELCLIENT_API velClient_returnCode_t velClient_msg_reset(velClient_op
     if (msg == nullptr)
         return VELCLIENT_FAIL;
     vel::msg::closeContainers(msg, true);
-    for (int pair = 0; pair < _VELCLIENT_BUFINFO_NUM_PARTS; pair += 2)
-        dropPair(local(), msg->bufDatab_p, pair, false);
+    dropAllBlocks(local(), msg, false);
     for (velClient_bufInfo_t &info : msg->bufInfo_a)
         info = velClient_bufInfo_t{nullptr, 0};
     msg->binAttachmentType = 0;
