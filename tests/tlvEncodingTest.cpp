@@ -115,6 +115,10 @@ TEST(FieldEncoding, DestinationsUnknownFieldsAndRefusals)
                "Memory size of 4 is below the 5-byte container header in velClient_container_createContainer"),
         REFUSE(velClient_container_createMap(&h, nullptr, 10), N,
                "Null memory pointer in velClient_container_createContainer"),
+        REFUSE(velClient_container_createStream(nullptr, four.data(), four.size()), N,
+               "Null container pointer in velClient_container_createContainer"),
+        REFUSE(velClient_container_openMapFromPtr(nullptr, four.data(), 4), N,
+               "Null map_p pointer in velClient_container_openMapFromPtr"),
     });
     EXPECT_EQ(std::vector<char>(4), four);
     EXPECT_EQ(cat(kNameX, {0x08, 0x06, 0, 0, 0, 1}), small.fields());
