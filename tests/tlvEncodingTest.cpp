@@ -119,6 +119,8 @@ TEST(FieldEncoding, DestinationsUnknownFieldsAndRefusals)
                "Null container pointer in velClient_container_createContainer"),
         REFUSE(velClient_container_openMapFromPtr(nullptr, four.data(), 4), N,
                "Null map_p pointer in velClient_container_openMapFromPtr"),
+        REFUSE(velClient_container_openMapFromPtr(&h, nullptr, 4), N,
+               "Null buf_p pointer in velClient_container_openMapFromPtr"),
     });
     EXPECT_EQ(std::vector<char>(4), four);
     EXPECT_EQ(cat(kNameX, {0x08, 0x06, 0, 0, 0, 1}), small.fields());
