@@ -112,9 +112,11 @@ TEST(HeaderMap, WrittenBytesAndMalformedHeaders)
         EXPECT_EQ(bare[i], metadataItem(encode(m.h))) << i;
     }
 
-    Msg m; /* set twice: one entry each, the last value */
-    for (const char *s : {"first", "second"})
+    Msg m; /* set twice: one entry each, the last value; the header encoded first is rewritten in place */
+    for (const char *s : {"first", "second"}) {
         ASSERT_EQ(VELCLIENT_OK, velClient_msg_setSenderId(m.h, s));
+        ASSERT_FALSE(encode(m.h).empty());
+    }
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_setSequenceNumber(m.h, 5));
     ASSERT_EQ(VELCLIENT_OK, velClient_msg_setSequenceNumber(m.h, 6));
     const Bytes entry = {0x1C, 0x04, 'h', 0,   0x2B, 0,   0,   0,   34,  0x1C, 0x05, 's', 'i', 0, 0x1C, 0x09,

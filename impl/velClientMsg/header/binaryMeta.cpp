@@ -104,6 +104,22 @@ bool needsMeta(const _velClient_msg *msg)
            partHasBytes(msg, VELCLIENT_BUFINFO_USER_PROPERTY_PART);
 }
 
+/* Writes the 19 bytes of the header for map entries of entries bytes. */
+void writeHeader(std::uint8_t *meta, std::uint32_t entries, const _velClient_msg *msg)
+{
+    meta[0] = 0x01;
+    meta[1] = 0;
+    putBE(meta + 2, entries + 14, 3);
+    meta[5] = vel::tlv::kTypeStream;
+    putBE(meta + 6, entries + 14, 4);
+    meta[10] = vel::tlv::kTypeByteArray;
+    meta[11] = 4;
+    meta[12] = attachmentTypeByte(msg);
+    meta[13] = isReply(msg) ? kBinaryMetaReplyBit : 0;
+    meta[14] = vel::tlv::kTypeMap;
+    putBE(meta + 15, entries + 5, 4);
+}
+
 /* Writes (or patches) the header into part 8 and the entry keys into parts 10 and 7. */
 velClient_returnCode_t buildHeader(_velClient_msg *msg)
 {
@@ -114,14 +130,11 @@ velClient_returnCode_t buildHeader(_velClient_msg *msg)
         return patchReceivedHeader(msg);
     std::uint32_t entries = (hasHdr ? msg->bufInfo_a[_VELCLIENT_BUFINFO_HDR_MAP_PART].bufSize : 0) +
                             (hasProps ? msg->bufInfo_a[VELCLIENT_BUFINFO_USER_PROPERTY_PART].bufSize : 0);
-    std::uint8_t meta[kBinaryMetaSize] = {0x01, 0, 0, 0, 0, vel::tlv::kTypeStream, 0, 0, 0, 0, vel::tlv::kTypeByteArray,
-                                               4,    0, 0, vel::tlv::kTypeMap};
-    putBE(meta + 2, entries + 14, 3);
-    putBE(meta + 6, entries + 14, 4);
-    meta[12] = attachmentTypeByte(msg);
-    meta[13] = isReply(msg) ? kBinaryMetaReplyBit : 0;
-    putBE(meta + 15, entries + 5, 4);
-    if (vel::msg::copyIntoOwnPart(msg, _VELCLIENT_BUFINFO_BINARY_META_PART, meta, sizeof meta) != VELCLIENT_OK)
+    std::uint8_t *inPlace = vel::msg::ownBytesInPlace(msg, _VELCLIENT_BUFINFO_BINARY_META_PART, kBinaryMetaSize);
+    std::uint8_t local[kBinaryMetaSize];
+    writeHeader(inPlace != nullptr ? inPlace : local, entries, msg);
+    if (inPlace == nullptr &&
+        vel::msg::copyIntoOwnPart(msg, _VELCLIENT_BUFINFO_BINARY_META_PART, local, sizeof local) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     if (hasHdr)
         writeEntryKey(msg, _VELCLIENT_BUFINFO_HDR_MAP_PART, 'h');

@@ -55,17 +55,38 @@ inline void copyBytes(std::uint8_t *to, const void *from, std::size_t n)
     return size == 0 ? VELCLIENT_OK : VELCLIENT_FAIL;
 }
 
+/* The part's block (db, not null) made to hold size bytes in place, to be
+ * written by the caller, when it is the message's alone and larger than
+ * size; nullptr, with nothing done, otherwise. */
+inline std::uint8_t *bytesInPlace(_velClient_msg *msg, _velClient_datab *db, int part, std::uint32_t size)
+{
+    if (size == 0 || __atomic_load_n(&db->dbRefCount, __ATOMIC_ACQUIRE) != 1 || db->dbSize <= size)
+        return nullptr;
+    msg->bufInfo_a[part] = velClient_bufInfo_t{db->dbData_p, size};
+    return static_cast<std::uint8_t *>(db->dbData_p);
+}
+
 /* The step in place of _velClient_msg_setBufinfo at offset 0, taken when
  * the part's block (db, not null) is the message's alone and larger than
  * size; false, with nothing done, otherwise. */
 inline bool copyInPlace(_velClient_msg *msg, _velClient_datab *db, int part, const void *buf_p, std::uint32_t size)
 {
-    if (buf_p == nullptr || size == 0 || __atomic_load_n(&db->dbRefCount, __ATOMIC_ACQUIRE) != 1 ||
-        db->dbSize <= size)
+    std::uint8_t *to = buf_p != nullptr ? bytesInPlace(msg, db, part, size) : nullptr;
+    if (to == nullptr)
         return false;
-    std::memmove(db->dbData_p, buf_p, size);
-    msg->bufInfo_a[part] = velClient_bufInfo_t{db->dbData_p, size};
+    std::memmove(to, buf_p, size);
     return true;
+}
+
+/* The part's own bytes, size of them (not 0), to be written in place: what
+ * bytesInPlace gives for the block the part holds; nullptr when the part
+ * holds none or shares it, and the caller then copies the bytes in with
+ * copyIntoOwnPart. Writing in place spares the copy's wide reads of bytes
+ * the caller has just stored one by one (a stall while they are in flight). */
+inline std::uint8_t *ownBytesInPlace(_velClient_msg *msg, int part, std::uint32_t size)
+{
+    _velClient_datab *db = msg->bufDatab_p[part];
+    return db != nullptr ? bytesInPlace(msg, db, part, size) : nullptr;
 }
 
 /* part (a valid one) := a copy of size bytes, as _velClient_msg_setBufinfo
