@@ -2,7 +2,7 @@
 # Builds the optimised benchmark preset, installs the library, builds
 # bench/peers against the installed package and runs bench_peers: velclient
 # (shared library) beside msgpack-c, Qpid Proton-C, libbson and a
-# malloc/memcpy baseline, 5 repetitions each; then velclient alone on the
+# malloc/memcpy baseline, 15 short repetitions each; then velclient alone on the
 # static library; then the medians and the ratios against the goals
 # (scripts/bench_goals.py). Installs what is missing first.
 # Extra arguments go to both runs (e.g. --benchmark_filter=W2).
@@ -47,18 +47,21 @@ cmake -S bench/peers -B build/bench/peers -DCMAKE_BUILD_TYPE=Release -DCMAKE_PRE
 cmake --build build/bench/peers -j"$(nproc)"
 
 # Repetitions are interleaved in random order, so that a slow spell of a
-# shared machine falls on every library alike instead of on a few rows.
+# shared machine falls on every library alike instead of on a few rows; and
+# they are many and short (15 of 0.15 s instead of 5 of 0.5 s, about the same
+# time in all), so that a spell of some seconds spoils a few samples of each
+# row, which the median leaves out, rather than most samples of a few rows.
 run() {
   local exe=$1 out=$2
   shift 2
   "$exe" \
-    --benchmark_repetitions=5 \
+    --benchmark_repetitions=15 --benchmark_min_time=0.15 \
     --benchmark_enable_random_interleaving=true \
     --benchmark_report_aggregates_only=true \
     --benchmark_out="$out.json" --benchmark_out_format=json \
     "$@" | tee "$out.txt"
   echo
-  echo "=== medians of 5 repetitions (Time = wall clock per operation, CPU = CPU time per operation)"
+  echo "=== medians of 15 repetitions (Time = wall clock per operation, CPU = CPU time per operation)"
   awk '/_median/ {
          name = $1; sub(/_median$/, "", name)
          printf "%-56s %12s %-3s %12s %s\n", name, $2, $3, $4, $5
