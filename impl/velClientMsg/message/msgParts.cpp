@@ -107,8 +107,7 @@ velClient_returnCode_t _velClient_msg_setBufinfo(_velClient_msg *msg, int bufInf
     HoldBlock source(inOwnBlock(msg, bufInfoIndex, buf_p, size) ? db : nullptr);
     dropBlock(msg, bufInfoIndex);
     if (total > UINT32_MAX) {
-        msg->bufInfo_a[bufInfoIndex] = velClient_bufInfo_t{nullptr, 0};
-        msg->internalFlags |= _VELCLIENT_MSG_FLAG_MODIFIED;
+        vel::msg::clearPart(msg, bufInfoIndex); /* the slot is empty now: the part only */
         return VEL_FAIL_RANGE("Bad msg_p pointer in velClient_msg_setBufinfo");
     }
     return vel::msg::copyIntoEmptyPart(msg, bufInfoIndex, buf_p, size, static_cast<std::uint32_t>(start));
