@@ -76,6 +76,37 @@ TEST(Reading, TheCursorAfterHitsAndMisses)
     EXPECT_EQ(nullptr, name);
 }
 
+/* A cursor that reached the end of a message's map reads next what is added
+ * after it, also when the add has to grow the map's bytes (an open sub-map
+ * holds all the room that its parent had). */
+TEST(Reading, TheCursorAtTheEndReadsWhatIsAddedNext)
+{
+    veltest::Msg m;
+    velClient_opaqueContainer_pt map = nullptr, sub = nullptr, last = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createBinaryAttachmentMap(m.h, &map, 16));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_openSubMap(map, &sub, "a"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(sub, 8, "y"));
+    ASSERT_EQ(VELCLIENT_OK, next(map));
+    EXPECT_STREQ("a", name);
+    ASSERT_EQ(VELCLIENT_MAP, f.type);
+    EXPECT_EQ(sub, f.value.map); /* the open sub-map itself, one more reference */
+    EXPECT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&f.value.map));
+    EXPECT_EQ(VELCLIENT_EOS, next(map));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(map, 7, "x"));
+    ASSERT_EQ(VELCLIENT_OK, next(map));
+    EXPECT_STREQ("x", name);
+    EXPECT_EQ(7, f.value.int32);
+    EXPECT_EQ(VELCLIENT_EOS, next(map));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_openSubMap(map, &last, std::string(300, 'L').c_str()));
+    ASSERT_EQ(VELCLIENT_OK, next(map));
+    EXPECT_EQ(300u, std::strlen(name));
+    EXPECT_EQ(last, f.value.map);
+    EXPECT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&f.value.map));
+    EXPECT_EQ(VELCLIENT_EOS, next(map));
+    for (velClient_opaqueContainer_pt *h : {&last, &sub, &map})
+        EXPECT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(h));
+}
+
 /* A read, a lookup and a delete refuse a malformed map with the same text,
  * but a delete whose walk runs past the written bytes says so in its own
  * words; a refused delete changes no byte. */

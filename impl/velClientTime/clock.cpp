@@ -61,7 +61,7 @@ thread_local constinit Millisecond lastMs_s VEL_HOT_TLS{};
 bool invariantCounter()
 {
     unsigned a = 0, b = 0, c = 0, d = 0;
-    if (__get_cpuid_max(0x80000000u, nullptr) < 0x80000007u)
+    if (static_cast<unsigned>(__get_cpuid_max(0x80000000u, nullptr)) < 0x80000007u)
         return false;
     __cpuid(0x80000007u, a, b, c, d);
     return (d & (1u << 8)) != 0; /* the counter runs at a constant rate in every state */

@@ -60,9 +60,12 @@ void rebaseOnPath(_velClient_container *k, const Move &m, bool adj, bool isRoot,
 {
     std::uint8_t *w = m.w;
     bool curShift = k->curWrPtr > w || (k->curWrPtr == w && adj) || (isRoot && inPlace);
+    /* A cursor resting at the end of the written bytes stays there, so that
+     * what is added next is read next, whether or not the add had to grow. */
+    bool rdShift = k->curRdPtr == k->curWrPtr ? curShift : k->curRdPtr >= w;
     if (k->curRdPtr != nullptr && k->curRdPtr < w && adj && k->curRdPtr + k->curFieldLength >= w)
         k->curFieldLength = static_cast<std::uint32_t>(static_cast<std::int64_t>(k->curFieldLength) + m.n);
-    k->curRdPtr = m.map(k->curRdPtr, k->curRdPtr != nullptr && k->curRdPtr >= w);
+    k->curRdPtr = m.map(k->curRdPtr, k->curRdPtr != nullptr && rdShift);
     k->curWrPtr = m.map(k->curWrPtr, curShift);
     if (isRoot)
         k->maxWrPtr = inPlace ? m.map(k->maxWrPtr, false) : newEnd;
