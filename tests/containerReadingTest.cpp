@@ -1,6 +1,7 @@
 /* Reading containers: the cursor after hits and misses, lookups (also after
  * the bytes changed since an earlier lookup), sizes, and malformed bytes
  * refused without reading past them. */
+#include <algorithm>
 #include <cstring>
 #include <set>
 #include <string>
@@ -105,6 +106,33 @@ TEST(Reading, TheCursorAtTheEndReadsWhatIsAddedNext)
     EXPECT_EQ(VELCLIENT_EOS, next(map));
     for (velClient_opaqueContainer_pt *h : {&last, &sub, &map})
         EXPECT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(h));
+}
+
+/* A malformed entry's length moves the cursor past the written bytes; once
+ * the map has grown an open sub-map there, what the cursor finds inside it is
+ * refused rather than opened as a second record over the same bytes. */
+TEST(Reading, AnEntryFoundInsideAnOpenSubMapIsRefused)
+{
+    veltest::Msg m;
+    const veltest::Bytes bytes = {0x2B, 0, 0, 0, 11, 0x1C, 4, 'a', 0, 0x18, 0x40}; /* a: 64 bytes, 2 there */
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_setBinaryAttachment(m.h, bytes.data(), 11));
+    velClient_opaqueContainer_pt map = nullptr, sub = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getBinaryAttachmentMap(m.h, &map));
+    EXPECT_EQ(VELCLIENT_FAIL, next(map)); /* the cursor now points 73 bytes into the map */
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_openSubMap(map, &sub, "b")); /* its bytes begin at 15 */
+    /* Into the sub-map, a byte array whose bytes from 47 on (73 in the map) are an entry { k: {} }. */
+    veltest::Bytes inside(60, 0xEE);
+    const veltest::Bytes entry = {0x1C, 4, 'k', 0, 0x2B, 0, 0, 0, 5};
+    std::copy(entry.begin(), entry.end(), inside.begin() + 47);
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addByteArray(sub, inside.data(), 60, "x"));
+    EXPECT_EQ(VELCLIENT_FAIL, next(map));
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_COMMUNICATION_ERROR, "Invalid entry in structured data map");
+    EXPECT_EQ(nullptr, f.value.map);
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(sub, 1, "z")); /* the sub-map is whole */
+    EXPECT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&sub));
+    EXPECT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&map));
+    veltest::Msg back(nullptr);
+    ASSERT_EQ(VELCLIENT_OK, veltest::decode(veltest::encode(m.h), &back.h));
 }
 
 /* A read, a lookup and a delete refuse a malformed map with the same text,

@@ -63,6 +63,23 @@ namespace vel::mapread {
 
 using namespace vel::mapread;
 
+namespace {
+
+/* True when the value at start (the type byte of a map or stream) lies across
+ * an open sub-container of c without being it: bytes read from a position
+ * that a malformed entry's length gave, after c grew past it. Two open
+ * records over the same bytes would each move them for itself. */
+bool acrossOpenChild(const _velClient_container *c, const std::uint8_t *start)
+{
+    const std::uint8_t *end = start + getBE(start + 1, 4);
+    for (const _velClient_container *k = c->child_p; k != nullptr; k = k->sib_p)
+        if (k->startPtr != start && start < k->maxWrPtr && k->startPtr < end)
+            return true;
+    return false;
+}
+
+} // namespace
+
 /* Turns a map or stream value into its sub-container handle. */
 velClient_returnCode_t _velClient_container_attachSubContainer(_velClient_container *c, velClient_field_t *field_p)
 {
@@ -70,6 +87,10 @@ velClient_returnCode_t _velClient_container_attachSubContainer(_velClient_contai
         return VELCLIENT_OK;
     _velClient_container *child = nullptr;
     std::uint8_t *start = c->curRdPtr + c->curKeyLength;
+    if (c->child_p != nullptr && acrossOpenChild(c, start)) {
+        field_p->value.map = nullptr;
+        return malformed(kBadEntry);
+    }
     velClient_returnCode_t rc = _velClient_container_getSubContainer(c, start, &child);
     field_p->value.map = rc == VELCLIENT_OK ? child->opaqueContainer_p : nullptr;
     return rc;
