@@ -111,3 +111,55 @@ TEST(Containers, TheAttachmentByCopyByReferenceAndFromInsideItself)
     OK(velClient_msg_setBinaryAttachment(copied.h, "abc", 3)); /* plain bytes are no structured data */
     EXPECT_EQ(VELCLIENT_NOT_FOUND, velClient_msg_getBinaryAttachmentField(copied.h, &f, sizeof f));
 }
+
+/* A sub-map opened at the end of its parent takes all the room there is.
+ * When the parent then needs room, what its open sub-maps left unwritten
+ * comes back first: growing around them instead multiplied the block by four
+ * each time (a few hundred bytes of fields took megabytes). */
+TEST(Containers, RoomThatOpenSubMapsLeaveUnwrittenComesBackBeforeTheParentGrows)
+{
+    const velClient_uint64_t memoryBefore = veltest::stat(VELCLIENT_MSG_STATS_ALLOC_MEMORY);
+    Msg m;
+    velClient_opaqueContainer_pt map = nullptr, subs[8] = {};
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_createBinaryAttachmentMap(m.h, &map, 64));
+    for (int i = 0; i < 8; ++i) {
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_openSubMap(map, &subs[i], "s"));
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(subs[i], i, "v"));
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(map, i, "p"));
+    }
+    EXPECT_LT(veltest::stat(VELCLIENT_MSG_STATS_ALLOC_MEMORY) - memoryBefore, 4096u);
+    for (int i = 0; i < 8; ++i) /* the sub-maps, left without room, grow in the middle of the map */
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(subs[i], 100 + i, "w"));
+    for (velClient_opaqueContainer_pt &sub : subs)
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&sub));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&map));
+    Msg back(nullptr);
+    ASSERT_EQ(VELCLIENT_OK, veltest::decode(veltest::encode(m.h), &back.h));
+    ASSERT_EQ(VELCLIENT_OK, velClient_msg_getBinaryAttachmentMap(back.h, &map));
+    velClient_field_t f{};
+    const char *name = nullptr;
+    for (int i = 0; i < 8; ++i) {
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_getNextField(map, &f, sizeof f, &name));
+        ASSERT_EQ(VELCLIENT_MAP, f.type);
+        EXPECT_EQ((std::vector<std::string>{"v", "w"}), veltest::names(f.value.map));
+        velClient_int32_t v = -1, w = -1;
+        EXPECT_EQ(VELCLIENT_OK, velClient_container_getInt32(f.value.map, &v, "v"));
+        EXPECT_EQ(VELCLIENT_OK, velClient_container_getInt32(f.value.map, &w, "w"));
+        EXPECT_EQ(i, v);
+        EXPECT_EQ(100 + i, w);
+        EXPECT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&f.value.map));
+        ASSERT_EQ(VELCLIENT_OK, velClient_container_getNextField(map, &f, sizeof f, &name));
+        EXPECT_STREQ("p", name);
+        EXPECT_EQ(i, f.value.int32);
+    }
+    EXPECT_EQ(VELCLIENT_EOS, velClient_container_getNextField(map, &f, sizeof f, &name));
+    EXPECT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&map));
+    /* In the application's memory, which cannot grow, the parent's add now fits. */
+    veltest::Container app(true, 64);
+    velClient_opaqueContainer_pt sub = nullptr;
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_openSubMap(app.h, &sub, "s"));
+    ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(sub, 1, "v"));
+    EXPECT_EQ(VELCLIENT_OK, velClient_container_addInt32(app.h, 2, "p"));
+    EXPECT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&sub));
+    EXPECT_EQ((std::vector<std::string>{"s", "p"}), veltest::names(app.h));
+}
