@@ -160,6 +160,8 @@ TEST(Containers, RoomThatOpenSubMapsLeaveUnwrittenComesBackBeforeTheParentGrows)
     ASSERT_EQ(VELCLIENT_OK, velClient_container_openSubMap(app.h, &sub, "s"));
     ASSERT_EQ(VELCLIENT_OK, velClient_container_addInt32(sub, 1, "v"));
     EXPECT_EQ(VELCLIENT_OK, velClient_container_addInt32(app.h, 2, "p"));
+    EXPECT_EQ(VELCLIENT_FAIL, velClient_container_addInt32(sub, 3, "w")); /* the room is the parent's now */
+    EXPECT_LAST_ERROR(VELCLIENT_SUBCODE_INSUFFICIENT_SPACE, "Unable to add more structured data to container memory");
     EXPECT_EQ(VELCLIENT_OK, velClient_container_closeMapStream(&sub));
     EXPECT_EQ((std::vector<std::string>{"s", "p"}), veltest::names(app.h));
 }
