@@ -271,6 +271,9 @@ void _velClient_container_closeForGood(_velClient_container **slot);
  * a message container into a larger block when needed. */
 velClient_returnCode_t _velClient_container_growData(_velClient_container *container_p, std::uint8_t *bufWrPtr,
                                                      std::int32_t requiredSpace, int adjWrPtr);
+/* Gives k's reserved room that it has not written back to its parent (a
+ * child's extent then ends at its written bytes). */
+velClient_returnCode_t _velClient_container_giveBackRoom(_velClient_container *k);
 /* Gives back to c the room that its open descendants reserved and have not
  * written: each keeps its bytes, stays open and declares only what it holds. */
 void _velClient_container_returnUnusedRoom(_velClient_container *c);

@@ -60,9 +60,7 @@ velClient_returnCode_t finaliseChild(_velClient_container *c, bool close)
     if (c->curWrPtr > c->maxWrPtr)
         return VEL_FAIL(VELCLIENT_SUBCODE_INTERNAL_ERROR, VELCLIENT_LOG_ERROR,
                         "Bad container size in velClient_container_closeMapStream");
-    if (c->curWrPtr < c->maxWrPtr &&
-        _velClient_container_growData(c, c->maxWrPtr, static_cast<std::int32_t>(c->curWrPtr - c->maxWrPtr), 1) !=
-            VELCLIENT_OK)
+    if (_velClient_container_giveBackRoom(c) != VELCLIENT_OK)
         return VELCLIENT_FAIL;
     if (close)
         unlinkFromParent(c);

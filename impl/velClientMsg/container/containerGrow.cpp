@@ -168,13 +168,18 @@ velClient_returnCode_t _velClient_container_growData(_velClient_container *c, st
     return VELCLIENT_OK;
 }
 
+velClient_returnCode_t _velClient_container_giveBackRoom(_velClient_container *k)
+{
+    if (k->curWrPtr >= k->maxWrPtr)
+        return VELCLIENT_OK;
+    return _velClient_container_growData(k, k->maxWrPtr, static_cast<std::int32_t>(k->curWrPtr - k->maxWrPtr), 1);
+}
+
 void _velClient_container_returnUnusedRoom(_velClient_container *c)
 {
     for (_velClient_container *k = c->child_p; k != nullptr; k = k->sib_p) {
         _velClient_container_returnUnusedRoom(k);
-        /* Taking bytes out of a tree is done in place, and cannot fail. */
-        if (k->curWrPtr < k->maxWrPtr)
-            _velClient_container_growData(k, k->maxWrPtr, static_cast<std::int32_t>(k->curWrPtr - k->maxWrPtr), 1);
+        _velClient_container_giveBackRoom(k); /* in place: taking bytes out cannot fail */
     }
 }
 
