@@ -297,13 +297,33 @@ struct FieldOf : Sub {
     }
 };
 
-/* Operands read from nothing. */
-struct FieldName : Operand {
-    const char *n = nullptr;
-    FieldName(Machine &, Reader &) {}
-    void show(Machine &m) const { m.say("&name"); }
-    auto args() { return std::tuple(&n); }
+/* A message and a field read from it: a map or stream in the field is an open handle, kept in slot `to`. */
+struct MsgFieldOf : M {
+    unsigned to;
+    velClient_field_t f{};
+    MsgFieldOf(Machine &m, Reader &r) : M(m, r), to(r.byte() % 8) {}
+    void show(Machine &m) const { m.say("m%u, &field, sizeof field", i); }
+    auto args() { return std::tuple(h, &f, sizeof f); }
+    void after(Machine &m, Rc rc)
+    {
+        if (rc != VELCLIENT_OK || (f.type != VELCLIENT_MAP && f.type != VELCLIENT_STREAM))
+            return;
+        m.say(" [%s kept in c%u]", f.type == VELCLIENT_MAP ? "map" : "stream", to);
+        m.putCont(to, f.value.map, false);
+    }
 };
+
+/* Operands read from nothing. */
+
+/* Where the call writes one result of type T. */
+template <typename T>
+struct Into : Operand {
+    T v{};
+    Into(Machine &, Reader &) {}
+    void show(Machine &m) const { m.say("&out"); }
+    auto args() { return std::tuple(&v); }
+};
+using FieldName = Into<const char *>;
 
 struct Null : Operand {
     Null(Machine &, Reader &) {}
@@ -578,6 +598,46 @@ inline const Op ops[] = {
      }},
     /* Any container by reference, also one in another message's data block: the setter copies that. */
     VELFUZZ_CALL(velClient_msg_setBinaryAttachmentContainerPtr, M, C),
+    VELFUZZ_CALL(velClient_msg_setAsReplyMsg, M, Value<velClient_bool_t>),
+    VELFUZZ_CALL(velClient_msg_setDeliveryMode, M, Value<velClient_uint32_t>),
+    VELFUZZ_CALL(velClient_msg_setClassOfService, M, Value<velClient_uint32_t>),
+    VELFUZZ_CALL(velClient_msg_setDMQEligible, M, Value<velClient_bool_t>),
+    VELFUZZ_CALL(velClient_msg_setElidingEligible, M, Value<velClient_bool_t>),
+    VELFUZZ_CALL(velClient_msg_setDeliverToOne, M, Value<velClient_bool_t>),
+    VELFUZZ_CALL(velClient_msg_setAckImmediately, M, Value<velClient_bool_t>),
+    VELFUZZ_CALL(velClient_msg_setDiscardIndication, M, Value<velClient_bool_t>),
+    VELFUZZ_CALL(velClient_msg_deleteApplicationMessageId, M),
+    VELFUZZ_CALL(velClient_msg_deleteApplicationMsgType, M),
+    VELFUZZ_CALL(velClient_msg_deleteHttpContentEncoding, M),
+    VELFUZZ_CALL(velClient_msg_deleteHttpContentType, M),
+    VELFUZZ_CALL(velClient_msg_deleteSenderTimestamp, M),
+    VELFUZZ_CALL(velClient_msg_setXmlPtr, M, Part<false>),
+    VELFUZZ_CALL(velClient_msg_getBinaryAttachmentField, MsgFieldOf),
+    VELFUZZ_CALL(velClient_msg_getBinaryAttachmentContainerSize, M, Into<std::size_t>),
+    VELFUZZ_CALL(velClient_msg_getConsumerId, M, Value<velClient_uint8_t>, Into<velClient_consumerId_t>),
+    {"velClient_msg_getVWFPtr",
+     [](Machine &m, Reader &r, const char *op) {
+         /* The cached image shows the message as it was when encoded: it must still decode. */
+         M msg(m, r);
+         velClient_uint8_t *bytes = nullptr;
+         velClient_uint32_t size = 0;
+         Handle out = nullptr;
+         m.say("%s(m%u, &bytes, &size)", op, msg.i);
+         if (m.done(velClient_msg_getVWFPtr(msg.h, &bytes, &size)) != VELCLIENT_OK)
+             return;
+         velClient_bufInfo_t info{bytes, size};
+         if (velClient_msg_decodeFromVwf(&info, &out) != VELCLIENT_OK)
+             m.ok = false;
+         velClient_msg_free(&out);
+     }},
+    {"velClient_msg_getDestinationTopicSuffix",
+     [](Machine &m, Reader &r, const char *op) {
+         M msg(m, r);
+         const char *suffix = nullptr;
+         m.say("%s(m%u, session, &suffix)", op, msg.i);
+         if (m.done(velClient_msg_getDestinationTopicSuffix(msg.h, m.sessionHandle(), &suffix)) == VELCLIENT_OK)
+             m.say(" [%zu chars]", std::strlen(suffix));
+     }},
 };
 
 #undef VELFUZZ_ADD
