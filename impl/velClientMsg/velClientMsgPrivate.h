@@ -274,8 +274,9 @@ velClient_returnCode_t _velClient_container_growData(_velClient_container *conta
 /* Gives k's reserved room that it has not written back to its parent (a
  * child's extent then ends at its written bytes). */
 velClient_returnCode_t _velClient_container_giveBackRoom(_velClient_container *k);
-/* Gives back to c the room that its open descendants reserved and have not
- * written: each keeps its bytes, stays open and declares only what it holds. */
+/* Gives back the room that the open sub-containers of c's tree (c's outermost
+ * container and every open container under it) reserved and have not written:
+ * each keeps its bytes, stays open and declares only what it holds. */
 void _velClient_container_returnUnusedRoom(_velClient_container *c);
 /* Re-bases a child and its descendants after their bytes moved. */
 void _velClient_modContainerPtrs(_velClient_container *cont_p, std::uint8_t *start_p, std::int32_t adjustment);

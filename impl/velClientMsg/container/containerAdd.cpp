@@ -81,10 +81,11 @@ inline std::int64_t shortOf(const _velClient_container *c, std::uint64_t needed)
         VEL_STORE(VELCLIENT_SUBCODE_INSUFFICIENT_SPACE, VELCLIENT_LOG_WARNING, "%s", kNoRoom);
         return nullptr;
     }
-    if (c->child_p != nullptr) {
-        /* Room that open sub-containers hold unwritten comes back first: each
-         * one opened at the end takes all the room there is, and growing
-         * around it again and again would multiply the block for nothing. */
+    if (c->child_p != nullptr || c->parent_p != nullptr) {
+        /* Room that open sub-containers of the tree hold unwritten comes back
+         * first: each one opened at the end takes all the room there is, and
+         * growing its parent or a sibling around it again and again would
+         * multiply the block for nothing. */
         const std::int64_t needed = excess + (c->maxWrPtr - c->curWrPtr);
         _velClient_container_returnUnusedRoom(c);
         excess = shortOf(c, static_cast<std::uint64_t>(needed));

@@ -175,12 +175,21 @@ velClient_returnCode_t _velClient_container_giveBackRoom(_velClient_container *k
     return _velClient_container_growData(k, k->maxWrPtr, static_cast<std::int32_t>(k->curWrPtr - k->maxWrPtr), 1);
 }
 
-void _velClient_container_returnUnusedRoom(_velClient_container *c)
+namespace {
+
+void returnRoomUnder(_velClient_container *c)
 {
     for (_velClient_container *k = c->child_p; k != nullptr; k = k->sib_p) {
-        _velClient_container_returnUnusedRoom(k);
+        returnRoomUnder(k);
         _velClient_container_giveBackRoom(k); /* in place: taking bytes out cannot fail */
     }
+}
+
+} // namespace
+
+void _velClient_container_returnUnusedRoom(_velClient_container *c)
+{
+    returnRoomUnder(outermost(c));
 }
 
 void _velClient_modContainerPtrs(_velClient_container *k, std::uint8_t *start_p, std::int32_t adjustment)
