@@ -281,35 +281,21 @@ struct Sub : C {
     }
 };
 
-/* A container and a field read from it: a nested map or stream is an open handle, kept in slot `to`. */
-struct FieldOf : Sub {
-    velClient_field_t f{};
-    using Sub::Sub;
-    void show(Machine &m) const { m.say("c%u, &field, sizeof field", i); }
-    auto args() { return std::tuple(h, &f, sizeof f); }
-    void after(Machine &m, Rc rc)
-    {
-        if (rc != VELCLIENT_OK || (f.type != VELCLIENT_MAP && f.type != VELCLIENT_STREAM))
-            return;
-        m.say(" [%s kept in c%u]", f.type == VELCLIENT_MAP ? "map" : "stream", to);
-        out = f.value.map;
-        Sub::after(m, rc);
-    }
-};
-
-/* A message and a field read from it: a map or stream in the field is an open handle, kept in slot `to`. */
-struct MsgFieldOf : M {
+/* A container (or a message, Msg) and a field read from it: a map or stream in the field is an open
+ * handle, kept in slot `to` (in the program's memory when the container it came from is). */
+template <bool Msg>
+struct FieldOf : Slot<Msg> {
     unsigned to;
     velClient_field_t f{};
-    MsgFieldOf(Machine &m, Reader &r) : M(m, r), to(r.byte() % 8) {}
-    void show(Machine &m) const { m.say("m%u, &field, sizeof field", i); }
-    auto args() { return std::tuple(h, &f, sizeof f); }
+    FieldOf(Machine &m, Reader &r) : Slot<Msg>(m, r), to(r.byte() % 8) {}
+    void show(Machine &m) const { m.say(Msg ? "m%u, &field, sizeof field" : "c%u, &field, sizeof field", this->i); }
+    auto args() { return std::tuple(this->h, &f, sizeof f); }
     void after(Machine &m, Rc rc)
     {
         if (rc != VELCLIENT_OK || (f.type != VELCLIENT_MAP && f.type != VELCLIENT_STREAM))
             return;
         m.say(" [%s kept in c%u]", f.type == VELCLIENT_MAP ? "map" : "stream", to);
-        m.putCont(to, f.value.map, false);
+        m.putCont(to, f.value.map, !Msg && m.inApp[this->i]);
     }
 };
 
@@ -543,8 +529,8 @@ inline const Op ops[] = {
     VELFUZZ_CALL(velClient_container_deleteField, C, Name),
     VELFUZZ_CALL(velClient_container_closeMapStream, Freed<false>),
     VELFUZZ_CALL(velClient_container_rewind, C),
-    VELFUZZ_CALL(velClient_container_getNextField, FieldOf, FieldName),
-    VELFUZZ_CALL(velClient_container_getField, FieldOf, Name),
+    VELFUZZ_CALL(velClient_container_getNextField, FieldOf<false>, FieldName),
+    VELFUZZ_CALL(velClient_container_getField, FieldOf<false>, Name),
     VELFUZZ_CALL(velClient_container_getSubMap, Sub, Name),
     VELFUZZ_CALL(velClient_container_getSubStream, Sub, Name),
     VELFUZZ_CALL(typedGetters, C, Name),
@@ -612,7 +598,7 @@ inline const Op ops[] = {
     VELFUZZ_CALL(velClient_msg_deleteHttpContentType, M),
     VELFUZZ_CALL(velClient_msg_deleteSenderTimestamp, M),
     VELFUZZ_CALL(velClient_msg_setXmlPtr, M, Part<false>),
-    VELFUZZ_CALL(velClient_msg_getBinaryAttachmentField, MsgFieldOf),
+    VELFUZZ_CALL(velClient_msg_getBinaryAttachmentField, FieldOf<true>),
     VELFUZZ_CALL(velClient_msg_getBinaryAttachmentContainerSize, M, Into<std::size_t>),
     VELFUZZ_CALL(velClient_msg_getConsumerId, M, Value<velClient_uint8_t>, Into<velClient_consumerId_t>),
     {"velClient_msg_getVWFPtr",
