@@ -113,9 +113,10 @@ TEST(Containers, TheAttachmentByCopyByReferenceAndFromInsideItself)
 }
 
 /* A sub-map opened at the end of its parent takes all the room there is.
- * When the parent then needs room, what its open sub-maps left unwritten
- * comes back first: growing around them instead multiplied the block by four
- * each time (a few hundred bytes of fields took megabytes). */
+ * When the parent or an earlier sub-map then needs room, what the open
+ * sub-maps left unwritten comes back first: growing around it instead
+ * multiplied the block by four each time (a few hundred bytes of fields took
+ * megabytes). */
 TEST(Containers, RoomThatOpenSubMapsLeaveUnwrittenComesBackBeforeAnotherContainerGrows)
 {
     const velClient_uint64_t memoryBefore = veltest::stat(VELCLIENT_MSG_STATS_ALLOC_MEMORY);
